@@ -1,0 +1,29 @@
+# Settings that every target of this project shares.
+
+if(PROJECT_IS_TOP_LEVEL)
+  if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+  endif()
+  find_program(CCACHE ccache)
+  if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_C_COMPILER_LAUNCHER "${CCACHE}")
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
+  endif()
+  set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+endif()
+
+# Multiply and add stay two roundings: the mix must give the same bits on every machine.
+add_library(qttovelmixer_warnings INTERFACE)
+target_compile_options(qttovelmixer_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
+  -ffp-contract=off)
+if(PROJECT_IS_TOP_LEVEL)
+  target_compile_options(qttovelmixer_warnings INTERFACE -Werror)
+endif()
+set_target_properties(qttovelmixer_warnings PROPERTIES EXPORT_NAME warnings)
+
+if(QTTOVELMIXER_SANITIZE)
+  add_compile_options(-fsanitize=${QTTOVELMIXER_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QTTOVELMIXER_SANITIZE})
+endif()

@@ -1,0 +1,22 @@
+# Installation: headers under include/qttovelmixer, the library, the CMake package, pkg-config.
+include(CMakePackageConfigHelpers)
+
+set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/QtTovelMixer")
+install(TARGETS qttovelmixer EXPORT QtTovelMixerTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+  FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qttovelmixer"
+  FILE_SET umbrella DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qttovelmixer")
+install(EXPORT QtTovelMixerTargets NAMESPACE QtTovelMixer:: DESTINATION "${package_folder}")
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/QtTovelMixerConfig.cmake.in"
+  "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfig.cmake" INSTALL_DESTINATION "${package_folder}")
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfigVersion.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfig.cmake"
+  "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfigVersion.cmake"
+  "${CMAKE_CURRENT_LIST_DIR}/FindRtAudio6.cmake"
+  DESTINATION "${package_folder}")
+configure_file("${CMAKE_CURRENT_LIST_DIR}/qttovelmixer.pc.in"
+  "${CMAKE_CURRENT_BINARY_DIR}/qttovelmixer.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/qttovelmixer.pc"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
