@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
+#define QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
+
+#include <base/export.h>
+
+#include <QtCore/QtGlobal>
+
+struct BLRINGBUFFER;
+
+namespace QTovelMixer {
+
+/// Interleaved float frames over the byte ring. Single producer, single consumer: readSlice,
+/// consume and isEmpty belong to the consumer, writeSlice and produce to the producer.
+/// Everything but the constructor and the destructor is wait-free. Real-time: yes.
+class FrameRing
+{
+    Q_DISABLE_COPY_MOVE(FrameRing)
+
+public:
+    /// A run of consecutive frames in the ring.
+    struct Slice
+    {
+        qint64 position = 0;   // frames consumed (produced) before it since creation or flush
+        float *data = nullptr; // its first frame
+        qint64 frames = 0;
+    };
+
+    /// Takes all memory. A size beyond what the byte ring can hold is cut to whole frames;
+    /// counts of 0 or less give a ring without room.
+    FrameRing(qint64 frames, int channels);
+    ~FrameRing();
+
+    int channels() const noexcept { return m_channels; }
+
+    Slice readSlice() const noexcept;
+    Slice writeSlice() noexcept;
+
+    /// Commits frames written at the last write slice. A negative count withdraws that many of
+    /// the newest frames; neither side may be at work meanwhile.
+    void produce(qint64 frames) noexcept;
+    void consume(qint64 frames) noexcept;
+
+    /// Discards everything; both sides' positions restart at 0. Neither side may be at work.
+    void flush() noexcept;
+
+    bool isEmpty() const noexcept;
+
+    /// The byte ring's identity, for trace lines.
+    const void *handle() const noexcept { return m_ring; }
+
+private:
+    BLRINGBUFFER *m_ring = nullptr;
+    int m_channels = 0;
+    int m_frameBytes = 4;
+};
+
+} // namespace QTovelMixer
+
+#endif

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_IO_RESAMPLER_BANK_P_H
+#define QTOVELMIXER_MIXER_IO_RESAMPLER_BANK_P_H
+
+#include <QtCore/QtGlobal>
+
+#include <vector>
+
+struct DSPB_Resampler;
+
+namespace QTovelMixer {
+
+/// One resampler per channel between interleaved buffers of two rates (Hz).
+/// Used by the thread that created it. Output frame k lies at the time of input frame
+/// k × inputRate / outputRate, counted from the creation or the last restart.
+class ResamplerBank
+{
+    Q_DISABLE_COPY_MOVE(ResamplerBank)
+
+public:
+    static constexpr int chunkFrames = 4096;
+
+    /// Takes all memory that processing needs.
+    ResamplerBank(int inputRate, int outputRate, int channels);
+    ~ResamplerBank();
+
+    /// The most frames that one call of `process` writes; 0 for a rate below 1.
+    static int maxOutputFrames(int inputRate, int outputRate);
+
+    /// Converts up to `chunkFrames` frames; `out` has room for `maxOutputFrames` frames.
+    /// Returns the frames written.
+    int process(const float *in, int frames, float *out);
+
+    /// Drops the audio held back: the next frame in is the first of a new stream.
+    void restart();
+
+    /// Input frames taken in whose output has not come out yet.
+    double withheldInputFrames() const;
+
+private:
+    void create();
+    void destroy();
+
+    int m_inputRate = 0;
+    int m_outputRate = 0;
+    int m_channels = 0;
+    qint64 m_framesIn = 0;
+    qint64 m_framesOut = 0;
+    std::vector<DSPB_Resampler *> m_resamplers;
+    std::vector<float> m_input;  // one channel of a chunk
+    std::vector<float> m_output; // one channel of the converted chunk
+};
+
+} // namespace QTovelMixer
+
+#endif

@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_IO_SOURCE_P_H
+#define QTOVELMIXER_MIXER_IO_SOURCE_P_H
+
+#include <mixer/io/frame_ring_p.h>
+#include <mixer/io/resampler_bank_p.h>
+#include <mixer/io/source.h>
+
+#include <QtCore/QMutex>
+#include <QtCore/QSemaphore>
+#include <QtCore/QWaitCondition>
+
+#include <array>
+#include <atomic>
+#include <memory>
+
+namespace QTovelMixer {
+
+/// A range that one thread writes and others, the audio thread too, read without waiting.
+class SharedRange
+{
+public:
+    Range load() const noexcept;
+    void store(const Range &range) noexcept;
+
+private:
+    struct Slot
+    {
+        std::atomic<double> start{-1.0};
+        std::atomic<double> end{-1.0};
+    };
+
+    // The even half of the version picks the slot in use; the writer fills the other one.
+    std::array<Slot, 2> m_slots;
+    std::atomic<unsigned> m_version{0};
+};
+
+struct Source::Data
+{
+    // Main thread.
+    Engine *engine = nullptr; // not owned
+    float bufferSeconds = 5.0f;
+    std::atomic<bool> started{false};
+    std::atomic<bool> primed{false};
+
+    // Set up by the main thread, read by all.
+    std::atomic<int> sampleRate{0}; // Hz
+    std::atomic<int> numChannels{0};
+    SharedRange range;
+    std::atomic<Timeline *> timeline{nullptr}; // not owned
+    std::atomic<float> gain{1.0f};             // linear
+    std::atomic<quint64> channelMask{0xff};
+
+    // Reading, guarded by ringMutex: the worker's and, under update_lock, the main thread's.
+    // Those that other threads look at are atomic.
+    QMutex ringMutex;
+    double readTime = 0.0;     // seconds, of the next chunk
+    double rangeCursor = -1.0; // seconds, of the next chunk inside the range
+    double withheld = 0.0;     // source frames that the resamplers hold back
+    unsigned generation = 0;   // raised when what the resamplers hold back is void
+    std::atomic<double> playStartTime{-1.0};
+    std::atomic<double> pausePositionTime{-1.0};
+    std::atomic<bool> pausePositionReached{false};
+    bool readFailed = false; // readSamples threw; logged once
+
+    // The sleep of the worker and everything that ends it, guarded by waitMutex. The atomics are
+    // written under it and read without it.
+    QMutex waitMutex;
+    QWaitCondition wakeCondition;
+    bool wakePending = false;
+    bool keepStateOnStop = false;
+    bool endedByItself = false; // the worker, not a caller, raised stopRequested
+    std::atomic<int> stopRequested{0};
+    std::atomic<int> stopReason{UserStopAction};
+    std::atomic<int> updateWaiters{0}; // update locks held or waited for
+    std::atomic<bool> finished{false};
+    QSemaphore primedSemaphore;
+
+    // Shared with the audio thread. The ring is published before running becomes 1 and stays
+    // until the destructor; frameBase moves only while pendingUpdates keeps the audio thread off.
+    std::unique_ptr<FrameRing> ringOwner;
+    std::atomic<FrameRing *> ring{nullptr};
+    alignas(64) std::atomic<int> pendingUpdates{0};
+    std::atomic<int> running{0};
+    std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush
+
+    // Audio thread.
+    std::atomic<qint64> consumedFrames{0}; // mixer frames
+
+    int mixerRate() const; // Hz, 0 without an engine
+    void requestEnd();
+    void wake();
+    void waitForWake(int milliseconds);
+    void waitForUpdates();
+    void countUpdateDown();
+    void clearPausePosition();
+    void releasePriming();
+    bool endByWorker();
+};
+
+/// The engine's and the tests' way to the private record.
+struct SourceAccess
+{
+    static Source::Data &data(Source &source) { return *source.d; }
+
+    /// True once `start` was called.
+    static bool threadStarted(const Source &source);
+
+    /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
+    static void endAndWait(Source &source);
+};
+
+/// Frames (to the nearest) of a time; 0 for a time that is not finite or beyond 64 bits.
+qint64 framesOfTime(double seconds, double rate) noexcept;
+
+/// The time itself, or 0 when it is not finite or has no frame number at `rate`.
+double representableTime(double seconds, double rate) noexcept;
+
+} // namespace QTovelMixer
+
+#endif
