@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_GAIN_MATRIX_P_H
+#define QTOVELMIXER_MIXER_GAIN_MATRIX_P_H
+
+#include <mixer/aligned_vector.h>
+
+#include <QtCore/QtGlobal>
+
+#include <cstddef>
+
+namespace QTovelMixer {
+
+/// The gains from mixer inputs (rows) to mixer outputs (columns), and which of them count.
+/// A cell is worth gain × enable. Blocks that pass the edge are cut off there.
+struct GainMatrix
+{
+    static constexpr unsigned size = 128;
+
+    alignas(64) float gain[size][size];
+    alignas(64) float enable[size][size];
+
+    GainMatrix() noexcept { reset(); }
+
+    /// Every gain 0, every cell enabled.
+    void reset() noexcept;
+    /// Writes `table` (rows × columns, row-major) × `factor` and enables the cells.
+    void set(unsigned row0, unsigned rows, unsigned column0, unsigned columns, float factor,
+             const float *table) noexcept;
+    /// Enables (bit set) or disables row r of the block by bit r of `mask`. Does nothing when rows
+    /// or columns are not in 1 … 32 or more than 32 bits are set.
+    void setMask(unsigned row0, unsigned rows, unsigned column0, unsigned columns,
+                 quint64 mask) noexcept;
+    /// Closes the gap that `count` rows from `first` leave; the enabling stays where it is.
+    void removeRows(unsigned first, unsigned count) noexcept;
+    /// Closes the gap that `count` columns from `first` leave; the enabling stays where it is.
+    void removeColumns(unsigned first, unsigned count) noexcept;
+    /// Writes one gain; the enabling stays. Ignored outside the matrix.
+    void setCell(unsigned row, unsigned column, float value) noexcept;
+};
+
+/// What a matrix comes down to: per output the inputs that reach it, sorted into the kernels that
+/// mix them fastest. All storage is inside, so everything here is real-time.
+class MixPlan
+{
+public:
+    /// Plans the first rows × columns cells (each at most 128).
+    void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept;
+
+    /// True while the plan stands for the first rows × columns cells of `matrix`. Cheap enough to
+    /// be asked in every block.
+    bool matches(const GainMatrix &matrix, int rows, int columns) const noexcept;
+
+    /// Overwrites `frames` samples of every output with the sum of its inputs, to the bit what
+    /// clearing it and a `madd` per input in ascending order gives. Inputs behind a zero cell are
+    /// not read. Samples past `frames` up to a whole group of four may be touched. `rows` and
+    /// `columns` are those of the plan, or `rows` is 0: then every output is cleared.
+    void mix(const aligned_vector<float, 16> *inputs, int rows, aligned_vector<float, 16> *outputs,
+             int columns, qsizetype frames) const noexcept;
+
+private:
+    static constexpr int limit = int(GainMatrix::size);
+    static constexpr int groupWidth = 6; // outputs of one dense group
+
+    /// Outputs that hear the same inputs: `groups` whole groups of `groupWidth`, then a rest.
+    struct Set
+    {
+        int outputCount;
+        int groups;
+        int firstGroup;
+        int inputCount;
+        quint8 outputs[limit];
+        quint8 inputs[limit];
+    };
+
+    void addSet(int column, const quint64 (*used)[2]) noexcept;
+    bool fits(const aligned_vector<float, 16> *inputs, const aligned_vector<float, 16> *outputs,
+              std::size_t frames) const noexcept;
+    void mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
+                aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept;
+    void mixPlainly(const aligned_vector<float, 16> *inputs, aligned_vector<float, 16> *outputs,
+                    std::size_t frames) const noexcept;
+
+    int plannedRows = 0;
+    int plannedColumns = 0;
+    int setCount = 0;
+    int groupCount = 0;
+    Set sets[limit];
+    bool planned[limit];                   // while rebuilding: the output has its set
+    alignas(64) float gains[limit][limit]; // by output, then by place among its inputs
+    alignas(64) float packed[limit / groupWidth][limit][groupWidth];
+    alignas(64) float shadowGain[limit][limit];
+    alignas(64) float shadowEnable[limit][limit];
+};
+
+} // namespace QTovelMixer
+
+#endif

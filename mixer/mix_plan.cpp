@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/gain_matrix_p.h>
+
+#include <dsp/kernels_p.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace QTovelMixer {
+
+namespace {
+
+// Below, copying the inputs into a tile costs more than the dense kernel saves.
+constexpr int fewestDenseInputs = 4;
+
+constexpr std::size_t roundedToGroup(std::size_t frames)
+{
+    return (frames + 3) / 4 * 4;
+}
+
+} // namespace
+
+void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
+{
+    plannedRows = std::clamp(rows, 0, limit);
+    plannedColumns = std::clamp(columns, 0, limit);
+    setCount = 0;
+    groupCount = 0;
+
+    quint64 used[limit][2] = {}; // by output: bit j stands for input j
+    const std::size_t rowBytes = std::size_t(plannedColumns) * sizeof(float);
+    for (int j = 0; j < plannedRows; ++j) {
+        std::memcpy(shadowGain[j], matrix.gain[j], rowBytes);
+        std::memcpy(shadowEnable[j], matrix.enable[j], rowBytes);
+        for (int k = 0; k < plannedColumns; ++k) {
+            if (matrix.gain[j][k] * matrix.enable[j][k] != 0.0f)
+                used[k][j / 64] |= quint64(1) << (j % 64);
+        }
+    }
+
+    std::fill_n(planned, plannedColumns, false);
+    for (int k = 0; k < plannedColumns; ++k) {
+        if (!planned[k])
+            addSet(k, used);
+    }
+}
+
+void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
+{
+    Set &set = sets[setCount++];
+    set.inputCount = 0;
+    for (int j = 0; j < plannedRows; ++j) {
+        if ((used[column][j / 64] >> (j % 64)) & 1)
+            set.inputs[set.inputCount++] = quint8(j);
+    }
+
+    set.outputCount = 0;
+    for (int k = column; k < plannedColumns; ++k) {
+        if (used[k][0] != used[column][0] || used[k][1] != used[column][1])
+            continue;
+        planned[k] = true;
+        set.outputs[set.outputCount++] = quint8(k);
+        for (int i = 0; i < set.inputCount; ++i) {
+            const int j = set.inputs[i];
+            gains[k][i] = shadowGain[j][k] * shadowEnable[j][k];
+        }
+    }
+
+    set.groups = set.inputCount < fewestDenseInputs ? 0 : set.outputCount / groupWidth;
+    set.firstGroup = groupCount;
+    for (int g = 0; g < set.groups; ++g, ++groupCount) {
+        for (int i = 0; i < set.inputCount; ++i) {
+            for (int o = 0; o < groupWidth; ++o)
+                packed[groupCount][i][o] = gains[set.outputs[g * groupWidth + o]][i];
+        }
+    }
+}
+
+bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noexcept
+{
+    if (rows != plannedRows || columns != plannedColumns)
+        return false;
+    return Kernels::sameBits(matrix.gain[0], shadowGain[0], limit, std::size_t(rows),
+                             std::size_t(columns)) &&
+           Kernels::sameBits(matrix.enable[0], shadowEnable[0], limit, std::size_t(rows),
+                             std::size_t(columns));
+}
+
+void MixPlan::mix(const aligned_vector<float, 16> *inputs, int rows,
+                  aligned_vector<float, 16> *outputs, int columns, qsizetype frames) const noexcept
+{
+    if (rows <= 0) {
+        for (int k = 0; k < columns; ++k)
+            outputs[k].zero();
+        return;
+    }
+    Q_ASSERT(rows == plannedRows && columns == plannedColumns);
+    const std::size_t samples = roundedToGroup(std::size_t(std::max<qsizetype>(frames, 0)));
+    if (!fits(inputs, outputs, samples)) {
+        mixPlainly(inputs, outputs, std::size_t(std::max<qsizetype>(frames, 0)));
+        return;
+    }
+    for (int s = 0; s < setCount; ++s)
+        mixSet(sets[s], inputs, outputs, samples);
+}
+
+bool MixPlan::fits(const aligned_vector<float, 16> *inputs,
+                   const aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept
+{
+    for (int j = 0; j < plannedRows; ++j) {
+        if (inputs[j].capacity() < frames)
+            return false;
+    }
+    for (int k = 0; k < plannedColumns; ++k) {
+        if (outputs[k].capacity() < frames)
+            return false;
+    }
+    return true;
+}
+
+void MixPlan::mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
+                     aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept
+{
+    const std::size_t count = std::size_t(set.inputCount);
+    const float *in[limit];
+    for (std::size_t i = 0; i < count; ++i)
+        in[i] = inputs[set.inputs[i]].constData();
+    float *out[limit];
+    for (int o = 0; o < set.outputCount; ++o)
+        out[o] = outputs[set.outputs[o]].data();
+
+    if (set.groups > 0) {
+        Kernels::mixDense(out, std::size_t(set.groups), in, packed[set.firstGroup][0],
+                          std::size_t(limit) * groupWidth, count, frames);
+    }
+    int o = set.groups * groupWidth;
+    for (; o + 2 <= set.outputCount && count > 1; o += 2) {
+        Kernels::mixPair(out[o], out[o + 1], in, gains[set.outputs[o]], gains[set.outputs[o + 1]],
+                         count, frames);
+    }
+    for (; o < set.outputCount; ++o)
+        Kernels::mix(out[o], in, gains[set.outputs[o]], count, frames);
+}
+
+/// For buffers of other sizes than the block's: every operation ends at the capacities.
+void MixPlan::mixPlainly(const aligned_vector<float, 16> *inputs,
+                         aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept
+{
+    for (int s = 0; s < setCount; ++s) {
+        const Set &set = sets[s];
+        for (int o = 0; o < set.outputCount; ++o) {
+            aligned_vector<float, 16> &out = outputs[set.outputs[o]];
+            const std::size_t room = std::min(frames, out.capacity());
+            std::fill_n(out.data(), room, 0.0f);
+            for (int i = 0; i < set.inputCount; ++i) {
+                const aligned_vector<float, 16> &in = inputs[set.inputs[i]];
+                Kernels::multiplyAdd(out.data(), gains[set.outputs[o]][i], in.constData(),
+                                     std::min(room, in.capacity()));
+            }
+        }
+    }
+}
+
+} // namespace QTovelMixer
