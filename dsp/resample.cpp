@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: MIT
+#include <dsp/resample.h>
+
+#include <dsp/resample_filter_p.h>
+#include <dsp/resample_kernel_p.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+using QTovelMixer::ResampleFilter;
+using QTovelMixer::ResampleRun;
+
+struct DSPB_Resampler
+{
+    std::shared_ptr<const ResampleFilter> filter;
+    std::vector<float> input; ///< the frames that coming output still needs, then new ones
+    int64_t filled = 0;       ///< frames in `input`
+    int64_t window = 0;       ///< where in `input` the next output frame's window begins
+    int64_t phase = 0;        ///< of the next output frame
+};
+
+namespace {
+
+constexpr int64_t blockFrames = 4096;
+constexpr int32_t highestRate = 1536000;
+constexpr int64_t highestRatio = 256;
+
+void restart(DSPB_Resampler &resampler)
+{
+    const ResampleFilter &filter = *resampler.filter;
+    resampler.filled = filter.taps - filter.half - 1;
+    resampler.window = 0;
+    resampler.phase = 0;
+    std::fill_n(resampler.input.begin(), resampler.filled, 0.0F);
+}
+
+/// Output frames whose window lies within the input.
+int64_t readyFrames(const DSPB_Resampler &resampler)
+{
+    const ResampleFilter &filter = *resampler.filter;
+    const int64_t windows = resampler.filled - filter.taps - resampler.window + 1;
+    if (windows <= 0)
+        return 0;
+    return (windows * filter.phases - resampler.phase + filter.step - 1) / filter.step;
+}
+
+/// Drops the input before the next window.
+void discardUsed(DSPB_Resampler &resampler)
+{
+    const int64_t used = std::min(resampler.window, resampler.filled);
+    std::copy(resampler.input.begin() + used, resampler.input.begin() + resampler.filled,
+              resampler.input.begin());
+    resampler.filled -= used;
+    resampler.window -= used;
+}
+
+int64_t processBlock(DSPB_Resampler &resampler, const float *in, float *out, int64_t frames)
+{
+    const ResampleFilter &filter = *resampler.filter;
+    QTovelMixer::copyFinite(in, resampler.input.data() + resampler.filled, frames);
+    resampler.filled += frames;
+    const int64_t ready = readyFrames(resampler);
+    if (ready > 0) {
+        const ResampleRun run{resampler.input.data() + resampler.window, out, ready,
+                              resampler.phase};
+        QTovelMixer::resampleRun(filter, run);
+        const int64_t advanced = resampler.phase + ready * filter.step;
+        resampler.window += advanced / filter.phases;
+        resampler.phase = advanced % filter.phases;
+    }
+    discardUsed(resampler);
+    return ready;
+}
+
+bool isConvertible(int32_t inRate, int32_t outRate)
+{
+    return inRate > 0 && outRate > 0 && inRate <= highestRate && outRate <= highestRate &&
+           outRate <= inRate * highestRatio && inRate <= outRate * highestRatio;
+}
+
+} // namespace
+
+DSPB_Resampler *DSPB_ResampleInit(int32_t inRate, int32_t outRate, const char * /*preset*/)
+{
+    if (!isConvertible(inRate, outRate))
+        return nullptr;
+    auto resampler = std::make_unique<DSPB_Resampler>();
+    resampler->filter = ResampleFilter::shared(inRate, outRate);
+    resampler->input.resize(size_t(resampler->filter->taps + blockFrames));
+    restart(*resampler);
+    return resampler.release();
+}
+
+int32_t DSPB_Resample(DSPB_Resampler *resampler, const float *in, float *out, int32_t frames)
+{
+    if (!resampler || !in || !out)
+        return 0;
+    int64_t written = 0;
+    for (int64_t taken = 0; taken < frames; taken += blockFrames) {
+        const int64_t block = std::min(blockFrames, frames - taken);
+        written += processBlock(*resampler, in + taken, out + written, block);
+    }
+    return int32_t(written);
+}
+
+double DSPB_ResampleWithheld(const DSPB_Resampler *resampler)
+{
+    if (!resampler)
+        return 0.0;
+    const ResampleFilter &filter = *resampler->filter;
+    const int64_t nextFrame = resampler->window + filter.taps - filter.half - 1;
+    return double(resampler->filled - nextFrame) - double(resampler->phase) / double(filter.phases);
+}
+
+void DSPB_ResampleRestart(DSPB_Resampler *resampler)
+{
+    if (resampler)
+        restart(*resampler);
+}
+
+void DSPB_ResampleDestroy(DSPB_Resampler *resampler)
+{
+    delete resampler;
+}
