@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_IO_SINK_P_H
+#define QTOVELMIXER_MIXER_IO_SINK_P_H
+
+#include <mixer/io/frame_ring_p.h>
+#include <mixer/io/resampler_bank_p.h>
+#include <mixer/io/sink.h>
+
+#include <QtCore/QMutex>
+#include <QtCore/QWaitCondition>
+
+#include <atomic>
+#include <memory>
+
+namespace QTovelMixer {
+
+struct Sink::Data
+{
+    // Main thread.
+    Engine *engine = nullptr; // not owned
+    float bufferSeconds = 5.0f;
+    std::atomic<bool> started{false};
+    std::atomic<double> skipTime{0.0}; // seconds
+
+    // Draining, guarded by ringMutex: the worker's, and the main thread's in setTime.
+    QMutex ringMutex;
+    double recordTime = 0.0; // seconds, of the next chunk handed over
+
+    // Raised when what the resamplers hold back is void. Guarded by ringMutex.
+    unsigned generation = 0;
+
+    // The sleep of the worker and what ends it. The atomics are written under waitMutex, so that
+    // no wake-up is lost, and read without it.
+    QMutex waitMutex;
+    QWaitCondition wakeCondition;
+    std::atomic<int> stopRequested{0};
+    std::atomic<int> stopReason{UserStopAction};
+    std::atomic<bool> finished{false};
+
+    // Shared with the audio thread. The ring is complete before running becomes 1 (release,
+    // acquire) and stays until the destructor. frameBase moves only under the engine's update
+    // lock, which the audio thread holds during a block.
+    std::unique_ptr<FrameRing> ring;
+    alignas(64) std::atomic<int> running{0};
+    std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush
+
+    // Audio thread, from running = 1 on.
+    std::atomic<qint64> skipFrames{0};     // mixer frames of lead-in still to drop
+    std::atomic<qint64> recordedFrames{0}; // mixer frames, silence included
+
+    int mixerRate() const; // Hz, 0 without an engine
+    void requestEnd(StopReason reason);
+    void sleep(int milliseconds);
+    qint64 takeLeadIn(qint64 blockFrames) noexcept;
+    bool fillGap(const Sink *sink, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
+};
+
+/// The engine's and the tests' way to the private record.
+struct SinkAccess
+{
+    static Sink::Data &data(Sink &sink) { return *sink.d; }
+
+    /// True once `start` was called.
+    static bool threadStarted(const Sink &sink);
+
+    /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
+    static void endAndWait(Sink &sink);
+
+    /// Moves the sink along when the mixer's clock is set to other numbers of the same moment:
+    /// the recording goes on without a gap. Under the engine's update lock.
+    static void shiftFrameBase(Sink &sink, qint64 frames);
+};
+
+} // namespace QTovelMixer
+
+#endif

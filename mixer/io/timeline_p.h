@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_IO_TIMELINE_P_H
+#define QTOVELMIXER_MIXER_IO_TIMELINE_P_H
+
+#include <mixer/io/timeline.h>
+#include <mixer/types.h>
+
+#include <vector>
+
+namespace QTovelMixer {
+
+struct Timeline::Data
+{
+    Range limits;              // seconds
+    double playDuration = 0.0; // seconds that one pass plays
+    double timeOffset = 0.0;   // seconds, taken off the mixer time when not looping
+    bool looping = false;
+    std::vector<Range> slices; // the host's selections; sorted, disjoint
+    std::vector<Range> chunks; // the slices within the limits, relative to limits.start
+};
+
+/// The tests' way to the private record.
+struct TimelineAccess
+{
+    static const Timeline::Data &data(const Timeline &timeline) { return *timeline.d; }
+};
+
+/// Index of the range that contains x, else of the one before x, else 0. `ranges` is not empty,
+/// sorted and disjoint.
+int searchRanges(const std::vector<Range> &ranges, double x) noexcept;
+
+/// The time itself, or 0 when it is not finite.
+double finiteTime(double seconds) noexcept;
+
+} // namespace QTovelMixer
+
+#endif
