@@ -94,7 +94,7 @@ std::size_t aligned_vector<T, Alignment>::groups(std::size_t count) const noexce
 
 template <typename T, unsigned Alignment>
 aligned_vector<T, Alignment> &
-aligned_vector<T, Alignment>::operator=(T value) noexcept requires std::floating_point<T>
+aligned_vector<T, Alignment>::operator=(T value) noexcept requires std::is_floating_point_v<T>
 {
     Kernels::fill(block->data, groups(size()), value);
     return *this;
@@ -102,7 +102,7 @@ aligned_vector<T, Alignment>::operator=(T value) noexcept requires std::floating
 
 template <typename T, unsigned Alignment>
 aligned_vector<T, Alignment> &
-aligned_vector<T, Alignment>::operator+=(T value) noexcept requires std::floating_point<T>
+aligned_vector<T, Alignment>::operator+=(T value) noexcept requires std::is_floating_point_v<T>
 {
     Kernels::add(block->data, groups(size()), value);
     return *this;
@@ -110,7 +110,7 @@ aligned_vector<T, Alignment>::operator+=(T value) noexcept requires std::floatin
 
 template <typename T, unsigned Alignment>
 aligned_vector<T, Alignment> &
-aligned_vector<T, Alignment>::operator*=(T value) noexcept requires std::floating_point<T>
+aligned_vector<T, Alignment>::operator*=(T value) noexcept requires std::is_floating_point_v<T>
 {
     Kernels::multiply(block->data, groups(size()), value);
     return *this;
@@ -118,7 +118,7 @@ aligned_vector<T, Alignment>::operator*=(T value) noexcept requires std::floatin
 
 template <typename T, unsigned Alignment>
 aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator+=(
-    const aligned_vector &other) noexcept requires std::floating_point<T>
+    const aligned_vector &other) noexcept requires std::is_floating_point_v<T>
 {
     const std::size_t common = std::min(size(), other.size());
     Kernels::add(block->data, other.block->data, std::min(groups(common), other.groups(common)));
@@ -127,7 +127,7 @@ aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator+=(
 
 template <typename T, unsigned Alignment>
 aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator*=(
-    const aligned_vector &other) noexcept requires std::floating_point<T>
+    const aligned_vector &other) noexcept requires std::is_floating_point_v<T>
 {
     const std::size_t common = std::min(size(), other.size());
     Kernels::multiply(block->data, other.block->data,
@@ -137,7 +137,7 @@ aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator*=(
 
 template <typename T, unsigned Alignment>
 void aligned_vector<T, Alignment>::madd(
-    T gain, const aligned_vector &x) noexcept requires std::floating_point<T>
+    T gain, const aligned_vector &x) noexcept requires std::is_floating_point_v<T>
 {
     Kernels::multiplyAdd(block->data, gain, x.block->data,
                          std::min(groups(size()), x.groups(size())));

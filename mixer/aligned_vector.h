@@ -4,9 +4,9 @@
 
 #include <base/export.h>
 
-#include <concepts>
 #include <cstddef>
 #include <memory>
+#include <type_traits>
 
 namespace QTovelMixer {
 
@@ -72,20 +72,20 @@ public:
     void copyContents(const aligned_vector &other) noexcept;
 
     /// Sets every sample.
-    aligned_vector &operator=(T value) noexcept requires std::floating_point<T>;
+    aligned_vector &operator=(T value) noexcept requires std::is_floating_point_v<T>;
     /// Adds to every sample.
-    aligned_vector &operator+=(T value) noexcept requires std::floating_point<T>;
+    aligned_vector &operator+=(T value) noexcept requires std::is_floating_point_v<T>;
     /// Multiplies every sample.
-    aligned_vector &operator*=(T value) noexcept requires std::floating_point<T>;
+    aligned_vector &operator*=(T value) noexcept requires std::is_floating_point_v<T>;
     /// Adds element by element over the smaller size of the two.
     aligned_vector &
-    operator+=(const aligned_vector &other) noexcept requires std::floating_point<T>;
+    operator+=(const aligned_vector &other) noexcept requires std::is_floating_point_v<T>;
     /// Multiplies element by element over the smaller size of the two.
     aligned_vector &
-    operator*=(const aligned_vector &other) noexcept requires std::floating_point<T>;
+    operator*=(const aligned_vector &other) noexcept requires std::is_floating_point_v<T>;
     /// Adds `gain` × `x`, element by element over the size of this vector. Multiplies and adds in
     /// two roundings, so that the result is the same on every machine.
-    void madd(T gain, const aligned_vector &x) noexcept requires std::floating_point<T>;
+    void madd(T gain, const aligned_vector &x) noexcept requires std::is_floating_point_v<T>;
 
 private:
     friend struct BufferAccess;
