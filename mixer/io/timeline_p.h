@@ -17,6 +17,15 @@ struct Timeline::Data
     bool looping = false;
     std::vector<Range> slices; // the host's selections; sorted, disjoint
     std::vector<Range> chunks; // the slices within the limits, relative to limits.start
+
+    /// Where a mixer time lies.
+    struct Position
+    {
+        double rel = 0.0;             // seconds from the start limit
+        const Range *chunk = nullptr; // the chunk reached, null without chunks
+        bool outside = false;
+    };
+    Position positionAt(double mixerTime) const noexcept;
 };
 
 /// The tests' way to the private record.

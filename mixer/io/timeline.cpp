@@ -1,0 +1,289 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/io/timeline.h>
+
+#include <mixer/io/timeline_p.h>
+
+#include <QtCore/QDebug>
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+
+namespace QTovelMixer {
+
+namespace {
+
+constexpr double ticksPerSecond = 192000.0;
+
+/// The nearest whole number of units; 0 for a time that has none.
+qint64 unitsOf(double seconds, double unitsPerSecond) noexcept
+{
+    constexpr double beyond = 9223372036854775808.0; // 2^63
+    const double units = seconds * unitsPerSecond + 0.5;
+    return units > -beyond && units < beyond ? qint64(units) : 0;
+}
+
+bool contains(const Range &range, double x) noexcept
+{
+    return range.start <= x && x < range.end;
+}
+
+double length(const Range &range) noexcept
+{
+    return range.end - range.start;
+}
+
+} // namespace
+
+double finiteTime(double seconds) noexcept
+{
+    return std::isfinite(seconds) ? seconds : 0.0;
+}
+
+int searchRanges(const std::vector<Range> &ranges, double x) noexcept
+{
+    int lo = 0;
+    int hi = int(ranges.size()) - 1;
+    for (;;) {
+        const int mid = lo + (hi - lo) / 2;
+        const Range &range = ranges[size_t(mid)];
+        if (range.start > x) {
+            if (hi - lo < 2)
+                return (lo >= 2 ? lo : 1) - 1;
+            hi = mid - 1;
+        } else if (x > range.end) {
+            if (mid >= hi)
+                return hi;
+            lo = mid + 1;
+        } else {
+            return mid;
+        }
+    }
+}
+
+Timeline::Data::Position Timeline::Data::positionAt(double mixerTime) const noexcept
+{
+    Position position;
+    if (looping) {
+        const qint64 pass = unitsOf(playDuration, ticksPerSecond);
+        if (pass > 0)
+            position.rel = double(unitsOf(mixerTime, ticksPerSecond) % pass) / ticksPerSecond;
+    } else {
+        position.rel = mixerTime - timeOffset;
+    }
+    if (!chunks.empty()) {
+        auto chunk = chunks.begin();
+        for (; chunk != chunks.end() && position.rel >= length(*chunk); ++chunk)
+            position.rel -= length(*chunk);
+        if (chunk == chunks.end()) {
+            position.outside = true;
+            return position;
+        }
+        position.chunk = &*chunk;
+        position.rel += chunk->start;
+    }
+    position.outside = position.rel < 0.0;
+    return position;
+}
+
+Timeline::Timeline() : d(std::make_unique<Data>())
+{
+    reset();
+}
+
+Timeline::~Timeline() = default;
+
+void Timeline::reset()
+{
+    clearSlices();
+    d->limits = Range();
+    d->playDuration = 0.0;
+    d->timeOffset = 0.0;
+}
+
+double Timeline::start() const
+{
+    return d->limits.start;
+}
+
+double Timeline::end() const
+{
+    return d->limits.end;
+}
+
+double Timeline::duration() const
+{
+    return std::max(d->limits.end - d->limits.start, 0.0);
+}
+
+bool Timeline::isLooping() const
+{
+    return d->looping;
+}
+
+void Timeline::setLooping(bool looping)
+{
+    d->looping = looping;
+}
+
+bool Timeline::hasSlices() const
+{
+    return !d->chunks.empty();
+}
+
+void Timeline::setLimits(double start, double end)
+{
+    d->limits = Range{finiteTime(start), finiteTime(end)};
+    update();
+}
+
+bool Timeline::limitsExpanded(double start, double end) const
+{
+    return d->limits.start < 0.0 || d->limits.end < 0.0 || start < d->limits.start ||
+           end > d->limits.end;
+}
+
+bool Timeline::limitsCollapsed(double start, double end) const
+{
+    return d->limits.start < 0.0 || d->limits.end < 0.0 || start > d->limits.start ||
+           end < d->limits.end;
+}
+
+double Timeline::time(double mixerTime, bool clamp, double playStart, double pausePosition) const
+{
+    const Data::Position position = d->positionAt(finiteTime(mixerTime));
+    if (position.outside)
+        return clamp ? d->limits.start : -1.0;
+    double time = position.rel + d->limits.start;
+    if (pausePosition >= 0.0 && (playStart <= pausePosition || playStart > time))
+        time = std::min(time, pausePosition);
+    if (time > d->limits.end)
+        return clamp ? d->limits.end : -1.0;
+    return time;
+}
+
+double Timeline::mixer_time(double position) const
+{
+    const double rel = finiteTime(position) - d->limits.start;
+    double result = rel;
+    if (!d->chunks.empty()) {
+        const int found = searchRanges(d->chunks, rel);
+        const Range &chunk = d->chunks[size_t(found)];
+        result = -1.0;
+        if (contains(chunk, rel)) {
+            double earlier = 0.0;
+            for (int i = 0; i < found; ++i)
+                earlier += length(d->chunks[size_t(i)]);
+            result = earlier + (rel - chunk.start);
+        }
+    }
+    return std::max(0.0, std::min(result, duration()));
+}
+
+std::pair<double, double> Timeline::nextChunk(double mixerTime, double span, int rate,
+                                              int depth) const
+{
+    const std::pair<double, double> nothing(0.0, 0.0);
+    if (rate < 1)
+        return nothing;
+    const double wanted = finiteTime(span);
+    double time = finiteTime(mixerTime);
+    for (; depth <= 2; ++depth) {
+        const Data::Position position = d->positionAt(time);
+        const double where = position.rel + d->limits.start;
+        if (position.outside || where > d->limits.end || where < 0.0)
+            return nothing;
+
+        const double rel = where - d->limits.start;
+        double len = 0.0;
+        if (d->chunks.empty()) {
+            len = std::min(duration() - rel, wanted);
+        } else {
+            const Range &chunk = d->chunks[size_t(searchRanges(d->chunks, rel))];
+            len = std::min(contains(chunk, rel) ? chunk.end - rel : 0.0, wanted);
+        }
+        if (len <= 0.0 && d->playDuration <= 0.0)
+            return nothing;
+
+        if (d->looping) {
+            if (unitsOf(len, rate) > 0)
+                return {rel + d->limits.start, len};
+        } else {
+            if (len > 0.0)
+                len = std::max(len, 1.0 / rate);
+            if (len != 0.0)
+                return {rel + d->limits.start, len};
+        }
+        time = double(unitsOf(time, rate) + 1) / rate;
+    }
+    return nothing;
+}
+
+double Timeline::currentChunkEnd(double time) const
+{
+    if (d->chunks.empty())
+        return d->limits.end;
+    // A time that counts from the start limit: not what the answer without chunks counts from.
+    const double x = finiteTime(time);
+    const Range &chunk = d->chunks[size_t(searchRanges(d->chunks, x))];
+    return contains(chunk, x) ? chunk.end : 0.0;
+}
+
+double Timeline::timeToLoop(double mixerTime) const
+{
+    const Data::Position position = d->positionAt(finiteTime(mixerTime));
+    if (d->chunks.empty())
+        return d->limits.end - (d->limits.start + position.rel);
+    if (position.outside)
+        return 0.0;
+    const size_t found = size_t(searchRanges(d->chunks, position.rel));
+    const Range &last = d->chunks.back();
+    // With chunks still to come the engine keeps no more of them than the last one's length.
+    if (found + 1 < d->chunks.size())
+        return length(last);
+    return contains(last, position.rel) ? std::max(last.end - position.rel, 0.0) : 0.0;
+}
+
+void Timeline::adjustLoopTime(double mixerTime)
+{
+    const double time = finiteTime(mixerTime);
+    d->timeOffset = 0.0;
+    if (d->playDuration <= 0.0 || d->playDuration == time)
+        return;
+    const qint64 now = unitsOf(time, ticksPerSecond);
+    const qint64 pass = unitsOf(d->playDuration, ticksPerSecond);
+    const qint64 intoPass = pass > 0 ? now % pass : 0;
+    d->timeOffset = double(now - intoPass) / ticksPerSecond;
+}
+
+double Timeline::maxBlockDuration(double mixerTime) const
+{
+    const Data::Position position = d->positionAt(finiteTime(mixerTime));
+    if (position.outside)
+        return 0.0;
+    const double end = position.chunk ? position.chunk->end : duration();
+    return std::max(0.0, end - position.rel);
+}
+
+void Timeline::debug(const QString &label) const
+{
+    qInfo().nospace().noquote() << label << (label.isEmpty() ? "" : " ") << "Timeline {"
+                                << "\n   start: " << d->limits.start
+                                << "\n   end: " << d->limits.end << "\n   duration: " << duration()
+                                << "\n   looped_time: " << d->playDuration
+                                << "\n   loop: " << d->looping << "\n}";
+}
+
+void Timeline::printTimeline() const
+{
+    if (d->chunks.empty()) {
+        std::cerr << "[]\n";
+        return;
+    }
+    std::cerr << "[ ";
+    for (const Range &chunk : d->chunks)
+        std::cerr << '[' << chunk.start << ',' << chunk.end << ']';
+    std::cerr << '\n';
+}
+
+} // namespace QTovelMixer

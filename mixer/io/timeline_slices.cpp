@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/io/timeline.h>
+
+#include <mixer/io/timeline_p.h>
+
+#include <algorithm>
+
+namespace QTovelMixer {
+
+namespace {
+
+Range ordered(double a, double b) noexcept
+{
+    a = finiteTime(a);
+    b = finiteTime(b);
+    return {std::min(a, b), std::max(a, b)};
+}
+
+void eraseRanges(std::vector<Range> &ranges, int first, int last)
+{
+    if (first <= last)
+        ranges.erase(ranges.begin() + first, ranges.begin() + last + 1);
+}
+
+void cutOneSlice(std::vector<Range> &slices, int index, const Range &cut)
+{
+    Range &slice = slices[size_t(index)];
+    if (slice.start > cut.end || cut.start > slice.end)
+        return;
+    if (cut.start <= slice.start && cut.end >= slice.end) {
+        slices.erase(slices.begin() + index);
+    } else if (slice.start < cut.start && cut.end < slice.end) {
+        const Range tail{cut.end, slice.end};
+        slice.end = cut.start;
+        slices.insert(slices.begin() + index + 1, tail);
+    } else if (cut.end > slice.end) {
+        slice.end = cut.start;
+    } else if (cut.start < slice.start) {
+        slice.start = cut.end;
+    }
+    // A cut inside the slice that begins or ends exactly with it leaves it alone, on purpose.
+}
+
+void cutSeveralSlices(std::vector<Range> &slices, int first, int last, const Range &cut)
+{
+    Range &head = slices[size_t(first)];
+    if (cut.start > head.start) {
+        head.end = cut.start; // also lengthens a head that ended before the cut, on purpose
+        ++first;
+    }
+    Range &tail = slices[size_t(last)];
+    if (tail.end > cut.end) {
+        tail.start = cut.end;
+        --last;
+    }
+    eraseRanges(slices, first, last);
+}
+
+} // namespace
+
+void Timeline::addSlice(double start, double end)
+{
+    const Range added = ordered(start, end);
+    std::vector<Range> &slices = d->slices;
+    if (slices.empty()) {
+        slices.push_back(added);
+        update();
+        return;
+    }
+    const int i = searchRanges(slices, added.start);
+    const int j = searchRanges(slices, added.end);
+    Range &slice = slices[size_t(i)];
+    if (i != j) {
+        slice.start = std::min(added.start, slice.start);
+        slice.end = std::max(slices[size_t(j)].end, added.end);
+        eraseRanges(slices, i + 1, j);
+    } else if (slice.start > added.end) {
+        slices.insert(slices.begin() + i, added);
+    } else if (added.start > slice.end) {
+        slices.insert(slices.begin() + i + 1, added);
+    } else {
+        slice = {std::min(added.start, slice.start), std::max(added.end, slice.end)};
+    }
+    update();
+}
+
+void Timeline::removeSlice(double start, double end)
+{
+    if (!d->slices.empty()) {
+        const Range cut = ordered(start, end);
+        const int i = searchRanges(d->slices, cut.start);
+        const int j = searchRanges(d->slices, cut.end);
+        if (i == j)
+            cutOneSlice(d->slices, i, cut);
+        else
+            cutSeveralSlices(d->slices, i, j, cut);
+    }
+    update();
+}
+
+void Timeline::clearSlices()
+{
+    d->slices.clear();
+    d->chunks.clear();
+    update();
+}
+
+void Timeline::update()
+{
+    const Range bounds = ordered(d->limits.start, d->limits.end);
+    d->chunks.clear();
+    double total = 0.0;
+    for (const Range &slice : d->slices) {
+        const double start = std::max(slice.start, bounds.start);
+        const double end = std::min(slice.end, bounds.end);
+        // What only touches a limit plays nothing; an empty slice inside stays as it is.
+        const bool inside = bounds.start < slice.start && slice.end < bounds.end;
+        if (start >= end && !inside)
+            continue;
+        const Range chunk{start - d->limits.start, end - d->limits.start};
+        d->chunks.push_back(chunk);
+        total += chunk.end - chunk.start;
+    }
+    d->playDuration = d->chunks.empty() ? duration() : total;
+}
+
+} // namespace QTovelMixer
