@@ -1,0 +1,766 @@
+// SPDX-License-Identifier: MIT
+#include "counted_new.h"
+#include "vector_targets.h"
+
+#include <dsp/k_weighting_p.h>
+#include <dsp/loudness_window_p.h>
+#include <dsp/statistics.h>
+#include <dsp/true_peak_p.h>
+
+#include <QtTest/QtTest>
+
+#include <ebur128.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <limits>
+#include <memory>
+#include <numbers>
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t levelMeasures = 0x7C00;
+constexpr uint32_t truePeakMeasures = 0x200;
+constexpr double silence = -120.0;
+
+struct Destroy
+{
+    void operator()(DSPB_Statistics *statistics) const { DSPB_StatisticsDestroy(&statistics); }
+};
+using Statistics = std::unique_ptr<DSPB_Statistics, Destroy>;
+
+Statistics makeStatistics(int rate, int channels,
+                          uint32_t measures = levelMeasures | truePeakMeasures)
+{
+    return Statistics(DSPB_StatisticsCreate(rate, channels, 16, measures));
+}
+
+double momentary(const Statistics &statistics)
+{
+    double lufs = 1.0;
+    DSPB_StatisticsMomentaryLoudness(statistics.get(), &lufs);
+    return lufs;
+}
+
+double shortTerm(const Statistics &statistics)
+{
+    double lufs = 1.0;
+    DSPB_StatisticsShortTermLoudness(statistics.get(), &lufs);
+    return lufs;
+}
+
+double samplePeak(const Statistics &statistics, int channel)
+{
+    double peak = -1.0;
+    DSPB_StatisticsMomentarySamplePeak(statistics.get(), channel, &peak);
+    return peak;
+}
+
+double truePeak(const Statistics &statistics, int channel)
+{
+    double peak = -1.0;
+    DSPB_StatisticsMomentaryTruePeak(statistics.get(), channel, &peak);
+    return peak;
+}
+
+double linear(double db)
+{
+    return std::pow(10.0, db / 20.0);
+}
+
+/// Interleaved test signals as the EBU's technical documents describe them: tones of 1 kHz one
+/// after the other, each with a level per channel.
+class Signal
+{
+public:
+    Signal(int rate, int channels) : m_rate(rate), m_channels(channels) {}
+
+    /// Levels in dBFS per channel (silence: -infinity); one level serves all channels.
+    Signal &tone(double seconds, const std::vector<double> &levels)
+    {
+        const int frames = int(std::lround(seconds * m_rate));
+        std::vector<double> amplitudes;
+        for (size_t channel = 0; channel < size_t(m_channels); ++channel)
+            amplitudes.push_back(linear(levels[std::min(channel, levels.size() - 1)]));
+        for (int i = 0; i < frames; ++i, ++m_frame) {
+            const double value = std::sin(2.0 * std::numbers::pi * 1000.0 * m_frame / m_rate);
+            for (const double amplitude : amplitudes)
+                samples.push_back(float(amplitude * value));
+        }
+        return *this;
+    }
+
+    Signal &pause(double seconds)
+    {
+        return tone(seconds, {-std::numeric_limits<double>::infinity()});
+    }
+
+    int frames() const { return int(samples.size()) / m_channels; }
+
+    std::vector<float> samples;
+
+private:
+    int m_rate;
+    int m_channels;
+    int64_t m_frame = 0;
+};
+
+/// Feeds the signal in blocks and calls `look(seconds)` after each.
+template <typename Look>
+void feed(const Statistics &statistics, const Signal &signal, int channels, int rate,
+          int blockFrames, const Look &look)
+{
+    for (int done = 0; done < signal.frames();) {
+        const int frames = std::min(blockFrames, signal.frames() - done);
+        DSPB_StatisticsAddFrames(statistics.get(), signal.samples.data() + done * channels, frames);
+        done += frames;
+        look(double(done) / rate);
+    }
+}
+
+std::vector<float> noise(size_t samples, unsigned seed, float amplitude = 0.5F)
+{
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> sample(-amplitude, amplitude);
+    std::vector<float> values(samples);
+    for (float &value : values)
+        value = sample(random);
+    return values;
+}
+
+struct DestroyReference
+{
+    void operator()(ebur128_state *state) const { ebur128_destroy(&state); }
+};
+using Reference = std::unique_ptr<ebur128_state, DestroyReference>;
+
+Reference makeReference(int rate, int channels)
+{
+    const int mode =
+        EBUR128_MODE_M | EBUR128_MODE_S | EBUR128_MODE_SAMPLE_PEAK | EBUR128_MODE_TRUE_PEAK;
+    Reference reference(ebur128_init(unsigned(channels), static_cast<unsigned long>(rate), mode));
+    if (channels == 8) {
+        static constexpr int order[] = {
+            EBUR128_LEFT,          EBUR128_RIGHT,          EBUR128_CENTER, EBUR128_UNUSED,
+            EBUR128_LEFT_SURROUND, EBUR128_RIGHT_SURROUND, EBUR128_Mp110,  EBUR128_Mm110};
+        for (unsigned channel = 0; channel < 8; ++channel)
+            ebur128_set_channel(reference.get(), channel, order[channel]);
+    } else if (channels > 6) {
+        for (unsigned channel = 0; channel < unsigned(channels); ++channel)
+            ebur128_set_channel(reference.get(), channel, EBUR128_LEFT);
+    }
+    return reference;
+}
+
+} // namespace
+
+class tst_statistics : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void create_refuses_whatCannotBeMeasured_data();
+    void create_refuses_whatCannotBeMeasured();
+    void calls_areHarmless_withoutAHandle();
+    void calls_areHarmless_withoutData();
+    void destroy_clearsTheVariable();
+    void queries_giveSilence_whenNotAskedFor();
+
+    void measures_agreeWithTheReference_data();
+    void measures_agreeWithTheReference();
+    void measures_areTheSameBits_onEveryInstructionSet();
+
+    void loudness_isNever_belowMinus120();
+    void loudness_fallsToSilence_afterTheWindow();
+    void loudness_countsMissingTimeAsSilence();
+    void loudness_addsUp_over128Channels();
+    void loudness_weighsChannels_byTheirCount_data();
+    void loudness_weighsChannels_byTheirCount();
+    void loudness_isSteady_forPublishedTones_data();
+    void loudness_isSteady_forPublishedTones();
+    void shortTerm_findsShortTones_whereverTheyBegin();
+    void momentary_findsShortTones_whereverTheyBegin();
+    void loudness_doesNotDepend_onTheCutting();
+
+    void samplePeak_isOfTheLastFramesOnly();
+    void samplePeak_keepsChannelsApart_data();
+    void samplePeak_keepsChannelsApart();
+    void truePeak_ofPublishedTones_data();
+    void truePeak_ofPublishedTones();
+    void truePeak_isTheSamplePeak_from192kHz();
+    void truePeak_doesNotDepend_onTheCutting();
+    void samples_thatAreNotFinite_countAsZero();
+    void samples_beyondReason_areHeldWithin();
+
+    void kWeighting_isTheTable_at48kHz();
+    void kWeighting_keepsItsShape_atOtherRates_data();
+    void kWeighting_keepsItsShape_atOtherRates();
+    void anyRate_isHarmless();
+    void addFrames_doesNotAllocate();
+};
+
+void tst_statistics::create_refuses_whatCannotBeMeasured_data()
+{
+    QTest::addColumn<int>("rate");
+    QTest::addColumn<int>("channels");
+    QTest::newRow("no channels") << 48000 << 0;
+    QTest::newRow("negative channels") << 48000 << -1;
+    QTest::newRow("too many channels") << 48000 << 129;
+    QTest::newRow("no rate") << 0 << 2;
+    QTest::newRow("negative rate") << -48000 << 2;
+    QTest::newRow("rate too high") << std::numeric_limits<int>::max() << 2;
+}
+
+void tst_statistics::create_refuses_whatCannotBeMeasured()
+{
+    QFETCH(const int, rate);
+    QFETCH(const int, channels);
+    QVERIFY(!DSPB_StatisticsCreate(rate, channels, 16, levelMeasures));
+}
+
+void tst_statistics::calls_areHarmless_withoutAHandle()
+{
+    const Statistics none;
+    const std::vector<float> frames(64, 1.0F);
+    DSPB_StatisticsAddFrames(nullptr, frames.data(), 32);
+    QCOMPARE(momentary(none), silence);
+    QCOMPARE(shortTerm(none), silence);
+    QCOMPARE(samplePeak(none, 0), 0.0);
+    QCOMPARE(truePeak(none, 0), 0.0);
+    DSPB_StatisticsDestroy(nullptr);
+}
+
+void tst_statistics::calls_areHarmless_withoutData()
+{
+    const Statistics statistics = makeStatistics(48000, 2);
+    const std::vector<float> frames(64, 0.5F);
+    DSPB_StatisticsAddFrames(statistics.get(), frames.data(), 32);
+    DSPB_StatisticsAddFrames(statistics.get(), nullptr, 32);
+    DSPB_StatisticsAddFrames(statistics.get(), frames.data(), 0);
+    DSPB_StatisticsAddFrames(statistics.get(), frames.data(), -1);
+    QCOMPARE(samplePeak(statistics, 0), 0.5);
+    QCOMPARE(samplePeak(statistics, 2), 0.0);
+    QCOMPARE(samplePeak(statistics, -1), 0.0);
+    QCOMPARE(truePeak(statistics, 2), 0.0);
+    QCOMPARE(truePeak(statistics, -1), 0.0);
+    DSPB_StatisticsMomentaryLoudness(statistics.get(), nullptr);
+    DSPB_StatisticsShortTermLoudness(statistics.get(), nullptr);
+    DSPB_StatisticsMomentarySamplePeak(statistics.get(), 0, nullptr);
+    DSPB_StatisticsMomentaryTruePeak(statistics.get(), 0, nullptr);
+}
+
+void tst_statistics::destroy_clearsTheVariable()
+{
+    DSPB_Statistics *statistics = DSPB_StatisticsCreate(48000, 2, 16, levelMeasures);
+    QVERIFY(statistics);
+    DSPB_StatisticsDestroy(&statistics);
+    QVERIFY(!statistics);
+    DSPB_StatisticsDestroy(&statistics);
+    QVERIFY(!statistics);
+}
+
+void tst_statistics::queries_giveSilence_whenNotAskedFor()
+{
+    const std::vector<float> frames = noise(2 * 48000, 1);
+    const Statistics levels = makeStatistics(48000, 2, levelMeasures);
+    DSPB_StatisticsAddFrames(levels.get(), frames.data(), 48000);
+    QVERIFY(momentary(levels) > -20.0);
+    QVERIFY(shortTerm(levels) > -20.0);
+    QVERIFY(samplePeak(levels, 0) > 0.4);
+    QCOMPARE(truePeak(levels, 0), 0.0);
+
+    const Statistics peaks = makeStatistics(48000, 2, truePeakMeasures);
+    DSPB_StatisticsAddFrames(peaks.get(), frames.data(), 48000);
+    QCOMPARE(momentary(peaks), silence);
+    QCOMPARE(shortTerm(peaks), silence);
+    QCOMPARE(samplePeak(peaks, 0), 0.0);
+    QVERIFY(truePeak(peaks, 0) > 0.4);
+}
+
+void tst_statistics::measures_agreeWithTheReference_data()
+{
+    QTest::addColumn<int>("rate");
+    QTest::addColumn<int>("channels");
+    for (const int rate : {8000, 32000, 44100, 48000, 88200, 96000, 176400, 192000})
+        for (const int channels : {1, 2, 3, 4, 5, 6, 7, 8, 12})
+            QTest::addRow("%d Hz, %d channels", rate, channels) << rate << channels;
+}
+
+void tst_statistics::measures_agreeWithTheReference()
+{
+    QFETCH(const int, rate);
+    QFETCH(const int, channels);
+    constexpr double loudnessTolerance = 0.01; // LU
+    constexpr double peakTolerance = 1e-5;
+    const Statistics statistics = makeStatistics(rate, channels);
+    const Reference reference = makeReference(rate, channels);
+    QVERIFY(reference);
+    const int blockFrames = rate * 42 / 1000;
+    for (unsigned block = 0; block < 90; ++block) {
+        // Loud and soft by turns, every channel at a level of its own.
+        std::vector<float> frames =
+            noise(size_t(blockFrames * channels), block, block % 20 < 12 ? 0.9F : 0.3F);
+        for (size_t i = 0; i < frames.size(); ++i)
+            frames[i] /= float(1 + i % size_t(channels));
+        DSPB_StatisticsAddFrames(statistics.get(), frames.data(), blockFrames);
+        ebur128_add_frames_float(reference.get(), frames.data(), size_t(blockFrames));
+
+        double expected = 0.0;
+        ebur128_loudness_momentary(reference.get(), &expected);
+        QVERIFY(std::abs(momentary(statistics) - expected) < loudnessTolerance);
+        if (block % 5 == 4) {
+            ebur128_loudness_shortterm(reference.get(), &expected);
+            QVERIFY(std::abs(shortTerm(statistics) - expected) < loudnessTolerance);
+        }
+        for (unsigned channel = 0; channel < unsigned(channels); ++channel) {
+            ebur128_prev_sample_peak(reference.get(), channel, &expected);
+            QCOMPARE(samplePeak(statistics, int(channel)), expected);
+            ebur128_prev_true_peak(reference.get(), channel, &expected);
+            QVERIFY(std::abs(truePeak(statistics, int(channel)) - expected) < peakTolerance);
+        }
+    }
+}
+
+void tst_statistics::measures_areTheSameBits_onEveryInstructionSet()
+{
+    const std::vector<int64_t> targets = vectorTargets();
+    QVERIFY(!targets.empty());
+    for (const int rate : {44100, 96000}) {
+        for (const int channels : {1, 2, 3, 8, 33, 128}) {
+            const std::vector<float> frames = noise(size_t(6000 * channels), 77);
+            const auto readings = [&] {
+                const Statistics statistics = makeStatistics(rate, channels);
+                for (const int part : {0, 2000, 4000})
+                    DSPB_StatisticsAddFrames(statistics.get(), frames.data() + part * channels,
+                                             part == 4000 ? 1999 : 2000);
+                std::vector<double> values{momentary(statistics), shortTerm(statistics)};
+                for (int channel = 0; channel < channels; ++channel) {
+                    values.push_back(samplePeak(statistics, channel));
+                    values.push_back(truePeak(statistics, channel));
+                }
+                return values;
+            };
+            const std::vector<double> best = readings();
+            for (const int64_t target : targets) {
+                const OnlyTarget only(target);
+                QVERIFY2(readings() == best, hwy::TargetName(target));
+            }
+        }
+    }
+}
+
+void tst_statistics::loudness_isNever_belowMinus120()
+{
+    const Statistics statistics = makeStatistics(48000, 2);
+    QCOMPARE(momentary(statistics), silence);
+    QCOMPARE(shortTerm(statistics), silence);
+    const std::vector<float> zeros(2 * 48000, 0.0F);
+    DSPB_StatisticsAddFrames(statistics.get(), zeros.data(), 48000);
+    QCOMPARE(momentary(statistics), silence);
+    QCOMPARE(shortTerm(statistics), silence);
+    const std::vector<float> faint(2 * 48000, 1e-20F);
+    DSPB_StatisticsAddFrames(statistics.get(), faint.data(), 48000);
+    QCOMPARE(momentary(statistics), silence);
+    const std::vector<float> smallest(2 * 48000, std::numeric_limits<float>::denorm_min());
+    DSPB_StatisticsAddFrames(statistics.get(), smallest.data(), 48000);
+    QCOMPARE(shortTerm(statistics), silence);
+}
+
+void tst_statistics::loudness_fallsToSilence_afterTheWindow()
+{
+    const Statistics statistics = makeStatistics(48000, 2);
+    Signal signal(48000, 2);
+    signal.tone(4.0, {-6.0}).pause(4.5);
+    feed(statistics, signal, 2, 48000, 480, [&](double seconds) {
+        // The low cut's own tail lasts a little longer than the tone.
+        if (seconds > 4.0 + 0.4 + 0.6)
+            QCOMPARE(momentary(statistics), silence);
+        if (seconds > 4.0 && seconds < 4.0 + 2.9)
+            QVERIFY(shortTerm(statistics) > -30.0);
+    });
+    QCOMPARE(shortTerm(statistics), silence);
+}
+
+void tst_statistics::loudness_countsMissingTimeAsSilence()
+{
+    const Statistics statistics = makeStatistics(48000, 2);
+    Signal signal(48000, 2);
+    signal.tone(0.3, {-20.0});
+    feed(statistics, signal, 2, 48000, 2016, [](double) {});
+    constexpr double tolerance = 0.05; // LU; the filters start up within it
+    QVERIFY(std::abs(momentary(statistics) - (-20.0 + 10.0 * std::log10(0.3 / 0.4))) < tolerance);
+    QVERIFY(std::abs(shortTerm(statistics) - (-20.0 + 10.0 * std::log10(0.3 / 3.0))) < tolerance);
+}
+
+void tst_statistics::loudness_addsUp_over128Channels()
+{
+    const Statistics statistics = makeStatistics(48000, 128);
+    QVERIFY(statistics);
+    Signal signal(48000, 128);
+    signal.tone(3.0, {-40.0});
+    feed(statistics, signal, 128, 48000, 2016, [](double) {});
+    // A stereo tone of -40 dBFS measures -40 LUFS.
+    const double expected = -40.0 + 10.0 * std::log10(128.0 / 2.0);
+    QVERIFY(std::abs(momentary(statistics) - expected) < 0.01);
+    QVERIFY(std::abs(shortTerm(statistics) - expected) < 0.05);
+}
+
+void tst_statistics::loudness_weighsChannels_byTheirCount_data()
+{
+    QTest::addColumn<QList<double>>("weights");
+    QTest::newRow("1") << QList<double>{1};
+    QTest::newRow("2") << QList<double>{1, 1};
+    QTest::newRow("3") << QList<double>{1, 1, 1};
+    QTest::newRow("4: L R Ls Rs") << QList<double>{1, 1, 1.41, 1.41};
+    QTest::newRow("5: L R C Ls Rs") << QList<double>{1, 1, 1, 1.41, 1.41};
+    QTest::newRow("6: L R C LFE Ls Rs") << QList<double>{1, 1, 1, 0, 1.41, 1.41};
+    QTest::newRow("7") << QList<double>{1, 1, 1, 1, 1, 1, 1};
+    QTest::newRow("8: 7.1") << QList<double>{1, 1, 1, 0, 1.41, 1.41, 1.41, 1.41};
+    QTest::newRow("9") << QList<double>(9, 1.0);
+    QTest::newRow("128") << QList<double>(128, 1.0);
+}
+
+void tst_statistics::loudness_weighsChannels_byTheirCount()
+{
+    QFETCH(const QList<double>, weights);
+    const int channels = int(weights.size());
+    for (int channel = 0; channel<channels; channel += channels> 9 ? 31 : 1) {
+        const Statistics statistics = makeStatistics(48000, channels, levelMeasures);
+        std::vector<double> levels(size_t(channels), -std::numeric_limits<double>::infinity());
+        levels[size_t(channel)] = -20.0;
+        Signal signal(48000, channels);
+        signal.tone(0.5, levels);
+        feed(statistics, signal, channels, 48000, 2016, [](double) {});
+        // One channel alone is 3.01 dB below a stereo tone.
+        const double weight = weights[channel];
+        const double expected = weight > 0.0 ? -23.01 + 10.0 * std::log10(weight) : silence;
+        QVERIFY2(std::abs(momentary(statistics) - expected) < 0.02,
+                 QByteArray::number(momentary(statistics)));
+    }
+}
+
+void tst_statistics::loudness_isSteady_forPublishedTones_data()
+{
+    // EBU Tech 3341, table 1: signals 1, 2, 6, 9 and 12; the tolerance is theirs.
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<bool>("isMomentary");
+    QTest::addColumn<double>("expected");
+    QTest::newRow("1: stereo -23 dBFS, momentary") << 1 << true << -23.0;
+    QTest::newRow("1: stereo -23 dBFS, short-term") << 1 << false << -23.0;
+    QTest::newRow("2: stereo -33 dBFS, momentary") << 2 << true << -33.0;
+    QTest::newRow("2: stereo -33 dBFS, short-term") << 2 << false << -33.0;
+    QTest::newRow("6: five channels, momentary") << 6 << true << -23.0;
+    QTest::newRow("6: five channels, short-term") << 6 << false << -23.0;
+    QTest::newRow("9: changes within 3 s, short-term") << 9 << false << -23.0;
+    QTest::newRow("12: changes within 400 ms, momentary") << 12 << true << -23.0;
+}
+
+void tst_statistics::loudness_isSteady_forPublishedTones()
+{
+    QFETCH(const int, signal);
+    QFETCH(const bool, isMomentary);
+    QFETCH(const double, expected);
+    for (const int rate : {44100, 48000, 96000}) {
+        const int channels = signal == 6 ? 5 : 2;
+        Signal material(rate, channels);
+        if (signal == 1)
+            material.tone(6.0, {-23.0});
+        else if (signal == 2)
+            material.tone(6.0, {-33.0});
+        else if (signal == 6)
+            material.tone(6.0, {-28.0, -28.0, -24.0, -30.0, -30.0});
+        else if (signal == 9)
+            for (int i = 0; i < 3; ++i)
+                material.tone(1.34, {-20.0}).tone(1.66, {-30.0});
+        else
+            for (int i = 0; i < 12; ++i)
+                material.tone(0.18, {-20.0}).tone(0.22, {-30.0});
+        const Statistics statistics = makeStatistics(rate, channels, levelMeasures);
+        int looks = 0;
+        feed(statistics, material, channels, rate, rate / 100, [&](double seconds) {
+            if (seconds < (isMomentary ? 1.0 : 3.0))
+                return;
+            const double measured = isMomentary ? momentary(statistics) : shortTerm(statistics);
+            QVERIFY2(std::abs(measured - expected) <= 0.1, QByteArray::number(measured));
+            ++looks;
+        });
+        QVERIFY(looks > 100);
+    }
+}
+
+void tst_statistics::shortTerm_findsShortTones_whereverTheyBegin()
+{
+    // EBU Tech 3341, signal 10: the largest short-term loudness of 3 s of tone is the tone's.
+    for (int i = 0; i < 20; i += 3) {
+        Signal signal(48000, 2);
+        signal.pause(i * 0.150).tone(3.0, {-23.0}).pause(1.0);
+        const Statistics statistics = makeStatistics(48000, 2, levelMeasures);
+        double largest = silence;
+        feed(statistics, signal, 2, 48000, 480,
+             [&](double) { largest = std::max(largest, shortTerm(statistics)); });
+        QVERIFY2(std::abs(largest + 23.0) <= 0.1, QByteArray::number(largest));
+    }
+}
+
+void tst_statistics::momentary_findsShortTones_whereverTheyBegin()
+{
+    // EBU Tech 3341, signal 13: the same for 400 ms and the momentary loudness.
+    for (int i = 0; i < 20; ++i) {
+        Signal signal(48000, 2);
+        signal.pause(i * 0.020).tone(0.4, {-23.0}).pause(1.0);
+        const Statistics statistics = makeStatistics(48000, 2, levelMeasures);
+        double largest = silence;
+        feed(statistics, signal, 2, 48000, 480,
+             [&](double) { largest = std::max(largest, momentary(statistics)); });
+        QVERIFY2(std::abs(largest + 23.0) <= 0.1, QByteArray::number(largest));
+    }
+}
+
+void tst_statistics::loudness_doesNotDepend_onTheCutting()
+{
+    constexpr int frames = 3 * 44100;
+    const std::vector<float> samples = noise(2 * frames, 21);
+    const Statistics whole = makeStatistics(44100, 2);
+    const Statistics pieces = makeStatistics(44100, 2);
+    DSPB_StatisticsAddFrames(whole.get(), samples.data(), frames);
+    std::mt19937 random(22);
+    for (int done = 0; done < frames;) {
+        const int piece = std::min(frames - done, int(random() % 700) + 1);
+        DSPB_StatisticsAddFrames(pieces.get(), samples.data() + 2 * done, piece);
+        done += piece;
+    }
+    QVERIFY(std::abs(momentary(whole) - momentary(pieces)) < 1e-9);
+    QVERIFY(std::abs(shortTerm(whole) - shortTerm(pieces)) < 1e-9);
+}
+
+void tst_statistics::samplePeak_isOfTheLastFramesOnly()
+{
+    const Statistics statistics = makeStatistics(48000, 1, levelMeasures);
+    QCOMPARE(samplePeak(statistics, 0), 0.0);
+    std::vector<float> block(2016, 0.0F);
+    block[0] = -0.5F;
+    DSPB_StatisticsAddFrames(statistics.get(), block.data(), 2016);
+    QCOMPARE(samplePeak(statistics, 0), 0.5);
+    block[0] = 0.0F;
+    block[2015] = 0.25F;
+    DSPB_StatisticsAddFrames(statistics.get(), block.data(), 2016);
+    QCOMPARE(samplePeak(statistics, 0), 0.25);
+    block[2015] = 0.0F;
+    DSPB_StatisticsAddFrames(statistics.get(), block.data(), 2016);
+    QCOMPARE(samplePeak(statistics, 0), 0.0);
+}
+
+void tst_statistics::samplePeak_keepsChannelsApart_data()
+{
+    QTest::addColumn<int>("channels");
+    for (const int channels : {1, 2, 3, 5, 8, 9, 16, 31, 64, 127, 128})
+        QTest::addRow("%d", channels) << channels;
+}
+
+void tst_statistics::samplePeak_keepsChannelsApart()
+{
+    QFETCH(const int, channels);
+    for (const int frames : {1, 2, 3, 31, 257, 2016}) {
+        const Statistics statistics = makeStatistics(48000, channels);
+        std::vector<float> block(size_t(frames * channels), 0.0F);
+        for (int channel = 0; channel < channels; ++channel) {
+            const int frame = (channel * 37) % frames;
+            block[size_t(frame * channels + channel)] = float(channel + 1) / -256.0F;
+        }
+        DSPB_StatisticsAddFrames(statistics.get(), block.data(), frames);
+        for (int channel = 0; channel < channels; ++channel) {
+            QCOMPARE(samplePeak(statistics, channel), (channel + 1) / 256.0);
+            QCOMPARE(truePeak(statistics, channel), (channel + 1) / 256.0);
+        }
+    }
+}
+
+void tst_statistics::truePeak_ofPublishedTones_data()
+{
+    // EBU Tech 3341, signals 15 to 19, tolerance +0.2/-0.4 dB.
+    QTest::addColumn<int>("divider");
+    QTest::addColumn<double>("degrees");
+    QTest::addColumn<double>("amplitude");
+    QTest::addColumn<double>("expected");
+    QTest::newRow("15") << 4 << 0.0 << 0.5 << -6.0;
+    QTest::newRow("16") << 4 << 45.0 << 0.5 << -6.0;
+    QTest::newRow("17") << 6 << 60.0 << 0.5 << -6.0;
+    QTest::newRow("18") << 8 << 67.5 << 0.5 << -6.0;
+    QTest::newRow("19") << 4 << 45.0 << 1.41 << 3.0;
+}
+
+void tst_statistics::truePeak_ofPublishedTones()
+{
+    QFETCH(const int, divider);
+    QFETCH(const double, degrees);
+    QFETCH(const double, amplitude);
+    QFETCH(const double, expected);
+    for (const int rate : {48000, 44100, 96000}) {
+        const Statistics statistics = makeStatistics(rate, 1, truePeakMeasures);
+        std::vector<float> samples(static_cast<size_t>(rate));
+        for (size_t i = 0; i < samples.size(); ++i) {
+            const double angle =
+                2.0 * std::numbers::pi * double(i) / divider + degrees * std::numbers::pi / 180.0;
+            // Faded in, as the sudden start of a sine has peaks of its own.
+            const double fade = std::min(1.0, double(i) / 1000.0);
+            samples[i] = float(fade * amplitude * std::sin(angle));
+        }
+        DSPB_StatisticsAddFrames(statistics.get(), samples.data(), rate);
+        const double measured = 20.0 * std::log10(truePeak(statistics, 0));
+        QVERIFY2(measured <= expected + 0.2 && measured >= expected - 0.4,
+                 QByteArray::number(measured));
+    }
+}
+
+void tst_statistics::truePeak_isTheSamplePeak_from192kHz()
+{
+    const Statistics statistics = makeStatistics(192000, 2);
+    const std::vector<float> frames = noise(2 * 8064, 31);
+    DSPB_StatisticsAddFrames(statistics.get(), frames.data(), 8064);
+    QCOMPARE(truePeak(statistics, 0), samplePeak(statistics, 0));
+    QCOMPARE(truePeak(statistics, 1), samplePeak(statistics, 1));
+}
+
+void tst_statistics::truePeak_doesNotDepend_onTheCutting()
+{
+    constexpr int frames = 20000;
+    for (const int rate : {48000, 96000}) {
+        const std::vector<float> samples = noise(3 * frames, 41);
+        const Statistics whole = makeStatistics(rate, 3, truePeakMeasures);
+        const Statistics pieces = makeStatistics(rate, 3, truePeakMeasures);
+        DSPB_StatisticsAddFrames(whole.get(), samples.data(), frames);
+        std::mt19937 random(42);
+        double largest = 0.0;
+        for (int done = 0; done < frames;) {
+            const int piece = std::min(frames - done, int(random() % 40) + 1);
+            DSPB_StatisticsAddFrames(pieces.get(), samples.data() + 3 * done, piece);
+            largest = std::max(largest, truePeak(pieces, 1));
+            done += piece;
+        }
+        QCOMPARE(largest, truePeak(whole, 1));
+    }
+}
+
+void tst_statistics::samples_thatAreNotFinite_countAsZero()
+{
+    std::vector<float> wrong = noise(2 * 24000, 51);
+    std::vector<float> right = wrong;
+    const float infinity = std::numeric_limits<float>::infinity();
+    const float values[] = {std::numeric_limits<float>::quiet_NaN(), infinity, -infinity};
+    for (size_t i = 0; i < wrong.size(); i += 101) {
+        wrong[i] = values[i % 3];
+        right[i] = 0.0F;
+    }
+    wrong.back() = values[0];
+    right.back() = 0.0F;
+    const Statistics first = makeStatistics(48000, 2);
+    const Statistics second = makeStatistics(48000, 2);
+    // An odd count ends beside every vector length.
+    DSPB_StatisticsAddFrames(first.get(), wrong.data() + 2, 23999);
+    DSPB_StatisticsAddFrames(second.get(), right.data() + 2, 23999);
+    QCOMPARE(momentary(first), momentary(second));
+    QCOMPARE(shortTerm(first), shortTerm(second));
+    for (int channel = 0; channel < 2; ++channel) {
+        QCOMPARE(samplePeak(first, channel), samplePeak(second, channel));
+        QCOMPARE(truePeak(first, channel), truePeak(second, channel));
+    }
+}
+
+void tst_statistics::samples_beyondReason_areHeldWithin()
+{
+    const Statistics statistics = makeStatistics(48000, 1);
+    std::vector<float> frames(2016, std::numeric_limits<float>::max());
+    for (size_t i = 0; i < frames.size(); i += 2)
+        frames[i] = std::numeric_limits<float>::lowest();
+    DSPB_StatisticsAddFrames(statistics.get(), frames.data(), 2016);
+    QCOMPARE(samplePeak(statistics, 0), double(1e30F));
+    QVERIFY(std::isfinite(truePeak(statistics, 0)));
+    QVERIFY(std::isfinite(momentary(statistics)));
+    const std::vector<float> zeros(48000, 0.0F);
+    for (int second = 0; second < 5; ++second)
+        DSPB_StatisticsAddFrames(statistics.get(), zeros.data(), 48000);
+    QCOMPARE(shortTerm(statistics), silence);
+    QCOMPARE(truePeak(statistics, 0), 0.0);
+}
+
+void tst_statistics::kWeighting_isTheTable_at48kHz()
+{
+    const auto weighting = QTovelMixer::KWeighting::forRate(48000);
+    constexpr double tolerance = 1e-12;
+    QVERIFY(std::abs(weighting.shelf.b0 - 1.53512485958697) < tolerance);
+    QVERIFY(std::abs(weighting.shelf.b1 - -2.69169618940638) < tolerance);
+    QVERIFY(std::abs(weighting.shelf.b2 - 1.19839281085285) < tolerance);
+    QVERIFY(std::abs(weighting.shelf.a1 - -1.69065929318241) < tolerance);
+    QVERIFY(std::abs(weighting.shelf.a2 - 0.73248077421585) < tolerance);
+    QCOMPARE(weighting.lowCut.b0, 1.0);
+    QCOMPARE(weighting.lowCut.b1, -2.0);
+    QCOMPARE(weighting.lowCut.b2, 1.0);
+    QVERIFY(std::abs(weighting.lowCut.a1 - -1.99004745483398) < tolerance);
+    QVERIFY(std::abs(weighting.lowCut.a2 - 0.99007225036621) < tolerance);
+}
+
+void tst_statistics::kWeighting_keepsItsShape_atOtherRates_data()
+{
+    QTest::addColumn<int>("rate");
+    for (const int rate : {16000, 32000, 44100, 88200, 96000, 192000})
+        QTest::addRow("%d Hz", rate) << rate;
+}
+
+void tst_statistics::kWeighting_keepsItsShape_atOtherRates()
+{
+    QFETCH(const int, rate);
+    const auto gainDb = [](const QTovelMixer::Biquad &biquad, double frequency, int sampleRate) {
+        const double angle = 2.0 * std::numbers::pi * frequency / sampleRate;
+        const std::complex<double> z = std::polar(1.0, -angle);
+        const auto response = (biquad.b0 + biquad.b1 * z + biquad.b2 * z * z) /
+                              (1.0 + biquad.a1 * z + biquad.a2 * z * z);
+        return 20.0 * std::log10(std::abs(response));
+    };
+    const auto reference = QTovelMixer::KWeighting::forRate(48000);
+    const auto weighting = QTovelMixer::KWeighting::forRate(rate);
+    // The warping of frequencies and the low cut's gain, which the standard leaves open.
+    constexpr double tolerance = 0.1;
+    for (const double frequency : {30.0, 60.0, 200.0, 1000.0, 1700.0, 2500.0}) {
+        QVERIFY(std::abs(gainDb(weighting.shelf, frequency, rate) -
+                         gainDb(reference.shelf, frequency, 48000)) <
+                (rate < 32000 ? 0.3 : tolerance));
+        QVERIFY(std::abs(gainDb(weighting.lowCut, frequency, rate) -
+                         gainDb(reference.lowCut, frequency, 48000)) < tolerance);
+    }
+}
+
+void tst_statistics::anyRate_isHarmless()
+{
+    for (const int rate : {1, 2, 10, 50, 100, 1000, 3600, 4000, 7999, 1536000}) {
+        const Statistics statistics = makeStatistics(rate, 2);
+        QVERIFY(statistics);
+        const std::vector<float> frames = noise(2 * 5000, 61);
+        for (int block = 0; block < 10; ++block)
+            DSPB_StatisticsAddFrames(statistics.get(), frames.data(), 5000);
+        QVERIFY(momentary(statistics) > -40.0 && momentary(statistics) < 10.0);
+        QVERIFY(shortTerm(statistics) > -40.0 && shortTerm(statistics) < 10.0);
+        QVERIFY(truePeak(statistics, 1) >= samplePeak(statistics, 1));
+    }
+}
+
+void tst_statistics::addFrames_doesNotAllocate()
+{
+    for (const int channels : {2, 128}) {
+        const std::vector<float> frames = noise(size_t(2016 * channels), 71);
+        const Statistics statistics = makeStatistics(48000, channels);
+        const long before = allocations;
+        for (int block = 0; block < 10; ++block) {
+            DSPB_StatisticsAddFrames(statistics.get(), frames.data(), 2016);
+            momentary(statistics);
+            shortTerm(statistics);
+            truePeak(statistics, 0);
+        }
+        QCOMPARE(allocations.load(), before);
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_statistics)
+#include "tst_statistics.moc"
