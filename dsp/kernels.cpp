@@ -387,8 +387,45 @@ struct ToFloat
     }
 };
 
+#if HWY_TARGET == HWY_AVX2
+
+/// The instruction for this rounds ties to even and makes the lowest integer of what is no number
+/// or far too high or low.
+HWY_INLINE __m256i nearest(const float *in)
+{
+    const Lanes d;
+    return _mm256_cvtps_epi32(hn::Mul(hn::LoadU(d, in), hn::Set(d, 32768.0f)).raw);
+}
+
+HWY_INLINE __m256i pack(__m256i low, __m256i high)
+{
+    return _mm256_permute4x64_epi64(_mm256_packs_epi32(low, high), 0xd8);
+}
+
+/// Four vectors. Does nothing and returns false when one of the results is the lowest there is, for
+/// which there is more than one reason.
+HWY_INLINE bool packShorts(const float *in, short *out)
+{
+    const __m256i a = pack(nearest(in), nearest(in + lanes));
+    const __m256i b = pack(nearest(in + 2 * lanes), nearest(in + 3 * lanes));
+    const __m256i lowest = _mm256_set1_epi16(-32768);
+    if (_mm256_movemask_epi8(_mm256_cmpeq_epi16(_mm256_min_epi16(a, b), lowest)) != 0)
+        return false;
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), a);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + 2 * lanes), b);
+    return true;
+}
+
+#endif
+
 void shorts(const float *in, short *out, std::size_t count)
 {
+#if HWY_TARGET == HWY_AVX2
+    for (; count >= 4 * lanes; count -= 4 * lanes, in += 4 * lanes, out += 4 * lanes) {
+        if (HWY_UNLIKELY(!packShorts(in, out)))
+            forEach(4 * lanes, ToShort{in, out});
+    }
+#endif
     forEach(count, ToShort{in, out});
 }
 

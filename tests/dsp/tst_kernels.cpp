@@ -395,6 +395,10 @@ void tst_Kernels::toShort_roundsTiesToEvenAndClamps()
         {32767.5f / 32768, 32767},
         {-32767.5f / 32768, -32768},
         {-32768.5f / 32768, -32768},
+        {65535.0f, 32767},
+        {65536.0f, 32767},
+        {-65536.0f, -32768},
+        {-65537.0f, -32768},
         {1e30f, 32767},
         {-1e30f, -32768},
         {std::numeric_limits<float>::max(), 32767},
@@ -405,8 +409,8 @@ void tst_Kernels::toShort_roundsTiesToEvenAndClamps()
         {std::numeric_limits<float>::denorm_min(), 0},
     };
     for (const auto &test : cases) {
-        // Once in a whole vector, once as a single sample.
-        for (const std::size_t count : {std::size_t(1), std::size_t(16)}) {
+        // As a single sample, in whole vectors, and in groups of them with a rest.
+        for (const std::size_t count : {std::size_t(1), std::size_t(16), std::size_t(75)}) {
             const std::vector<float> in(count, test.value);
             Shorts out(count, 1);
             Kernels::toShort(in.data(), out.data(), count);

@@ -98,7 +98,8 @@ struct Mix
         for (int k = 0; k < columns; ++k) {
             const std::vector<float> expected = plainly(k);
             const float *out = outputs[std::size_t(k)].constData();
-            if (std::memcmp(out, expected.data(), expected.size() * sizeof(float)) != 0)
+            if (frames > 0 &&
+                std::memcmp(out, expected.data(), expected.size() * sizeof(float)) != 0)
                 return k;
             // Never a fifth sample past the end.
             const std::size_t end = (expected.size() + 3) / 4 * 4;
