@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_BASE_MIRRORED_MEMORY_P_H
+#define QTOVELMIXER_BASE_MIRRORED_MEMORY_P_H
+
+#include <QtCore/QtGlobal>
+
+#include <cstddef>
+
+namespace QTovelMixer {
+
+/// Memory that appears twice, back to back: `data()[i]` and `data()[i + size()]` are one byte, so a
+/// run that starts anywhere in the first half is contiguous. Touched throughout, so using it causes
+/// no page fault. Where the system cannot map memory twice, both halves are plain memory, and the
+/// owner keeps them alike (`isMirrored()` is false).
+class MirroredMemory
+{
+public:
+    enum Way { Mapped, Copied };
+
+    /// At least `bytes` bytes (0 gives none); by mapping, the size is rounded up to whole pages.
+    explicit MirroredMemory(size_t bytes, Way preferred = Mapped);
+    ~MirroredMemory();
+    Q_DISABLE_COPY_MOVE(MirroredMemory)
+
+    char *data() const { return start; }
+    size_t size() const { return half; }
+    bool isMirrored() const { return mirrored; }
+
+private:
+    char *start = nullptr;
+    size_t half = 0;
+    bool mirrored = false;
+};
+
+/// Per platform: maps at least `bytes` bytes (more than 0) twice and sets `bytes` to what was
+/// mapped; null when that fails.
+char *mapTwice(size_t &bytes);
+
+/// Per platform: gives back what `mapTwice` made; `bytes` as it was set.
+void unmapTwice(char *start, size_t bytes);
+
+} // namespace QTovelMixer
+
+#endif

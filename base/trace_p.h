@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_BASE_TRACE_P_H
+#define QTOVELMIXER_BASE_TRACE_P_H
+
+#include <base/trace_record_p.h>
+
+#include <QtCore/QtGlobal>
+
+namespace QTovelMixer {
+
+/// One crash-trace line, "[TOVEL_DEBUG_MIXER_CRASH_TRACE] ", the event and the items as
+/// " key=value", written as one information message when the object goes out of scope.
+/// On a thread inside an audio callback the line goes through a preallocated queue, and another
+/// thread writes it, in order, within about 10 ms; elsewhere it is written at once. Lines that find
+/// the queue full are counted, and their number is written as a line of its own.
+/// Event and keys must live for ever (string literals), keys without blank and equals sign.
+/// Flags are written as true and false, pointers as 0x and hexadecimal digits.
+/// Threads: any. Real-time: on a marked thread.
+class TraceLine
+{
+public:
+    explicit TraceLine(const char *event) noexcept;
+    /// Writes, or queues, the line.
+    ~TraceLine();
+    Q_DISABLE_COPY_MOVE(TraceLine)
+
+    TraceLine &item(const char *key, bool value) noexcept;
+    TraceLine &item(const char *key, int value) noexcept;
+    TraceLine &item(const char *key, long value) noexcept;
+    TraceLine &item(const char *key, qint64 value) noexcept;
+    TraceLine &item(const char *key, unsigned value) noexcept;
+    TraceLine &item(const char *key, unsigned long value) noexcept;
+    TraceLine &item(const char *key, quint64 value) noexcept;
+    TraceLine &item(const char *key, double value) noexcept;
+    TraceLine &item(const char *key, const void *value) noexcept;
+    /// Text has no fixed size.
+    TraceLine &item(const char *key, const char *value) = delete;
+
+private:
+    TraceRecord record;
+};
+
+/// Marks the thread as being inside an audio callback; may be nested.
+/// Real-time: yes.
+class AudioThreadMark
+{
+public:
+    AudioThreadMark() noexcept;
+    ~AudioThreadMark();
+    Q_DISABLE_COPY_MOVE(AudioThreadMark)
+};
+
+/// Whether the calling thread is inside an audio callback.
+/// Real-time: yes.
+bool isAudioThread() noexcept;
+
+/// Takes the queue's memory and starts the thread that writes queued lines, if that has not
+/// happened yet. Until then queued lines wait. Call before the first audio callback.
+/// Threads: any but audio. Real-time: no.
+void prepareTrace();
+
+/// Returns when every line queued so far has been written.
+/// Threads: any but audio. Real-time: no.
+void flushTrace();
+
+} // namespace QTovelMixer
+
+#endif
