@@ -16,6 +16,47 @@ namespace {
 // A cache line, and more than the vectors of any machine need.
 constexpr std::align_val_t storageAlignment{64};
 
+using Kernels::add;
+using Kernels::fill;
+using Kernels::multiply;
+using Kernels::multiplyAdd;
+
+// Nothing mixes integers, so that plain loops will do for them. Sums wrap around.
+void fill(short *x, std::size_t count, short value) noexcept
+{
+    std::fill_n(x, count, value);
+}
+
+void add(short *x, std::size_t count, short value) noexcept
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = short(x[i] + value);
+}
+
+void multiply(short *x, std::size_t count, short value) noexcept
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = short(x[i] * value);
+}
+
+void add(short *x, const short *y, std::size_t count) noexcept
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = short(x[i] + y[i]);
+}
+
+void multiply(short *x, const short *y, std::size_t count) noexcept
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = short(x[i] * y[i]);
+}
+
+void multiplyAdd(short *x, short gain, const short *y, std::size_t count) noexcept
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = short(x[i] + gain * y[i]);
+}
+
 } // namespace
 
 template <typename T, unsigned Alignment>
@@ -93,54 +134,48 @@ std::size_t aligned_vector<T, Alignment>::groups(std::size_t count) const noexce
 }
 
 template <typename T, unsigned Alignment>
-aligned_vector<T, Alignment> &
-aligned_vector<T, Alignment>::operator=(T value) noexcept requires std::is_floating_point_v<T>
+aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator=(T value) noexcept
 {
-    Kernels::fill(block->data, groups(size()), value);
+    fill(block->data, groups(size()), value);
+    return *this;
+}
+
+template <typename T, unsigned Alignment>
+aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator+=(T value) noexcept
+{
+    add(block->data, groups(size()), value);
+    return *this;
+}
+
+template <typename T, unsigned Alignment>
+aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator*=(T value) noexcept
+{
+    multiply(block->data, groups(size()), value);
     return *this;
 }
 
 template <typename T, unsigned Alignment>
 aligned_vector<T, Alignment> &
-aligned_vector<T, Alignment>::operator+=(T value) noexcept requires std::is_floating_point_v<T>
-{
-    Kernels::add(block->data, groups(size()), value);
-    return *this;
-}
-
-template <typename T, unsigned Alignment>
-aligned_vector<T, Alignment> &
-aligned_vector<T, Alignment>::operator*=(T value) noexcept requires std::is_floating_point_v<T>
-{
-    Kernels::multiply(block->data, groups(size()), value);
-    return *this;
-}
-
-template <typename T, unsigned Alignment>
-aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator+=(
-    const aligned_vector &other) noexcept requires std::is_floating_point_v<T>
+aligned_vector<T, Alignment>::operator+=(const aligned_vector &other) noexcept
 {
     const std::size_t common = std::min(size(), other.size());
-    Kernels::add(block->data, other.block->data, std::min(groups(common), other.groups(common)));
+    add(block->data, other.block->data, std::min(groups(common), other.groups(common)));
     return *this;
 }
 
 template <typename T, unsigned Alignment>
-aligned_vector<T, Alignment> &aligned_vector<T, Alignment>::operator*=(
-    const aligned_vector &other) noexcept requires std::is_floating_point_v<T>
+aligned_vector<T, Alignment> &
+aligned_vector<T, Alignment>::operator*=(const aligned_vector &other) noexcept
 {
     const std::size_t common = std::min(size(), other.size());
-    Kernels::multiply(block->data, other.block->data,
-                      std::min(groups(common), other.groups(common)));
+    multiply(block->data, other.block->data, std::min(groups(common), other.groups(common)));
     return *this;
 }
 
 template <typename T, unsigned Alignment>
-void aligned_vector<T, Alignment>::madd(
-    T gain, const aligned_vector &x) noexcept requires std::is_floating_point_v<T>
+void aligned_vector<T, Alignment>::madd(T gain, const aligned_vector &x) noexcept
 {
-    Kernels::multiplyAdd(block->data, gain, x.block->data,
-                         std::min(groups(size()), x.groups(size())));
+    multiplyAdd(block->data, gain, x.block->data, std::min(groups(size()), x.groups(size())));
 }
 
 template class aligned_vector<float, 16>;

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <type_traits>
 
 namespace QTovelMixer {
 
@@ -16,8 +15,7 @@ struct BufferAccess;
 ///
 /// Copying a handle shares the block: what is written through one handle is read through the
 /// others. The last handle to go frees the storage that the block allocated; wrapped memory is
-/// never freed. Instances exist for `<float, 16>` and `<short, 16>`; the arithmetic is there for
-/// floats only.
+/// never freed. Instances exist for `<float, 16>` and `<short, 16>`.
 ///
 /// The arithmetic works in groups of four samples and may touch up to three samples past `size()`,
 /// never past `capacity()`. Everything else is exact to the sample.
@@ -72,20 +70,18 @@ public:
     void copyContents(const aligned_vector &other) noexcept;
 
     /// Sets every sample.
-    aligned_vector &operator=(T value) noexcept requires std::is_floating_point_v<T>;
+    aligned_vector &operator=(T value) noexcept;
     /// Adds to every sample.
-    aligned_vector &operator+=(T value) noexcept requires std::is_floating_point_v<T>;
+    aligned_vector &operator+=(T value) noexcept;
     /// Multiplies every sample.
-    aligned_vector &operator*=(T value) noexcept requires std::is_floating_point_v<T>;
+    aligned_vector &operator*=(T value) noexcept;
     /// Adds element by element over the smaller size of the two.
-    aligned_vector &
-    operator+=(const aligned_vector &other) noexcept requires std::is_floating_point_v<T>;
+    aligned_vector &operator+=(const aligned_vector &other) noexcept;
     /// Multiplies element by element over the smaller size of the two.
-    aligned_vector &
-    operator*=(const aligned_vector &other) noexcept requires std::is_floating_point_v<T>;
+    aligned_vector &operator*=(const aligned_vector &other) noexcept;
     /// Adds `gain` × `x`, element by element over the size of this vector. Multiplies and adds in
     /// two roundings, so that the result is the same on every machine.
-    void madd(T gain, const aligned_vector &x) noexcept requires std::is_floating_point_v<T>;
+    void madd(T gain, const aligned_vector &x) noexcept;
 
 private:
     friend struct BufferAccess;

@@ -98,6 +98,7 @@ private slots:
     void arithmetic_doesNothing_withoutStorage();
     void setSize_staysWithinCapacity();
     void shorts_shareWrapAndClear();
+    void shorts_calculateInWholeGroups();
 };
 
 void tst_AlignedVector::constructor_hasNoStorage_byDefault()
@@ -524,6 +525,21 @@ void tst_AlignedVector::shorts_shareWrapAndClear()
     vector.zero();
     QCOMPARE(vector[0], short(0));
     QVERIFY(!ShortVector().data());
+}
+
+void tst_AlignedVector::shorts_calculateInWholeGroups()
+{
+    ShortVector vector(5);
+    ShortVector other(6);
+    other = 3;
+    vector = 10;
+    vector += 5;
+    vector *= 2;
+    vector += other;
+    vector *= other;
+    vector.madd(-9, other);
+    for (std::size_t i = 0; i < vector.capacity(); ++i)
+        QCOMPARE(vector.data()[i], short(i < 8 ? 72 : 0));
 }
 
 QTEST_GUILESS_MAIN(tst_AlignedVector)
