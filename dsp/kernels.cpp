@@ -675,7 +675,8 @@ bool sameCells(const float *a, const float *b, std::size_t stride, std::size_t r
             differing = hn::Or(differing, hn::Xor(x, y));
         }
         for (; c < columns; ++c) {
-            std::uint32_t x, y;
+            std::uint32_t x = 0;
+            std::uint32_t y = 0;
             std::memcpy(&x, a + c, sizeof x);
             std::memcpy(&y, b + c, sizeof y);
             rest |= x ^ y;

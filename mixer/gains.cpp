@@ -16,7 +16,9 @@ using Tables = std::array<float, 36 * 36>;
 /// Where the table of this shape begins: after all tables of fewer rows, then of fewer columns.
 constexpr std::size_t offset(int rows, int columns)
 {
-    return std::size_t(rows * (rows - 1) / 2 * 36 + rows * (columns * (columns - 1) / 2));
+    const std::size_t r = std::size_t(rows);
+    const std::size_t c = std::size_t(columns);
+    return r * (r - 1) / 2 * 36 + r * (c * (c - 1) / 2);
 }
 
 /// The fraction as its six-digit decimal says, which is what the tables are known by.

@@ -94,6 +94,17 @@ private:
     std::mt19937 random;
 };
 
+/// The addresses of some rows, for what reads or writes them.
+template <typename Sample, typename Rows>
+std::vector<Sample *> addresses(Rows &rows)
+{
+    std::vector<Sample *> result;
+    result.reserve(rows.size());
+    for (auto &row : rows)
+        result.push_back(row.data());
+    return result;
+}
+
 int firstDifference(const Floats &actual, const std::vector<float> &expected)
 {
     for (std::size_t i = 0; i < expected.size(); ++i) {
@@ -297,11 +308,9 @@ void tst_Kernels::deinterleave_movesEverySample()
         const std::size_t frames = samples.below(70);
         const Floats in = samples.floats(stride * frames);
         std::vector<Floats> out;
-        std::vector<float *> planes;
         for (std::size_t c = 0; c < channels; ++c)
             out.emplace_back(frames, samples.below(9));
-        for (Floats &plane : out)
-            planes.push_back(plane.data());
+        const std::vector<float *> planes = addresses<float>(out);
 
         Kernels::deinterleave(in.data(), stride, planes.data(), channels, frames);
 
@@ -324,11 +333,9 @@ void tst_Kernels::deinterleave_scales_whenGivenAGain()
         const float gain = samples.any();
         const Floats in = samples.floats(stride * frames);
         std::vector<Floats> out;
-        std::vector<float *> planes;
         for (std::size_t c = 0; c < channels; ++c)
             out.emplace_back(frames, samples.below(9));
-        for (Floats &plane : out)
-            planes.push_back(plane.data());
+        const std::vector<float *> planes = addresses<float>(out);
 
         Kernels::deinterleave(in.data(), stride, planes.data(), channels, frames, gain);
 
@@ -349,11 +356,9 @@ void tst_Kernels::interleave_leavesOtherChannels()
         const std::size_t channels = 1 + samples.below(stride);
         const std::size_t frames = samples.below(70);
         std::vector<Floats> in;
-        std::vector<const float *> planes;
         for (std::size_t c = 0; c < channels; ++c)
             in.push_back(samples.floats(frames));
-        for (const Floats &plane : in)
-            planes.push_back(plane.data());
+        const std::vector<const float *> planes = addresses<const float>(in);
         Floats out = samples.floats(stride * frames);
         const Floats before = out;
 
@@ -463,8 +468,7 @@ struct Rows
     {
         for (std::size_t j = 0; j < count; ++j)
             rows.push_back(samples.floats(frames));
-        for (const Floats &row : rows)
-            in.push_back(row.data());
+        in = addresses<const float>(rows);
     }
 
     std::vector<float> mixed(const std::vector<float> &gains, std::size_t frames) const
@@ -538,11 +542,9 @@ void tst_Kernels::mixDense_equalsThePlainLoop()
             const Rows rows(samples, inputs, frames);
             const std::vector<float> packed = someGains(samples, groups * stride + 1);
             std::vector<Floats> out;
-            std::vector<float *> planes;
             for (std::size_t o = 0; o < groups * width; ++o)
                 out.push_back(samples.floats(frames));
-            for (Floats &plane : out)
-                planes.push_back(plane.data());
+            const std::vector<float *> planes = addresses<float>(out);
 
             Kernels::mixDense(planes.data(), groups, rows.in.data(), packed.data(), stride, inputs,
                               frames);
