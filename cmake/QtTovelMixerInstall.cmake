@@ -2,6 +2,8 @@
 include(CMakePackageConfigHelpers)
 
 set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/QtTovelMixer")
+# RtAudio may live in a prefix of its own.
+set_target_properties(qttovelmixer PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
 install(TARGETS qttovelmixer EXPORT QtTovelMixerTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qttovelmixer"
@@ -16,6 +18,12 @@ install(FILES
   "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfigVersion.cmake"
   "${CMAKE_CURRENT_LIST_DIR}/FindRtAudio6.cmake"
   DESTINATION "${package_folder}")
+set(pc_rtaudio_requirement "")
+set(pc_rtaudio_flag "")
+if(QTTOVELMIXER_WITH_RTAUDIO)
+  set(pc_rtaudio_requirement ", rtaudio >= 6")
+  set(pc_rtaudio_flag " -DQTOVELMIXER_WITH_RTAUDIO")
+endif()
 configure_file("${CMAKE_CURRENT_LIST_DIR}/qttovelmixer.pc.in"
   "${CMAKE_CURRENT_BINARY_DIR}/qttovelmixer.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/qttovelmixer.pc"
