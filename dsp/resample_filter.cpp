@@ -99,7 +99,7 @@ std::shared_ptr<const ResampleFilter> ResampleFilter::build(int32_t inRate, int3
     filter->step = inRate / divisor;
     const double stretch = std::max(1.0, double(inRate) / double(outRate));
     filter->half = int(std::ceil(tapsPerSide * stretch));
-    filter->taps = (2 * filter->half + 7) / 8 * 8;
+    filter->taps = (2 * filter->half + 15) / 16 * 16;
 
     const bool rowPerPhase =
         filter->phases <= mostPhases && filter->phases * filter->taps <= mostCoefficients;

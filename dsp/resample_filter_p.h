@@ -18,7 +18,7 @@ struct ResampleFilter
     int64_t phases = 1; ///< output rate / greatest common divisor
     int64_t step = 1;   ///< input rate / greatest common divisor
     int half = 0;       ///< input frames on each side of an output frame
-    int taps = 0;       ///< coefficients per row, a multiple of 8; the first ones may be padding
+    int taps = 0;       ///< coefficients per row, a multiple of 16; the first ones may be padding
     /// 0: there is a row for each phase. Otherwise the number of equal parts into which one input
     /// frame is cut; rows are then interpolated, and one more row closes the last part.
     int64_t parts = 0;

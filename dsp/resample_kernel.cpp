@@ -151,8 +151,10 @@ HWY_INLINE void storeTotals(const FourSums &sums, float *out, ptrdiff_t stride)
     HWY_ALIGN float totals[4];
     hn::Store(total(fold(sums.a.part), fold(sums.b.part), fold(sums.c.part), fold(sums.d.part)),
               Four(), totals);
-    for (int i = 0; i < 4; ++i)
-        out[i * stride] = totals[i];
+    out[0] = totals[0];
+    out[stride] = totals[1];
+    out[2 * stride] = totals[2];
+    out[3 * stride] = totals[3];
 }
 
 /// Several output frames of equal phase share each load of the coefficients.
@@ -163,15 +165,21 @@ HWY_INLINE void group(const float *row, const float *window, ptrdiff_t step, int
     FourSums first;
     clear(first);
     if constexpr (frames == 4) {
-        for (int k = 0; k < taps; k += 8)
+        for (int k = 0; k < taps; k += 16) {
             addProducts(first, loadEight(row + k), window + k, step);
+            addProducts(first, loadEight(row + k + 8), window + k + 8, step);
+        }
     } else {
         FourSums second;
         clear(second);
-        for (int k = 0; k < taps; k += 8) {
+        const float *const later = window + 4 * step;
+        for (int k = 0; k < taps; k += 16) {
             const Sum coefficients = loadEight(row + k);
             addProducts(first, coefficients, window + k, step);
-            addProducts(second, coefficients, window + k + 4 * step, step);
+            addProducts(second, coefficients, later + k, step);
+            const Sum following = loadEight(row + k + 8);
+            addProducts(first, following, window + k + 8, step);
+            addProducts(second, following, later + k + 8, step);
         }
         storeTotals(second, out + 4 * stride, stride);
     }
