@@ -1,5 +1,6 @@
 # Joins the CSV reports of several Google Benchmark programs into one table: the median of each
-# measurement, its spread (coefficient of variation over the repetitions) and its counters.
+# measurement, its spread (standard deviation over the repetitions, in parts of the median; the
+# reports' own coefficient comes scaled by the time unit) and its counters.
 
 function unquoted(text) { gsub(/^"|"$/, "", text); return text }
 
@@ -42,8 +43,8 @@ heading {
       else if (column[i] !~ /^(iterations|cpu_time|items_per_second|bytes_per_second|label|error_occurred|error_message)$/ && value[i] != "")
         extra[name] = extra[name] sprintf("  %s=%.4g", column[i], value[i])
     }
-  } else if (name ~ /_cv$/) {
-    sub(/_cv$/, "", name)
+  } else if (name ~ /_stddev$/) {
+    sub(/_stddev$/, "", name)
     for (i = 2; i <= columns; ++i) if (column[i] == "real_time") spread[name] = value[i]
   }
 }
@@ -54,6 +55,6 @@ END {
   printf "%-" width "s  %14s  %7s  %s\n", "measurement", "median", "spread", "counters"
   for (i = 1; i <= rows; ++i) {
     name = order[i]
-    printf "%-" width "s  %11.1f %-2s  %6.1f%%%s\n", name, time[name], unit[name], spread[name] * 100, extra[name]
+    printf "%-" width "s  %11.1f %-2s  %6.1f%%%s\n", name, time[name], unit[name], 100 * spread[name] / time[name], extra[name]
   }
 }
