@@ -8,10 +8,12 @@
 
 #include <QtTest/QtTest>
 
+#include <array>
 #include <cmath>
 #include <limits>
 #include <numeric>
 #include <random>
+#include <thread>
 #include <vector>
 
 class tst_resample : public QObject
@@ -40,6 +42,7 @@ private slots:
     void output_treatsWhatIsNotFiniteAsSilence();
 
     void filter_isSharedByConvertersOfAPair();
+    void filter_isSharedSafely_amongThreads();
     void filter_staysSmall_forEveryPair();
     void resample_doesNotAllocate();
 };
@@ -252,6 +255,26 @@ void tst_resample::filter_isSharedByConvertersOfAPair()
     const auto again = ResampleFilter::shared(32000, 48000);
     QVERIFY(again != first);
     QCOMPARE(again->rows, first->rows);
+}
+
+void tst_resample::filter_isSharedSafely_amongThreads()
+{
+    constexpr int workers = 4;
+    const std::vector<float> in = noise(chunkFrames, 11);
+    std::array<std::vector<std::vector<float>>, workers> results;
+    {
+        std::vector<std::jthread> threads;
+        for (auto &result : results)
+            threads.emplace_back([&in, &result] {
+                // More pairs than the store keeps, so that filters come and go.
+                for (int outRate = 9000; outRate < 9000 + 40 * 500; outRate += 500)
+                    result.push_back(convert(in, 8000, outRate));
+            });
+    }
+    for (const auto &result : results)
+        for (size_t i = 0; i < result.size(); ++i)
+            QVERIFY(sameBits(result[i], results[0][i]));
+    QVERIFY(sameBits(results[0][0], convert(in, 8000, 9000)));
 }
 
 void tst_resample::filter_staysSmall_forEveryPair()
