@@ -2,16 +2,14 @@
 #ifndef QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
 #define QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
 
-#include <base/export.h>
-
 #include <QtCore/QtGlobal>
 
 struct BLRINGBUFFER;
 
 namespace QTovelMixer {
 
-/// Interleaved float frames over the byte ring. Single producer, single consumer: readSlice,
-/// consume and isEmpty belong to the consumer, writeSlice and produce to the producer.
+/// Interleaved float frames over the byte ring. Single producer, single consumer: readSlice
+/// and consume belong to the consumer, writeSlice and produce to the producer, isEmpty to both.
 /// Everything but the constructor and the destructor is wait-free. Real-time: yes.
 class FrameRing
 {
@@ -31,7 +29,13 @@ public:
     FrameRing(qint64 frames, int channels);
     ~FrameRing();
 
+    /// As many of `frames` frames as a ring can hold.
+    static qint64 fittingFrames(qint64 frames, int channels) noexcept;
+
     int channels() const noexcept { return m_channels; }
+
+    /// What the ring holds at most, in frames.
+    qint64 capacity() const noexcept { return m_capacity; }
 
     Slice readSlice() const noexcept;
     Slice writeSlice() noexcept;
@@ -50,9 +54,16 @@ public:
     const void *handle() const noexcept { return m_ring; }
 
 private:
+    // Arbitrary; keeps the bytes of a frame within an int.
+    static constexpr int maxChannels = 1 << 20;
+
+    static int frameBytes(int channels) noexcept;
+    Slice inFrames(quint64 position, char *data, qint32 length) const noexcept;
+
     BLRINGBUFFER *m_ring = nullptr;
     int m_channels = 0;
     int m_frameBytes = 4;
+    qint64 m_capacity = 0;
 };
 
 } // namespace QTovelMixer

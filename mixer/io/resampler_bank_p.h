@@ -24,6 +24,9 @@ public:
     ResamplerBank(int inputRate, int outputRate, int channels);
     ~ResamplerBank();
 
+    /// False when the converter does not know these rates; `process` then writes nothing.
+    bool isValid() const;
+
     /// The most frames that one call of `process` writes; 0 for a rate below 1.
     static int maxOutputFrames(int inputRate, int outputRate);
 
@@ -38,14 +41,6 @@ public:
     double withheldInputFrames() const;
 
 private:
-    void create();
-    void destroy();
-
-    int m_inputRate = 0;
-    int m_outputRate = 0;
-    int m_channels = 0;
-    qint64 m_framesIn = 0;
-    qint64 m_framesOut = 0;
     std::vector<DSPB_Resampler *> m_resamplers;
     std::vector<float> m_input;  // one channel of a chunk
     std::vector<float> m_output; // one channel of the converted chunk

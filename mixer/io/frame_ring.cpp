@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/io/frame_ring_p.h>
+
+#include <base/ringbuffer.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace QTovelMixer {
+
+FrameRing::FrameRing(qint64 frames, int channels)
+    : m_channels(std::clamp(channels, 0, maxChannels)), m_frameBytes(frameBytes(m_channels))
+{
+    const qint64 fitting = fittingFrames(frames, channels);
+    m_ring = BLRINGBUFFER_NewEx(static_cast<qint32>(fitting * m_frameBytes), 1);
+    m_capacity = writeSlice().frames;
+}
+
+int FrameRing::frameBytes(int channels) noexcept
+{
+    return std::clamp(channels, 1, maxChannels) * static_cast<int>(sizeof(float));
+}
+
+qint64 FrameRing::fittingFrames(qint64 frames, int channels) noexcept
+{
+    const qint64 most = std::numeric_limits<qint32>::max() / frameBytes(channels);
+    return channels > 0 ? std::clamp<qint64>(frames, 0, most) : 0;
+}
+
+FrameRing::~FrameRing()
+{
+    BLRINGBUFFER_Destroy(&m_ring);
+}
+
+FrameRing::Slice FrameRing::readSlice() const noexcept
+{
+    const BLRINGBUFFER_Slice bytes = BLRINGBUFFER_GetReadSlice(m_ring);
+    return inFrames(bytes.position, bytes.data, bytes.length);
+}
+
+FrameRing::Slice FrameRing::writeSlice() noexcept
+{
+    const BLRINGBUFFER_Slice bytes = BLRINGBUFFER_GetWriteSlice(m_ring);
+    return inFrames(bytes.position, bytes.data, bytes.length);
+}
+
+void FrameRing::produce(qint64 frames) noexcept
+{
+    BLRINGBUFFER_Produce(m_ring, static_cast<qint32>(frames * m_frameBytes));
+}
+
+void FrameRing::consume(qint64 frames) noexcept
+{
+    BLRINGBUFFER_Consume(m_ring, static_cast<qint32>(frames * m_frameBytes));
+}
+
+void FrameRing::flush() noexcept
+{
+    BLRINGBUFFER_Flush(m_ring);
+}
+
+bool FrameRing::isEmpty() const noexcept
+{
+    return BLRINGBUFFER_FillCount(m_ring) <= 0;
+}
+
+FrameRing::Slice FrameRing::inFrames(quint64 position, char *data, qint32 length) const noexcept
+{
+    return {static_cast<qint64>(position / static_cast<quint64>(m_frameBytes)),
+            reinterpret_cast<float *>(data), length / m_frameBytes};
+}
+
+} // namespace QTovelMixer
