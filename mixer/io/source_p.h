@@ -54,10 +54,10 @@ struct Source::Data
     // Reading, guarded by ringMutex: the worker's and, under update_lock, the main thread's.
     // Those that other threads look at are atomic.
     QMutex ringMutex;
-    double readTime = 0.0;     // seconds, of the next chunk
-    double rangeCursor = -1.0; // seconds, of the next chunk inside the range
-    double withheld = 0.0;     // source frames that the resamplers hold back
-    unsigned generation = 0;   // raised when what the resamplers hold back is void
+    double readTime = 0.0;                 // seconds, of the next chunk
+    double withheld = 0.0;                 // source frames that the resamplers hold back
+    unsigned generation = 0;               // raised when what the resamplers hold back is void
+    std::atomic<double> rangeCursor{-1.0}; // seconds, of the next chunk inside the range
     std::atomic<double> playStartTime{-1.0};
     std::atomic<double> pausePositionTime{-1.0};
     std::atomic<bool> pausePositionReached{false};
@@ -69,7 +69,7 @@ struct Source::Data
     QWaitCondition wakeCondition;
     bool wakePending = false;
     bool keepStateOnStop = false;
-    bool endedByItself = false; // the worker, not a caller, raised stopRequested
+    bool endedByItself = false; // the worker was the first to raise stopRequested
     std::atomic<int> stopRequested{0};
     std::atomic<int> stopReason{UserStopAction};
     std::atomic<int> updateWaiters{0}; // update locks held or waited for
@@ -88,14 +88,25 @@ struct Source::Data
     std::atomic<qint64> consumedFrames{0}; // mixer frames
 
     int mixerRate() const; // Hz, 0 without an engine
+    void clearPausePosition();
+
+    // The hand-over between the threads (source_transport.cpp).
     void requestEnd();
-    void wake();
+    void endByWorker();
+    void endForPause();
     void waitForWake(int milliseconds);
     void waitForUpdates();
     void countUpdateDown();
-    void clearPausePosition();
     void releasePriming();
-    bool endByWorker();
+
+    // The worker (source_worker.cpp).
+    int callHost(Source &source, float *buffer, int frames, int channels, double time);
+    void logReadFailure(const Source &source, const char *what);
+
+    // The audio thread (source_block.cpp).
+    bool alignBlock(FrameRing &from, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
+
+    struct Worker; // one run of the thread (source_worker.cpp)
 };
 
 /// The engine's and the tests' way to the private record.

@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/io/source.h>
+
+#include <base/trace_p.h>
+#include <mixer/io/source_p.h>
+
+#include <QtCore/QMutexLocker>
+
+#include <utility>
+
+namespace QTovelMixer {
+
+void Source::Data::requestEnd()
+{
+    const QMutexLocker lock(&waitMutex);
+    stopRequested.store(1, std::memory_order_release);
+    wakeCondition.wakeAll();
+}
+
+/// Ends the worker for want of data, unless somebody else has ended it before.
+void Source::Data::endByWorker()
+{
+    const QMutexLocker lock(&waitMutex);
+    int notRequested = 0;
+    if (!stopRequested.compare_exchange_strong(notRequested, 1))
+        return;
+    endedByItself = true;
+    stopReason = pausePositionReached ? PausePositionReached : AudioFinished;
+}
+
+/// A worker that is ending by itself already keeps its own reason and its last announcement.
+void Source::Data::endForPause()
+{
+    const QMutexLocker lock(&waitMutex);
+    if (endedByItself)
+        return;
+    stopRequested.store(1, std::memory_order_release);
+    keepStateOnStop = true;
+    stopReason = UserPauseAction;
+    wakeCondition.wakeAll();
+}
+
+void Source::Data::waitForWake(int milliseconds)
+{
+    QMutexLocker lock(&waitMutex);
+    if (!wakePending && stopRequested == 0)
+        wakeCondition.wait(&waitMutex, static_cast<unsigned long>(milliseconds));
+    wakePending = false;
+}
+
+/// Lets whoever wants the ring mutex have it: an unfair mutex would give it back to the worker,
+/// which asks for it again at once while it fills the ring.
+void Source::Data::waitForUpdates()
+{
+    if (updateWaiters == 0)
+        return;
+    QMutexLocker lock(&waitMutex);
+    while (updateWaiters > 0 && stopRequested == 0)
+        wakeCondition.wait(&waitMutex);
+}
+
+void Source::Data::countUpdateDown()
+{
+    int count = pendingUpdates.load();
+    while (count > 0 && !pendingUpdates.compare_exchange_weak(count, count - 1)) {
+    }
+}
+
+void Source::Data::releasePriming()
+{
+    if (primedSemaphore.available() == 0)
+        primedSemaphore.release();
+}
+
+bool SourceAccess::threadStarted(const Source &source)
+{
+    return source.d->started;
+}
+
+void SourceAccess::endAndWait(Source &source)
+{
+    source.d->requestEnd();
+    source.wait();
+}
+
+void Source::start(QThread::Priority priority)
+{
+    if (!d->started.exchange(true))
+        QThread::start(priority);
+}
+
+void Source::stop(StopReason reason)
+{
+    TraceLine("Source::stop")
+        .item("source", this)
+        .item("stopReason", static_cast<int>(reason))
+        .item("isRunning", isRunning())
+        .item("isPaused", isPaused())
+        .item("started", d->started.load())
+        .item("finished", d->finished.load());
+    {
+        const QMutexLocker lock(&d->waitMutex);
+        d->stopRequested.store(1, std::memory_order_release);
+        if (reason != NoReason)
+            d->stopReason = reason;
+        d->wakeCondition.wakeAll();
+    }
+    onStop();
+}
+
+void Source::pause(PauseMode mode)
+{
+    ++d->pendingUpdates;
+    if (!acceptPause(mode)) {
+        if (mode == PauseSoft)
+            mode = PauseKeepState;
+        else if (mode == PauseKeepState)
+            mode = PauseSoft;
+        if (!acceptPause(mode))
+            return;
+    }
+    if (mode == PauseKeepState) {
+        state_change(Paused, {time(false), configScale(), std::as_const(*this).range(),
+                              configFlags(), channelMask()});
+        d->endForPause();
+    } else if (mode == PauseSoft) {
+        state_change(Paused, Config());
+    } else {
+        return;
+    }
+    onPause();
+}
+
+void Source::resume()
+{
+    d->countUpdateDown();
+    onResume();
+    state_change(Playing, Config());
+}
+
+void Source::prime()
+{
+    if (d->primed)
+        return;
+    // A worker that ended without having run leaves the semaphore alone: look after it, too.
+    constexpr int lookMilliseconds = 50;
+    while (!d->primedSemaphore.tryAcquire(1, lookMilliseconds)) {
+        if (QThread::isFinished())
+            break;
+    }
+    d->primed = true;
+}
+
+void Source::update_lock()
+{
+    ++d->pendingUpdates;
+    ++d->updateWaiters;
+    d->ringMutex.lock();
+}
+
+void Source::update_unlock()
+{
+    d->ringMutex.unlock();
+    {
+        const QMutexLocker lock(&d->waitMutex);
+        --d->updateWaiters;
+        d->wakePending = true;
+        d->wakeCondition.wakeAll();
+    }
+    d->countUpdateDown();
+}
+
+void Source::state_change(PlaybackState state, const Config &config)
+{
+    notifyState(state, config);
+    Q_EMIT sourceStateChanged(this);
+}
+
+} // namespace QTovelMixer
