@@ -73,10 +73,11 @@ public:
     /// Why the sink ended; `UserStopAction` as long as nothing set it. Threads: any.
     virtual StopReason stopReason() const;
 
-    /// Lead-in to drop, in seconds of the mixer's clock. Takes effect at `start` only. None of
-    /// the dropped frames is handed over, but their time is: as they do not move the sink's
-    /// clock, silence of the same length stands in for them. Call `setTime` with the time at
-    /// which the take begins to have it without. Threads: main.
+    /// Lead-in to drop, in seconds of the mixer's clock from the first block on; takes effect at
+    /// `start` only. None of the dropped frames is handed over, but their time is: they do not
+    /// move the sink's clock, so that silence of the same length stands in for them. To have a
+    /// take begin at its first sound, call `setTime` with that time before `start` instead: then
+    /// earlier blocks are dropped, and less than one block of silence remains. Threads: main.
     virtual void setSkipTime(double seconds);
     virtual double skipTime() const;
 

@@ -48,10 +48,13 @@ struct Sink::Data
     std::atomic<qint64> skipFrames{0};     // mixer frames of lead-in still to drop
     std::atomic<qint64> recordedFrames{0}; // mixer frames, silence included
 
+    struct Worker;
+
     int mixerRate() const; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
     void sleep(int milliseconds);
     qint64 takeLeadIn(qint64 blockFrames) noexcept;
+    void countRecorded(qint64 frames) noexcept;
     bool fillGap(const Sink *sink, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
 };
 

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/io/sink.h>
+
+#include <base/trace_p.h>
+#include <mixer/engine.h> // a sink asks its engine for the clock, the rate and the start time
+#include <mixer/io/sink_p.h>
+#include <mixer/io/source_p.h>
+
+#include <QtCore/QMutexLocker>
+
+#include <algorithm>
+#include <cmath>
+
+namespace QTovelMixer {
+
+int Sink::Data::mixerRate() const
+{
+    return engine ? static_cast<int>(engine->sampleRate()) : 0;
+}
+
+void Sink::Data::requestEnd(StopReason reason)
+{
+    // Under the mutex of the sleep: the worker either sees the request or is woken by it.
+    const QMutexLocker lock(&waitMutex);
+    if (reason != NoReason)
+        stopReason.store(reason, std::memory_order_release);
+    stopRequested.store(1, std::memory_order_release);
+    wakeCondition.wakeAll();
+}
+
+void Sink::Data::sleep(int milliseconds)
+{
+    QMutexLocker lock(&waitMutex);
+    if (stopRequested.load(std::memory_order_relaxed) == 0)
+        wakeCondition.wait(&waitMutex, static_cast<unsigned long>(milliseconds));
+}
+
+Sink::Sink(Engine *engine, float bufferSeconds) : d(new Data)
+{
+    d->engine = engine;
+    d->bufferSeconds = std::fmax(bufferSeconds, 5.0f); // fmax: a NaN becomes 5 as well
+}
+
+Sink::~Sink()
+{
+    SinkAccess::endAndWait(*this);
+}
+
+bool SinkAccess::threadStarted(const Sink &sink)
+{
+    return sink.d->started.load(std::memory_order_acquire);
+}
+
+void SinkAccess::endAndWait(Sink &sink)
+{
+    sink.d->requestEnd(NoReason);
+    sink.wait();
+}
+
+void SinkAccess::shiftFrameBase(Sink &sink, qint64 frames)
+{
+    sink.d->frameBase.fetch_add(frames, std::memory_order_relaxed);
+}
+
+bool Sink::isRunning() const
+{
+    return d->running.load(std::memory_order_acquire) != 0;
+}
+
+double Sink::start_time() const
+{
+    return d->engine ? d->engine->startTime() : 0.0;
+}
+
+double Sink::time() const
+{
+    return d->engine ? d->engine->time() : 0.0;
+}
+
+QString Sink::name() const
+{
+    return objectName();
+}
+
+void Sink::stop(StopReason reason)
+{
+    TraceLine("Sink::stop")
+        .item("sink", this)
+        .item("stopReason", static_cast<int>(reason))
+        .item("isRunning", isRunning())
+        .item("started", d->started.load(std::memory_order_acquire))
+        .item("finished", d->finished.load(std::memory_order_acquire));
+    d->requestEnd(reason);
+    onStop();
+}
+
+StopReason Sink::stopReason() const
+{
+    return static_cast<StopReason>(d->stopReason.load(std::memory_order_acquire));
+}
+
+void Sink::setSkipTime(double seconds)
+{
+    d->skipTime.store(seconds, std::memory_order_relaxed);
+}
+
+double Sink::skipTime() const
+{
+    return d->skipTime.load(std::memory_order_relaxed);
+}
+
+void Sink::start(QThread::Priority priority)
+{
+    if (d->started.exchange(true))
+        return;
+    const int rate = d->mixerRate();
+    const double frames = std::trunc(representableTime(skipTime(), rate) * rate);
+    d->skipFrames.store(std::max(static_cast<qint64>(frames), qint64{0}),
+                        std::memory_order_relaxed);
+    QThread::start(priority);
+}
+
+void Sink::onAdded(Engine *) {}
+
+void Sink::notifyState() {}
+
+void Sink::onRunStart() {}
+
+void Sink::onStop() {}
+
+double Sink::recordedTime() const
+{
+    const int rate = d->mixerRate();
+    if (rate < 1)
+        return 0.0;
+    return static_cast<double>(d->recordedFrames.load(std::memory_order_relaxed)) / rate;
+}
+
+void Sink::setTime(double time)
+{
+    const int rate = d->mixerRate();
+    const double position = representableTime(time, rate);
+    const QMutexLocker lock(&d->ringMutex);
+    if (d->ring)
+        d->ring->flush();
+    d->frameBase.store(framesOfTime(position, rate), std::memory_order_relaxed);
+    d->recordTime = position;
+    ++d->generation;
+}
+
+void Sink::state_change()
+{
+    notifyState();
+    Q_EMIT sinkStateChanged(this);
+}
+
+Engine *Sink::mixerEngine() const
+{
+    return d->engine;
+}
+
+void Sink::drain_consumed_buffer(float *buffer, int frames, int, int channels, double time)
+{
+    writeSamples(buffer, frames, channels, time);
+}
+
+} // namespace QTovelMixer
