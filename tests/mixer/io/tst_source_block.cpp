@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "source_fixture.h"
 
+#include <base/trace_p.h>
 #include <mixer/io/effect.h>
 #include <mixer/io/timeline.h>
+#include <support/rtguard.h>
 
 #include <QtTest/QTest>
 
@@ -57,6 +59,8 @@ private Q_SLOTS:
     void otherChannelCount_thanTheRing_data();
     void otherChannelCount_thanTheRing();
     void manyChannels_allArrive();
+    void block_isRealTimeSafe_data();
+    void block_isRealTimeSafe();
 
 private:
     ClockEngine m_engine{48000};
@@ -393,6 +397,59 @@ void TestSourceBlock::manyChannels_allArrive()
                 QCOMPARE(block.at(c, i), rampSample(first + i, c) * gain);
         }
     }
+}
+
+void TestSourceBlock::block_isRealTimeSafe_data()
+{
+    QTest::addColumn<int>("sourceRate");
+    QTest::newRow("equal rates") << 48000;
+    QTest::newRow("converting") << 44100;
+}
+
+void TestSourceBlock::block_isRealTimeSafe()
+{
+    QFETCH(int, sourceRate);
+    ClockEngine engine(48000);
+    Timeline timeline;
+    timeline.setLimits(0.0, 0.1);
+    RampSource source(&engine, sourceRate, 2, 5.0f);
+    source.setTimeline(&timeline);
+    Inverter effect(2);
+    Block block(2, 256);
+    const auto render = [&](qint64 frame) {
+        engine.setFrame(frame);
+        source.mixer_callback(block.buses(), 2, frame, &effect);
+    };
+    const LogCapture log;
+    RealtimeGuard::resetTotal();
+    {
+        const AudioThreadMark mark;
+        render(0); // before there is a ring
+    }
+    source.start();
+    source.prime();
+    {
+        const AudioThreadMark mark;
+        const RealtimeGuard guard;
+        for (qint64 frame = 0; frame < 2048; frame += 256)
+            render(frame);
+        source.setGain(0.5f);
+        render(2100); // later than the ring's next frame
+        render(0);    // earlier
+        render(4801); // outside the limits
+        QCOMPARE(guard.violations(), 0);
+    }
+    source.pause(PauseSoft);
+    {
+        const AudioThreadMark mark;
+        const RealtimeGuard guard;
+        render(2400);
+        QCOMPARE(guard.violations(), 0);
+    }
+    flushTrace();
+    QCOMPARE(linesWith(log, "Source::mixer_callback early-return").size(), 2);
+    QCOMPARE(linesWith(log, "Source::mixer_callback negative mixer_time").size(), 1);
+    QVERIFY2(RealtimeGuard::total() == 0, qPrintable(RealtimeGuard::first()));
 }
 
 QTEST_GUILESS_MAIN(TestSourceBlock)
