@@ -1,0 +1,368 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_ENGINE_H
+#define QTOVELMIXER_MIXER_ENGINE_H
+
+#include <base/export.h>
+#include <mixer/aligned_vector.h>
+#include <mixer/types.h>
+
+#include <QtCore/QList>
+#include <QtCore/QObject>
+#include <QtCore/QString>
+
+#include <memory>
+
+namespace QTovelMixer {
+
+struct EngineAccess;
+
+/// The mixer that a host drives: it opens devices through a backend, mixes sources and device
+/// inputs into device outputs and sinks, and follows a playback timeline.
+///
+/// Ownership: the engine owns its backend, its meters, its timeline, and every source and sink
+/// from a successful `addSource` or `addSink` until it has deleted it. Effects stay the host's.
+///
+/// Threads: the words main, worker, audio and any are those of docs/threads.md. Unless a line
+/// says otherwise an operation belongs to the main thread; one that changes the mix and is
+/// called elsewhere answers false (or does nothing) and logs one line.
+///
+/// Units: times are seconds, clock positions frames at the device's rate, gains linear factors.
+/// At most 128 input channels (device inputs plus all source channels) and 128 output channels
+/// (device outputs plus all sink channels) are mixed.
+class QTOVELMIXER_EXPORT Engine : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(Engine)
+
+public:
+    /// Builds an inactive engine around `api`, which it owns from now on. A null backend is
+    /// tolerated: nothing can then be opened, played or recorded.
+    explicit Engine(Api *api);
+
+    /// Ends and waits for every source and sink, closes the device and deletes what the engine
+    /// owns. Emits nothing.
+    ~Engine() override;
+
+    /// Registers the types that travel through queued signals. Call it once, before the first
+    /// engine; calling it again does no harm. Threads: main.
+    static void Initialize();
+    /// The counterpart of `Initialize`, for symmetry; does nothing.
+    static void Finalize();
+
+    // Devices ------------------------------------------------------------------------------
+
+    /// The devices that the backend lists now; empty without a backend.
+    virtual QList<Device *> devices() const;
+    /// The name of the audio system in use, "Auto" … "Disabled"; empty without a backend.
+    virtual QString backendString() const;
+    /// The audio system in use; `NoBackend` without a backend.
+    virtual Backend backend() const;
+    /// The open device of this kind, or null.
+    virtual Device *currentDevice(DeviceKind kind) const;
+    /// The name of the open device of this kind, "null" without one.
+    virtual QString currentDeviceName(DeviceKind kind) const;
+    /// The rate of the mix in Hz; 0 without a backend. Threads: any. Real-time: yes.
+    virtual unsigned int sampleRate() const;
+    /// The frames of one device block; 0 without a backend.
+    virtual unsigned int bufferFrames() const;
+
+    /// Opens a pair of devices, either of which may be null, at `sampleRate` Hz; with its
+    /// fallbacks: output alone, input alone, the same three at the preferred rate, then devices
+    /// of the same name. With `startapi` an active engine's stream starts as well.
+    /// Every attempt takes 50 ms at least and replaces both meters.
+    /// Errors: false when nothing could be opened. Threads: any, blocking until the main thread
+    /// has done it; from a source's, sink's or meter's own thread it is queued and answers true.
+    virtual bool select(Device *output, Device *input, unsigned int sampleRate,
+                        bool startapi = true);
+    /// The rate in Hz at which these devices like to run; 0 for no device.
+    virtual unsigned int preferedSampleRate(Device *output, Device *input) const;
+    /// The rates in Hz, ascending, at which all given devices can run. `rate` is corrected: kept
+    /// when listed, else 48000 when that is listed, else the nearest (a tie goes up); 0 when
+    /// nothing is listed.
+    virtual QList<unsigned int> availableSampleRates(Device *output, Device *input,
+                                                     unsigned int &rate) const;
+    /// The buffer sizes in frames, ascending, that all given devices accept. `size` is corrected
+    /// to the nearest listed one (a tie goes up); 0 when nothing is listed.
+    virtual QList<unsigned int> availableBufferSizes(Device *output, Device *input,
+                                                     unsigned int &size) const;
+
+    /// True when the source is in the mix. Any pointer may be asked. Threads: any.
+    virtual bool isValid(Source *source) const;
+    /// True when the sink is in the mix. Any pointer may be asked. Threads: any.
+    virtual bool isValid(Sink *sink) const;
+    /// True unless the backend is `Disabled`.
+    virtual bool hasControlPanel() const;
+    /// The watchdog's interval in ms; 0 or less means no watchdog.
+    virtual int monitorTimerInverval() const;
+
+public Q_SLOTS:
+    /// Asks for a fresh device list. While something plays or records the update waits for
+    /// `stopped`. Otherwise it runs 2.5 s later (`updatingDeviceList` at once); an active engine
+    /// is deactivated first when asked to. Threads: any, queued off the main thread.
+    virtual void updateDeviceList(bool deactivate_before_update = false);
+    /// Shows the desktop's sound settings at the Output or Input tab. Errors: false for another
+    /// kind.
+    virtual bool showControlPanel(DeviceKind kind);
+
+protected:
+    /// Called after `setMasterOutputGain` and `setMasterInputGain`, on their caller's thread.
+    virtual void onMasterGainChanged();
+    /// Called at the end of every successful `stop_mixer`. Threads: main.
+    virtual void onStopped();
+
+public Q_SLOTS:
+    /// Makes the engine usable: opens the default devices (or, without preference, the active
+    /// ones) unless a device is open. Emits `activated` on success, nothing otherwise; after a
+    /// failure the engine counts as active without a device. Threads: any, blocking until done.
+    virtual void activate(bool preferDefaultOutput = true, bool preferDefaultInput = true);
+    /// Stops everything with `stopReason`, closes the device, deletes the meters and emits
+    /// `deactivated` and `mixerChanged`. Sources and sinks leave the mix from the event loop
+    /// afterwards. Threads: any, blocking until done.
+    virtual void deactivate(QTovelMixer::StopReason stopReason = QTovelMixer::NoReason);
+    /// Rebuilds the device list now, whatever the engine is doing.
+    virtual void doDeviceListUpdate();
+    /// What both `stop` operations do. Errors: false without `force` when the engine is not
+    /// active or not running; with a `source`, false while another source has not stopped.
+    virtual bool stop_mixer(bool force, QTovelMixer::Source *source,
+                            QTovelMixer::StopReason stopReason);
+    /// The watchdog's tick: stops the mixer when no block was mixed since the last one.
+    virtual void monitorTimeout();
+
+public:
+    /// The backend's default device of this kind, or null.
+    Device *defaultDevice(DeviceKind kind) const;
+    /// The listed device that matches a stored identity best, or the default one.
+    Device *device(DeviceKind kind, const QString &name) const;
+    /// The listed device with this number, or the default one.
+    Device *device(DeviceKind kind, unsigned int number) const;
+    /// Channels of the open input device. Threads: main.
+    unsigned int numInputChannels() const;
+    /// Channels of the open output device. Threads: main.
+    unsigned int numOutputChannels() const;
+
+    /// The process-wide choice for a kind: "default" or "null". Errors: throws std::logic_error
+    /// for any other name or kind.
+    static void setDefault(DeviceKind kind, const QString &name);
+    /// The process-wide choice for a kind, "default" until it is set. Errors: throws
+    /// std::logic_error for a kind other than `Input` and `Output`.
+    static QString getDefault(DeviceKind kind);
+
+    // Transport ----------------------------------------------------------------------------
+
+    /// Positions every source and sink at `time` in the material, starts their threads and
+    /// waits until every source has 0.2 s buffered. Emits `started`. Starting again positions
+    /// everything anew. Errors: false when not active.
+    bool start(double time = 0.0);
+    /// Suspends the mix; sources pause in the current `pauseMode`. With the default mode,
+    /// `PauseKeepState`, the sources end, leave the mix and are deleted: the host builds them
+    /// again from the `Config` that `Source::notifyState` got. With `PauseSoft` they stay, and
+    /// `resume` goes on with the next frame. Emits `paused`. Errors: false when not active, or
+    /// when already paused while running.
+    bool pause();
+    /// Ends a pause. Emits `resumed`. Errors: false unless active, running and paused.
+    bool resume();
+    /// Stops every source and sink; they leave the mix from the event loop, and `stopped`
+    /// follows with the reason of the last one. Reason `NoReason` keeps the objects' own.
+    /// A preview begun by `play` alone needs `force`. Errors: false without `force` when not
+    /// active or not running. Threads: any, as `select`.
+    bool stop(bool force = false, StopReason reason = NoReason);
+    /// Stops one source. Errors: also false while other sources play on.
+    bool stop(Source *source, bool force = false, StopReason reason = NoReason);
+
+    /// The clock in seconds; 0.0 when not active. Threads: any. Real-time: yes.
+    double time() const;
+    /// Where playback last started, seconds in the material. Threads: any. Real-time: yes.
+    double startTime() const;
+    /// Between `activate` and `deactivate`. Threads: any. Real-time: yes.
+    bool isActive() const;
+    /// Active, started, and with a source or a sink. Threads: any. Real-time: yes.
+    bool isRunning() const;
+    /// Active, started, and with a source. Threads: any. Real-time: yes.
+    bool isPlaying() const;
+    /// Active, started and suspended. Threads: any. Real-time: yes.
+    bool isPaused() const;
+    /// The device input is heard on the device output. Threads: any.
+    bool isMonitoring() const;
+    /// The open output device can play back. The argument goes to the device.
+    bool canPlayback(bool argument = false) const;
+    /// The open input device can capture. The argument goes to the device.
+    bool canCapture(bool argument = false) const;
+
+    /// The mode in which `pause` pauses sources; `PauseKeepState` at first.
+    void setPauseMode(PauseMode mode);
+    PauseMode pauseMode() const;
+    /// When monitoring ends by itself; `MonitorUntilStop` at first.
+    void setMonitorTrigger(MonitorTrigger trigger);
+    MonitorTrigger monitorTrigger() const;
+
+    /// Puts the timeline and both effect bypasses aside and goes on with an empty timeline.
+    /// Emits `mixerChanged`. Errors: false when not active, or running; logged.
+    bool save();
+    /// Brings back what the last `save` put aside. Emits `mixerChanged`. Errors: false when not
+    /// active, running, or nothing was saved; logged.
+    bool restore();
+
+    // Sources and sinks --------------------------------------------------------------------
+
+    /// Puts a source into the mix, scaled by `gain`, wired by the stored route for its channel
+    /// count and the open output device, or by the default matrix. The source attaches to the
+    /// timeline, whose limits are set to the source's span unless they cover it.
+    /// Emits `sourceAdded`. Errors: false for null, a source without channels or already added,
+    /// an inactive engine, an output that cannot play back, or more than 128 input channels;
+    /// the source then stays the host's.
+    bool addSource(Source *source, float gain = 1.0f, Options options = {});
+    /// Puts a sink into the mix, wired by the stored route for the open input device and its
+    /// channel count, or by the default matrix. Emits `sinkAdded`. Errors: as `addSource`; the
+    /// backend must be able to play back or to capture.
+    bool addSink(Sink *sink, float gain = 1.0f, Options options = {});
+    /// Adds a source, starts it at the clock's position and primes it. End such a preview with
+    /// `stop(true, reason)`. Errors: false when inactive (the source stays the host's) or when
+    /// it cannot be added (the source is deleted).
+    bool play(Source *source, float gain = 1.0f);
+
+    /// Takes a source whose worker has ended, or was never started, out of the mix and deletes
+    /// it from the event loop. The last source or sink to go emits `stopped`.
+    /// Errors: logged, and nothing happens, for an unknown or running source, or off main.
+    void removeSource(Source *source);
+    /// As `removeSource`.
+    void removeSink(Sink *sink);
+    /// The sources in the mix, in the order they were added. Threads: any.
+    QList<Source *> activeSources() const;
+    /// The sinks in the mix, in the order they were added. Threads: any.
+    QList<Sink *> activeSinks() const;
+    int numActiveSources() const;
+    int numActiveSinks() const;
+
+    // Gains, effects, meters ---------------------------------------------------------------
+
+    /// Sets the gain from a source's channel to a device output. Errors: false, logged, for an
+    /// unknown source or an index out of range; nothing changes.
+    bool setGain(Source *source, int channel, int output, float gain);
+    /// Sets the gain from a device input to a sink's channel. Errors: as above.
+    bool setGain(int input, Sink *sink, int channel, float gain);
+    /// Sets the gain from a source's channel to a sink's channel. Errors: as above.
+    bool setGain(Source *source, int channel, Sink *sink, int sinkChannel, float gain);
+    /// Wires a source into a sink by the default input matrix, scaled by `gain`. Errors: false
+    /// for null; false, logged, when either is unknown.
+    bool addRoute(Source *source, Sink *sink, float gain = 1.0f);
+    /// Lets channel c of a source through to the device outputs when bit c of `mask` is set.
+    /// Routes into sinks are not masked. Works up to 32 channels; the source is told the mask in
+    /// any case. The last two arguments are accepted and have no effect. Errors: false, logged,
+    /// for an unknown source.
+    bool setChannelsMask(Source *source, unsigned long long mask, float gain = 1.0f,
+                         bool flag = false);
+
+    float masterOutputGain() const;
+    float masterInputGain() const;
+
+    /// Installs an effect on the first source's samples, or null, and returns the one replaced.
+    /// The engine lets go of an effect that is destroyed; replace it first all the same, so that
+    /// its subclass is whole while the mix may still call it.
+    Effect *replaceOutputEffect(Effect *effect);
+    /// Installs an effect on the device input, or null, and returns the one replaced.
+    Effect *replaceInputEffect(Effect *effect);
+    /// Ignored while inactive; otherwise emits `mixerChanged`.
+    void setOutputEffectBypass(bool bypass);
+    /// Ignored while inactive; otherwise emits `mixerChanged`.
+    void setInputEffectBypass(bool bypass);
+    bool outputEffectBypass() const;
+    bool inputEffectBypass() const;
+
+    /// Switches a channel (0 … 127) of the input or output meter; emits `meterLayoutChanged` when
+    /// that changes something. Ignored while inactive, without that meter, or for another type.
+    void setChannelMeterEnabled(Type type, int channel, bool enabled);
+    /// The meter of the open input device, idle until `Meter::start`; null while none is open.
+    /// Every `open` replaces it: fetch it again at `mixerChanged`.
+    Meter *inputMeter() const;
+    /// The meter of the open output device, as `inputMeter`.
+    Meter *outputMeter() const;
+
+    /// The playback timeline. Change it through the engine only.
+    Timeline *timeline() const;
+    bool isLooping() const;
+
+    /// Mixes one device block: the backend's entry on its audio thread. `input` and `output` are
+    /// interleaved blocks of at least `frames` × device channels; bit 0x4 of `status` asks not to
+    /// wait for the update lock. Answers 0. A block that is too small, or that finds the lock
+    /// busy, leaves everything as it is. Threads: audio. Real-time: yes.
+    int mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
+                      unsigned int frames, double streamTime, unsigned int status) noexcept;
+
+public Q_SLOTS:
+    /// Target gain of the device output; reached by a linear ramp within one block.
+    /// Threads: any. Real-time: yes, as far as `onMasterGainChanged` is.
+    void setMasterOutputGain(float gain);
+    /// Target gain of the device input; as `setMasterOutputGain`.
+    void setMasterInputGain(float gain);
+    /// Empties the timeline.
+    void reset();
+    /// `activate()` or `deactivate(UserStopAction)`.
+    void setActive(bool value);
+    /// Passes the device input to the device output by the default matrix. Ignored unless
+    /// active, with a backend that can play back.
+    void setMonitoring(bool value);
+    /// Emits `mixerChanged`. Ignored while inactive.
+    void setLooping(bool value);
+    /// Removes the source whose signal called; see `removeSource(Source *)`.
+    void removeSource();
+    /// Removes the sink whose signal called.
+    void removeSink();
+    /// Moves the play position to `time` seconds in the material.
+    void setTime(double time);
+    /// Adds a selection to the timeline, seconds in the material. This and the five operations
+    /// below do nothing while a sink or a source with a range of its own is in the mix.
+    void addSelection(double begin, double end);
+    void removeSelection(double begin, double end);
+    void clearSelections();
+    void setLimits(double begin, double end);
+    /// `setLimits` if that reaches beyond the limits, or none are set.
+    void expandLimits(double begin, double end);
+    /// `setLimits` if that lies inside the limits, or none are set.
+    void collapsLimits(double begin, double end);
+    /// The backend's failure report: deactivates with `DeviceFailed`, emits `deviceFailed`.
+    /// Threads: any, queued off the main thread.
+    void onApiDeviceFailure();
+    /// One attempt to open these devices; see `select`. Errors: false, logged.
+    bool open(QTovelMixer::Device *outputDevice, QTovelMixer::Device *inputDevice,
+              unsigned int sampleRate, bool startapi = true);
+    /// Deletes a sink at once, after waiting for its worker; one in the mix is taken out first,
+    /// without a signal. Null is ignored.
+    void deleteSink(QTovelMixer::Sink *sink);
+    /// Deletes a source at once, as `deleteSink`.
+    void deleteSource(QTovelMixer::Source *source);
+    /// Writes "StopReason: " and the reason's name to the debug log.
+    void printStopReason(QTovelMixer::StopReason reason);
+
+Q_SIGNALS:
+    void sourceAdded(QTovelMixer::Source *source);
+    void sinkAdded(QTovelMixer::Sink *sink);
+    void sourceStateChanged(QTovelMixer::SourcePointer source);
+    void sinkStateChanged(QTovelMixer::SinkPointer sink);
+    void sourceFinished(QTovelMixer::SourcePointer source);
+    void sinkFinished(QTovelMixer::SinkPointer sink);
+    void deviceListChanged();
+    void defaultDeviceChanged();
+    void updatingDeviceList();
+    void started();
+    /// The last source or sink has left the mix; the reason is that object's own.
+    void stopped(QTovelMixer::StopReason reason = QTovelMixer::NoReason);
+    void paused();
+    void resumed();
+    void activated();
+    void deactivated();
+    void mixerChanged();
+    void meterLayoutChanged();
+    void updateDeviceListFailed(QString backendString);
+    void deviceFailed(bool wasPlaying, bool wasCapturing, QString backendString);
+
+public:
+    struct Data;
+
+private:
+    friend struct EngineAccess;
+    std::unique_ptr<Data> d;
+};
+
+} // namespace QTovelMixer
+
+#endif

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: MIT
+// One bus per mixer channel: which belongs to whom, and the gains between them.
+#include <mixer/engine_p.h>
+
+#include <mixer/api/api.h>
+#include <mixer/gains.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/source.h>
+#include <mixer/store/route.h>
+#include <mixer/store/store.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace QTovelMixer {
+
+namespace {
+
+/// The first bus of `wanted` (null: one past the last) among buses that begin with `device`
+/// channels. An object for which there is no room has no buses.
+template <typename T>
+unsigned firstBus(const std::vector<T *> &objects, unsigned device, size_t buses, const T *wanted)
+{
+    unsigned bus = device;
+    for (const T *object : objects) {
+        const unsigned channels = channelsOf(object);
+        if (object == wanted)
+            return bus + channels <= buses ? bus : unsigned(buses);
+        if (bus + channels <= buses)
+            bus += channels;
+    }
+    return bus;
+}
+
+/// The stored gains in the shape that is asked for: a route may come from a device with other
+/// channel counts, or be capped. Empty for a route that holds nothing.
+std::vector<float> gainTable(const Route &route, unsigned rows, unsigned columns)
+{
+    std::vector<float> table;
+    if (!route.isValid())
+        return table;
+    table.reserve(size_t(rows) * columns);
+    for (unsigned row = 0; row < rows; ++row) {
+        for (unsigned column = 0; column < columns; ++column)
+            table.push_back(route.gain(int(row), int(column)));
+    }
+    return table;
+}
+
+} // namespace
+
+std::vector<Engine::Data::Bus> Engine::Data::makeBuses(unsigned count, unsigned frames)
+{
+    std::vector<Engine::Data::Bus> buses;
+    buses.reserve(count);
+    for (unsigned i = 0; i < count; ++i) {
+        buses.emplace_back(frames);
+        buses.back().zero();
+    }
+    return buses;
+}
+
+unsigned Engine::Data::rowOf(const Source *source) const
+{
+    return firstBus(sources, numInputChannels, inputBuses.size(), source);
+}
+
+unsigned Engine::Data::columnOf(const Sink *sink) const
+{
+    return firstBus(sinks, numOutputChannels, outputBuses.size(), sink);
+}
+
+bool Engine::Data::contains(const Source *source) const
+{
+    return std::find(sources.begin(), sources.end(), source) != sources.end();
+}
+
+bool Engine::Data::contains(const Sink *sink) const
+{
+    return std::find(sinks.begin(), sinks.end(), sink) != sinks.end();
+}
+
+void Engine::Data::writeSourceGains(Source *source, unsigned row, Device *output, float gain)
+{
+    const unsigned channels = channelsOf(source);
+    const Route route = Store::store()->findRoute(nullptr, int(channels), output);
+    const std::vector<float> table = gainTable(route, channels, numOutputChannels);
+    set_mixer_gains(row, channels, 0, numOutputChannels, gain,
+                    table.empty() ? nullptr : table.data());
+}
+
+void Engine::Data::writeSinkGains(Sink *sink, unsigned column, Device *input, float gain)
+{
+    const unsigned channels = channelsOf(sink);
+    const Route route = Store::store()->findRoute(input, int(channels), nullptr);
+    const std::vector<float> table = gainTable(route, numInputChannels, channels);
+    if (table.empty())
+        writeInputGains(0, numInputChannels, column, channels, gain);
+    else
+        set_mixer_gains(0, numInputChannels, column, channels, gain, table.data());
+}
+
+// On a device without outputs a sink may begin at column 0, where the built-in choice would be
+// the table for outputs.
+void Engine::Data::writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols,
+                                   float gain)
+{
+    std::vector<float> table(size_t(rows) * cols);
+    const float *gains = Gains::inputMixerGains(int(rows), int(cols), table.data());
+    if (gains)
+        set_mixer_gains(row0, rows, col0, cols, gain, gains);
+}
+
+void Engine::Data::writeMonitorGains(bool on)
+{
+    const unsigned rows = numInputChannels;
+    const unsigned columns = numOutputChannels;
+    std::vector<float> table(size_t(rows) * columns);
+    const float *gains = Gains::outputMixerGains(int(rows), int(columns), table.data());
+    if (gains)
+        set_mixer_gains(0, rows, 0, columns, on ? 1.0f : 0.0f, gains);
+}
+
+// After the device was opened anew: its channels come first, then one bus per channel of
+// everything that is attached, with its rows and columns. Called under the update lock.
+void Engine::Data::rebuildBuses(Device *output, Device *input)
+{
+    const unsigned busFrames = api->bufferFrames();
+    inputBuses = makeBuses(numInputChannels, busFrames);
+    outputBuses = makeBuses(numOutputChannels, busFrames);
+    inputBuses.reserve(maxChannels);
+    outputBuses.reserve(maxChannels);
+    resetGainMatrix();
+    const auto append = [busFrames](std::vector<Bus> &buses, unsigned channels) {
+        if (buses.size() + channels > maxChannels)
+            return false;
+        std::vector<Bus> added = makeBuses(channels, busFrames);
+        std::move(added.begin(), added.end(), std::back_inserter(buses));
+        return true;
+    };
+    for (Source *source : sources) {
+        const unsigned row = unsigned(inputBuses.size());
+        if (append(inputBuses, channelsOf(source)))
+            writeSourceGains(source, row, output, sourceLinks[source].gain);
+        else
+            source->stop(StopReason::DeviceListChanged);
+    }
+    for (Sink *sink : sinks) {
+        const unsigned column = unsigned(outputBuses.size());
+        if (append(outputBuses, channelsOf(sink)))
+            writeSinkGains(sink, column, input, sinkLinks[sink].gain);
+        else
+            sink->stop(StopReason::DeviceListChanged);
+    }
+    removeUnstarted();
+    if (monitoring)
+        writeMonitorGains(true);
+    planMix();
+}
+
+} // namespace QTovelMixer

@@ -1,0 +1,338 @@
+// SPDX-License-Identifier: MIT
+// The private record: update bracket, gain matrix, clock, transport of all.
+#include <mixer/engine_p.h>
+
+#include <base/debug.h>
+#include <base/trace_p.h>
+#include <mixer/api/api.h>
+#include <mixer/gains.h>
+#include <mixer/io/effect.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/sink_p.h>
+#include <mixer/io/source.h>
+#include <mixer/io/source_p.h>
+#include <mixer/meter/meter.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QThread>
+
+#include <algorithm>
+#include <cmath>
+
+namespace QTovelMixer {
+
+namespace {
+
+// Half a tick of the timeline's grid of 1/192000 s: closer positions are the same position.
+constexpr double samePosition = 1.0 / 384000.0;
+constexpr int deviceListDelay = 2500; // ms
+
+qint64 toFrames(double seconds, unsigned rate)
+{
+    const double frames = std::floor(seconds * rate + 0.5);
+    return std::isfinite(frames) && std::abs(frames) < 9.0e18 ? qint64(frames) : 0;
+}
+
+} // namespace
+
+Engine::Data::Data(Engine *owner, Api *backend)
+    : engine(owner), api(backend), deviceListTimer(new QTimer(owner)),
+      watchdogTimer(new QTimer(owner)), timeline(new Timeline)
+{
+    prepareTrace();
+    deviceListTimer->setSingleShot(true);
+    deviceListTimer->setInterval(deviceListDelay);
+    deviceListTimer->setTimerType(Qt::PreciseTimer);
+    sources.reserve(128);
+    sinks.reserve(128);
+    inputBuses.reserve(128);
+    outputBuses.reserve(128);
+    resetGainMatrix();
+}
+
+Engine::Data::~Data()
+{
+    if (!IsRunningInMainThread())
+        qWarning("QTovelMixer::Engine::Data: Deleting timer outside mainthread");
+    deleteMeters();
+    for (const SavedState &state : savedStates)
+        delete state.timeline;
+    delete timeline;
+    delete watchdogTimer;
+    delete deviceListTimer;
+}
+
+unsigned Engine::Data::rate() const
+{
+    return engine->sampleRate();
+}
+
+double Engine::Data::seconds(qint64 frames) const
+{
+    const unsigned sampleRate = rate();
+    return sampleRate > 0 ? double(frames) / sampleRate : 0.0;
+}
+
+bool Engine::Data::onMainThread() const
+{
+    return QThread::currentThread() == engine->thread() || IsRunningInMainThread();
+}
+
+bool Engine::Data::onOwnThread() const
+{
+    if (isAudioThread())
+        return true;
+    QThread *current = QThread::currentThread();
+    if (const Source *source = qobject_cast<const Source *>(current))
+        return source->mixerEngine() == engine;
+    if (const Sink *sink = qobject_cast<const Sink *>(current))
+        return sink->mixerEngine() == engine;
+    const QMutexLocker locker(&updateLock);
+    return (inputMeter && inputMeter->thread() == current) ||
+           (outputMeter && outputMeter->thread() == current);
+}
+
+bool Engine::Data::requireMainThread(const char *operation) const
+{
+    if (onMainThread())
+        return true;
+    BLDEBUG_Error(-1, "QTovelMixer::%s: refused outside main thread!!", operation);
+    return false;
+}
+
+// The gain matrix -----------------------------------------------------------------------------
+
+void Engine::Data::set_mixer_gains(unsigned row0, unsigned rows, unsigned col0, unsigned cols,
+                                   float gain, const float *gains)
+{
+    std::vector<float> table;
+    if (!gains) {
+        table.resize(size_t(rows) * cols);
+        gains = col0 != 0 ? Gains::inputMixerGains(int(rows), int(cols), table.data())
+                          : Gains::outputMixerGains(int(rows), int(cols), table.data());
+    }
+    if (!gains)
+        return;
+    const QMutexLocker locker(&updateLock);
+    matrix.set(row0, rows, col0, cols, gain, gains);
+    planMix();
+}
+
+void Engine::Data::set_input_mask(unsigned row0, unsigned rows, unsigned col0, unsigned cols,
+                                  unsigned long long mask)
+{
+    const QMutexLocker locker(&updateLock);
+    matrix.setMask(row0, rows, col0, cols, mask);
+    planMix();
+}
+
+void Engine::Data::remove_input_gains(unsigned first, unsigned count)
+{
+    const QMutexLocker locker(&updateLock);
+    matrix.removeRows(first, count);
+    planMix();
+}
+
+void Engine::Data::remove_output_gains(unsigned first, unsigned count)
+{
+    const QMutexLocker locker(&updateLock);
+    matrix.removeColumns(first, count);
+    planMix();
+}
+
+void Engine::Data::resetGainMatrix()
+{
+    const QMutexLocker locker(&updateLock);
+    matrix.reset();
+    planMix();
+}
+
+void Engine::Data::planMix()
+{
+    plan.rebuild(matrix, int(inputBuses.size()), int(outputBuses.size()));
+}
+
+// The bracket ---------------------------------------------------------------------------------
+
+void Engine::Data::update_source_lock()
+{
+    for (Source *source : sources)
+        source->update_lock();
+}
+
+void Engine::Data::update_source_unlock()
+{
+    for (Source *source : sources)
+        source->update_unlock();
+}
+
+// A source's lock is a plain mutex, so that only the outermost bracket may take it; it gives
+// back exactly the locks that it took, whatever happens to the list inside the bracket.
+void Engine::Data::lockMix()
+{
+    holdCount.fetch_add(1);
+    if (bracketDepth++ == 0) {
+        update_source_lock();
+        lockedSources = sources;
+    }
+    updateLock.lock();
+}
+
+void Engine::Data::unlockMix()
+{
+    updateLock.unlock();
+    if (--bracketDepth == 0) {
+        const std::vector<Source *> locked = std::move(lockedSources);
+        lockedSources.clear();
+        for (Source *source : locked)
+            source->update_unlock();
+    }
+    decrement(holdCount);
+}
+
+void Engine::Data::takeSnapshot()
+{
+    savedTime = seconds(mixTime);
+    savedTimelineTime = timeline->time(savedTime, false, 0.0, -1.0);
+    savedLoopOffset = timeline->timeToLoop(savedTime);
+}
+
+void Engine::Data::update_lock()
+{
+    lockMix();
+    if (bracketDepth == 1)
+        takeSnapshot();
+}
+
+void Engine::Data::update_unlock()
+{
+    endBracket(Position::Keep);
+}
+
+void Engine::Data::endBracket(Position position)
+{
+    // Outside the material (past its end, or with no limits at all) there is no position to
+    // keep: the clock goes on untouched.
+    const bool outside = savedTimelineTime < 0.0 && savedTime > 0.0;
+    if (bracketDepth == 1 && (position != Position::Keep || !outside)) {
+        const double t = timeline->mixer_time(savedTimelineTime);
+        const double moved = timeline->time(t, false, 0.0, -1.0) - savedTimelineTime;
+        const bool differs = !(std::abs(moved) < samePosition);
+        for (Source *source : sources) {
+            if (differs)
+                source->setTime(t);
+            else
+                source->adjustTime(t, savedLoopOffset);
+        }
+        const qint64 shift = toFrames(t, rate()) - mixTime;
+        for (Sink *sink : sinks) {
+            // A sink that nobody told to stop keeps what it has recorded.
+            const bool goesOn =
+                position == Position::RestartPlayback && SinkAccess::data(*sink).stopRequested == 0;
+            if (differs && !goesOn)
+                sink->setTime(t);
+            else
+                SinkAccess::shiftFrameBase(*sink, shift);
+        }
+        setMixTime(t);
+        timeline->adjustLoopTime(seconds(mixTime));
+    }
+    unlockMix();
+}
+
+// The clock and the transport of all ------------------------------------------------------------
+
+void Engine::Data::setMixTime(double time)
+{
+    mixTime = toFrames(time, rate());
+}
+
+void Engine::Data::adjSourceTime(double time, double offset)
+{
+    for (Source *source : sources)
+        source->adjustTime(time, offset);
+    setMixTime(time);
+}
+
+void Engine::Data::setTime(double time, double start)
+{
+    for (Source *source : sources)
+        source->setTime(time);
+    for (Sink *sink : sinks)
+        sink->setTime(time);
+    setMixTime(time);
+    if (start >= 0.0)
+        startTime = start;
+}
+
+void Engine::Data::prime()
+{
+    for (Source *source : std::vector<Source *>(sources))
+        source->prime();
+}
+
+void Engine::Data::prime(Source *source)
+{
+    source->prime();
+}
+
+void Engine::Data::pause()
+{
+    holdCount.fetch_add(1);
+    // Hooks of the host run here, which may change the list.
+    for (Source *source : std::vector<Source *>(sources))
+        source->pause(PauseMode(pauseMode));
+}
+
+// Under the lock, so that no block sees the clock run while a source is still silent.
+void Engine::Data::resume()
+{
+    const QMutexLocker locker(&updateLock);
+    decrement(holdCount);
+    for (Source *source : std::vector<Source *>(sources))
+        source->resume();
+}
+
+void Engine::Data::stop(StopReason reason)
+{
+    for (Source *source : std::vector<Source *>(sources))
+        source->stop(reason);
+    for (Sink *sink : std::vector<Sink *>(sinks))
+        sink->stop(reason);
+}
+
+bool Engine::Data::stop(Source *source, StopReason reason)
+{
+    source->stop(reason);
+    return std::all_of(sources.begin(), sources.end(),
+                       [](const Source *other) { return other->wasStoped(); });
+}
+
+void Engine::Data::stop(Sink *sink, StopReason reason)
+{
+    sink->stop(reason);
+}
+
+void Engine::Data::setSourceChannelMask(Source *source, unsigned long long mask)
+{
+    if (source)
+        source->setChannelsMask(mask);
+}
+
+void Engine::Data::setSourceTimeline(Source *source, Timeline *attached)
+{
+    if (source)
+        source->setTimeline(attached);
+}
+
+void Engine::Data::on_add(Source *source, Engine *owner)
+{
+    source->onAdded(owner);
+}
+
+void Engine::Data::on_add(Sink *sink, Engine *owner)
+{
+    sink->onAdded(owner);
+}
+
+} // namespace QTovelMixer

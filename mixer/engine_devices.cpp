@@ -1,0 +1,411 @@
+// SPDX-License-Identifier: MIT
+// Device list, device choice, opening.
+#include <mixer/engine_p.h>
+
+#include <mixer/api/api.h>
+#include <mixer/api/device.h>
+#include <mixer/control_panel_p.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/source.h>
+#include <mixer/meter/meter.h>
+#include <mixer/meter/meter_config.h>
+#include <mixer/store/store.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QThread>
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <stdexcept>
+
+namespace QTovelMixer {
+
+namespace {
+
+constexpr unsigned long settleTime = 50; // ms between closing and opening a device
+
+QString defaultChoice[] = {QStringLiteral("default"), QStringLiteral("default")};
+
+bool isSide(DeviceKind kind)
+{
+    return kind == DeviceKind::Input || kind == DeviceKind::Output;
+}
+
+unsigned nearest(const QList<unsigned> &ascending, unsigned value)
+{
+    const auto upper = std::lower_bound(ascending.begin(), ascending.end(), value);
+    if (upper == ascending.end())
+        return ascending.back();
+    if (upper == ascending.begin())
+        return *upper;
+    const unsigned lower = *std::prev(upper);
+    return value - lower < *upper - value ? lower : *upper;
+}
+
+QList<unsigned> ascendingRates(const Device *device)
+{
+    QList<unsigned> rates = device->sampleRates();
+    std::sort(rates.begin(), rates.end());
+    return rates;
+}
+
+} // namespace
+
+QList<Device *> Engine::devices() const
+{
+    return d->api ? d->api->devices() : QList<Device *>();
+}
+
+QString Engine::backendString() const
+{
+    return d->api ? d->api->backendString() : QString();
+}
+
+Backend Engine::backend() const
+{
+    return d->api ? d->api->backend() : NoBackend;
+}
+
+Device *Engine::currentDevice(DeviceKind kind) const
+{
+    return d->api ? d->api->currentDevice(kind) : nullptr;
+}
+
+QString Engine::currentDeviceName(DeviceKind kind) const
+{
+    return Device::deviceName(currentDevice(kind));
+}
+
+Device *Engine::defaultDevice(DeviceKind kind) const
+{
+    return d->api ? d->api->defaultDevice(kind) : nullptr;
+}
+
+Device *Engine::device(DeviceKind kind, const QString &name) const
+{
+    return d->api ? d->api->device(kind, name) : nullptr;
+}
+
+Device *Engine::device(DeviceKind kind, unsigned int number) const
+{
+    return d->api ? d->api->device(kind, number) : nullptr;
+}
+
+unsigned int Engine::sampleRate() const
+{
+    return d->api ? d->api->sampleRate() : 0;
+}
+
+unsigned int Engine::bufferFrames() const
+{
+    return d->api ? d->api->bufferFrames() : 0;
+}
+
+unsigned int Engine::numInputChannels() const
+{
+    return d->api ? d->api->numInputChannels() : 0;
+}
+
+unsigned int Engine::numOutputChannels() const
+{
+    return d->api ? d->api->numOutputChannels() : 0;
+}
+
+bool Engine::canPlayback(bool argument) const
+{
+    return d->api && d->api->canPlayback(argument);
+}
+
+bool Engine::canCapture(bool argument) const
+{
+    return d->api && d->api->canCapture(argument);
+}
+
+bool Engine::hasControlPanel() const
+{
+    return backend() != Disabled;
+}
+
+bool Engine::showControlPanel(DeviceKind kind)
+{
+    if (!isSide(kind))
+        return false;
+    showSoundSettings(kind);
+    return true;
+}
+
+void Engine::setDefault(DeviceKind kind, const QString &name)
+{
+    if (!isSide(kind))
+        throw std::logic_error("QTovelMixer::Engine::setDefault invalid device kind");
+    if (name != QLatin1String("default") && name != QLatin1String("null"))
+        throw std::logic_error("QTovelMixer::Engine::setDefault deviceName must be: "
+                               "\"default\" or \"null\"");
+    qInfo().noquote() << (kind == DeviceKind::Input ? "Setting Default Input Device to"
+                                                    : "Setting Default Output Device to")
+                      << name;
+    defaultChoice[kind] = name;
+}
+
+QString Engine::getDefault(DeviceKind kind)
+{
+    if (!isSide(kind))
+        throw std::logic_error("QTovelMixer::Engine::getDefault invalid device kind");
+    return defaultChoice[kind];
+}
+
+// Rates and sizes -------------------------------------------------------------------------------
+
+unsigned int Engine::preferedSampleRate(Device *output, Device *input) const
+{
+    unsigned rate = output ? output->preferedSampleRate() : input ? input->preferedSampleRate() : 0;
+    if (output && input)
+        availableSampleRates(output, input, rate);
+    return rate;
+}
+
+QList<unsigned int> Engine::availableSampleRates(Device *output, Device *input,
+                                                 unsigned int &rate) const
+{
+    QList<unsigned> rates;
+    if (output && input) {
+        const QList<unsigned> ofOutput = ascendingRates(output);
+        const QList<unsigned> ofInput = ascendingRates(input);
+        std::set_intersection(ofOutput.begin(), ofOutput.end(), ofInput.begin(), ofInput.end(),
+                              std::back_inserter(rates));
+    } else if (output || input) {
+        rates = ascendingRates(output ? output : input);
+    }
+    if (rates.isEmpty())
+        rate = 0;
+    else if (!rates.contains(rate))
+        rate = rates.contains(48000u) ? 48000u : nearest(rates, rate);
+    return rates;
+}
+
+QList<unsigned int> Engine::availableBufferSizes(Device *output, Device *input,
+                                                 unsigned int &size) const
+{
+    unsigned lo = 64;
+    unsigned hi = 4096;
+    for (const Device *device : {output, input}) {
+        if (device) {
+            lo = std::max(lo, device->minBufferFrames());
+            hi = std::min(hi, device->maxBufferFrames());
+        }
+    }
+    QList<unsigned> sizes;
+    if (lo <= hi) {
+        for (const unsigned candidate : {64u, 128u, 256u, 512u, 1024u, 2048u, 4096u}) {
+            if (lo <= candidate && candidate <= hi)
+                sizes.append(candidate);
+        }
+        if (sizes.isEmpty() || lo < sizes.front())
+            sizes.prepend(lo);
+        if (hi > sizes.back())
+            sizes.append(hi);
+    }
+    size = sizes.isEmpty() ? 0 : nearest(sizes, size);
+    return sizes;
+}
+
+// Choosing and opening --------------------------------------------------------------------------
+
+bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool startapi)
+{
+    if (!d->api)
+        return false;
+    if (d->apiOpen() && d->api->currentDevice(DeviceKind::Output) == output &&
+        d->api->currentDevice(DeviceKind::Input) == input && d->api->sampleRate() == sampleRate)
+        return true;
+    if (!d->onMainThread()) {
+        bool answer = true;
+        if (d->onOwnThread())
+            QMetaObject::invokeMethod(
+                this, [=, this] { open(output, input, sampleRate, startapi); },
+                Qt::QueuedConnection);
+        else
+            QMetaObject::invokeMethod(
+                this, [&] { answer = open(output, input, sampleRate, startapi); },
+                Qt::BlockingQueuedConnection);
+        return answer;
+    }
+
+    // To open nothing always succeeds: it is no fallback for a device that failed.
+    const bool wanted = output || input;
+    const auto tryOpen = [&](Device *out, Device *in, unsigned rate) {
+        return (out || in || !wanted) && open(out, in, rate, startapi);
+    };
+    const auto tryAll = [&](unsigned rate) {
+        return tryOpen(output, input, rate) || tryOpen(output, nullptr, rate) ||
+               tryOpen(nullptr, input, rate);
+    };
+    if (tryAll(sampleRate))
+        return true;
+    const unsigned prefered = preferedSampleRate(output, input);
+    if (prefered != 0 && prefered != sampleRate) {
+        qInfo("QTovelMixer::Engine::select: rate %u Hz not supported by the device -- retrying at "
+              "its preferred rate %u Hz",
+              sampleRate, prefered);
+        if (tryAll(prefered))
+            return true;
+    }
+
+    const QList<Device *> listed = d->api->devices();
+    const auto announce = [](const char *side, const Device *device, unsigned rate) {
+        qInfo().nospace().noquote()
+            << "QTovelMixer::Engine::select: " << side << " \"" << device->name()
+            << "\" did not open -- trying same-named alternative device at " << rate << " Hz";
+    };
+    const auto rateOf = [](const Device *device) {
+        const unsigned rate = device->preferedSampleRate();
+        return rate != 0 ? rate : 48000u;
+    };
+    for (Device *device : listed) {
+        if (!output || device == output || !device->canPlayback(false) ||
+            device->name() != output->name())
+            continue;
+        const unsigned rate = rateOf(device);
+        announce("output", output, rate);
+        if (open(device, input, rate, startapi) || open(device, nullptr, rate, startapi))
+            return true;
+    }
+    for (Device *device : listed) {
+        if (!input || device == input || !device->canCapture(false) ||
+            device->name() != input->name())
+            continue;
+        const unsigned rate = rateOf(device);
+        announce("input", input, rate);
+        if (open(nullptr, device, rate, startapi))
+            return true;
+    }
+    return false;
+}
+
+bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sampleRate, bool startapi)
+{
+    if (!d->requireMainThread("open"))
+        return false;
+    const unsigned oldRate = this->sampleRate();
+    d->stopMixerApi();
+    // A callback that is still running would wait for the lock that closing is done under.
+    if (d->apiRunning())
+        d->api->stop();
+    d->outputName.clear();
+    d->inputName.clear();
+    {
+        const QMutexLocker locker(&d->updateLock);
+        d->closeMixerApi();
+    }
+    d->deleteMeters();
+    QThread::msleep(settleTime);
+
+    bool opened = false;
+    {
+        const QMutexLocker locker(&d->updateLock);
+        opened = d->openMixerApi(outputDevice, inputDevice, sampleRate);
+        if (opened) {
+            if (oldRate != 0 && this->sampleRate() != oldRate)
+                d->adoptRate(oldRate);
+            d->numInputChannels = d->api->numInputChannels();
+            d->numOutputChannels = d->api->numOutputChannels();
+            d->rebuildBuses(outputDevice, inputDevice);
+            const int rate = int(this->sampleRate());
+            const MeterConfig inputConfig =
+                Store::store()->findMeterConfig(Type::Input, inputDevice);
+            const MeterConfig outputConfig =
+                Store::store()->findMeterConfig(Type::Output, outputDevice);
+            d->inputMeter =
+                new Meter(Type::Input, rate, int(d->numInputChannels), inputConfig, nullptr);
+            d->outputMeter =
+                new Meter(Type::Output, rate, int(d->numOutputChannels), outputConfig, nullptr);
+            d->outputName = Device::deviceName(outputDevice);
+            d->inputName = Device::deviceName(inputDevice);
+        }
+    }
+    if (!opened)
+        qWarning().nospace().noquote()
+            << "QTovelMixer::Engine::open: Failed to open mixerApi (Output: " << outputDevice
+            << " / Input: " << inputDevice << " / Sample Rate: " << sampleRate << "Hz)";
+    emit mixerChanged();
+    if (opened && d->active && startapi) {
+        d->startMixerApi();
+        d->raiseApiRefs(d->users() + 1);
+    }
+    return opened;
+}
+
+// Workers keep the ring and the resamplers of the rate that they began with: they end, and the
+// clock keeps its seconds.
+void Engine::Data::adoptRate(unsigned oldRate)
+{
+    stop(StopReason::DeviceListChanged);
+    removeUnstarted();
+    mixTime = qint64(std::floor(double(mixTime) / oldRate * rate() + 0.5));
+}
+
+// The device list -------------------------------------------------------------------------------
+
+void Engine::updateDeviceList(bool deactivate_before_update)
+{
+    if (!d->onMainThread()) {
+        QMetaObject::invokeMethod(
+            this, [=, this] { updateDeviceList(deactivate_before_update); }, Qt::QueuedConnection);
+        return;
+    }
+    disconnect(d->stoppedLink);
+    if (d->active && d->running && d->sourceCount + d->sinkCount > 0) {
+        d->stoppedLink = connect(this, &Engine::stopped, this, [this, deactivate_before_update] {
+            updateDeviceList(deactivate_before_update);
+        });
+        return;
+    }
+    d->deviceListTimer->stop();
+    disconnect(d->deactivatedLink);
+    if (!deactivate_before_update || !d->active) {
+        d->deviceListTimer->start();
+        emit updatingDeviceList();
+        return;
+    }
+    d->deactivatedLink = connect(
+        this, &Engine::deactivated, this, [this] { updateDeviceList(false); },
+        Qt::QueuedConnection);
+    deactivate(StopReason::NoReason);
+}
+
+void Engine::doDeviceListUpdate()
+{
+    const QString name = backendString();
+    qInfo().nospace().noquote() << " -> Updating audio device list... (" << name << ") "
+                                << sender();
+    if (d->api) {
+        if (backend() != Disabled) {
+            if (d->api->updateDeviceList()) {
+                qInfo().nospace().noquote()
+                    << "Update of audio device list SUCCESSFUL (" << name << ") !";
+            } else {
+                qInfo().nospace().noquote()
+                    << "Update of audio device list FAILED (" << name << ") !";
+                emit updateDeviceListFailed(name);
+            }
+        }
+        if (d->api->deviceListWasChanged())
+            emit deviceListChanged();
+    }
+    // An engine whose device did not open, or was lost, tries again with the new list.
+    const bool lost = currentDevice(DeviceKind::Output) || currentDevice(DeviceKind::Input);
+    if (d->active && !d->apiOpen() && (d->activationFailed || lost))
+        d->active = false;
+    if (!d->active) {
+        QMetaObject::invokeMethod(
+            this,
+            [this] {
+                activate(getDefault(DeviceKind::Output) == QLatin1String("default"),
+                         getDefault(DeviceKind::Input) == QLatin1String("default"));
+            },
+            Qt::QueuedConnection);
+    }
+}
+
+} // namespace QTovelMixer

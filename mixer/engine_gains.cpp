@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: MIT
+// Gains, masks, effects, meter channels, and the timeline's edits.
+#include <mixer/engine_p.h>
+
+#include <base/debug.h>
+#include <mixer/api/api.h>
+#include <mixer/io/effect.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/source.h>
+#include <mixer/meter/meter.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace QTovelMixer {
+
+namespace {
+
+bool refuse(const char *format, const void *object)
+{
+    BLDEBUG_Error(-1, format, object);
+    return false;
+}
+
+bool refuseIndex(const char *format, int index)
+{
+    BLDEBUG_Error(-1, format, index);
+    return false;
+}
+
+bool refuseChannel(const char *format, int channel, const void *object)
+{
+    BLDEBUG_Error(-1, format, channel, object);
+    return false;
+}
+
+bool checkSource(const Engine::Data &data, const Source *source, int channel)
+{
+    if (!data.contains(source))
+        return refuse("QTovelMixer::setGain: Invalid source (%p)!!", source);
+    if (channel < 0 || channel >= source->numChannels())
+        return refuseChannel("QTovelMixer::setGain: Invalid channel (%d) for source (%p)!!",
+                             channel, source);
+    return true;
+}
+
+bool checkSink(const Engine::Data &data, const Sink *sink, int channel)
+{
+    if (!data.contains(sink))
+        return refuse("QTovelMixer::setGain: Invalid sink (%p)!!", sink);
+    if (channel < 0 || channel >= sink->numChannels())
+        return refuseChannel("QTovelMixer::setGain: Invalid channel (%d) for sink (%p)!!", channel,
+                             sink);
+    return true;
+}
+
+} // namespace
+
+// An object without buses has no cells: its first row or column is one past the last.
+bool Engine::Data::setCell(unsigned row, unsigned column, float gain)
+{
+    if (row >= inputBuses.size() || column >= outputBuses.size())
+        return false;
+    matrix.setCell(row, column, gain);
+    planMix();
+    return true;
+}
+
+bool Engine::setGain(Source *source, int channel, int output, float gain)
+{
+    const QMutexLocker locker(&d->updateLock);
+    if (!checkSource(*d, source, channel))
+        return false;
+    if (output < 0 || unsigned(output) >= numOutputChannels())
+        return refuseIndex("QTovelMixer::setGain: Invalid input channel (%d)!!", output);
+    return d->setCell(d->rowOf(source) + unsigned(channel), unsigned(output), gain);
+}
+
+bool Engine::setGain(int input, Sink *sink, int channel, float gain)
+{
+    const QMutexLocker locker(&d->updateLock);
+    if (!checkSink(*d, sink, channel))
+        return false;
+    if (input < 0 || unsigned(input) >= numInputChannels())
+        return refuseIndex("QTovelMixer::setGain: Invalid input channel (%d)!!", input);
+    return d->setCell(unsigned(input), d->columnOf(sink) + unsigned(channel), gain);
+}
+
+bool Engine::setGain(Source *source, int channel, Sink *sink, int sinkChannel, float gain)
+{
+    const QMutexLocker locker(&d->updateLock);
+    if (!checkSource(*d, source, channel) || !checkSink(*d, sink, sinkChannel))
+        return false;
+    return d->setCell(d->rowOf(source) + unsigned(channel),
+                      d->columnOf(sink) + unsigned(sinkChannel), gain);
+}
+
+bool Engine::addRoute(Source *source, Sink *sink, float gain)
+{
+    if (!source || !sink)
+        return false;
+    const QMutexLocker locker(&d->updateLock);
+    if (!d->contains(sink))
+        return refuse("QTovelMixer::addRoute: Invalid sink (%p)!!", sink);
+    if (!d->contains(source))
+        return refuse("QTovelMixer::addRoute: Invalid source (%p)!!", source);
+    const unsigned row = d->rowOf(source);
+    const unsigned column = d->columnOf(sink);
+    const unsigned rows = unsigned(source->numChannels());
+    const unsigned columns = unsigned(sink->numChannels());
+    if (row + rows > d->inputBuses.size() || column + columns > d->outputBuses.size())
+        return false;
+    d->writeInputGains(row, rows, column, columns, gain);
+    return true;
+}
+
+bool Engine::setChannelsMask(Source *source, unsigned long long mask, float gain, bool flag)
+{
+    Q_UNUSED(gain)
+    Q_UNUSED(flag)
+    const QMutexLocker locker(&d->updateLock);
+    if (!d->contains(source))
+        return refuse("QTovelMixer::setChannelsMask: Invalid source (%p)!!", source);
+    const unsigned row = d->rowOf(source);
+    const unsigned channels = unsigned(std::max(0, source->numChannels()));
+    if (row + channels <= d->inputBuses.size())
+        d->set_input_mask(row, channels, 0, d->numOutputChannels,
+                          channels < 64 ? mask & ((1ull << channels) - 1) : mask);
+    d->setSourceChannelMask(source, mask);
+    return true;
+}
+
+void Engine::setMasterOutputGain(float gain)
+{
+    d->masterOutputGain = gain;
+    onMasterGainChanged();
+}
+
+void Engine::setMasterInputGain(float gain)
+{
+    d->masterInputGain = gain;
+    onMasterGainChanged();
+}
+
+float Engine::masterOutputGain() const
+{
+    return d->masterOutputGain;
+}
+
+float Engine::masterInputGain() const
+{
+    return d->masterInputGain;
+}
+
+void Engine::setMonitoring(bool value)
+{
+    if (!d->requireMainThread("setMonitoring") || !d->active || !canPlayback())
+        return;
+    const QMutexLocker locker(&d->updateLock);
+    d->writeMonitorGains(value);
+    d->monitoring = value;
+}
+
+// Effects ---------------------------------------------------------------------------------------
+
+Effect *Engine::Data::replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect)
+{
+    Effect *replaced = nullptr;
+    {
+        const QMutexLocker locker(&updateLock);
+        replaced = slot;
+        slot = effect;
+    }
+    QObject::disconnect(link);
+    if (effect) {
+        link = QObject::connect(
+            effect, &QObject::destroyed, engine,
+            [this, &slot] {
+                const QMutexLocker locker(&updateLock);
+                slot = nullptr;
+            },
+            Qt::DirectConnection);
+    }
+    if (replaced && replaced != effect)
+        replaced->onReplaced();
+    return replaced;
+}
+
+Effect *Engine::replaceOutputEffect(Effect *effect)
+{
+    return d->replaceEffect(d->outputEffect, d->outputEffectLink, effect);
+}
+
+Effect *Engine::replaceInputEffect(Effect *effect)
+{
+    return d->replaceEffect(d->inputEffect, d->inputEffectLink, effect);
+}
+
+void Engine::setOutputEffectBypass(bool bypass)
+{
+    if (!d->active)
+        return;
+    d->outputEffectBypass = bypass;
+    emit mixerChanged();
+}
+
+void Engine::setInputEffectBypass(bool bypass)
+{
+    if (!d->active)
+        return;
+    d->inputEffectBypass = bypass;
+    emit mixerChanged();
+}
+
+bool Engine::outputEffectBypass() const
+{
+    return d->outputEffectBypass != 0;
+}
+
+bool Engine::inputEffectBypass() const
+{
+    return d->inputEffectBypass != 0;
+}
+
+// Meters ----------------------------------------------------------------------------------------
+
+void Engine::setChannelMeterEnabled(Type type, int channel, bool enabled)
+{
+    if (!d->active || channel > 127)
+        return;
+    Meter *meter = type == Type::Input    ? d->inputMeter
+                   : type == Type::Output ? d->outputMeter
+                                          : nullptr;
+    if (meter && meter->setChannelEnabled(channel, enabled))
+        emit meterLayoutChanged();
+}
+
+Meter *Engine::inputMeter() const
+{
+    return d->inputMeter;
+}
+
+Meter *Engine::outputMeter() const
+{
+    return d->outputMeter;
+}
+
+// The timeline ----------------------------------------------------------------------------------
+
+Timeline *Engine::timeline() const
+{
+    return d->timeline;
+}
+
+bool Engine::isLooping() const
+{
+    return d->timeline->isLooping();
+}
+
+void Engine::setTime(double time)
+{
+    if (!d->requireMainThread("setTime"))
+        return;
+    const double t = std::isfinite(time) ? time : 0.0;
+    const MixHold hold(*d);
+    const bool unset = d->timeline->start() < 0.0 || d->timeline->end() < 0.0;
+    d->setTime(unset ? std::max(t, 0.0) : d->timeline->mixer_time(t), t);
+    d->timeline->adjustLoopTime(d->seconds(d->mixTime));
+    // Inside a bracket this is the position to keep.
+    d->takeSnapshot();
+}
+
+bool Engine::Data::mayEdit(const char *operation) const
+{
+    return requireMainThread(operation) && streamUsers == 0;
+}
+
+void Engine::addSelection(double begin, double end)
+{
+    if (begin == end || !d->mayEdit("addSelection"))
+        return;
+    const MixBracket bracket(*d);
+    d->timeline->addSlice(begin, end);
+}
+
+void Engine::removeSelection(double begin, double end)
+{
+    if (!d->mayEdit("removeSelection"))
+        return;
+    const MixBracket bracket(*d);
+    d->timeline->removeSlice(begin, end);
+}
+
+void Engine::clearSelections()
+{
+    if (!d->mayEdit("clearSelections"))
+        return;
+    const MixBracket bracket(*d);
+    d->timeline->clearSlices();
+}
+
+void Engine::setLimits(double begin, double end)
+{
+    if (!d->mayEdit("setLimits"))
+        return;
+    const MixBracket bracket(*d);
+    d->timeline->setLimits(begin, end);
+}
+
+void Engine::expandLimits(double begin, double end)
+{
+    if (d->timeline->limitsExpanded(begin, end))
+        setLimits(begin, end);
+}
+
+void Engine::collapsLimits(double begin, double end)
+{
+    if (d->timeline->limitsCollapsed(begin, end))
+        setLimits(begin, end);
+}
+
+void Engine::setLooping(bool value)
+{
+    if (!d->requireMainThread("setLooping") || !d->active)
+        return;
+    {
+        const MixBracket bracket(*d);
+        d->timeline->setLooping(value);
+    }
+    emit mixerChanged();
+}
+
+} // namespace QTovelMixer

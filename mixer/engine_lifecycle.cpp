@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: MIT
+// Construction, activation, device failure, saved states.
+#include <mixer/engine_p.h>
+
+#include <base/debug.h>
+#include <mixer/api/api.h>
+#include <mixer/api/device.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/source.h>
+#include <mixer/meter/meter.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QMetaType>
+#include <QtCore/QThread>
+
+#include <utility>
+
+namespace QTovelMixer {
+
+namespace {
+
+template <typename T>
+void registerPointerConverter()
+{
+    if (!QMetaType::hasRegisteredConverterFunction<QPointer<T>, QObject *>()) {
+        QMetaType::registerConverter<QPointer<T>, QObject *>(
+            [](const QPointer<T> &pointer) -> QObject * { return pointer.data(); });
+    }
+}
+
+} // namespace
+
+void Engine::Initialize()
+{
+    qRegisterMetaType<Device *>("QTovelMixer::Device*");
+    qRegisterMetaType<Sink *>("QTovelMixer::Sink*");
+    qRegisterMetaType<Source *>("QTovelMixer::Source*");
+    qRegisterMetaType<SourcePointer>("QTovelMixer::SourcePointer");
+    qRegisterMetaType<SinkPointer>("QTovelMixer::SinkPointer");
+    qRegisterMetaType<StopReason>("QTovelMixer::StopReason");
+    qRegisterMetaType<Backend>("QTovelMixer::Backend");
+    qRegisterMetaType<Type>("QTovelMixer::Type");
+    registerPointerConverter<Source>();
+    registerPointerConverter<Sink>();
+}
+
+void Engine::Finalize() {}
+
+Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
+{
+    if (api)
+        api->setEngine(this);
+    connect(d->deviceListTimer, &QTimer::timeout, this, [this] {
+        // Playback may have begun since the timer was started, and probes need their distance.
+        if (d->active && d->running && d->users() > 0)
+            updateDeviceList(false);
+        else if (d->api && !d->api->canUpdateDeviceList())
+            d->deviceListTimer->start();
+        else
+            doDeviceListUpdate();
+    });
+    connect(d->watchdogTimer, &QTimer::timeout, this, [this] {
+        // A tick that is itself late says that this thread was held up: backends that are
+        // driven from it could not deliver blocks either.
+        const bool late = d->watchdogClock.restart() > d->watchdogTimer->interval() * 3 / 2;
+        if (!late)
+            monitorTimeout();
+    });
+    connect(this, &Engine::deactivated, this, &Engine::mixerChanged);
+}
+
+Engine::~Engine()
+{
+    const QSignalBlocker silence(this);
+    if (d->api)
+        disconnect(d->api, nullptr, this, nullptr);
+    d->deviceListTimer->stop();
+    // All are told first, so that they end side by side.
+    d->stop(StopReason::NoReason);
+    const std::vector<Source *> sources = d->sources;
+    const std::vector<Sink *> sinks = d->sinks;
+    for (Source *source : sources)
+        deleteSource(source);
+    for (Sink *sink : sinks)
+        deleteSink(sink);
+    for (const QPointer<Source> &source : std::exchange(d->retiredSources, {}))
+        deleteSource(source);
+    for (const QPointer<Sink> &sink : std::exchange(d->retiredSinks, {}))
+        deleteSink(sink);
+    d->closeMixerApi();
+    d->deleteMeters();
+    if (d->api)
+        d->api->setEngine(nullptr);
+    delete d->api.data();
+}
+
+void Engine::onMasterGainChanged() {}
+
+void Engine::onStopped() {}
+
+// Activation ------------------------------------------------------------------------------------
+
+void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
+{
+    if (!d->onMainThread()) {
+        const auto type = d->onOwnThread() ? Qt::QueuedConnection : Qt::BlockingQueuedConnection;
+        QMetaObject::invokeMethod(
+            this, [=, this] { activate(preferDefaultOutput, preferDefaultInput); }, type);
+        return;
+    }
+    if (d->active)
+        return;
+    qInfo().nospace().noquote() << "Activating Mixer (" << backendString() << ") !";
+    d->active = true;
+    d->activationFailed = false;
+    if (d->apiRunning())
+        return;
+    if (!d->apiOpen()) {
+        const auto choose = [this](DeviceKind kind, bool preferDefault) -> Device * {
+            if (!d->api)
+                return nullptr;
+            Device *device = preferDefault ? d->api->defaultDevice(kind) : nullptr;
+            return device ? device : d->api->activeDevice(kind);
+        };
+        Device *output = choose(DeviceKind::Output, preferDefaultOutput);
+        Device *input = choose(DeviceKind::Input, preferDefaultInput);
+        unsigned rate = preferedSampleRate(output, input);
+        if (rate == 0)
+            rate = 48000;
+        if (!select(output, input, rate, false)) {
+            d->activationFailed = true;
+            return;
+        }
+    }
+    d->loadClock.restart();
+    emit activated();
+}
+
+void Engine::deactivate(StopReason stopReason)
+{
+    if (!d->onMainThread()) {
+        const auto type = d->onOwnThread() ? Qt::QueuedConnection : Qt::BlockingQueuedConnection;
+        QMetaObject::invokeMethod(
+            this, [=, this] { deactivate(stopReason); }, type);
+        return;
+    }
+    qInfo().nospace().noquote() << "Deactivating Mixer (" << backendString() << ") !";
+    stop(true, stopReason);
+    d->stopMixerApi();
+    d->closeMixerApi();
+    d->deleteMeters();
+    d->active = false;
+    emit deactivated();
+}
+
+void Engine::setActive(bool value)
+{
+    if (value)
+        activate();
+    else
+        deactivate(StopReason::UserStopAction);
+}
+
+void Engine::onApiDeviceFailure()
+{
+    if (!d->onMainThread()) {
+        QMetaObject::invokeMethod(
+            this, [this] { onApiDeviceFailure(); }, Qt::QueuedConnection);
+        return;
+    }
+    const bool busy = d->active && d->running;
+    const bool wasPlaying = busy && d->sourceCount > 0;
+    const bool wasCapturing = busy && d->sourceCount == 0 && d->sinkCount > 0;
+    const QString backendName = backendString();
+    deactivate(StopReason::DeviceFailed);
+    emit deviceFailed(wasPlaying, wasCapturing, backendName);
+}
+
+// Saved states ----------------------------------------------------------------------------------
+
+namespace {
+
+// Sources that follow the outgoing timeline follow the incoming one.
+void exchangeTimeline(Engine::Data &data, Timeline *incoming)
+{
+    Timeline *outgoing = data.timeline;
+    const MixHold hold(data);
+    for (Source *source : data.sources) {
+        if (source->timeline() == outgoing)
+            source->setTimeline(incoming);
+    }
+    data.timeline = incoming;
+}
+
+} // namespace
+
+bool Engine::save()
+{
+    if (!d->requireMainThread("save"))
+        return false;
+    if (!d->active) {
+        BLDEBUG_Error(-1, "QTovelMixer::save: Can't save state on an inactive mixer.");
+        return false;
+    }
+    if (d->running) {
+        BLDEBUG_Error(-1, "QTovelMixer::save: Can't save state on a running mixer.");
+        return false;
+    }
+    d->savedStates.push_back({d->timeline, d->outputEffectBypass != 0, d->inputEffectBypass != 0});
+    exchangeTimeline(*d, new Timeline);
+    emit mixerChanged();
+    return true;
+}
+
+bool Engine::restore()
+{
+    if (!d->requireMainThread("restore"))
+        return false;
+    if (!d->active) {
+        BLDEBUG_Error(-1, "QTovelMixer::restore: Can't restore state on an inactive mixer.");
+        return false;
+    }
+    if (d->running) {
+        BLDEBUG_Error(-1, "QTovelMixer::restore: Can't restore state on a running mixer.");
+        return false;
+    }
+    if (d->savedStates.empty()) {
+        BLDEBUG_Error(-1, "QTovelMixer::restore: No saved state to restore!");
+        return false;
+    }
+    const Data::SavedState state = d->savedStates.back();
+    d->savedStates.pop_back();
+    d->outputEffectBypass = state.outputBypass;
+    d->inputEffectBypass = state.inputBypass;
+    Timeline *outgoing = d->timeline;
+    exchangeTimeline(*d, state.timeline);
+    delete outgoing;
+    emit mixerChanged();
+    return true;
+}
+
+void Engine::reset()
+{
+    if (!d->requireMainThread("reset"))
+        return;
+    const MixHold hold(*d);
+    d->timeline->reset();
+}
+
+} // namespace QTovelMixer
+
+#include "moc_engine.cpp"

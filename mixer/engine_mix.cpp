@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: MIT
+// The block callback. Everything here runs on the audio thread: no allocation, no lock but the
+// update lock, no log, no signal.
+#include <mixer/engine_p.h>
+
+#include <dsp/kernels_p.h>
+#include <mixer/buffer_access_p.h>
+#include <mixer/buffer_ops.h>
+#include <mixer/io/effect.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/source.h>
+#include <mixer/meter/meter.h>
+
+#include <algorithm>
+
+namespace QTovelMixer {
+
+namespace {
+
+using Bus = aligned_vector<float, 16>;
+
+/// The update lock for one block: the only lock that the audio thread takes. The main thread
+/// holds it for changes of the mix only; a backend that must not wait asks for one try.
+class BlockLock
+{
+public:
+    BlockLock(QRecursiveMutex &updateLock, bool wait) noexcept : mutex(updateLock)
+    {
+        if (wait)
+            mutex.lock();
+        locked = wait || mutex.tryLock();
+    }
+    ~BlockLock()
+    {
+        if (locked)
+            mutex.unlock();
+    }
+    Q_DISABLE_COPY_MOVE(BlockLock)
+
+    bool locked;
+
+private:
+    QRecursiveMutex &mutex;
+};
+
+/// Gives a block of the backend's the size that this callback asks for, for its duration: a
+/// device may deliver less than the block was made for, and meters take whole blocks.
+class BlockSize
+{
+public:
+    BlockSize(Bus &block, size_t size) noexcept : bus(block), original(block.size())
+    {
+        BufferAccess::setSize(bus, size);
+    }
+    ~BlockSize() { BufferAccess::setSize(bus, original); }
+    Q_DISABLE_COPY_MOVE(BlockSize)
+
+private:
+    Bus &bus;
+    size_t original;
+};
+
+/// Frames that a bus has room for: its capacity without the spare samples past its end.
+size_t room(const Bus &bus) noexcept
+{
+    constexpr size_t spare = 32;
+    return bus.capacity() > spare ? bus.capacity() - spare : bus.capacity();
+}
+
+void applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &applied,
+                     float target) noexcept
+{
+    if (applied == target) {
+        block *= target;
+        return;
+    }
+    if (frames > 0)
+        Kernels::rampGain(block.data(), frames, channels, applied, target);
+    applied = target;
+}
+
+void runWithoutSamples(Effect *effect, unsigned frames) noexcept
+{
+    if (effect)
+        effect->process(nullptr, int(effect->numChannels()), int(frames));
+}
+
+} // namespace
+
+int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status) noexcept
+{
+    QElapsedTimer stopwatch;
+    stopwatch.start();
+    Kernels::cleanVectorState();
+    {
+        const BlockLock lock(updateLock, (status & 0x4) == 0);
+        if (!lock.locked)
+            return 0;
+        const unsigned inCh = std::min<unsigned>(numInputChannels, unsigned(inputBuses.size()));
+        const unsigned outCh = std::min<unsigned>(numOutputChannels, unsigned(outputBuses.size()));
+        if (input.size() < size_t(numInputChannels) * frames ||
+            output.size() < size_t(numOutputChannels) * frames)
+            return 0;
+
+        const bool mixing = holdCount.load() == 0;
+        const qint64 now = mixTime.load(std::memory_order_relaxed);
+        setBlockLength(frames);
+
+        if (inCh > 0) {
+            const BlockSize size(input, size_t(inCh) * frames);
+            applyMasterGain(input, frames, inCh, masterInputGainApplied,
+                            masterInputGain.load(std::memory_order_relaxed));
+            if (inputMeter)
+                inputMeter->fill(input);
+            if (inputEffect && inputEffectBypass.load(std::memory_order_relaxed) == 0)
+                inputEffect->process(input.data(), int(inCh), int(frames));
+            de_interleave(input, inputBuses.data(), int(inCh));
+        }
+
+        const unsigned busCount = mixSources(inCh, mixing, frames, now);
+        mixMatrix(busCount);
+        if (mixing)
+            feedSinks(outCh, now);
+
+        if (outCh > 0) {
+            const BlockSize size(output, size_t(outCh) * frames);
+            const size_t length = outputBuses[0].size();
+            interleave(outputBuses.data(), output, int(outCh));
+            if (length < frames)
+                output.zero(length * outCh, output.size());
+            applyMasterGain(output, frames, outCh, masterOutputGainApplied,
+                            masterOutputGain.load(std::memory_order_relaxed));
+            if (outputMeter)
+                outputMeter->fill(output);
+        }
+
+        if (mixing)
+            mixTime.store(now + frames, std::memory_order_relaxed);
+        callbackCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    const qint64 load = stopwatch.nsecsElapsed() / 100000;
+    lastCallbackLoad.store(load, std::memory_order_relaxed);
+    peakCallbackLoad.store(std::max(peakCallbackLoad.load(std::memory_order_relaxed), load),
+                           std::memory_order_relaxed);
+    averageCallbackLoad.store(averageCallbackLoad.load(std::memory_order_relaxed) * 0.999 +
+                                  double(load) * 0.001,
+                              std::memory_order_relaxed);
+    return 0;
+}
+
+// Buses are made for the device's block, but work in the length of this one, so that what
+// sources render and what the clock advances are the same number of frames.
+void Engine::Data::setBlockLength(unsigned frames) noexcept
+{
+    for (Bus &bus : inputBuses)
+        BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
+    for (Bus &bus : outputBuses)
+        BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
+}
+
+unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frames,
+                                  qint64 now) noexcept
+{
+    Effect *effect =
+        outputEffectBypass.load(std::memory_order_relaxed) == 0 ? outputEffect : nullptr;
+    if (!mixing || sources.empty()) {
+        runWithoutSamples(effect, frames);
+        return mixing ? firstBus : 0;
+    }
+    unsigned busCount = firstBus;
+    for (Source *source : sources) {
+        const int channels = source->numChannels();
+        // A source for which the device left no room has no buses.
+        if (channels < 0 || busCount + unsigned(channels) > inputBuses.size())
+            continue;
+        source->mixer_callback(inputBuses.data() + busCount, channels, now, effect);
+        effect = nullptr;
+        busCount += unsigned(channels);
+    }
+    return busCount;
+}
+
+void Engine::Data::mixMatrix(unsigned busCount) noexcept
+{
+    const int rows = int(busCount);
+    const int columns = int(outputBuses.size());
+    if (columns == 0)
+        return;
+    // While suspended nothing is mixed, and the plan stays for afterwards.
+    if (rows > 0 && !plan.matches(matrix, rows, columns))
+        plan.rebuild(matrix, rows, columns);
+    plan.mix(inputBuses.data(), rows, outputBuses.data(), columns,
+             qsizetype(outputBuses[0].size()));
+}
+
+void Engine::Data::feedSinks(unsigned firstBus, qint64 now) noexcept
+{
+    unsigned offset = firstBus;
+    for (Sink *sink : sinks) {
+        const int channels = sink->numChannels();
+        if (channels < 0 || offset + unsigned(channels) > outputBuses.size())
+            continue;
+        sink->mixer_callback(outputBuses.data() + offset, channels, now);
+        offset += unsigned(channels);
+    }
+}
+
+int Engine::mixerCallback(Bus &input, Bus &output, unsigned int frames, double streamTime,
+                          unsigned int status) noexcept
+{
+    Q_UNUSED(streamTime)
+    return d->mixerCallback(input, output, frames, status);
+}
+
+} // namespace QTovelMixer

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_ENGINE_P_H
+#define QTOVELMIXER_MIXER_ENGINE_P_H
+
+#include <mixer/engine.h>
+#include <mixer/gain_matrix_p.h>
+#include <mixer/io/timeline.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QPointer>
+#include <QtCore/QRecursiveMutex>
+#include <QtCore/QTimer>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <vector>
+
+namespace QTovelMixer {
+
+class Api;
+class Route;
+
+/// The channels of a source or sink; a host may answer less than none.
+template <typename T>
+unsigned channelsOf(const T *object)
+{
+    return unsigned(std::max(0, int(object->numChannels())));
+}
+
+/// Counts down, but never below zero. Answers whether it did.
+inline bool decrement(std::atomic<int> &counter) noexcept
+{
+    int value = counter.load();
+    while (value > 0) {
+        if (counter.compare_exchange_weak(value, value - 1))
+            return true;
+    }
+    return false;
+}
+
+struct Engine::Data
+{
+    using Bus = aligned_vector<float, 16>;
+
+    /// What the engine remembers of a source or sink while it is in the mix.
+    struct Link
+    {
+        QMetaObject::Connection connections[3];
+        float gain = 1.0f;        ///< given when it was added; needed again when buses are rebuilt
+        bool holdsStream = false; ///< counted in streamUsers
+    };
+    struct SavedState
+    {
+        Timeline *timeline;
+        bool outputBypass;
+        bool inputBypass;
+    };
+    /// What the end of a bracket does with the clock.
+    enum class Position {
+        Keep,           ///< playback stays where it is in the material
+        Restart,        ///< the timeline was reset: everything goes to the beginning
+        RestartPlayback ///< as Restart, but sinks that still record keep what they have
+    };
+
+    explicit Data(Engine *owner, Api *backend);
+    ~Data();
+
+    // The block callback (engine_mix.cpp).
+    int mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status) noexcept;
+    void setBlockLength(unsigned frames) noexcept;
+    unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames, qint64 now) noexcept;
+    void mixMatrix(unsigned busCount) noexcept;
+    void feedSinks(unsigned firstBus, qint64 now) noexcept;
+
+    // The gain matrix; each takes the update lock.
+    void set_mixer_gains(unsigned row0, unsigned rows, unsigned col0, unsigned cols, float gain,
+                         const float *gains);
+    void set_input_mask(unsigned row0, unsigned rows, unsigned col0, unsigned cols,
+                        unsigned long long mask);
+    void remove_input_gains(unsigned first, unsigned count);
+    void remove_output_gains(unsigned first, unsigned count);
+    void resetGainMatrix();
+    /// Rebuilds the mixing plan ahead of the next block, under the update lock.
+    void planMix();
+    bool setCell(unsigned row, unsigned column, float gain);
+    Effect *replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect);
+    /// Limits and selections stay as they are while something holds the stream.
+    bool mayEdit(const char *operation) const;
+
+    // The bracket round every change of the mix.
+    void update_lock();
+    void update_unlock();
+    void endBracket(Position position);
+    /// The bracket's locks without its snapshot of the position.
+    void lockMix();
+    void unlockMix();
+    void update_source_lock();
+    void update_source_unlock();
+    void takeSnapshot();
+
+    void adjSourceTime(double time, double offset);
+    void setTime(double time, double start);
+    void setMixTime(double time);
+    void prime();
+    void prime(Source *source);
+    void pause();
+    void resume();
+    void stop(StopReason reason);
+    bool stop(Source *source, StopReason reason);
+    void stop(Sink *sink, StopReason reason);
+    void setSourceChannelMask(Source *source, unsigned long long mask);
+    void setSourceTimeline(Source *source, Timeline *timeline);
+    void on_add(Source *source, Engine *engine);
+    void on_add(Sink *sink, Engine *engine);
+
+    // The device stream.
+    bool openMixerApi(Device *output, Device *input, unsigned rate);
+    void startMixerApi();
+    void stopMixerApi();
+    void closeMixerApi();
+    void deleteMeters();
+    /// Keeps the stream alive for every user, also after it was reopened under them.
+    void raiseApiRefs(int users);
+    bool apiRunning() const;
+    bool apiOpen() const;
+    void stopWatchdog();
+
+    // Buses (engine_buses.cpp).
+    static constexpr unsigned maxChannels = 128;
+    static std::vector<Bus> makeBuses(unsigned count, unsigned frames);
+    void rebuildBuses(Device *output, Device *input);
+    void writeSourceGains(Source *source, unsigned row, Device *output, float gain);
+    void writeSinkGains(Sink *sink, unsigned column, Device *input, float gain);
+    void writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols, float gain);
+    void writeMonitorGains(bool on);
+    void adoptRate(unsigned oldRate);
+    /// First row or column of a listed object; the number of buses for one that has none.
+    unsigned rowOf(const Source *source) const;
+    unsigned columnOf(const Sink *sink) const;
+    bool contains(const Source *source) const;
+    bool contains(const Sink *sink) const;
+    /// Takes a listed object out of the mix. Answers false when it is not listed.
+    bool detach(Source *source);
+    bool detach(Sink *sink);
+    int users() const { return int(sources.size() + sinks.size()); }
+    void removeUnstarted();
+
+    double seconds(qint64 frames) const;
+    unsigned rate() const;
+    /// The engine's thread, or the host's main thread.
+    bool onMainThread() const;
+    /// True on a thread that the main thread may be waiting for.
+    bool onOwnThread() const;
+    /// As onMainThread; logs a refusal that names the operation otherwise.
+    bool requireMainThread(const char *operation) const;
+
+    // Main thread ---------------------------------------------------------------------------
+    Engine *engine;
+    QPointer<Api> api;
+    int apiRefs = 0;
+    unsigned streamGeneration = 0; ///< raised by every close, so that late calls see it
+    std::atomic<unsigned> sourceCount{0};
+    std::atomic<unsigned> sinkCount{0};
+    std::atomic<int> streamUsers{0};
+    int monitorTrigger = 1;
+    int pauseMode = 1;
+    double savedTime = 0.0;         ///< seconds
+    double savedTimelineTime = 0.0; ///< seconds in the material
+    double savedLoopOffset = 0.0;   ///< seconds
+    bool monitoring = false;
+    bool activationFailed = false;
+    int bracketDepth = 0;
+    std::vector<Source *> lockedSources; ///< by the outermost bracket
+    QString outputName;
+    QString inputName;
+    QTimer *deviceListTimer;
+    QTimer *watchdogTimer;
+    QElapsedTimer watchdogClock;
+    QElapsedTimer loadClock;
+    quint64 lastSeenCallbackCount = 0;
+    QMetaObject::Connection stoppedLink;
+    QMetaObject::Connection deactivatedLink;
+    QMetaObject::Connection outputEffectLink;
+    QMetaObject::Connection inputEffectLink;
+    std::map<const Source *, Link> sourceLinks;
+    std::map<const Sink *, Link> sinkLinks;
+    std::vector<QPointer<Source>> retiredSources; ///< removed, deletion queued
+    std::vector<QPointer<Sink>> retiredSinks;
+    std::vector<SavedState> savedStates;
+
+    // Shared: written on the main thread, read anywhere -------------------------------------
+    std::atomic<bool> active{false};
+    std::atomic<bool> running{false};
+    std::atomic<double> startTime{0.0};
+    std::atomic<int> holdCount{0}; ///< while non-zero neither sources nor the clock move
+    std::atomic<int> outputEffectBypass{0};
+    std::atomic<int> inputEffectBypass{0};
+    std::atomic<float> masterOutputGain{1.0f};
+    std::atomic<float> masterInputGain{1.0f};
+
+    // Guarded by updateLock -----------------------------------------------------------------
+    mutable QRecursiveMutex updateLock;
+    unsigned numInputChannels = 0;
+    unsigned numOutputChannels = 0;
+    Meter *inputMeter = nullptr;
+    Meter *outputMeter = nullptr;
+    std::vector<Source *> sources;
+    std::vector<Sink *> sinks;
+    std::vector<Bus> inputBuses;
+    std::vector<Bus> outputBuses;
+    Effect *outputEffect = nullptr;
+    Effect *inputEffect = nullptr;
+    GainMatrix matrix;
+    float (&gainMatrix)[128][128] = matrix.gain;
+    float (&enableMatrix)[128][128] = matrix.enable;
+    MixPlan plan;
+    Timeline *timeline;
+
+    // Audio thread --------------------------------------------------------------------------
+    std::atomic<qint64> mixTime{0}; ///< frames
+    float masterOutputGainApplied = 1.0f;
+    float masterInputGainApplied = 1.0f;
+    std::atomic<quint64> callbackCount{0};
+    std::atomic<qint64> lastCallbackLoad{0}; ///< tenths of a millisecond
+    std::atomic<qint64> peakCallbackLoad{0};
+    std::atomic<double> averageCallbackLoad{0.0};
+};
+
+/// Lets tests and benchmarks of this library reach the private record.
+struct EngineAccess
+{
+    static Engine::Data &data(Engine &engine) { return *engine.d; }
+};
+
+/// The bracket as a scope.
+class MixBracket
+{
+public:
+    explicit MixBracket(Engine::Data &engineData) : data(engineData) { data.update_lock(); }
+    ~MixBracket() { data.endBracket(position); }
+    Q_DISABLE_COPY_MOVE(MixBracket)
+
+    Engine::Data::Position position = Engine::Data::Position::Keep;
+
+private:
+    Engine::Data &data;
+};
+
+/// The bracket's locks as a scope: nothing plays and nothing is mixed meanwhile.
+class MixHold
+{
+public:
+    explicit MixHold(Engine::Data &engineData) : data(engineData) { data.lockMix(); }
+    ~MixHold() { data.unlockMix(); }
+    Q_DISABLE_COPY_MOVE(MixHold)
+
+private:
+    Engine::Data &data;
+};
+
+} // namespace QTovelMixer
+
+#endif

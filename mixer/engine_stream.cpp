@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+// The device stream: who uses it, its watchdog, the meters that hang on it.
+#include <mixer/engine_p.h>
+
+#include <base/trace_p.h>
+#include <mixer/api/api.h>
+#include <mixer/meter/meter.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QThread>
+
+#include <algorithm>
+
+namespace QTovelMixer {
+
+namespace {
+
+constexpr unsigned long meterEndTimeout = 2000; // ms
+
+void endMeter(Meter *meter)
+{
+    if (!meter)
+        return;
+    const QPointer<QThread> thread = meter->thread();
+    meter->aboutToQuit();
+    if (thread && thread != QThread::currentThread())
+        thread->wait(meterEndTimeout);
+}
+
+} // namespace
+
+bool Engine::Data::apiRunning() const
+{
+    return api && api->isRunning();
+}
+
+bool Engine::Data::apiOpen() const
+{
+    return api && api->isOpen();
+}
+
+namespace {
+
+void traceStream(const char *event, const Engine::Data &data)
+{
+    TraceLine(event)
+        .item("api", data.api.data())
+        .item("apiRunning", data.apiRunning())
+        .item("refs", data.apiRefs)
+        .item("sources", quint64(data.sources.size()))
+        .item("sinks", quint64(data.sinks.size()))
+        .item("sampleRate", data.rate())
+        .item("thread", QThread::currentThreadId());
+}
+
+} // namespace
+
+bool Engine::Data::openMixerApi(Device *output, Device *input, unsigned sampleRate)
+{
+    return api && api->openApi(output, input, sampleRate);
+}
+
+void Engine::Data::stopWatchdog()
+{
+    watchdogTimer->stop();
+}
+
+void Engine::Data::startMixerApi()
+{
+    traceStream("Engine::Data::startMixerApi BEGIN", *this);
+    if (apiRunning()) {
+        apiRefs = apiRefs < 1 ? 1 : apiRefs + 1;
+    } else {
+        if (api)
+            api->start();
+        if (apiRunning()) {
+            apiRefs = 1;
+            const int interval = engine->monitorTimerInverval();
+            if (interval > 0) {
+                const quint32 base = quint32(interval);
+                const quint32 blocks =
+                    rate() > 0 ? quint32(api->bufferFrames() * base * 10u) / rate() : 0u;
+                watchdogClock.start();
+                watchdogTimer->start(int(std::max(base, blocks)));
+            }
+            lastSeenCallbackCount = callbackCount;
+            qInfo("Mixer Api Started!");
+        } else {
+            apiRefs = 0;
+            stopWatchdog();
+            qWarning("Mixer Api failed to start!");
+        }
+    }
+    traceStream("Engine::Data::startMixerApi END", *this);
+}
+
+void Engine::Data::stopMixerApi()
+{
+    traceStream("Engine::Data::stopMixerApi BEGIN", *this);
+    if (!apiRunning()) {
+        apiRefs = 0;
+        stopWatchdog();
+    } else if (apiRefs < 2) {
+        apiRefs = 0;
+        api->stop();
+        stopWatchdog();
+        qInfo("Mixer Api Stopped!");
+    } else {
+        --apiRefs;
+    }
+    traceStream("Engine::Data::stopMixerApi END", *this);
+}
+
+void Engine::Data::closeMixerApi()
+{
+    TraceLine("Engine::Data::closeMixerApi BEGIN")
+        .item("api", api.data())
+        .item("apiOpen", apiOpen());
+    if (apiOpen()) {
+        ++streamGeneration;
+        apiRefs = 0;
+        stopWatchdog();
+        if (apiRunning())
+            api->stop();
+        api->closeApi();
+    }
+    TraceLine("Engine::Data::closeMixerApi END").item("api", api.data()).item("apiOpen", apiOpen());
+}
+
+void Engine::Data::raiseApiRefs(int users)
+{
+    if (apiRunning())
+        apiRefs = std::max(apiRefs, users);
+}
+
+void Engine::Data::deleteMeters()
+{
+    TraceLine("Engine::Data::deleteMeters BEGIN")
+        .item("inputMeter", inputMeter)
+        .item("outputMeter", outputMeter);
+    Meter *input = nullptr;
+    Meter *output = nullptr;
+    {
+        const QMutexLocker locker(&updateLock);
+        std::swap(input, inputMeter);
+        std::swap(output, outputMeter);
+    }
+    endMeter(input);
+    endMeter(output);
+    TraceLine("Engine::Data::deleteMeters END")
+        .item("inputMeter", inputMeter)
+        .item("outputMeter", outputMeter);
+}
+
+} // namespace QTovelMixer

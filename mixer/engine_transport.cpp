@@ -1,0 +1,256 @@
+// SPDX-License-Identifier: MIT
+// Start, pause, resume, stop, the watchdog, and what the transport answers.
+#include <mixer/engine_p.h>
+
+#include <base/debug.h>
+#include <base/trace_p.h>
+#include <mixer/api/api.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/source.h>
+
+#include <QtCore/QThread>
+
+#include <algorithm>
+#include <cmath>
+
+namespace QTovelMixer {
+
+namespace {
+
+double mixerTimeToStart(const Timeline &timeline, double time)
+{
+    // Without limits there is no material to map from: positions count from the beginning.
+    const double t = std::isfinite(time) ? time : 0.0;
+    if (timeline.start() < 0.0 || timeline.end() < 0.0)
+        return std::max(t, 0.0);
+    return timeline.mixer_time(t);
+}
+
+const char *reasonName(StopReason reason)
+{
+    switch (reason) {
+    case StopReason::NoReason:
+        return "NoReason";
+    case StopReason::AudioFinished:
+        return "AudioFinished";
+    case StopReason::PausePositionReached:
+        return "PausePositionReached";
+    case StopReason::UserStopAction:
+        return "UserStopAction";
+    case StopReason::UserPauseAction:
+        return "UserPauseAction";
+    case StopReason::DeviceListChanged:
+        return "DeviceListChanged";
+    case StopReason::DeviceFailed:
+        return "DeviceFailed";
+    }
+    return nullptr;
+}
+
+} // namespace
+
+bool Engine::start(double time)
+{
+    if (!d->requireMainThread("start") || !d->active)
+        return false;
+    if (d->bracketDepth > 0) {
+        // Priming would wait for workers that the change holds off.
+        BLDEBUG_Error(-1, "QTovelMixer::start: refused inside a change of the mix!!");
+        return false;
+    }
+    const std::vector<Source *> sources = d->sources;
+    const std::vector<Sink *> sinks = d->sinks;
+    d->holdCount.fetch_add(1);
+    d->update_source_lock();
+    {
+        // A block that began before the hold may still be inside a source.
+        const QMutexLocker locker(&d->updateLock);
+        const double t = mixerTimeToStart(*d->timeline, time);
+        for (Source *source : sources)
+            source->setTime(t);
+        for (Sink *sink : sinks)
+            sink->setTime(t);
+        d->setMixTime(t);
+        if (time >= 0.0)
+            d->startTime = time;
+    }
+    for (Source *source : sources)
+        source->start(QThread::InheritPriority);
+    for (Sink *sink : sinks)
+        sink->start(QThread::InheritPriority);
+    // All are let go before the first is waited for.
+    for (Source *source : sources)
+        source->update_unlock();
+    for (Source *source : sources)
+        source->prime();
+    d->running = true;
+    decrement(d->holdCount);
+    emit started();
+    return true;
+}
+
+bool Engine::pause()
+{
+    if (!d->requireMainThread("pause") || !d->active)
+        return false;
+    if (d->running && d->holdCount != 0 && !(d->api && d->api->mayPauseAgain()))
+        return false;
+    if (d->api)
+        d->api->onPause();
+    d->pause();
+    emit paused();
+    return true;
+}
+
+bool Engine::resume()
+{
+    if (!d->requireMainThread("resume") || !d->active || !d->running || d->holdCount == 0)
+        return false;
+    if (d->api && d->api->mayPauseAgain())
+        return false;
+    d->resume();
+    if (d->api)
+        d->api->onResume();
+    emit resumed();
+    return true;
+}
+
+bool Engine::stop(bool force, StopReason reason)
+{
+    return stop_mixer(force, nullptr, reason);
+}
+
+bool Engine::stop(Source *source, bool force, StopReason reason)
+{
+    return stop_mixer(force, source, reason);
+}
+
+bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
+{
+    if (!d->onMainThread()) {
+        bool answer = true;
+        if (d->onOwnThread()) {
+            QMetaObject::invokeMethod(
+                this,
+                [=, this, guarded = QPointer<Source>(source)] {
+                    if (!source || guarded)
+                        stop_mixer(force, guarded, stopReason);
+                },
+                Qt::QueuedConnection);
+        } else {
+            QMetaObject::invokeMethod(
+                this, [&] { answer = stop_mixer(force, source, stopReason); },
+                Qt::BlockingQueuedConnection);
+        }
+        return answer;
+    }
+    TraceLine("Engine::stop_mixer")
+        .item("force", force)
+        .item("source", source)
+        .item("stopReason", int(stopReason))
+        .item("isActive", d->active.load())
+        .item("isRunning", d->running.load())
+        .item("sources", quint64(d->sources.size()))
+        .item("sinks", quint64(d->sinks.size()));
+    if (!force && !(d->active && d->running))
+        return false;
+    if (source && !d->contains(source)) {
+        BLDEBUG_Error(-1, "QTovelMixer::stop: Invalid source (%p)!!", static_cast<void *>(source));
+        return false;
+    }
+    if (!source)
+        d->stop(stopReason);
+    const bool allStopped = !source || d->stop(source, stopReason);
+    d->removeUnstarted();
+    if (!allStopped)
+        return false;
+    if (d->active && d->monitoring && (d->monitorTrigger & MonitorUntilStop) != 0)
+        setMonitoring(false);
+    d->running = false;
+    d->holdCount = 0;
+    {
+        MixBracket bracket(*d);
+        d->timeline->reset();
+        bracket.position = source ? Data::Position::RestartPlayback : Data::Position::Restart;
+    }
+    onStopped();
+    return true;
+}
+
+void Engine::monitorTimeout()
+{
+    const quint64 count = d->callbackCount;
+    if (count != d->lastSeenCallbackCount) {
+        d->lastSeenCallbackCount = count;
+        return;
+    }
+    stop(false, StopReason::NoReason);
+}
+
+int Engine::monitorTimerInverval() const
+{
+    return 1000;
+}
+
+double Engine::time() const
+{
+    return d->active ? d->seconds(d->mixTime.load(std::memory_order_relaxed)) : 0.0;
+}
+
+double Engine::startTime() const
+{
+    return d->startTime;
+}
+
+bool Engine::isActive() const
+{
+    return d->active;
+}
+
+bool Engine::isRunning() const
+{
+    return d->active && d->running && d->sourceCount + d->sinkCount > 0;
+}
+
+bool Engine::isPlaying() const
+{
+    return d->active && d->running && d->sourceCount > 0;
+}
+
+bool Engine::isPaused() const
+{
+    return d->active && d->running && d->holdCount != 0 && !(d->api && d->api->mayPauseAgain());
+}
+
+bool Engine::isMonitoring() const
+{
+    return d->active && d->monitoring;
+}
+
+void Engine::setPauseMode(PauseMode mode)
+{
+    d->pauseMode = mode;
+}
+
+PauseMode Engine::pauseMode() const
+{
+    return PauseMode(d->pauseMode);
+}
+
+void Engine::setMonitorTrigger(MonitorTrigger trigger)
+{
+    d->monitorTrigger = trigger;
+}
+
+MonitorTrigger Engine::monitorTrigger() const
+{
+    return MonitorTrigger(d->monitorTrigger);
+}
+
+void Engine::printStopReason(StopReason reason)
+{
+    if (const char *name = reasonName(reason))
+        qDebug("StopReason: %s", name);
+}
+
+} // namespace QTovelMixer

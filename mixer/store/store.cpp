@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/store/store.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+
+#include <optional>
+
+namespace QTovelMixer {
+
+namespace {
+
+template <typename T>
+const T &find(const QMap<QString, T> &table, const QString &key)
+{
+    static const T empty;
+    const auto entry = table.constFind(key);
+    return entry != table.constEnd() ? *entry : empty;
+}
+
+template <typename T>
+QByteArray save(const QMap<QString, T> &table)
+{
+    QJsonArray array;
+    for (const T &value : table)
+        array.append(value.toJson());
+    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+}
+
+std::optional<QJsonArray> parse(const QByteArray &data, const char *what)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(data, &error);
+    if (error.error != QJsonParseError::NoError) {
+        qCritical().noquote() << error.errorString() << "(offset:" << error.offset << what;
+        return std::nullopt;
+    }
+    return document.array();
+}
+
+} // namespace
+
+struct Store::Data
+{
+    QMap<QString, Route> routes;
+    QMap<QString, MeterConfig> meterConfigs;
+};
+
+Store::Store() : d(std::make_unique<Data>()) {}
+
+Store::~Store() = default;
+
+Store *Store::store()
+{
+    static Store *const instance = new Store;
+    return instance;
+}
+
+const Route &Store::findRoute(Device *input, int channels, Device *output) const
+{
+    return find(d->routes, Route::makeRouteId(input, channels, output));
+}
+
+void Store::addRoute(const Route &route)
+{
+    if (route.isValid())
+        d->routes.insert(route.routeId(), route);
+}
+
+void Store::removeRoute(Device *input, int channels, Device *output)
+{
+    d->routes.remove(Route::makeRouteId(input, channels, output));
+}
+
+const QMap<QString, Route> &Store::routes() const
+{
+    return d->routes;
+}
+
+QByteArray Store::saveRoutes() const
+{
+    return save(d->routes);
+}
+
+bool Store::restoreRoutes(const QByteArray &data)
+{
+    const std::optional<QJsonArray> array = parse(data, ") in mixer routes");
+    if (!array)
+        return false;
+    d->routes.clear();
+    for (const QJsonValue &value : *array) {
+        if (value.isObject())
+            addRoute(Route(value.toObject()));
+    }
+    return true;
+}
+
+const MeterConfig &Store::findMeterConfig(Type type, Device *device) const
+{
+    return find(d->meterConfigs, MeterConfig::makeId(type, device));
+}
+
+void Store::addMeterConfig(const MeterConfig &config)
+{
+    if (config.isValid())
+        d->meterConfigs.insert(config.meterConfigId(), config);
+}
+
+void Store::removeMeterConfig(Type type, Device *device)
+{
+    d->meterConfigs.remove(MeterConfig::makeId(type, device));
+}
+
+const QMap<QString, MeterConfig> &Store::meterConfigs() const
+{
+    return d->meterConfigs;
+}
+
+QByteArray Store::saveMeterConfigs() const
+{
+    return save(d->meterConfigs);
+}
+
+bool Store::restoreMeterConfigs(const QByteArray &data)
+{
+    const std::optional<QJsonArray> array = parse(data, ") in mixer meter configs");
+    if (!array)
+        return false;
+    d->meterConfigs.clear();
+    for (const QJsonValue &value : *array) {
+        if (value.isObject())
+            addMeterConfig(MeterConfig(value.toObject()));
+    }
+    return true;
+}
+
+} // namespace QTovelMixer
