@@ -42,8 +42,9 @@ void LogCapture::handle(QtMsgType type, const QMessageLogContext &context, const
 
 QList<LogCapture::Line> LogCapture::lines() const
 {
+    // A list of its own: one that shares its data would be copied later, outside the lock.
     const QMutexLocker lock(&mutex);
-    return collected;
+    return QList<Line>(collected.cbegin(), collected.cend());
 }
 
 QStringList LogCapture::texts() const
