@@ -89,6 +89,8 @@ private slots:
     void flush_keepsWhatTheProducerIsWriting();
     void produce_withdraws_forANegativeCount_data() { addWays(); }
     void produce_withdraws_forANegativeCount();
+    void consume_leavesOutWhatWasWithdrawn_data() { addWays(); }
+    void consume_leavesOutWhatWasWithdrawn();
     void produce_withdrawsAtMostWhatIsReadable_data() { addWays(); }
     void produce_withdrawsAtMostWhatIsReadable();
     void produce_andConsume_stopAtTheirLimits_data() { addWays(); }
@@ -228,6 +230,17 @@ void tst_RingBuffer::produce_withdraws_forANegativeCount()
     BLRINGBUFFER_Produce(ring.get(), 3696);
     compareRead(ring.get(), 3100, 4096);
     QVERIFY(isStream(BLRINGBUFFER_GetReadSlice(ring.get()).data, 100, 4096));
+}
+
+void tst_RingBuffer::consume_leavesOutWhatWasWithdrawn()
+{
+    const Ring ring = makeRing(1000);
+    BLRINGBUFFER_Produce(ring.get(), 900);
+    QCOMPARE(BLRINGBUFFER_GetReadSlice(ring.get()).length, 900);
+    BLRINGBUFFER_Produce(ring.get(), -500);
+    BLRINGBUFFER_Consume(ring.get(), 900);
+    compareRead(ring.get(), 400, 0);
+    compareWrite(ring.get(), 400, 1000);
 }
 
 void tst_RingBuffer::produce_withdrawsAtMostWhatIsReadable()
