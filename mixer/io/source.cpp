@@ -222,6 +222,7 @@ void Source::setTime(double time)
     d->rangeCursor.store(time, std::memory_order_relaxed);
     d->playStartTime.store(time, std::memory_order_relaxed);
     d->withheld = 0.0;
+    d->pauseCut = -1.0;
     ++d->generation;
     d->clearPausePosition();
 }

@@ -150,8 +150,11 @@ public:
     /// Threads: worker.
     virtual int readSamples(float *buffer, int frames, int channels, double time) = 0;
 
-    /// Holds the worker off and silences the source. Not nestable. Threads: main.
+    /// Silences the source, waits for a read in progress and holds the worker off. Not nestable.
+    /// Threads: main.
     virtual void update_lock();
+
+    /// Ends `update_lock` and wakes the worker. Threads: main.
     virtual void update_unlock();
 
     /// Told before every `sourceStateChanged`. Threads: worker (playing, stopped), main (paused,
@@ -196,6 +199,8 @@ public:
     /// Call between `update_lock` and `update_unlock`. Threads: main.
     virtual void adjustTime(double playTime, double keepSeconds);
 
+    /// Stores what `channelMask` answers; the engine's operation of the same name routes by it.
+    /// Threads: main.
     virtual void setChannelsMask(unsigned long long mask);
 
     /// Silences the source and asks the host for the mode, then for the other of the two.
@@ -209,7 +214,7 @@ public:
     /// On a source that is never started it waits for ever. Threads: main.
     virtual void prime();
 
-    /// `notifyState`, then `sourceStateChanged`.
+    /// Calls `notifyState`, then emits `sourceStateChanged`. Threads: worker, main.
     virtual void state_change(PlaybackState state, const Config &config);
 
     /// Follows `timeline` (not owned; null for none). Ignored with a valid range. Threads: main.
@@ -225,7 +230,10 @@ public:
     /// host. Returns the frames read, 0 or less when there are none. Threads: worker.
     int fill_production_buffer(float *buffer, int maxFrames, int rate, int channels, double time);
 
+    /// The constructor's engine. Threads: any.
     Engine *mixerEngine() const;
+
+    /// The timeline that is followed, null for none. Threads: any.
     Timeline *timeline() const;
 
 Q_SIGNALS:

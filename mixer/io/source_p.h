@@ -56,6 +56,7 @@ struct Source::Data
     QMutex ringMutex;
     double readTime = 0.0;                 // seconds, of the next chunk
     double withheld = 0.0;                 // source frames that the resamplers hold back
+    double pauseCut = -1.0;                // seconds, where reading was cut since the last setTime
     unsigned generation = 0;               // raised when what the resamplers hold back is void
     std::atomic<double> rangeCursor{-1.0}; // seconds, of the next chunk inside the range
     std::atomic<double> playStartTime{-1.0};

@@ -142,7 +142,7 @@ void Source::prime()
 {
     if (d->primed)
         return;
-    // A worker that ended without having run leaves the semaphore alone: look after it, too.
+    // A `run` of the host's own may end without releasing the semaphore.
     constexpr int lookMilliseconds = 50;
     while (!d->primedSemaphore.tryAcquire(1, lookMilliseconds)) {
         if (QThread::isFinished())

@@ -123,12 +123,13 @@ bool Source::Data::Worker::pass(int waitMilliseconds)
         advance(frames, written);
         lock.unlock();
     } else {
+        // Under the mutex: a seek that comes after this look must find the end decided.
         const bool playedOut = ring->isEmpty();
-        lock.unlock();
-        d.releasePriming();
         if (playedOut)
             d.endByWorker();
-        else
+        lock.unlock();
+        d.releasePriming();
+        if (!playedOut)
             d.waitForWake(waitMilliseconds);
     }
     if (frames <= 0 || buffered > primedSeconds)
@@ -239,8 +240,11 @@ int Source::fill_production_buffer(float *buffer, int maxFrames, int rate, int c
     if (range.isValid() || line)
         frames = length > 0.0 ? framesOfTime(length, rate) : 0;
     const double pauseAt = pausePosition();
-    if (pauseAt >= start && start + length > pauseAt) {
-        frames = framesOfTime(pauseAt - start, rate);
+    // The cut rounds to a frame, so that reading may stand up to half a frame behind the position.
+    const bool standsThere = pauseAt == d->pauseCut && (start - pauseAt) * rate <= 0.5 + 1e-6;
+    if ((pauseAt >= start || (standsThere && start > pauseAt)) && start + length > pauseAt) {
+        frames = pauseAt >= start ? framesOfTime(pauseAt - start, rate) : 0;
+        d->pauseCut = pauseAt;
         d->pausePositionReached.store(true, std::memory_order_relaxed);
         d->pausePositionTime.store(pauseAt, std::memory_order_relaxed);
     }

@@ -81,6 +81,7 @@ private Q_SLOTS:
     void adjustTime();
     void adjustTime_clearsThePausePosition();
     void adjustTime_unchanged_keepsThePausePosition();
+    void adjustTime_behindTheCut_stillPauses();
     void adjustTime_exemptSources_stayAsTheyAre();
     void adjustTime_withoutRing_movesTheClock();
     void seek_equalRates_isExactToTheSample();
@@ -222,6 +223,30 @@ void TestSourceReposition::adjustTime_unchanged_keepsThePausePosition()
     source.record().pausePositionReached = true;
     source.adjustTime(0.0, 1.0);
     QVERIFY(source.record().pausePositionReached);
+}
+
+void TestSourceReposition::adjustTime_behindTheCut_stillPauses()
+{
+    ClockEngine engine(mixerRate);
+    Timeline timeline;
+    timeline.setLimits(0.0, 10.0);
+    timeline.setLooping(true);
+    RampSource source(&engine, mixerRate, 1, 5.0f);
+    source.setTimeline(&timeline);
+    source.pauseAt = 48000.72 / mixerRate; // the cut rounds up to 48001 frames
+    std::vector<float> buffer(4096);
+    const auto fill = [&](qint64 frame) {
+        return source.fill_production_buffer(buffer.data(), 4096, mixerRate, 1,
+                                             static_cast<double>(frame) / mixerRate);
+    };
+    QCOMPARE(fill(47001), 1000);
+    source.adjustTime(10.0, 100.0); // the clock moves by one pass, the material stays
+    QVERIFY(!source.record().pausePositionReached);
+    QCOMPARE(fill(480000 + 48001), 0);
+    QVERIFY(source.record().pausePositionReached);
+    // A seek to the same frame starts behind the position.
+    source.setTime(48001.0 / mixerRate);
+    QCOMPARE(fill(48001), 4096);
 }
 
 void TestSourceReposition::adjustTime_exemptSources_stayAsTheyAre()
