@@ -18,6 +18,9 @@ install(FILES
   "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfigVersion.cmake"
   "${CMAKE_CURRENT_LIST_DIR}/FindRtAudio6.cmake"
   DESTINATION "${package_folder}")
+# Relative, so that the installed tree may be moved.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+  BASE_DIRECTORY "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" OUTPUT_VARIABLE pc_prefix)
 set(pc_rtaudio_requirement "")
 set(pc_rtaudio_flag "")
 if(QTTOVELMIXER_WITH_RTAUDIO)

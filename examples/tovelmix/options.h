@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: MIT
+#ifndef TOVELMIX_OPTIONS_H
+#define TOVELMIX_OPTIONS_H
+
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+namespace tovelmix {
+
+/// What the user typed, checked as far as that goes without touching a file.
+struct Options
+{
+    enum class Command { Record, Verify, ShowText };
+
+    Command command = Command::ShowText;
+    QString input;
+    int channels = 0; ///< 0: as the audio file says
+    QString take;     ///< written by record, read by verify
+    double seconds = 0.0;
+    bool verbose = false;
+    QString text;  ///< help or version, for ShowText
+    QString error; ///< one line; empty when everything is in order
+};
+
+Options parseOptions(const QStringList &arguments);
+
+} // namespace tovelmix
+
+#endif

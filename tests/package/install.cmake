@@ -1,0 +1,18 @@
+include("${CMAKE_CURRENT_LIST_DIR}/common.cmake")
+
+# The installed copy: no private header, everything under its own folder.
+file(REMOVE_RECURSE "${PREFIX}")
+run("${CMAKE_COMMAND}" --install "${BUILD}" --prefix "${PREFIX}")
+file(GLOB_RECURSE headers RELATIVE "${PREFIX}" "${PREFIX}/include/*")
+if(NOT "include/qttovelmixer/QTovelMixer" IN_LIST headers)
+  message(FATAL_ERROR "the umbrella header is not installed: ${headers}")
+endif()
+foreach(header IN LISTS headers)
+  if(header MATCHES "_p\\.h$" OR NOT header MATCHES "^include/qttovelmixer/")
+    message(FATAL_ERROR "${header} should not be installed there")
+  endif()
+endforeach()
+file(GLOB_RECURSE library "${PREFIX}/*/libqttovelmixer.so.3")
+if(NOT library)
+  message(FATAL_ERROR "libqttovelmixer.so.3 is not installed")
+endif()
