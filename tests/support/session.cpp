@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <support/session.h>
 
+#include <base/trace_p.h>
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source_p.h>
 
@@ -28,6 +29,11 @@ bool waitFor(Condition condition)
 }
 
 } // namespace
+
+Session::TraceEnd::~TraceEnd()
+{
+    flushTrace();
+}
 
 Session::Session(int inputs, int outputs, int rate) : api(new TestApi(blockFrames)), engine(api)
 {

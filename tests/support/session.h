@@ -18,6 +18,14 @@
 /// has that block buffered, however long its worker takes.
 class Session
 {
+    /// Lines that blocks have left behind are out before the test is over.
+    struct TraceEnd
+    {
+        ~TraceEnd();
+    };
+
+    TraceEnd m_traceEnd; // goes after the engine
+
 public:
     static constexpr int blockFrames = 256;
 

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+// What the block callback must never do, watched over everything that it reaches.
+#include <base/trace_p.h>
+#include <support/rtguard.h>
+#include <support/session.h>
+
+#include <mixer/io/effect.h>
+#include <mixer/io/source_p.h>
+#include <mixer/meter/meter.h>
+
+#include <QtTest/QTest>
+
+using namespace QTovelMixer;
+
+namespace {
+
+class Halver : public Effect
+{
+public:
+    Halver() : Effect(48000, 2) {}
+    int processBuffers(const float *input, float *output, int channels, int frames) override
+    {
+        for (int i = 0; i < channels * frames; ++i)
+            output[i] = input[i] * 0.5f;
+        return 1;
+    }
+};
+
+/// Runs a block as the device's thread would, under the guard.
+void runWatched(Session &session, int blocks)
+{
+    for (int i = 0; i < blocks; ++i) {
+        const AudioThreadMark mark;
+        const RealtimeGuard guard;
+        session.api->runBlock(0x4);
+    }
+}
+
+} // namespace
+
+class tst_EngineRealtime : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { Engine::Initialize(); }
+    void init() { RealtimeGuard::resetTotal(); }
+    void cleanup();
+
+    void block_isClean_withEverythingAttached();
+    void block_isClean_whileHeld();
+    void block_isClean_withTraceLines();
+    void block_isClean_whenTheMixChanges();
+    void thread_mixes_whileTheMainThreadChangesEverything();
+};
+
+void tst_EngineRealtime::cleanup()
+{
+    QVERIFY2(RealtimeGuard::total() == 0, qPrintable(RealtimeGuard::first()));
+}
+
+void tst_EngineRealtime::block_isClean_withEverythingAttached()
+{
+    Session session(2, 2);
+    Halver inputEffect;
+    Halver outputEffect;
+    session.engine.replaceInputEffect(&inputEffect);
+    session.engine.replaceOutputEffect(&outputEffect);
+    session.engine.inputMeter()->start();
+    session.engine.outputMeter()->start();
+    session.addRamp(48000, 20.0);
+    session.addRamp(44100, 20.0, 0.5f);
+    auto *sink = new TakeSink(&session.engine, 44100, 2);
+    session.engine.addSink(sink);
+    QVERIFY(session.startRecording());
+    session.engine.setMasterOutputGain(0.25f);
+    session.run(1);
+    runWatched(session, 200);
+    session.engine.setTime(3.0);
+    runWatched(session, 200);
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+    session.engine.replaceInputEffect(nullptr);
+    session.engine.replaceOutputEffect(nullptr);
+}
+
+void tst_EngineRealtime::block_isClean_whileHeld()
+{
+    Session session(2, 2);
+    session.engine.setPauseMode(PauseSoft);
+    session.addRamp(48000, 20.0);
+    session.engine.start();
+    session.engine.pause();
+    runWatched(session, 50);
+    session.engine.resume();
+    runWatched(session, 50);
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+void tst_EngineRealtime::block_isClean_withTraceLines()
+{
+    Session session(2, 2);
+    // Neither is started: each block writes a line for each.
+    RampSource *source = session.addRamp(48000, 20.0);
+    auto *sink = new TakeSink(&session.engine, 48000, 2);
+    session.engine.addSink(sink);
+    runWatched(session, 100);
+    session.engine.start();
+    // Gaps are traced too.
+    EngineAccess::data(session.engine).mixTime += 5000;
+    runWatched(session, 10);
+    QVERIFY(source->isRunning());
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+void tst_EngineRealtime::block_isClean_whenTheMixChanges()
+{
+    Session session(2, 2);
+    for (int i = 0; i < 20; ++i)
+        session.addRamp(48000, 20.0);
+    session.engine.start();
+    Engine::Data &data = EngineAccess::data(session.engine);
+    for (int i = 0; i < 100; ++i) {
+        // Behind the plan's back, so that the callback has to make it anew.
+        data.gainMatrix[i % 40][i % 2] = float(i);
+        runWatched(session, 1);
+    }
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+void tst_EngineRealtime::thread_mixes_whileTheMainThreadChangesEverything()
+{
+    Session session(2, 2);
+    // The thread runs far faster than real time: material that does not end meanwhile.
+    constexpr double endless = 1.0e7;
+    session.addRamp(48000, endless);
+    auto *sink = new TakeSink(&session.engine, 48000, 2);
+    session.engine.addSink(sink);
+    QVERIFY(session.engine.start());
+    session.api->startThread();
+    for (int i = 0; i < 40; ++i) {
+        auto *source = new RampSource(&session.engine, i % 2 ? 44100 : 48000, 2, endless);
+        QVERIFY(session.engine.play(source));
+        session.engine.setGain(source, 0, 1, 0.5f);
+        session.engine.setChannelsMask(source, unsigned(i));
+        session.engine.addRoute(source, sink, 0.5f);
+        session.engine.setTime(double(i % 20));
+        session.engine.setLooping(i % 2 != 0);
+        session.engine.setMasterOutputGain(float(i));
+        session.engine.stop(source, true, UserStopAction);
+        const quint64 blocks = session.api->blocks;
+        QTRY_VERIFY(session.api->blocks > blocks);
+        QTRY_COMPARE(session.engine.numActiveSources(), 1);
+    }
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+    QVERIFY(!session.api->isRunning());
+    session.checkAtRest();
+}
+
+QTEST_GUILESS_MAIN(tst_EngineRealtime)
+#include "tst_engine_realtime.moc"
