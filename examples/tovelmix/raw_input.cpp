@@ -114,15 +114,14 @@ bool RawInput::takeRaw(const QString &path)
         return false;
     }
     if (bytes % frameBytes != 0) {
-        m_error = QString("'%1' is not a whole number of frames of %2 channels")
-                      .arg(path)
-                      .arg(m_channels);
+        m_error = QString("'%1' is not a whole number of frames of %2")
+                      .arg(path, channelCount(m_channels));
         return false;
     }
     m_path = path;
     m_frames = bytes / frameBytes;
     m_description =
-        QString("%1: raw, %2 channels, %3 frames").arg(path).arg(m_channels).arg(m_frames);
+        QString("%1: raw, %2, %3 frames").arg(path, channelCount(m_channels)).arg(m_frames);
     return m_frames >= minFrames || store(samples());
 }
 
@@ -144,7 +143,7 @@ bool RawInput::convert(const QString &path)
     }
     if (m_channels != 0 && m_channels != info.channels) {
         m_error =
-            QString("'%1' has %2 channels, not %3").arg(path).arg(info.channels).arg(m_channels);
+            QString("'%1' has %2, not %3").arg(path, channelCount(info.channels)).arg(m_channels);
         return false;
     }
     m_channels = info.channels;
@@ -167,10 +166,9 @@ bool RawInput::convert(const QString &path)
     std::vector<short> samples(interleaved.size());
     std::transform(interleaved.begin(), interleaved.end(), samples.begin(), toSample16);
     m_frames = qint64(samples.size()) / m_channels;
-    m_description = QString("%1: %2 Hz, %3 channels, %4 frames at %5 Hz")
-                        .arg(path)
+    m_description = QString("%1: %2, %3 Hz, %4 frames at %5 Hz")
+                        .arg(path, channelCount(m_channels))
                         .arg(info.samplerate)
-                        .arg(m_channels)
                         .arg(m_frames)
                         .arg(sampleRate);
     return store(std::move(samples));

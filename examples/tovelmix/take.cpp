@@ -39,6 +39,11 @@ double decibels(double amplitude)
     return amplitude > 0.0 ? std::max(silenceDb, 20.0 * std::log10(amplitude)) : silenceDb;
 }
 
+QString channelCount(int channels)
+{
+    return channels == 1 ? QString("1 channel") : QString("%1 channels").arg(channels);
+}
+
 QString table(const Take &take)
 {
     QString text;
@@ -62,8 +67,9 @@ QString table(const Take &take)
                     .arg(peak(take.truePeakDb[c], true), 17);
     }
     text += "Sample peaks are those of all samples of the take. Loudness and true peaks are\n"
-            "readings of the input meter: it measures whole blocks of 42 ms, so the last\n"
-            "part of a block at the end of the take may be missing from them.\n";
+            "readings of the input meter. It measures whole blocks of 42 ms, so the last part\n"
+            "of a block at the end of the take may be missing. The loudness windows are 0.4 s\n"
+            "and 3 s long; time before the take counts as silence in them.\n";
     return text;
 }
 

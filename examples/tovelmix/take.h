@@ -27,6 +27,9 @@ short toSample16(float value);
 /// A linear amplitude in decibels, not below `silenceDb`.
 double decibels(double amplitude);
 
+/// "1 channel", "2 channels".
+QString channelCount(int channels);
+
 /// What is known about a finished take.
 struct Take
 {

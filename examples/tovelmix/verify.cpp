@@ -40,11 +40,10 @@ Verdict verify(const RawInput &input, const QString &takePath)
     if (!take.isPcm16() || take.info.samplerate != sampleRate ||
         take.info.channels != input.channels()) {
         return {.text =
-                    QString("different form: the take has %1 channels at %2 Hz, not %3 channels "
-                            "of 16 bit at %4 Hz")
-                        .arg(take.info.channels)
+                    QString("different form: the take has %1 at %2 Hz, not %3 of 16 bit at %4 Hz")
+                        .arg(channelCount(take.info.channels))
                         .arg(take.info.samplerate)
-                        .arg(input.channels())
+                        .arg(channelCount(input.channels()))
                         .arg(sampleRate)};
     }
     const std::vector<short> expected = input.samples();
@@ -67,9 +66,9 @@ Verdict verify(const RawInput &input, const QString &takePath)
     if (sample == 0)
         return {.text = "different: the take is empty"};
     return {.equal = true,
-            .text = QString("equal: %1 frames of %2 channels match the looped input to the sample")
+            .text = QString("equal: %1 frames of %2 match the looped input to the sample")
                         .arg(sample / channels)
-                        .arg(channels)};
+                        .arg(channelCount(channels))};
 }
 
 } // namespace tovelmix

@@ -232,7 +232,7 @@ void tst_Tovelmix::record_convertsTheRate_ofAnAudioFile()
     const Run run = record("tone.wav", {"--seconds", "0.3"});
     QCOMPARE(run.errors, QString());
     QCOMPARE(run.status, 0);
-    QVERIFY2(run.output.contains("48000 Hz, 1 channels, 44100 frames at 44100 Hz"),
+    QVERIFY2(run.output.contains("1 channel, 48000 Hz, 44100 frames at 44100 Hz"),
              qPrintable(run.output));
     QCOMPARE(verify("tone.wav", {}).status, 0);
 
@@ -399,7 +399,7 @@ void tst_Tovelmix::record_refusesBadInput_data()
     QTest::newRow("another channel count") << "in.wav"
                                            << "2"
                                            << "take.wav"
-                                           << "has 1 channels, not 2";
+                                           << "has 1 channel, not 2";
     QTest::newRow("silent audio file") << "empty.wav"
                                        << ""
                                        << "take.wav"
