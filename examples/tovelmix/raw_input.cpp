@@ -120,8 +120,8 @@ bool RawInput::takeRaw(const QString &path)
     }
     m_path = path;
     m_frames = bytes / frameBytes;
-    m_description =
-        QString("%1: raw, %2, %3 frames").arg(path, channelCount(m_channels)).arg(m_frames);
+    m_description = QString("%1: raw, %2, %3 frames")
+                        .arg(path, channelCount(m_channels), QString::number(m_frames));
     return m_frames >= minFrames || store(samples());
 }
 
@@ -136,14 +136,12 @@ bool RawInput::convert(const QString &path)
     }
     if (info.channels > maxChannels) {
         m_error = QString("'%1' has %2 channels, more than %3")
-                      .arg(path)
-                      .arg(info.channels)
-                      .arg(maxChannels);
+                      .arg(path, QString::number(info.channels), QString::number(maxChannels));
         return false;
     }
     if (m_channels != 0 && m_channels != info.channels) {
-        m_error =
-            QString("'%1' has %2, not %3").arg(path, channelCount(info.channels)).arg(m_channels);
+        m_error = QString("'%1' has %2, not %3")
+                      .arg(path, channelCount(info.channels), QString::number(m_channels));
         return false;
     }
     m_channels = info.channels;
@@ -159,18 +157,15 @@ bool RawInput::convert(const QString &path)
         interleaved = resampled(interleaved, m_channels, info.samplerate);
     if (interleaved.empty()) {
         m_error = QString("'%1' has a rate of %2 Hz, which cannot be converted")
-                      .arg(path)
-                      .arg(info.samplerate);
+                      .arg(path, QString::number(info.samplerate));
         return false;
     }
     std::vector<short> samples(interleaved.size());
     std::transform(interleaved.begin(), interleaved.end(), samples.begin(), toSample16);
     m_frames = qint64(samples.size()) / m_channels;
     m_description = QString("%1: %2, %3 Hz, %4 frames at %5 Hz")
-                        .arg(path, channelCount(m_channels))
-                        .arg(info.samplerate)
-                        .arg(m_frames)
-                        .arg(sampleRate);
+                        .arg(path, channelCount(m_channels), QString::number(info.samplerate),
+                             QString::number(m_frames), QString::number(sampleRate));
     return store(std::move(samples));
 }
 

@@ -31,7 +31,9 @@ qint64 framesOf(double seconds)
 
 short toSample16(float value)
 {
-    return short(std::clamp(std::lround(value * 32768.0f), -32768L, 32767L));
+    return std::isnan(value)
+               ? short(0)
+               : short(std::lround(std::clamp(value * 32768.0f, -32768.0f, 32767.0f)));
 }
 
 double decibels(double amplitude)

@@ -20,8 +20,8 @@ inline constexpr double silenceDb = -120.0;
 /// Seconds as frames, rounded.
 qint64 framesOf(double seconds);
 
-/// Sample value for a 16-bit file: full scale 1.0 is 32768, rounded, clamped. Exact for every
-/// value that came from a 16-bit file.
+/// Sample value for a 16-bit file: full scale 1.0 is 32768, rounded, clamped; 0 for what is no
+/// number. Exact for every value that came from a 16-bit file.
 short toSample16(float value);
 
 /// A linear amplitude in decibels, not below `silenceDb`.

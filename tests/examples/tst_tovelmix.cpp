@@ -153,8 +153,10 @@ void tst_Tovelmix::init()
 void tst_Tovelmix::record_takesEverySample_ofALoopedRawFile()
 {
     const std::vector<short> input = counting(2 * 5000);
-    QVERIFY(writeRaw(file("in.raw"), input));
-    const Run run = record("in.raw", {"--channels", "2", "--seconds", "0.5"});
+    QVERIFY(writeRaw(file("100%2.raw"), input));
+    const Run run = record("100%2.raw", {"--channels", "2", "--seconds", "0.5"});
+    QVERIFY2(run.output.startsWith(file("100%2.raw") + ": raw, 2 channels, 5000 frames\n"),
+             qPrintable(run.output));
     QCOMPARE(run.errors, QString());
     QCOMPARE(run.status, 0);
 
@@ -166,7 +168,7 @@ void tst_Tovelmix::record_takesEverySample_ofALoopedRawFile()
     for (size_t i = 0; i < take.samples.size(); ++i)
         QCOMPARE(take.samples[i], input[i % input.size()]);
 
-    const Run verdict = verify("in.raw", {"--channels", "2"});
+    const Run verdict = verify("100%2.raw", {"--channels", "2"});
     QCOMPARE(verdict.output,
              QString("equal: 22050 frames of 2 channels match the looped input to the sample\n"));
     QCOMPARE(verdict.status, 0);
