@@ -1,27 +1,79 @@
 // SPDX-License-Identifier: MIT
+// What a backend does for its stream: opening, blocks, the failure report.
 #include <mixer/api/api_p.h>
-#include <mixer/engine.h>
+
+#include <mixer/engine_p.h>
 #include <support/log_capture.h>
 #include <support/test_api.h>
 
+#include <QtTest/QSignalSpy>
 #include <QtTest/QTest>
-
-#include <stdexcept>
-#include <thread>
 
 using namespace QTovelMixer;
 
 namespace {
 
-const QString found = "New device found: \"A\" [id:0 out in=0 out=2 pref=48000Hz]";
-const QString removed = "Device removed: \"A\" [id:0 out in=0 out=2 pref=48000Hz]";
+/// A backend that overrides nothing that it need not.
+class PlainApi : public Api
+{
+public:
+    explicit PlainApi(unsigned frames) : Api(Jack, "Plain", frames) {}
+    bool updateDeviceList() override { return true; }
+    bool open(Device *, Device *, unsigned) override { return true; }
+    bool start() override { return true; }
+    bool stop() override { return true; }
+    bool close() override { return false; }
+    bool isOpen() const override { return false; }
+    bool isRunning() const override { return false; }
+};
 
-/// A backend that names another system than it was built with.
 class RenamedApi : public TestApi
 {
 public:
-    Backend backend() const override { return Jack; }
+    Backend backend() const override { return ASIO; }
 };
+
+/// Answers what a test says when it is asked for rates.
+class RateEngine : public Engine
+{
+public:
+    RateEngine() : Engine(nullptr) {}
+
+    QList<unsigned> availableSampleRates(Device *output, Device *input,
+                                         unsigned &rate) const override
+    {
+        asked = {output, input};
+        askedRate = rate;
+        rate = answer;
+        return rates;
+    }
+
+    QList<unsigned> rates{44100, 48000};
+    unsigned answer = 48000;
+    mutable QList<Device *> asked;
+    mutable unsigned askedRate = 0;
+};
+
+/// Remembers the arguments of its questions.
+struct AskedDevice : public TestDevice
+{
+    using TestDevice::TestDevice;
+    bool canPlayback(bool argument) const override
+    {
+        playback.append(argument);
+        return argument;
+    }
+    bool canCapture(bool argument) const override
+    {
+        capture.append(argument);
+        return argument;
+    }
+    mutable QList<bool> playback;
+    mutable QList<bool> capture;
+};
+
+constexpr char failureText[] =
+    "QTovelMixer::Api: audio device failure detected (Jack) -- requesting mixer teardown";
 
 } // namespace
 
@@ -30,382 +82,372 @@ class tst_Api : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { Engine::Initialize(); }
-
-    void backendNames_convertBothWays();
-    void construction_capsTheBuffer();
-    void backendString_followsTheOverride();
-    void update_findsAndLosesDevices();
-    void update_isAChange_theFirstTimeOnly();
-    void update_withAnUnavailableDevice_isAlwaysAChange();
-    void addDevice_refusesASecondObject();
-    void defaultDevice_prefersTheFlag();
-    void device_byName();
-    void device_byNumber();
-    void findActiveDevice_followsNameAndChannels();
-    void activeDevice_fallsBackToTheDefault();
-    void checkDevice_knowsItsOwn();
-    void openApi_ofNothing_opensNothing();
-    void openApi_withoutACommonRate_fails();
-    void openApi_failing_leavesNothingCurrent();
-    void openApi_keepsWhatCanStream();
-    void openApi_withoutEngine_fails();
-    void canUpdateDeviceList_keepsADistance();
-    void mixerCallback_withoutEngine_aborts();
-    void mixerCallback_reachesTheEngine();
-    void failure_isReportedOnce_untilRearmed();
-    void failure_followsTheEngine();
-    void hooks_doNothing();
+    void construction_setsWhatItIsGiven();
+    void bufferFrames_areLimited_onlyAtConstruction();
+    void backendString_namesAnOverriddenBackend();
+    void defaults_ofOptionalOperations();
+    void openApi_withoutDevices_opensNothing();
+    void openApi_fails_withoutEngine();
+    void openApi_fails_withoutRate_data();
+    void openApi_fails_withoutRate();
+    void openApi_fails_whenTheBackendDoes();
+    void openApi_opensAtTheEnginesRate();
+    void openApi_dropsDevicesThatCannot();
+    void openApi_clearsTheChange();
+    void capabilities_passTheArgumentOn();
+    void closeApi_closesAndForgets();
+    void activeDevice_followsTheOpenOne();
+    void mixerCallback_aborts_withoutEngine();
+    void mixerCallback_runsABlockOfTheEngine();
+    void reportDeviceFailure_reportsOncePerArming();
+    void reportDeviceFailure_reportsOnce_fromManyThreads();
+    void reportDeviceFailure_reachesTheEngine_fromTheEventLoop();
+    void setEngine_disconnectsThePreviousEngine();
+    void setEngine_connectsTheSameEngineOnce();
 };
 
-void tst_Api::backendNames_convertBothWays()
+void tst_Api::construction_setsWhatItIsGiven()
 {
-    const QStringList names = {"Auto",      "File",   "Alsa", "Pulse",       "OSS",     "Jack",
-                               "CoreAudio", "WASAPI", "ASIO", "DirectSound", "Disabled"};
-    for (int value = 0; value < names.size(); ++value) {
-        QCOMPARE(convertBackendToString(Backend(value)), names[value]);
-        QCOMPARE(int(convertStringToBackend(names[value].toUpper())), value);
-    }
-    QCOMPARE(int(convertStringToBackend("coreaudio")), 6);
-    QCOMPARE(int(convertStringToBackend("")), 0);
-    QCOMPARE(int(convertStringToBackend("Foo")), 0);
-    QCOMPARE(convertBackendToString(NoBackend), QString());
-    for (const int value : {11, -2}) {
-        try {
-            convertBackendToString(Backend(value));
-            QFAIL("no exception");
-        } catch (const std::logic_error &error) {
-            QCOMPARE(QString(error.what()), QString("Invalid backend"));
-        }
-    }
+    const PlainApi api(512);
+    QCOMPARE(api.backend(), Jack);
+    QCOMPARE(api.backendString(), QStringLiteral("Jack"));
+    QCOMPARE(api.name(), QStringLiteral("Plain"));
+    QCOMPARE(api.bufferFrames(), 512u);
+    QCOMPARE(api.sampleRate(), 48000u);
+    QCOMPARE(api.parent(), nullptr);
+    QVERIFY(api.devices().isEmpty());
+    QVERIFY(api.deviceListWasChanged());
+    QVERIFY(api.canUpdateDeviceList());
 }
 
-void tst_Api::construction_capsTheBuffer()
+void tst_Api::bufferFrames_areLimited_onlyAtConstruction()
 {
-    TestApi api(9000, Pulse, "Mine");
-    QCOMPARE(api.bufferFrames(), 4096u);
-    api.setBufferFrames(9000);
-    QCOMPARE(api.bufferFrames(), 9000u);
-    QCOMPARE(api.name(), "Mine");
-    QCOMPARE(api.backend(), Pulse);
-    QCOMPARE(api.sampleRate(), 48000u);
-    QVERIFY(api.deviceListWasChanged());
-    QVERIFY(api.devices().isEmpty());
-    QCOMPARE(api.numInputChannels(), 0u);
-    QCOMPARE(api.numOutputChannels(), 0u);
+    QCOMPARE(PlainApi(4096).bufferFrames(), 4096u);
+    QCOMPARE(PlainApi(4097).bufferFrames(), 4096u);
+    PlainApi api(0);
+    QCOMPARE(api.bufferFrames(), 0u);
+    api.setBufferFrames(9999);
+    QCOMPARE(api.bufferFrames(), 9999u);
+}
+
+void tst_Api::backendString_namesAnOverriddenBackend()
+{
+    const RenamedApi api;
+    QCOMPARE(api.backendString(), QStringLiteral("ASIO"));
+}
+
+void tst_Api::defaults_ofOptionalOperations()
+{
+    PlainApi api(256);
+    QVERIFY(!api.mayPauseAgain());
+    QVERIFY(!api.showControlPanel(DeviceKind::Output));
+    QVERIFY(!api.showControlPanel(DeviceKind::Input));
     QVERIFY(!api.canCapture(true));
     QVERIFY(!api.canPlayback(true));
-}
-
-void tst_Api::backendString_followsTheOverride()
-{
-    QCOMPARE(RenamedApi().backendString(), "Jack");
-}
-
-void tst_Api::update_findsAndLosesDevices()
-{
-    TestApi api;
-    TestDevice *device = api.addTestDevice("A", 0, 2);
-    LogCapture log;
-    api.updateDeviceList();
-    QVERIFY(device->isListed());
-    QCOMPARE(log.count(QtInfoMsg, found), 1);
-    api.updateDeviceList();
-    QVERIFY(!api.deviceListWasChanged());
-    QVERIFY(!ApiAccess::data(api).changedSinceOpen);
-
-    api.hideDevice(device);
-    api.updateDeviceList();
-    QVERIFY(api.deviceListWasChanged());
-    QVERIFY(ApiAccess::data(api).changedSinceOpen);
-    QVERIFY(!device->isListed());
-    QVERIFY(api.devices().isEmpty());
-    QCOMPARE(log.count(QtInfoMsg, removed), 1);
-    QCOMPARE(api.findDevice(device->uniqueId()), device);
-    api.updateDeviceList();
-    QVERIFY(!api.deviceListWasChanged());
-
-    api.showDevice(device);
-    api.updateDeviceList();
-    QVERIFY(api.deviceListWasChanged());
-    QCOMPARE(api.devices(), QList<Device *>({device}));
-    QCOMPARE(log.count(QtInfoMsg, found), 2);
-    QCOMPARE(log.count(QtInfoMsg, removed), 1);
-}
-
-void tst_Api::update_isAChange_theFirstTimeOnly()
-{
-    TestApi api;
-    api.updateDeviceList();
-    QVERIFY(api.deviceListWasChanged());
-    QVERIFY(!ApiAccess::data(api).changedSinceOpen);
-    api.updateDeviceList();
-    QVERIFY(!api.deviceListWasChanged());
-}
-
-void tst_Api::update_withAnUnavailableDevice_isAlwaysAChange()
-{
-    TestApi api;
-    TestDevice *device = api.addTestDevice("A", 0, 2);
-    device->available = false;
-    LogCapture log;
-    for (int i = 0; i < 3; ++i) {
-        api.updateDeviceList();
-        QVERIFY(api.deviceListWasChanged());
-        QVERIFY(!device->isListed());
-        QVERIFY(api.devices().contains(device));
+    QCOMPARE(api.numInputChannels(), 0u);
+    QCOMPARE(api.numOutputChannels(), 0u);
+    for (const DeviceKind kind : {DeviceKind::Input, DeviceKind::Output}) {
+        QCOMPARE(api.currentDevice(kind), nullptr);
+        QCOMPARE(api.activeDevice(kind), nullptr);
     }
-    QCOMPARE(log.count(), 0);
-    QCOMPARE(api.defaultDevice(DeviceKind::Output), device);
+    api.onPause();
+    api.onResume();
+    QVERIFY(!api.isRunning());
 }
 
-void tst_Api::addDevice_refusesASecondObject()
+void tst_Api::openApi_withoutDevices_opensNothing()
 {
-    TestApi api;
-    api.addTestDevice("A", 0, 2);
-    api.updateDeviceList();
-    TestDevice twin(&api);
-    twin.fullDeviceName = "A";
-    LogCapture log;
-    api.beginDeviceUpdate();
-    api.addDevice(&twin);
-    api.addDevice(nullptr);
-    api.endDeviceUpdate();
-    QCOMPARE(log.count(QtCriticalMsg,
-                       "TovelMixer::Api::addNewDevice: Trying to add existing device. Use "
-                       "findDevice(...) to check if the device already exists"),
-             1);
-    QVERIFY(api.devices().isEmpty());
-}
-
-void tst_Api::defaultDevice_prefersTheFlag()
-{
-    TestApi api;
-    QCOMPARE(api.defaultDevice(DeviceKind::Output), nullptr);
-    TestDevice *input = api.addTestDevice("In", 2, 0);
-    TestDevice *first = api.addTestDevice("Out", 0, 2);
-    TestDevice *second = api.addTestDevice("Out 2", 0, 2);
-    api.updateDeviceList();
-    QCOMPARE(api.defaultDevice(DeviceKind::Output), first);
-    QCOMPARE(api.defaultDevice(DeviceKind::Input), input);
-    QCOMPARE(api.defaultDevice(DeviceKind(2)), nullptr);
-    second->defaultOutput = true;
-    QCOMPARE(api.defaultDevice(DeviceKind::Output), second);
-}
-
-void tst_Api::device_byName()
-{
-    TestApi api;
-    TestDevice *input = api.addTestDevice("In", 2, 0);
-    TestDevice *first = api.addTestDevice("Out", 0, 2);
-    TestDevice *second = api.addTestDevice("Out 2", 0, 2);
-    api.updateDeviceList();
-    QCOMPARE(api.device(DeviceKind::Output, QString("null")), nullptr);
-    QCOMPARE(api.device(DeviceKind::Output, QString("default")), first);
-    QCOMPARE(api.device(DeviceKind::Output, second->uniqueId()), second);
-    QCOMPARE(api.device(DeviceKind::Output, QString("unknown")), first);
-    // Even an exact match is no input device without inputs.
-    QCOMPARE(api.device(DeviceKind::Input, second->uniqueId()), input);
-}
-
-void tst_Api::device_byNumber()
-{
-    TestApi api;
-    TestDevice *input = api.addTestDevice("In", 2, 0);
-    TestDevice *first = api.addTestDevice("Out", 0, 2);
-    TestDevice *second = api.addTestDevice("Out 2", 0, 2);
-    api.updateDeviceList();
-    QCOMPARE(api.device(DeviceKind::Output, unsigned(second->id)), second);
-    QCOMPARE(api.device(DeviceKind::Output, unsigned(input->id)), first);
-    QCOMPARE(api.device(DeviceKind::Input, 99u), input);
-}
-
-void tst_Api::findActiveDevice_followsNameAndChannels()
-{
-    TestApi api;
-    TestDevice *device = api.addTestDevice("Out", 0, 2);
-    api.updateDeviceList();
-    QCOMPARE(api.findActiveDevice(nullptr), nullptr);
-    QCOMPARE(api.findActiveDevice(device), device);
-    api.hideDevice(device);
-    TestDevice *again = api.addTestDevice("Out", 0, 2);
-    api.updateDeviceList();
-    QCOMPARE(api.findActiveDevice(device), again);
-    again->outputs = 4;
-    QCOMPARE(api.findActiveDevice(device), nullptr);
-}
-
-void tst_Api::activeDevice_fallsBackToTheDefault()
-{
-    auto *api = new TestApi;
-    Engine engine(api);
-    TestDevice *device = api->addTestDevice("Out", 0, 2);
-    api->updateDeviceList();
-    QCOMPARE(api->activeDevice(DeviceKind::Output), nullptr);
-    QVERIFY(api->openApi(device, nullptr, 48000));
-    QCOMPARE(api->activeDevice(DeviceKind::Output), device);
-    QCOMPARE(api->currentDevice(DeviceKind(7)), nullptr);
-    api->hideDevice(device);
-    TestDevice *other = api->addTestDevice("Other", 0, 2);
-    api->updateDeviceList();
-    QCOMPARE(api->activeDevice(DeviceKind::Output), other);
-    QCOMPARE(api->currentDevice(DeviceKind::Output), device);
-}
-
-void tst_Api::checkDevice_knowsItsOwn()
-{
-    TestApi api;
-    TestApi otherApi;
-    TestDevice *device = api.addTestDevice("Out", 0, 2);
-    QVERIFY(!api.checkDevice(device));
-    api.updateDeviceList();
-    QVERIFY(api.checkDevice(device));
-    QVERIFY(!api.checkDevice(nullptr));
-    QVERIFY(!otherApi.checkDevice(device));
-}
-
-void tst_Api::openApi_ofNothing_opensNothing()
-{
+    const LogCapture log;
     TestApi api;
     QVERIFY(api.openApi(nullptr, nullptr, 48000));
-    QVERIFY(api.calls.isEmpty());
-    QVERIFY(!api.isOpen());
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    api.updateDeviceList();
+    QVERIFY(api.openApi(desk, desk, 44100));
+    api.calls.clear();
+    QVERIFY(api.openApi(nullptr, nullptr, 96000));
+    QCOMPARE(api.calls, QStringList());
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), nullptr);
+    QCOMPARE(api.sampleRate(), 48000u);
 }
 
-void tst_Api::openApi_withoutACommonRate_fails()
+void tst_Api::openApi_fails_withoutEngine()
 {
-    auto *api = new TestApi;
-    Engine engine(api);
-    TestDevice *out = api->addTestDevice("Out", 0, 2);
-    TestDevice *in = api->addTestDevice("In", 2, 0);
-    out->rates = {44100};
-    in->rates = {48000};
-    api->updateDeviceList();
-    api->calls.clear();
-    QVERIFY(!api->openApi(out, in, 44100));
-    QVERIFY(api->calls.isEmpty());
-    QCOMPARE(api->currentDevice(DeviceKind::Output), nullptr);
-    // One device's rate is corrected to what it has.
-    QVERIFY(api->openApi(out, nullptr, 48000));
-    QCOMPARE(api->sampleRate(), 44100u);
+    const LogCapture log;
+    TestApi api;
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    QVERIFY(!api.openApi(desk, desk, 48000));
+    QCOMPARE(api.calls, QStringList());
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
 }
 
-void tst_Api::openApi_failing_leavesNothingCurrent()
+void tst_Api::openApi_fails_withoutRate_data()
 {
-    auto *api = new TestApi;
-    Engine engine(api);
-    TestDevice *out = api->addTestDevice("Out", 0, 2);
-    api->updateDeviceList();
-    QVERIFY(api->openApi(out, nullptr, 96000));
-    api->acceptOpen = [](Device *, Device *, unsigned) { return false; };
-    QVERIFY(!api->openApi(out, nullptr, 44100));
-    QCOMPARE(api->currentDevice(DeviceKind::Output), nullptr);
-    QCOMPARE(api->sampleRate(), 96000u);
-    QCOMPARE(api->numOutputChannels(), 0u);
+    QTest::addColumn<QList<unsigned>>("rates");
+    QTest::addColumn<unsigned>("rate");
+    QTest::newRow("no rates") << QList<unsigned>() << 48000u;
+    QTest::newRow("rate 0") << QList<unsigned>{48000} << 0u;
 }
 
-void tst_Api::openApi_keepsWhatCanStream()
+void tst_Api::openApi_fails_withoutRate()
 {
-    auto *api = new TestApi;
-    Engine engine(api);
-    TestDevice *out = api->addTestDevice("Out", 0, 2);
-    TestDevice *mute = api->addTestDevice("Mute", 0, 0);
-    api->updateDeviceList();
-    ApiAccess::data(*api).changedSinceOpen = true;
-    QVERIFY(api->openApi(out, mute, 48000));
-    QCOMPARE(api->currentDevice(DeviceKind::Output), out);
-    QCOMPARE(api->currentDevice(DeviceKind::Input), nullptr);
-    QCOMPARE(api->numOutputChannels(), 2u);
-    QVERIFY(api->canPlayback(false));
-    QVERIFY(!ApiAccess::data(*api).changedSinceOpen);
-    QVERIFY(api->closeApi());
-    QCOMPARE(api->currentDevice(DeviceKind::Output), nullptr);
+    QFETCH(QList<unsigned>, rates);
+    QFETCH(unsigned, rate);
+    TestApi api;
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    QVERIFY(api.openApi(desk, desk, 48000));
+    engine.rates = rates;
+    engine.answer = rate;
+    api.calls.clear();
+    QVERIFY(!api.openApi(desk, desk, 48000));
+    QCOMPARE(api.calls, QStringList());
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), nullptr);
 }
 
-void tst_Api::openApi_withoutEngine_fails()
+void tst_Api::openApi_fails_whenTheBackendDoes()
 {
     TestApi api;
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    engine.answer = 44100;
+    api.acceptOpen = [](Device *, Device *, unsigned) { return false; };
+    ApiAccess::data(api).changedSinceOpen = true;
+    QVERIFY(!api.openApi(desk, desk, 44100));
+    QCOMPARE(api.calls, QStringList{"open Desk/Desk 44100"});
+    QCOMPARE(api.sampleRate(), 48000u);
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), nullptr);
+    QVERIFY(ApiAccess::data(api).changedSinceOpen);
+}
+
+void tst_Api::openApi_opensAtTheEnginesRate()
+{
+    TestApi api;
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *out = api.addTestDevice("Out", 0, 6);
+    TestDevice *in = api.addTestDevice("In", 3, 0);
+    engine.answer = 44100;
+    QVERIFY(api.openApi(out, in, 12345));
+    QCOMPARE(engine.asked, (QList<Device *>{out, in}));
+    QCOMPARE(engine.askedRate, 12345u);
+    QCOMPARE(api.calls, QStringList{"open Out/In 44100"});
+    QCOMPARE(api.sampleRate(), 44100u);
+    QCOMPARE(api.currentDevice(DeviceKind::Output), out);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), in);
+    QCOMPARE(api.numOutputChannels(), 6u);
+    QCOMPARE(api.numInputChannels(), 3u);
+    QVERIFY(api.canPlayback(false));
+    QVERIFY(api.canCapture(false));
+
+    QVERIFY(api.openApi(nullptr, in, 44100));
+    QCOMPARE(api.calls.last(), QStringLiteral("open null/In 44100"));
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), in);
+    QCOMPARE(api.numOutputChannels(), 0u);
+}
+
+void tst_Api::openApi_dropsDevicesThatCannot()
+{
+    TestApi api;
+    RateEngine engine;
+    api.setEngine(&engine);
     TestDevice *out = api.addTestDevice("Out", 0, 2);
-    api.updateDeviceList();
-    QVERIFY(!api.openApi(out, nullptr, 48000));
+    TestDevice *in = api.addTestDevice("In", 1, 0);
+    // Each on the other's side.
+    QVERIFY(api.openApi(in, out, 48000));
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), nullptr);
 }
 
-void tst_Api::canUpdateDeviceList_keepsADistance()
+void tst_Api::openApi_clearsTheChange()
+{
+    const LogCapture log;
+    TestApi api;
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    api.updateDeviceList();
+    QVERIFY(ApiAccess::data(api).changedSinceOpen);
+    QVERIFY(api.openApi(desk, desk, 48000));
+    QVERIFY(!ApiAccess::data(api).changedSinceOpen);
+    QVERIFY(api.deviceListWasChanged());
+}
+
+void tst_Api::capabilities_passTheArgumentOn()
 {
     TestApi api;
-    QVERIFY(api.canUpdateDeviceList());
-    api.updateDeviceList();
-    QVERIFY(!api.canUpdateDeviceList());
-    QVERIFY(!ApiAccess::data(api).updateAllowed(1499));
-    QVERIFY(ApiAccess::data(api).updateAllowed(1500));
-    ApiAccess::data(api).clockShift = 1500;
-    QVERIFY(api.canUpdateDeviceList());
+    AskedDevice device(&api);
+    ApiAccess::data(api).setCurrent(&device, &device);
+    QVERIFY(api.canPlayback(true));
+    QVERIFY(!api.canPlayback(false));
+    QVERIFY(!api.canCapture(false));
+    QVERIFY(api.canCapture(true));
+    QCOMPARE(device.playback, (QList<bool>{true, false}));
+    QCOMPARE(device.capture, (QList<bool>{false, true}));
+    ApiAccess::data(api).setCurrent(nullptr, nullptr);
 }
 
-void tst_Api::mixerCallback_withoutEngine_aborts()
+void tst_Api::closeApi_closesAndForgets()
 {
     TestApi api;
-    TestApi::Buffer in;
-    TestApi::Buffer out;
-    QCOMPARE(api.mixerCallback(in, out, 0, 0.0, 0), 2);
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    QVERIFY(api.openApi(desk, desk, 48000));
+    QVERIFY(api.closeApi());
+    QCOMPARE(api.calls.last(), QStringLiteral("close"));
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), nullptr);
+    QCOMPARE(api.sampleRate(), 48000u);
+    // Whatever the backend says, the answer is true.
+    QVERIFY(PlainApi(256).closeApi());
 }
 
-void tst_Api::mixerCallback_reachesTheEngine()
+void tst_Api::activeDevice_followsTheOpenOne()
 {
-    auto *api = new TestApi;
-    Engine engine(api);
-    TestApi::Buffer in;
-    TestApi::Buffer out;
-    QCOMPARE(api->mixerCallback(in, out, 64, 0.0, 0), 0);
-    api->setEngine(nullptr);
-    QCOMPARE(api->mixerCallback(in, out, 64, 0.0, 0), 2);
+    const LogCapture log;
+    TestApi api;
+    RateEngine engine;
+    api.setEngine(&engine);
+    TestDevice *desk = api.addTestDevice("Desk", 2, 2);
+    TestDevice *other = api.addTestDevice("Other", 2, 2);
+    other->defaultOutput = true;
+    api.updateDeviceList();
+    QVERIFY(api.openApi(desk, nullptr, 48000));
+    QCOMPARE(api.activeDevice(DeviceKind::Output), desk);
+    QCOMPARE(api.activeDevice(DeviceKind::Input), nullptr);
+
+    api.hideDevice(desk);
+    api.updateDeviceList();
+    QCOMPARE(api.activeDevice(DeviceKind::Output), other);
+    QCOMPARE(api.currentDevice(DeviceKind::Output), desk);
+
+    TestDevice *again = api.addTestDevice("Desk", 2, 2);
+    api.updateDeviceList();
+    QCOMPARE(api.activeDevice(DeviceKind::Output), again);
+
+    api.hideDevice(again);
+    api.hideDevice(other);
+    api.updateDeviceList();
+    QCOMPARE(api.activeDevice(DeviceKind::Output), nullptr);
 }
 
-void tst_Api::failure_isReportedOnce_untilRearmed()
+void tst_Api::mixerCallback_aborts_withoutEngine()
 {
-    TestApi api(256, Alsa);
-    int failures = 0;
-    connect(&api, &Api::deviceFailure, &api, [&] { ++failures; });
-    LogCapture log;
+    PlainApi api(256);
+    TestApi::Buffer block(512);
+    QCOMPARE(api.mixerCallback(block, block, 256, 0.0, 0), 2);
+    Engine engine(nullptr);
+    api.setEngine(&engine);
+    QCOMPARE(api.mixerCallback(block, block, 256, 0.0, 0), 0);
+    api.setEngine(nullptr);
+    QCOMPARE(api.mixerCallback(block, block, 256, 0.0, 0), 2);
+}
+
+void tst_Api::mixerCallback_runsABlockOfTheEngine()
+{
+    PlainApi api(256);
+    Engine engine(nullptr);
+    api.setEngine(&engine);
+    Engine::Data &data = EngineAccess::data(engine);
+    TestApi::Buffer none;
+    const auto blocks = data.callbackCount.load();
+    const qint64 clock = data.mixTime;
+    QCOMPARE(api.mixerCallback(none, none, 100, 0.5, 0), 0);
+    QCOMPARE(data.callbackCount.load(), blocks + 1);
+    QCOMPARE(data.mixTime.load(), clock + 100);
+}
+
+void tst_Api::reportDeviceFailure_reportsOncePerArming()
+{
+    const LogCapture log;
+    PlainApi api(256);
+    const QSignalSpy failures(&api, &Api::deviceFailure);
     api.reportDeviceFailure();
     api.reportDeviceFailure();
-    std::thread other([&] { api.reportDeviceFailure(); });
-    other.join();
-    const QString text = "QTovelMixer::Api: audio device failure detected (Alsa) -- requesting "
-                         "mixer teardown";
-    QCOMPARE(failures, 1);
-    QCOMPARE(log.count(text), 1);
+    QCOMPARE(failures.count(), 1);
+    QCOMPARE(log.texts(QtCriticalMsg), QStringList{failureText});
     api.rearmDeviceFailure();
+    QCOMPARE(failures.count(), 1);
     api.reportDeviceFailure();
-    QCOMPARE(failures, 2);
-    QCOMPARE(log.count(text), 2);
+    api.reportDeviceFailure();
+    QCOMPARE(failures.count(), 2);
+    QCOMPARE(log.count(QtCriticalMsg, failureText), 2);
+    QCOMPARE(log.count(), 2);
 }
 
-void tst_Api::failure_followsTheEngine()
+void tst_Api::reportDeviceFailure_reportsOnce_fromManyThreads()
 {
+    const LogCapture log;
+    PlainApi api(256);
+    int failures = 0;
+    QObject::connect(
+        &api, &Api::deviceFailure, this, [&failures] { ++failures; }, Qt::QueuedConnection);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&api] { api.reportDeviceFailure(); });
+    for (std::thread &thread : threads)
+        thread.join();
+    QCoreApplication::processEvents();
+    QCOMPARE(failures, 1);
+    QCOMPARE(log.count(QtCriticalMsg, failureText), 1);
+}
+
+void tst_Api::reportDeviceFailure_reachesTheEngine_fromTheEventLoop()
+{
+    const LogCapture log;
+    PlainApi api(256);
+    Engine engine(nullptr);
+    api.setEngine(&engine);
+    const QSignalSpy failures(&engine, &Engine::deviceFailed);
+    std::thread([&api] { api.reportDeviceFailure(); }).join();
+    QCOMPARE(failures.count(), 0);
+    QCoreApplication::processEvents();
+    QCOMPARE(failures.count(), 1);
+    QCOMPARE(log.count(QtCriticalMsg, failureText), 1);
+}
+
+void tst_Api::setEngine_disconnectsThePreviousEngine()
+{
+    const LogCapture log;
+    PlainApi api(256);
     Engine first(nullptr);
     Engine second(nullptr);
-    int firstFailures = 0;
-    int secondFailures = 0;
-    connect(&first, &Engine::deviceFailed, &first, [&] { ++firstFailures; });
-    connect(&second, &Engine::deviceFailed, &second, [&] { ++secondFailures; });
-    TestApi api;
+    const QSignalSpy firstFailures(&first, &Engine::deviceFailed);
+    const QSignalSpy secondFailures(&second, &Engine::deviceFailed);
     api.setEngine(&first);
     api.setEngine(&second);
     api.reportDeviceFailure();
-    QCOMPARE(secondFailures, 0);
-    QTRY_COMPARE(secondFailures, 1);
-    QCOMPARE(firstFailures, 0);
+    QCoreApplication::processEvents();
+    QCOMPARE(firstFailures.count(), 0);
+    QCOMPARE(secondFailures.count(), 1);
+
     api.setEngine(nullptr);
+    api.rearmDeviceFailure();
+    api.reportDeviceFailure();
+    QCoreApplication::processEvents();
+    QCOMPARE(firstFailures.count(), 0);
+    QCOMPARE(secondFailures.count(), 1);
 }
 
-void tst_Api::hooks_doNothing()
+void tst_Api::setEngine_connectsTheSameEngineOnce()
 {
-    TestApi api;
-    api.Api::onPause();
-    api.Api::onResume();
-    QVERIFY(!api.Api::mayPauseAgain());
-    QVERIFY(!api.showControlPanel(DeviceKind::Output));
+    const LogCapture log;
+    PlainApi api(256);
+    Engine engine(nullptr);
+    const QSignalSpy failures(&engine, &Engine::deviceFailed);
+    api.setEngine(&engine);
+    api.setEngine(&engine);
+    api.reportDeviceFailure();
+    QCoreApplication::processEvents();
+    QCOMPARE(failures.count(), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_Api)

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/api/api_file.h>
+
 #include <mixer/api/file_device.h>
 #include <mixer/engine_p.h>
 #include <mixer/io/effect.h>
 #include <support/log_capture.h>
-#include <support/take_sink.h>
 
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QTest>
 
@@ -16,34 +17,126 @@ using namespace QTovelMixer;
 
 namespace {
 
-constexpr int blockFrames = 1024;
+using FileApi = QTovelMixerApiFile;
+using FileDevice = QTovelMixerFileDevice;
 
-QByteArray samples(int count, int first = 0)
-{
-    QByteArray bytes;
-    for (int i = 0; i < count; ++i) {
-        const qint16 sample = qint16(first + i);
-        bytes.append(reinterpret_cast<const char *>(&sample), sizeof sample);
-    }
-    return bytes;
-}
+constexpr int blockSamples = 1024 * 2;
+constexpr int blockBytes = blockSamples * 2;
 
-/// The file backend with an output device, which its own list never has.
-class OpenApiFile : public QTovelMixerApiFile
+/// Stands on the device's input: keeps what the backend has read, and may put something else in
+/// its place.
+class Probe : public Effect
 {
 public:
-    using QTovelMixerApiFile::QTovelMixerApiFile;
+    Probe() : Effect(44100, 2) {}
 
-    Device *addBothDevices(const QString &inputPath, const QString &outputPath)
+    int processBuffers(const float *input, float *output, int channels, int frames) override
     {
-        auto *output = new QTovelMixerFileDevice(this, DeviceKind::Output, outputPath, 44100, 1, 1);
+        blocks.append(QList<float>(input, input + channels * frames));
+        std::copy(replacement.begin(), replacement.end(), output);
+        return 1;
+    }
+
+    QList<QList<float>> blocks;
+    QList<float> replacement;
+};
+
+/// An engine with two inputs, heard one to one on as many outputs.
+class Desk : public Engine
+{
+public:
+    explicit Desk(unsigned outputs = 0) : Engine(nullptr)
+    {
+        constexpr unsigned frames = 4096;
+        Data &data = EngineAccess::data(*this);
+        data.numInputChannels = 2;
+        data.numOutputChannels = outputs;
+        data.inputBuses = Data::makeBuses(2, frames);
+        data.outputBuses = Data::makeBuses(outputs, frames);
+        for (unsigned channel = 0; channel < outputs; ++channel)
+            data.gainMatrix[channel][channel] = 1.0f;
+        data.planMix();
+        data.inputEffect = &probe;
+    }
+    ~Desk() override { EngineAccess::data(*this).inputEffect = nullptr; }
+
+    Probe probe;
+};
+
+/// The file backend with an output file that can be played to.
+class DuplexApi : public FileApi
+{
+public:
+    DuplexApi(const QString &inputPath, const QString &outputPath)
+        : FileApi(inputPath, 2, outputPath, 2, 44100, "Duplex"),
+          input(new FileDevice(this, DeviceKind::Input, inputPath, 44100, 2, 0)),
+          output(new FileDevice(this, DeviceKind::Output, outputPath, 44100, 2, 0))
+    {
+        const LogCapture log;
         beginDeviceUpdate();
-        addDevice(new QTovelMixerFileDevice(this, DeviceKind::Input, inputPath, 44100, 1, 0));
+        addDevice(input);
         addDevice(output);
         endDeviceUpdate();
-        return output;
     }
+
+    FileDevice *input;
+    FileDevice *output;
 };
+
+/// Sees the interval of the timers that fire.
+class TimerWatch : public QObject
+{
+public:
+    TimerWatch() { QCoreApplication::instance()->installEventFilter(this); }
+    bool eventFilter(QObject *receiver, QEvent *event) override
+    {
+        const auto *timer = qobject_cast<QTimer *>(receiver);
+        if (timer && event->type() == QEvent::Timer)
+            intervals.append(timer->interval());
+        return false;
+    }
+    QList<int> intervals;
+};
+
+QByteArray bytesOf(const QList<qint16> &samples)
+{
+    return QByteArray(reinterpret_cast<const char *>(samples.constData()),
+                      samples.size() * qsizetype(sizeof(qint16)));
+}
+
+QList<qint16> samplesOf(const QByteArray &bytes)
+{
+    QList<qint16> samples(bytes.size() / qsizetype(sizeof(qint16)));
+    std::memcpy(samples.data(), bytes.constData(), size_t(samples.size()) * sizeof(qint16));
+    return samples;
+}
+
+void write(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(bytes), bytes.size());
+}
+
+QByteArray read(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// 1, 2, 3 …
+QList<qint16> counting(int count)
+{
+    QList<qint16> samples;
+    for (int i = 1; i <= count; ++i)
+        samples.append(qint16(i));
+    return samples;
+}
+
+float scaled(qint16 sample)
+{
+    return float(double(sample) / 32768.0);
+}
 
 } // namespace
 
@@ -53,303 +146,446 @@ class tst_ApiFile : public QObject
 
 private slots:
     void init();
-    void construction_ignoresTheRate();
-    void updateDeviceList_makesInputDevicesOnly();
-    void updateDeviceList_withoutPaths_isEmpty();
-    void updateDeviceList_reusesItsDevices();
-    void open_fails_withoutAFile();
-    void open_fails_withTheOutputFileAlone();
-    void open_logsWhatItOpened();
-    void open_setsTheInterval();
-    void start_isIgnored_whileClosed();
-    void blocks_playTheInputInALoop();
-    void blocks_fillAnUnreadableRestWithSilence();
-    void blocks_convertTheExtremes();
-    void blocks_followAChangedBufferSize();
-    void blocks_writeTheOutput();
-    void blocks_stop_whenTheEngineIsGone();
-    void timer_recordsThroughTheEngine();
+
+    void construction_fixesRateAndBuffer();
+    void updateDeviceList_offersBothFilesAsInputs();
+    void updateDeviceList_keepsItsDevices();
+    void updateDeviceList_isEmpty_withoutPaths();
+    void updateDeviceList_listsOneFileTwice_whenBothPathsAreTheSame();
+    void open_fails_withoutPaths();
+    void open_fails_forTheOutputFileAlone();
+    void open_fails_withoutUsableFile();
+    void open_logsWhatItOpens();
+    void open_dropsAFileThatCannotBeOpened();
+    void open_emptiesTheOutputFile();
+    void openApi_recordsOnly();
+    void start_doesNothing_whileClosed();
+    void lifecycle_goesThereAndBack();
+    void start_firesEvery23Milliseconds();
+    void mixerTimeout_playsTheInputInALoop();
+    void mixerTimeout_readsAgainOnce();
+    void mixerTimeout_swapsBytes_afterAnOddEnd();
+    void mixerTimeout_isSilent_forAnEmptyFile();
+    void mixerTimeout_scalesTheInput();
+    void mixerTimeout_scalesAndLimitsTheOutput();
+    void mixerTimeout_stopsTheTimer_whenTheEngineSaysSo();
+    void mixerTimeout_followsTheBufferSize();
+    void start_rewindsBothFiles_withoutEmptyingThem();
 
 private:
-    QString write(const QString &name, const QByteArray &bytes);
-
-    std::unique_ptr<QTemporaryDir> m_folder;
+    std::unique_ptr<QTemporaryDir> directory;
+    QString in;
+    QString out;
 };
 
 void tst_ApiFile::init()
 {
-    Engine::Initialize();
-    m_folder = std::make_unique<QTemporaryDir>();
+    directory = std::make_unique<QTemporaryDir>();
+    in = directory->filePath("in.raw");
+    out = directory->filePath("out.raw");
 }
 
-QString tst_ApiFile::write(const QString &name, const QByteArray &bytes)
+void tst_ApiFile::construction_fixesRateAndBuffer()
 {
-    const QString path = m_folder->filePath(name);
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-        qFatal("cannot write %s", qPrintable(path));
-    return path;
-}
-
-void tst_ApiFile::construction_ignoresTheRate()
-{
-    QTovelMixerApiFile api("in", 1, "out", 2, 96000, "Files");
-    QCOMPARE(api.backend(), File);
-    QCOMPARE(api.backendString(), "File");
-    QCOMPARE(api.name(), "Files");
+    const LogCapture log;
+    FileApi api(in, 2, out, 3, 96000, "Files");
+    QCOMPARE(api.backend(), QTovelMixer::File);
+    QCOMPARE(api.backendString(), QStringLiteral("File"));
+    QCOMPARE(api.name(), QStringLiteral("Files"));
     QCOMPARE(api.bufferFrames(), 1024u);
-    api.updateDeviceList();
-    for (const Device *device : api.devices())
-        QCOMPARE(device->sampleRates(), QList<unsigned>({44100}));
+    QVERIFY(!api.isOpen());
+    QVERIFY(!api.isRunning());
+    QVERIFY(api.updateDeviceList());
+    for (const Device *device : api.devices()) {
+        QCOMPARE(device->preferedSampleRate(), 44100u);
+        QCOMPARE(device->sampleRates(), QList<unsigned>{44100});
+    }
 }
 
-void tst_ApiFile::updateDeviceList_makesInputDevicesOnly()
+void tst_ApiFile::updateDeviceList_offersBothFilesAsInputs()
 {
-    QTovelMixerApiFile api(write("in", samples(4)), 1, write("out", {}), 2, 44100, "f");
+    const LogCapture log;
+    FileApi api(in, 2, out, 3, 44100, "Files");
     QVERIFY(api.updateDeviceList());
     QCOMPARE(api.devices().size(), 2);
-    for (const Device *device : api.devices()) {
-        QVERIFY(device->isDefaultInput());
-        QCOMPARE(device->numOutputChannels(), 0u);
-        QVERIFY(!device->canPlayback(true));
+    Device *first = api.devices().at(0);
+    Device *second = api.devices().at(1);
+    QCOMPARE(first->uniqueId(), in);
+    QCOMPARE(second->uniqueId(), out);
+    QCOMPARE(first->numInputChannels(), 2u);
+    QCOMPARE(second->numInputChannels(), 3u);
+    for (Device *device : {first, second}) {
+        QCOMPARE(device->owner(), &api);
+        QVERIFY(device->isListed());
         QCOMPARE(device->deviceId(), 0);
+        QCOMPARE(device->numOutputChannels(), 0u);
+        QVERIFY(device->isDefaultInput());
+        QVERIFY(!device->isDefaultOutput());
+        QVERIFY(!device->canPlayback(false));
     }
-    QCOMPARE(api.devices()[0]->numInputChannels(), 1u);
-    QCOMPARE(api.devices()[1]->numInputChannels(), 2u);
-    QCOMPARE(api.defaultDevice(DeviceKind::Input), api.devices()[0]);
+    QCOMPARE(api.defaultDevice(DeviceKind::Input), first);
+    QCOMPARE(api.defaultDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.device(DeviceKind::Input, out), second);
 }
 
-void tst_ApiFile::updateDeviceList_withoutPaths_isEmpty()
+void tst_ApiFile::updateDeviceList_keepsItsDevices()
 {
-    QTovelMixerApiFile api("", 1, "", 2, 44100, "f");
+    LogCapture log;
+    FileApi api(in, 2, out, 2, 44100, "Files");
+    QVERIFY(api.updateDeviceList());
+    QVERIFY(api.deviceListWasChanged());
+    const QList<Device *> devices = api.devices();
+    QCOMPARE(log.countStarting("New device found:"), 2);
+    log.clear();
+    QVERIFY(api.updateDeviceList());
+    QVERIFY(!api.deviceListWasChanged());
+    QCOMPARE(api.devices(), devices);
+    QCOMPARE(log.count(), 0);
+}
+
+void tst_ApiFile::updateDeviceList_isEmpty_withoutPaths()
+{
+    FileApi api(QString(), 2, QString(), 2, 44100, "Files");
     QVERIFY(api.updateDeviceList());
     QVERIFY(api.devices().isEmpty());
     QVERIFY(api.deviceListWasChanged());
-    QVERIFY(!api.open(nullptr, nullptr, 44100));
-}
-
-void tst_ApiFile::updateDeviceList_reusesItsDevices()
-{
-    QTovelMixerApiFile api("in", 1, "", 2, 44100, "f");
-    api.updateDeviceList();
-    const QList<Device *> first = api.devices();
-    api.updateDeviceList();
-    QCOMPARE(api.devices(), first);
+    QVERIFY(api.updateDeviceList());
     QVERIFY(!api.deviceListWasChanged());
 }
 
-void tst_ApiFile::open_fails_withoutAFile()
+void tst_ApiFile::updateDeviceList_listsOneFileTwice_whenBothPathsAreTheSame()
 {
-    QTovelMixerApiFile api(m_folder->filePath("missing"), 1, "", 2, 44100, "f");
+    const LogCapture log;
+    FileApi api(in, 2, in, 2, 44100, "Files");
+    QVERIFY(api.updateDeviceList());
+    QCOMPARE(api.devices().size(), 2);
+    QCOMPARE(api.devices().at(0), api.devices().at(1));
+    QCOMPARE(log.countStarting("New device found:"), 1);
+    QCOMPARE(log.texts(QtCriticalMsg), QStringList());
+}
+
+void tst_ApiFile::open_fails_withoutPaths()
+{
+    const LogCapture log;
+    FileApi api(QString(), 2, QString(), 2, 44100, "Files");
     api.updateDeviceList();
-    QVERIFY(!api.open(nullptr, api.devices()[0], 44100));
-    QVERIFY(!api.isOpen());
     QVERIFY(!api.open(nullptr, nullptr, 44100));
+    QVERIFY(!api.isOpen());
+    QCOMPARE(log.count(), 0);
 }
 
-void tst_ApiFile::open_fails_withTheOutputFileAlone()
+void tst_ApiFile::open_fails_forTheOutputFileAlone()
 {
-    QTovelMixerApiFile api("", 1, write("out", "kept"), 2, 44100, "f");
-    api.updateDeviceList();
-    QVERIFY(!api.open(api.devices()[0], nullptr, 44100));
-    QFile file(m_folder->filePath("out"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), "kept");
-}
-
-void tst_ApiFile::open_logsWhatItOpened()
-{
-    const QString path = write("in", samples(4));
-    QTovelMixerApiFile api(path, 1, "", 2, 44100, "f");
-    api.updateDeviceList();
     LogCapture log;
-    QVERIFY(api.open(nullptr, api.devices()[0], 44100));
-    QCOMPARE(
-        log.count("QTovelMixer::open: Output: undef / Input: " + path + " / Sample Rate: 44100 Hz"),
-        1);
+    FileApi api(in, 2, out, 2, 44100, "Files");
+    api.updateDeviceList();
+    log.clear();
+    QVERIFY(!api.open(api.devices().at(1), nullptr, 44100));
+    QVERIFY(!api.isOpen());
+    QVERIFY(!QFileInfo::exists(out));
+    QCOMPARE(log.count(), 0);
+}
+
+void tst_ApiFile::open_fails_withoutUsableFile()
+{
+    LogCapture log;
+    FileApi api(in, 2, out, 2, 44100, "Files");
+    api.updateDeviceList();
+    Device *input = api.devices().at(0);
+    // Not there yet.
+    QVERIFY(!api.open(nullptr, input, 44100));
+    write(in, bytesOf(counting(10)));
+    QVERIFY(!api.open(nullptr, nullptr, 44100));
+    QVERIFY(!api.open(nullptr, input, 0));
+    // Another backend's device.
+    FileApi stranger(in, 2, out, 2, 44100, "Stranger");
+    stranger.updateDeviceList();
+    QVERIFY(!api.open(nullptr, stranger.devices().at(0), 44100));
+    QCOMPARE(log.countStarting("QTovelMixer::open:"), 0);
+    QVERIFY(api.open(nullptr, input, 44100));
+}
+
+void tst_ApiFile::open_logsWhatItOpens()
+{
+    write(in, bytesOf(counting(10)));
+    DuplexApi api(in, out);
+    {
+        const LogCapture log;
+        QVERIFY(api.open(nullptr, api.input, 44100));
+        QCOMPARE(log.texts(QtInfoMsg), QStringList{"QTovelMixer::open: Output: undef / Input: " +
+                                                   in + " / Sample Rate: 44100 Hz"});
+        QCOMPARE(log.count(), 1);
+    }
+    const LogCapture log;
+    QVERIFY(api.open(api.output, nullptr, 48000));
+    QCOMPARE(log.texts(QtInfoMsg), QStringList{"QTovelMixer::open: Output: " + out +
+                                               " / Input: undef / Sample Rate: 48000 Hz"});
+}
+
+void tst_ApiFile::open_dropsAFileThatCannotBeOpened()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(blockSamples)));
+    // A directory may be written, but not opened.
+    DuplexApi api(in, directory->path());
+    QVERIFY(api.output->canPlayback(false));
+    QVERIFY(!api.open(api.output, nullptr, 44100));
+    QVERIFY(!api.isOpen());
+    QVERIFY(api.open(api.output, api.input, 44100));
     QVERIFY(api.isOpen());
-    QVERIFY(!api.isRunning());
-    api.close();
+    Desk desk;
+    api.setEngine(&desk);
+    api.mixerTimeout();
+    QCOMPARE(desk.probe.blocks.size(), 1);
+    api.setEngine(nullptr);
+}
+
+void tst_ApiFile::open_emptiesTheOutputFile()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(10)));
+    write(out, QByteArray(100, 'x'));
+    DuplexApi api(in, out);
+    QVERIFY(api.open(api.output, api.input, 44100));
+    QCOMPARE(QFileInfo(out).size(), 0);
+    QVERIFY(api.close());
+    QCOMPARE(read(in), bytesOf(counting(10)));
+}
+
+void tst_ApiFile::openApi_recordsOnly()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(10)));
+    Engine engine(nullptr);
+    FileApi api(in, 2, out, 2, 44100, "Files");
+    api.setEngine(&engine);
+    api.updateDeviceList();
+    Device *input = api.devices().at(0);
+    QVERIFY(api.openApi(api.devices().at(1), input, 48000));
+    QCOMPARE(api.currentDevice(DeviceKind::Output), nullptr);
+    QCOMPARE(api.currentDevice(DeviceKind::Input), input);
+    QCOMPARE(api.sampleRate(), 44100u);
+    QCOMPARE(api.numInputChannels(), 2u);
+    QCOMPARE(api.numOutputChannels(), 0u);
+    QVERIFY(api.canCapture(false));
+    QVERIFY(!api.canPlayback(false));
+    QVERIFY(!QFileInfo::exists(out));
+    QVERIFY(api.closeApi());
     QVERIFY(!api.isOpen());
 }
 
-void tst_ApiFile::open_setsTheInterval()
+void tst_ApiFile::start_doesNothing_whileClosed()
 {
-    QTovelMixerApiFile api(write("in", samples(4)), 1, "", 2, 44100, "f");
-    api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices()[0], 44100));
-    QVERIFY(api.start());
-    QVERIFY(api.isRunning());
-    QVERIFY(api.stop());
-    QVERIFY(!api.isRunning());
-    QVERIFY(api.isOpen());
-}
-
-void tst_ApiFile::start_isIgnored_whileClosed()
-{
-    QTovelMixerApiFile api("in", 1, "", 2, 44100, "f");
+    FileApi api(in, 2, out, 2, 44100, "Files");
     QVERIFY(!api.start());
     QVERIFY(!api.isRunning());
+    QVERIFY(api.stop());
+    QVERIFY(api.close());
 }
 
-namespace {
-
-/// Runs blocks of the backend by hand and gathers what the input meter's place gets: the samples
-/// that an input effect sees.
-class Tap : public Effect
+void tst_ApiFile::lifecycle_goesThereAndBack()
 {
-public:
-    Tap() : Effect(44100, 2) {}
-    int processBuffers(const float *input, float *, int channels, int frames) override
-    {
-        seen.insert(seen.end(), input, input + channels * frames);
-        return 1;
-    }
-    std::vector<float> seen;
-};
-
-struct Player
-{
-    Player(const QString &path, int channels)
-        : api(new OpenApiFile(path, channels, "", 2, 44100, "f")), engine(api)
-    {
-        api->updateDeviceList();
-        engine.replaceInputEffect(&tap);
-        opened = engine.open(nullptr, api->devices().constFirst(), 44100);
-    }
-    ~Player() { engine.replaceInputEffect(nullptr); }
-
-    OpenApiFile *api;
-    Tap tap;
-    Engine engine;
-    bool opened = false;
-};
-
-} // namespace
-
-void tst_ApiFile::blocks_playTheInputInALoop()
-{
-    // 3000 bytes: a block of 4096 takes them all and 1096 from the beginning.
-    Player player(write("in", samples(1500)), 2);
-    QVERIFY(player.opened);
-    player.api->mixerTimeout();
-    player.api->mixerTimeout();
-    QCOMPARE(player.tap.seen.size(), size_t(4 * blockFrames));
-    for (int i = 0; i < 2 * blockFrames; ++i)
-        QCOMPARE(player.tap.seen[size_t(i)], float(i % 1500) / 32768.0f);
-    // The second block goes on where the first one ended.
-    QCOMPARE(player.tap.seen[2 * blockFrames], 548.0f / 32768.0f);
-}
-
-void tst_ApiFile::blocks_fillAnUnreadableRestWithSilence()
-{
-    Player player(write("in", samples(500, 1)), 2);
-    player.api->mixerTimeout();
-    for (int i = 0; i < 2 * blockFrames; ++i) {
-        const float expected = i < 1000 ? float(i % 500 + 1) / 32768.0f : 0.0f;
-        QCOMPARE(player.tap.seen[size_t(i)], expected);
-    }
-}
-
-void tst_ApiFile::blocks_convertTheExtremes()
-{
-    QByteArray bytes;
-    for (const qint16 sample : {qint16(-32768), qint16(32767), qint16(1), qint16(-1)})
-        bytes.append(reinterpret_cast<const char *>(&sample), sizeof sample);
-    Player player(write("in", bytes), 1);
-    player.api->mixerTimeout();
-    QCOMPARE(player.tap.seen[0], -1.0f);
-    QCOMPARE(player.tap.seen[1], 32767.0f / 32768.0f);
-    QCOMPARE(player.tap.seen[2], 1.0f / 32768.0f);
-    QCOMPARE(player.tap.seen[3], -1.0f / 32768.0f);
-}
-
-void tst_ApiFile::blocks_followAChangedBufferSize()
-{
-    Player player(write("in", samples(20000)), 1);
-    player.api->setBufferFrames(4096);
-    player.api->mixerTimeout();
-    QCOMPARE(player.tap.seen.size(), size_t(4096));
-    QCOMPARE(player.tap.seen[4095], 4095.0f / 32768.0f);
-}
-
-void tst_ApiFile::blocks_writeTheOutput()
-{
-    // What the input file plays, times the master gain, is what the output file gets.
-    struct Case
-    {
-        float gain;
-        qint16 input;
-        qint16 written;
-    };
-    const Case cases[] = {{1.0f, 32767, 32767},   {2.0f, 16384, 32767},   {3.0f, 16384, 32767},
-                          {1.5f, -32768, -32768}, {1.0f, -32768, -32768}, {0.5f, 3, 1},
-                          {0.5f, -3, -1},         {0.5f, -32768, -16384}, {1.0f, 0, 0}};
-    for (const Case &entry : cases) {
-        const QByteArray sample(reinterpret_cast<const char *>(&entry.input), sizeof entry.input);
-        const QString inputPath = write("in", sample.repeated(blockFrames));
-        const QString outputPath = m_folder->filePath("out");
-        auto *api = new OpenApiFile(inputPath, 1, outputPath, 1, 44100, "f");
-        Engine engine(api);
-        Device *output = api->addBothDevices(inputPath, outputPath);
-        QVERIFY(engine.open(output, api->defaultDevice(DeviceKind::Input), 44100));
-        QCOMPARE(engine.numOutputChannels(), 1u);
-        EngineAccess::data(engine).gainMatrix[0][0] = 1.0f;
-        engine.setMasterOutputGain(entry.gain);
-        api->mixerTimeout(); // the gain ramps in this one
-        QVERIFY(api->start());
-        api->stop();
-        api->mixerTimeout();
-        engine.deactivate();
-        QFile file(outputPath);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray bytes = file.readAll();
-        QCOMPARE(bytes.size(), qsizetype(blockFrames * sizeof(qint16)));
-        qint16 written = 0;
-        std::memcpy(&written, bytes.constData(), sizeof written);
-        QCOMPARE(written, entry.written);
-    }
-}
-
-void tst_ApiFile::blocks_stop_whenTheEngineIsGone()
-{
-    QTovelMixerApiFile api(write("in", samples(4)), 1, "", 2, 44100, "f");
+    const LogCapture log;
+    write(in, bytesOf(counting(10)));
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
     api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices()[0], 44100));
-    api.start();
+    for (int round = 0; round < 2; ++round) {
+        QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+        QVERIFY(api.isOpen());
+        QVERIFY(!api.isRunning());
+        QVERIFY(api.start());
+        QVERIFY(api.isRunning());
+        QVERIFY(api.stop());
+        QVERIFY(!api.isRunning());
+        QVERIFY(api.isOpen());
+        QVERIFY(api.start());
+        QVERIFY(api.close());
+        QVERIFY(!api.isRunning());
+        QVERIFY(!api.isOpen());
+        QVERIFY(!api.start());
+    }
+}
+
+void tst_ApiFile::start_firesEvery23Milliseconds()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(blockSamples)));
+    Desk desk;
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
+    api.setEngine(&desk);
+    api.updateDeviceList();
+    const TimerWatch watch;
+    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+    QVERIFY(api.start());
+    QTRY_VERIFY(desk.probe.blocks.size() >= 2);
+    QVERIFY(watch.intervals.contains(1024 * 1000 / 44100));
+    QVERIFY(watch.intervals.contains(23));
+    QVERIFY(api.isRunning());
+}
+
+void tst_ApiFile::mixerTimeout_playsTheInputInALoop()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(1500)));
+    QCOMPARE(QFileInfo(in).size(), 3000);
+    Desk desk;
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
+    api.setEngine(&desk);
+    api.updateDeviceList();
+    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+    api.mixerTimeout();
+    api.mixerTimeout();
+    QCOMPARE(desk.probe.blocks.size(), 2);
+    int position = 0;
+    for (const QList<float> &block : std::as_const(desk.probe.blocks)) {
+        QCOMPARE(block.size(), blockSamples);
+        for (const float sample : block)
+            QCOMPARE(sample, scaled(qint16(position++ % 1500 + 1)));
+    }
+}
+
+void tst_ApiFile::mixerTimeout_readsAgainOnce()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(100)));
+    Desk desk;
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
+    api.setEngine(&desk);
+    api.updateDeviceList();
+    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+    api.mixerTimeout();
+    // Now at the end of the file: what is read again is all there is.
+    api.mixerTimeout();
+    const int wholes[] = {200, 100};
+    for (int block = 0; block < 2; ++block) {
+        const QList<float> &samples = desk.probe.blocks.at(block);
+        QCOMPARE(samples.size(), blockSamples);
+        for (int i = 0; i < blockSamples; ++i)
+            QCOMPARE(samples.at(i), i < wholes[block] ? scaled(qint16(i % 100 + 1)) : 0.0f);
+    }
+}
+
+void tst_ApiFile::mixerTimeout_swapsBytes_afterAnOddEnd()
+{
+    const LogCapture log;
+    write(in, QByteArray("\x01\x02\x03\x04\x05", 5));
+    Desk desk;
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
+    api.setEngine(&desk);
+    api.updateDeviceList();
+    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+    api.mixerTimeout();
+    const QList<qint16> expected =
+        samplesOf(QByteArray("\x01\x02\x03\x04\x05\x01\x02\x03\x04\x05\0\0", 12));
+    for (int i = 0; i < expected.size(); ++i)
+        QCOMPARE(desk.probe.blocks.at(0).at(i), scaled(expected.at(i)));
+}
+
+void tst_ApiFile::mixerTimeout_isSilent_forAnEmptyFile()
+{
+    const LogCapture log;
+    write(in, QByteArray());
+    Desk desk;
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
+    api.setEngine(&desk);
+    api.updateDeviceList();
+    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+    api.mixerTimeout();
+    QCOMPARE(desk.probe.blocks, QList<QList<float>>{QList<float>(blockSamples, 0.0f)});
+}
+
+void tst_ApiFile::mixerTimeout_scalesTheInput()
+{
+    const LogCapture log;
+    QList<qint16> samples{-32768, 32767, 0, 1, -1, 16384};
+    samples.resize(blockSamples);
+    write(in, bytesOf(samples));
+    Desk desk;
+    FileApi api(in, 2, QString(), 0, 44100, "Files");
+    api.setEngine(&desk);
+    api.updateDeviceList();
+    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
+    api.mixerTimeout();
+    const QList<float> expected{-1.0f,           32767.0f / 32768.0f, 0.0f,
+                                1.0f / 32768.0f, -1.0f / 32768.0f,    0.5f};
+    QCOMPARE(desk.probe.blocks.at(0).mid(0, expected.size()), expected);
+}
+
+void tst_ApiFile::mixerTimeout_scalesAndLimitsTheOutput()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(blockSamples)));
+    DuplexApi api(in, out);
+    Desk desk(2);
+    api.setEngine(&desk);
+    const QList<float> played{1.0f,  -1.5f,        0.5f,         -1.0f,         32767.9f / 32768.0f,
+                              -2.0f, 1.0e9f,       1.9f / 32768, -1.9f / 32768, 0.9f / 32768,
+                              0.0f,  -0.9f / 32768};
+    desk.probe.replacement = played;
+    QVERIFY(api.open(api.output, api.input, 44100));
+    api.mixerTimeout();
+    QVERIFY(api.close());
+    const QList<qint16> written = samplesOf(read(out));
+    QCOMPARE(written.size(), blockSamples);
+    const QList<qint16> expected{32767, -32768, 16384, -32768, 32767, -32768,
+                                 32767, 1,      -1,    0,      0,     0};
+    QCOMPARE(written.mid(0, expected.size()), expected);
+    // Behind the replacement the input has passed through unharmed.
+    QCOMPARE(written.mid(expected.size()), counting(blockSamples).mid(expected.size()));
+}
+
+void tst_ApiFile::mixerTimeout_stopsTheTimer_whenTheEngineSaysSo()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(blockSamples)));
+    DuplexApi api(in, out);
+    QVERIFY(api.open(api.output, api.input, 44100));
+    QVERIFY(api.start());
+    // Without an engine every block is answered with "abort".
     api.mixerTimeout();
     QVERIFY(!api.isRunning());
     QVERIFY(api.isOpen());
+    QVERIFY(api.close());
+    QCOMPARE(QFileInfo(out).size(), 0);
 }
 
-void tst_ApiFile::timer_recordsThroughTheEngine()
+void tst_ApiFile::mixerTimeout_followsTheBufferSize()
 {
-    const QString path = write("in", samples(3 * blockFrames));
-    auto *api = new QTovelMixerApiFile(path, 1, "", 2, 44100, "f");
-    Engine engine(api);
-    api->updateDeviceList();
-    engine.activate();
-    QVERIFY(engine.isActive());
-    QCOMPARE(engine.sampleRate(), 44100u);
-    auto *sink = new TakeSink(&engine, 44100, 1);
-    QVERIFY(engine.addSink(sink));
-    QVERIFY(api->isRunning());
-    QVERIFY(engine.start());
-    QTRY_VERIFY(sink->frames() > 8 * blockFrames);
-    const std::vector<float> take = sink->samples();
-    // From the first recorded sample on every one follows the one before, round the loop.
-    size_t first = 0;
-    while (first + 1 < take.size() && take[first + 1] == 0.0f)
-        ++first;
-    for (size_t i = first + 1; i < take.size(); ++i) {
-        const int previous = int(take[i - 1] * 32768.0f);
-        QCOMPARE(int(take[i] * 32768.0f), (previous + 1) % (3 * blockFrames));
+    const LogCapture log;
+    write(in, bytesOf(counting(10000)));
+    DuplexApi api(in, out);
+    Desk desk(2);
+    api.setEngine(&desk);
+    QVERIFY(api.open(api.output, api.input, 44100));
+    for (const unsigned frames : {2048u, 512u}) {
+        api.setBufferFrames(frames);
+        api.mixerTimeout();
     }
-    int stopped = 0;
-    connect(&engine, &Engine::stopped, &engine, [&] { ++stopped; });
-    QVERIFY(engine.stop(true, UserStopAction));
-    QTRY_COMPARE(stopped, 1);
-    QVERIFY(!api->isRunning());
+    QVERIFY(api.close());
+    QCOMPARE(desk.probe.blocks.at(0).size(), 4096);
+    QCOMPARE(desk.probe.blocks.at(1).size(), 1024);
+    QCOMPARE(samplesOf(read(out)), counting(4096 + 1024));
+}
+
+void tst_ApiFile::start_rewindsBothFiles_withoutEmptyingThem()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(3 * blockSamples)));
+    DuplexApi api(in, out);
+    Desk desk(2);
+    api.setEngine(&desk);
+    QVERIFY(api.open(api.output, api.input, 44100));
+    api.mixerTimeout();
+    api.mixerTimeout();
+    QVERIFY(api.start());
+    desk.probe.replacement = QList<float>(blockSamples, 0.5f);
+    api.mixerTimeout();
+    QVERIFY(api.close());
+    QCOMPARE(desk.probe.blocks.at(2), desk.probe.blocks.at(0));
+    const QList<qint16> written = samplesOf(read(out));
+    QCOMPARE(written.size() * qsizetype(sizeof(qint16)), 2 * blockBytes);
+    QCOMPARE(written.mid(0, blockSamples), QList<qint16>(blockSamples, 16384));
+    QCOMPARE(written.mid(blockSamples), counting(2 * blockSamples).mid(blockSamples));
 }
 
 QTEST_GUILESS_MAIN(tst_ApiFile)

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/api/file_device.h>
-#include <support/test_api.h>
 
 #include <QtCore/QFile>
 #include <QtCore/QJsonArray>
@@ -9,102 +8,135 @@
 
 using namespace QTovelMixer;
 
+namespace {
+
+using FileDevice = QTovelMixerFileDevice;
+
+void touch(const QString &path)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+}
+
+} // namespace
+
 class tst_FileDevice : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void path_isEveryName();
-    void input_hasInputChannelsOnly();
-    void output_hasOutputChannelsOnly();
-    void capture_needsAReadableFile();
-    void playback_needsAFileOrItsDirectory();
-    void json_ofAnOutput();
+    void answers_ofAnInput();
+    void answers_ofAnOutput();
+    void matchScore_isAllOrNothing();
+    void canCapture_needsAReadableFile();
+    void canCapture_isFalse_withoutChannels();
+    void canPlayback_needsAWritableFileOrDirectory();
+    void canPlayback_isFalse_withoutChannels();
+    void setDeviceId_changesTheNumber();
+    void toJsonObject_describesAnOutput();
 };
 
-void tst_FileDevice::path_isEveryName()
+void tst_FileDevice::answers_ofAnInput()
 {
-    TestApi api;
-    QTovelMixerFileDevice device(&api, DeviceKind::Input, "/some/file.raw", 44100, 2, 5);
-    for (const QString &name :
-         {device.uniqueId(), device.fullName(), device.name(), device.manufacture()})
-        QCOMPARE(name, "/some/file.raw");
-    QCOMPARE(device.deviceId(), 5);
-    device.setDeviceId(0);
-    QCOMPARE(device.deviceId(), 0);
-    QCOMPARE(device.matchScore("/some/file.raw"), 128);
-    QCOMPARE(device.matchScore("/some/file"), 0);
+    const FileDevice device(nullptr, DeviceKind::Input, "/a/b.raw", 44100, 3, 9);
     QVERIFY(device.isValid());
     QVERIFY(device.isAvailable());
+    QVERIFY(!device.isListed());
     QVERIFY(!device.isDuplex());
-    QCOMPARE(device.preferedSampleRate(), 44100u);
-    QCOMPARE(device.sampleRates(), QList<unsigned>({44100}));
-    QCOMPARE(device.minBufferFrames(), 64u);
-    QCOMPARE(device.maxBufferFrames(), 4096u);
-    QCOMPARE(device.defaultBufferFrames(), 1024u);
-}
-
-void tst_FileDevice::input_hasInputChannelsOnly()
-{
-    TestApi api;
-    const QTovelMixerFileDevice device(&api, DeviceKind::Input, "f", 44100, 40, 0);
-    QCOMPARE(device.numInputChannels(), 40u);
+    for (const QString &text :
+         {device.uniqueId(), device.fullName(), device.name(), device.manufacture()})
+        QCOMPARE(text, QStringLiteral("/a/b.raw"));
+    QCOMPARE(device.numInputChannels(), 3u);
     QCOMPARE(device.numOutputChannels(), 0u);
     QVERIFY(device.isDefaultInput());
     QVERIFY(!device.isDefaultOutput());
-    QVERIFY(!device.canPlayback(true));
+    QCOMPARE(device.preferedSampleRate(), 44100u);
+    QCOMPARE(device.sampleRates(), QList<unsigned>{44100});
+    QCOMPARE(device.minBufferFrames(), 64u);
+    QCOMPARE(device.maxBufferFrames(), 4096u);
+    QCOMPARE(device.defaultBufferFrames(), 1024u);
+    QCOMPARE(device.deviceId(), 9);
 }
 
-void tst_FileDevice::output_hasOutputChannelsOnly()
+void tst_FileDevice::answers_ofAnOutput()
 {
-    TestApi api;
-    const QTovelMixerFileDevice device(&api, DeviceKind::Output, "f", 44100, 2, 0);
+    const FileDevice device(nullptr, DeviceKind::Output, "/a/b.raw", 48000, 2, 0);
     QCOMPARE(device.numInputChannels(), 0u);
     QCOMPARE(device.numOutputChannels(), 2u);
     QVERIFY(!device.isDefaultInput());
     QVERIFY(device.isDefaultOutput());
     QVERIFY(!device.canCapture(true));
+    QVERIFY(!device.isDuplex());
 }
 
-void tst_FileDevice::capture_needsAReadableFile()
+void tst_FileDevice::matchScore_isAllOrNothing()
 {
-    TestApi api;
-    QTemporaryDir folder;
-    const QString path = folder.filePath("in.raw");
-    const QTovelMixerFileDevice device(&api, DeviceKind::Input, path, 44100, 2, 0);
+    const FileDevice device(nullptr, DeviceKind::Input, "/a/b.raw", 44100, 2, 0);
+    QCOMPARE(int(device.matchScore("/a/b.raw")), 128);
+    QCOMPARE(int(device.matchScore("/a/B.raw")), 0);
+    QCOMPARE(int(device.matchScore("b.raw")), 0);
+}
+
+void tst_FileDevice::canCapture_needsAReadableFile()
+{
+    QTemporaryDir directory;
+    const QString path = directory.filePath("in.raw");
+    const FileDevice device(nullptr, DeviceKind::Input, path, 44100, 2, 0);
     QVERIFY(!device.canCapture(false));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
+    touch(path);
     QVERIFY(device.canCapture(false));
-    const QTovelMixerFileDevice silent(&api, DeviceKind::Input, path, 44100, 0, 0);
-    QVERIFY(!silent.canCapture(false));
+    QVERIFY(device.canCapture(true));
+    QVERIFY(!device.canPlayback(false));
 }
 
-void tst_FileDevice::playback_needsAFileOrItsDirectory()
+void tst_FileDevice::canCapture_isFalse_withoutChannels()
 {
-    TestApi api;
-    QTemporaryDir folder;
-    const auto canPlay = [&](const QString &path, unsigned channels) {
-        return QTovelMixerFileDevice(&api, DeviceKind::Output, path, 44100, channels, 0)
-            .canPlayback(false);
-    };
-    const QString path = folder.filePath("out.raw");
-    QVERIFY(canPlay(path, 2));
-    QVERIFY(!canPlay(path, 0));
-    QVERIFY(!canPlay(folder.filePath("missing/out.raw"), 2));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QVERIFY(canPlay(path, 2));
+    QTemporaryDir directory;
+    const QString path = directory.filePath("in.raw");
+    touch(path);
+    const FileDevice device(nullptr, DeviceKind::Input, path, 44100, 0, 0);
+    QVERIFY(!device.canCapture(false));
 }
 
-void tst_FileDevice::json_ofAnOutput()
+void tst_FileDevice::canPlayback_needsAWritableFileOrDirectory()
 {
-    TestApi api;
-    const QTovelMixerFileDevice device(&api, DeviceKind::Output, "/out.raw", 48000, 2, 0);
+    QTemporaryDir directory;
+    const QString path = directory.filePath("out.raw");
+    const FileDevice device(nullptr, DeviceKind::Output, path, 44100, 2, 0);
+    QVERIFY(device.canPlayback(false));
+    touch(path);
+    QVERIFY(device.canPlayback(false));
+    QVERIFY(device.canPlayback(true));
+    QVERIFY(!device.canCapture(false));
+
+    const FileDevice nowhere(nullptr, DeviceKind::Output, directory.filePath("none/out.raw"), 44100,
+                             2, 0);
+    QVERIFY(!nowhere.canPlayback(false));
+}
+
+void tst_FileDevice::canPlayback_isFalse_withoutChannels()
+{
+    QTemporaryDir directory;
+    const FileDevice device(nullptr, DeviceKind::Output, directory.filePath("out.raw"), 44100, 0,
+                            0);
+    QVERIFY(!device.canPlayback(false));
+}
+
+void tst_FileDevice::setDeviceId_changesTheNumber()
+{
+    FileDevice device(nullptr, DeviceKind::Input, "/a/b.raw", 44100, 2, 4);
+    device.setDeviceId(0);
+    QCOMPARE(device.deviceId(), 0);
+}
+
+void tst_FileDevice::toJsonObject_describesAnOutput()
+{
+    const FileDevice device(nullptr, DeviceKind::Output, "/a/b.raw", 48000, 2, 0);
     const QJsonObject expected{
-        {"fullName", "/out.raw"},  {"name", "/out.raw"},     {"manufacture", "/out.raw"},
+        {"fullName", "/a/b.raw"},  {"name", "/a/b.raw"},     {"manufacture", "/a/b.raw"},
         {"numInputChannels", 0},   {"numOutputChannels", 2}, {"isDefaultInput", false},
-        {"isDefaultOutput", true}, {"deviceId", 0},          {"sampleRates", QJsonArray{48000}}};
+        {"isDefaultOutput", true}, {"deviceId", 0},          {"sampleRates", QJsonArray{48000}},
+    };
     QCOMPARE(device.toJsonObject(), expected);
 }
 

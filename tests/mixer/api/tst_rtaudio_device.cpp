@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/api/rtaudio_device.h>
-#include <support/test_api.h>
 
 #include <QtTest/QTest>
 
@@ -8,15 +7,17 @@ using namespace QTovelMixer;
 
 namespace {
 
-RtAudio::DeviceInfo speakers()
+using RtAudioDevice = QTovelMixerRtAudioDevice;
+
+RtAudio::DeviceInfo makeInfo(unsigned id, const char *name, unsigned inputs, unsigned outputs)
 {
     RtAudio::DeviceInfo info;
-    info.ID = 73;
-    info.name = "Speakers";
-    info.outputChannels = 2;
-    info.isDefaultOutput = true;
-    info.sampleRates = {44100, 48000};
-    info.preferredSampleRate = 48000;
+    info.ID = id;
+    info.name = name;
+    info.inputChannels = inputs;
+    info.outputChannels = outputs;
+    info.sampleRates = {44100, 96000, 48000};
+    info.preferredSampleRate = 96000;
     return info;
 }
 
@@ -27,142 +28,170 @@ class tst_RtAudioDevice : public QObject
     Q_OBJECT
 
 private slots:
-    void uniqueId_isExact();
-    void uniqueId_fillsPlaceholdersInNames();
-    void channels_areCapped_butNotInTheIdentity();
-    void manufacture_standsBeforeTheColon();
-    void availability_needsAChannel();
-    void answers_comeFromTheRecord();
-    void matchScore_grades_data();
-    void matchScore_grades();
-    void matchScore_forgivesTheManufacturer();
-    void record_isReplacedInPlace();
+    void answers_followTheRecord();
+    void channels_areAtMost32();
+    void isAvailable_needsAnyChannel();
+    void manufacture_isWhatStandsBeforeTheColon_data();
+    void manufacture_isWhatStandsBeforeTheColon();
+    void name_isUtf8();
+    void uniqueId_isThePersistentForm();
+    void uniqueId_countsAllChannels();
+    void uniqueId_substitutesSequencesInTheName();
+    void matchScore_isGraded_data();
+    void matchScore_isGraded();
+    void setInfo_replacesTheRecord();
 };
 
-void tst_RtAudioDevice::uniqueId_isExact()
+void tst_RtAudioDevice::answers_followTheRecord()
 {
-    TestApi api;
-    const QTovelMixerRtAudioDevice device(&api, speakers());
-    QCOMPARE(device.uniqueId(), "Speakers [ 0 input / 2 output ] deviceId = 73 defaultInput = 0 "
-                                "defaultOutput = 1");
-}
-
-void tst_RtAudioDevice::uniqueId_fillsPlaceholdersInNames()
-{
-    TestApi api;
-    RtAudio::DeviceInfo info = speakers();
-    info.name = "100%3";
-    const QTovelMixerRtAudioDevice device(&api, info);
-    QCOMPARE(device.uniqueId(),
-             "1000 [ 0 input / 2 output ] deviceId = 73 defaultInput = 0 defaultOutput = 1");
-}
-
-void tst_RtAudioDevice::channels_areCapped_butNotInTheIdentity()
-{
-    TestApi api;
-    RtAudio::DeviceInfo info = speakers();
-    info.inputChannels = 40;
-    info.outputChannels = 33;
-    const QTovelMixerRtAudioDevice device(&api, info);
-    QCOMPARE(device.numInputChannels(), 32u);
-    QCOMPARE(device.numOutputChannels(), 32u);
-    QVERIFY(device.uniqueId().contains("[ 40 input / 33 output ]"));
-}
-
-void tst_RtAudioDevice::manufacture_standsBeforeTheColon()
-{
-    TestApi api;
-    RtAudio::DeviceInfo info = speakers();
-    QCOMPARE(QTovelMixerRtAudioDevice(&api, info).manufacture(), "Speakers");
-    info.name = " Maker : Model: Two";
-    QCOMPARE(QTovelMixerRtAudioDevice(&api, info).manufacture(), "Maker");
-    info.name = "Lautsprecher für \xff";
-    QCOMPARE(QTovelMixerRtAudioDevice(&api, info).name(),
-             QString::fromUtf8("Lautsprecher für \xff"));
-}
-
-void tst_RtAudioDevice::availability_needsAChannel()
-{
-    TestApi api;
-    RtAudio::DeviceInfo info = speakers();
-    info.outputChannels = 0;
-    QVERIFY(!QTovelMixerRtAudioDevice(&api, info).isAvailable());
-    info.duplexChannels = 1;
-    QVERIFY(QTovelMixerRtAudioDevice(&api, info).isAvailable());
-    QVERIFY(QTovelMixerRtAudioDevice(&api, info).isDuplex());
-}
-
-void tst_RtAudioDevice::answers_comeFromTheRecord()
-{
-    TestApi api;
-    const QTovelMixerRtAudioDevice device(&api, speakers());
+    RtAudio::DeviceInfo info = makeInfo(73, "Maker: Desk", 4, 0);
+    info.isDefaultInput = true;
+    RtAudioDevice device(nullptr, info);
     QVERIFY(device.isValid());
-    QVERIFY(device.isDefaultOutput());
-    QVERIFY(!device.isDefaultInput());
+    QVERIFY(device.isAvailable());
+    QCOMPARE(device.fullName(), QStringLiteral("Maker: Desk"));
+    QCOMPARE(device.name(), QStringLiteral("Maker: Desk"));
+    QCOMPARE(device.numInputChannels(), 4u);
+    QCOMPARE(device.numOutputChannels(), 0u);
+    QVERIFY(device.isDefaultInput());
+    QVERIFY(!device.isDefaultOutput());
     QVERIFY(!device.isDuplex());
-    QVERIFY(device.canPlayback(false));
-    QVERIFY(!device.canCapture(false));
-    QCOMPARE(device.preferedSampleRate(), 48000u);
-    QCOMPARE(device.sampleRates(), QList<unsigned>({44100, 48000}));
+    QVERIFY(device.canCapture(false));
+    QVERIFY(device.canCapture(true));
+    QVERIFY(!device.canPlayback(false));
+    QCOMPARE(device.preferedSampleRate(), 96000u);
+    QCOMPARE(device.sampleRates(), (QList<unsigned>{44100, 96000, 48000}));
     QCOMPARE(device.minBufferFrames(), 32u);
     QCOMPARE(device.maxBufferFrames(), 16384u);
     QCOMPARE(device.defaultBufferFrames(), 1024u);
     QCOMPARE(device.deviceId(), 73);
+
+    info = makeInfo(74, "Desk", 0, 2);
+    info.isDefaultOutput = true;
+    info.duplexChannels = 2;
+    device.setInfo(info);
+    QVERIFY(!device.isDefaultInput());
+    QVERIFY(device.isDefaultOutput());
+    QVERIFY(device.isDuplex());
+    QVERIFY(!device.canCapture(true));
+    QVERIFY(device.canPlayback(true));
 }
 
-void tst_RtAudioDevice::matchScore_grades_data()
+void tst_RtAudioDevice::channels_areAtMost32()
+{
+    const RtAudioDevice device(nullptr, makeInfo(1, "Desk", 40, 33));
+    QCOMPARE(device.numInputChannels(), 32u);
+    QCOMPARE(device.numOutputChannels(), 32u);
+    const RtAudioDevice full(nullptr, makeInfo(1, "Desk", 32, 31));
+    QCOMPARE(full.numInputChannels(), 32u);
+    QCOMPARE(full.numOutputChannels(), 31u);
+}
+
+void tst_RtAudioDevice::isAvailable_needsAnyChannel()
+{
+    RtAudio::DeviceInfo info = makeInfo(1, "Desk", 0, 0);
+    QVERIFY(!RtAudioDevice(nullptr, info).isAvailable());
+    info.duplexChannels = 1;
+    QVERIFY(RtAudioDevice(nullptr, info).isAvailable());
+    QVERIFY(RtAudioDevice(nullptr, makeInfo(1, "Desk", 1, 0)).isAvailable());
+    QVERIFY(RtAudioDevice(nullptr, makeInfo(1, "Desk", 0, 1)).isAvailable());
+}
+
+void tst_RtAudioDevice::manufacture_isWhatStandsBeforeTheColon_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QString>("maker");
+    QTest::newRow("maker and model") << QByteArray("Maker: Model") << "Maker";
+    QTest::newRow("two colons") << QByteArray(" Maker : Line: Model") << "Maker";
+    QTest::newRow("no colon") << QByteArray(" Just a name ") << " Just a name ";
+    QTest::newRow("colon first") << QByteArray(":Model") << "";
+}
+
+void tst_RtAudioDevice::manufacture_isWhatStandsBeforeTheColon()
+{
+    QFETCH(QByteArray, name);
+    QFETCH(QString, maker);
+    const RtAudioDevice device(nullptr, makeInfo(1, name.constData(), 0, 2));
+    QCOMPARE(device.manufacture(), maker);
+}
+
+void tst_RtAudioDevice::name_isUtf8()
+{
+    const RtAudioDevice device(nullptr, makeInfo(1, "H\xc3\xb6rer", 0, 2));
+    QCOMPARE(device.name(), QStringLiteral("H%1rer").arg(QChar(0xf6)));
+    const RtAudioDevice broken(nullptr, makeInfo(1, "H\xff", 0, 2));
+    QCOMPARE(broken.name(), QStringLiteral("H%1").arg(QChar(QChar::ReplacementCharacter)));
+}
+
+void tst_RtAudioDevice::uniqueId_isThePersistentForm()
+{
+    RtAudio::DeviceInfo info = makeInfo(73, "Speakers", 0, 2);
+    info.isDefaultOutput = true;
+    QCOMPARE(RtAudioDevice(nullptr, info).uniqueId(),
+             QStringLiteral("Speakers [ 0 input / 2 output ] deviceId = 73 defaultInput = 0 "
+                            "defaultOutput = 1"));
+    info = makeInfo(4000000000u, "Mic", 1, 0);
+    info.isDefaultInput = true;
+    QCOMPARE(RtAudioDevice(nullptr, info).uniqueId(),
+             QStringLiteral("Mic [ 1 input / 0 output ] deviceId = 4000000000 defaultInput = 1 "
+                            "defaultOutput = 0"));
+}
+
+void tst_RtAudioDevice::uniqueId_countsAllChannels()
+{
+    const RtAudioDevice device(nullptr, makeInfo(2, "Desk", 40, 48));
+    QCOMPARE(device.uniqueId(),
+             QStringLiteral("Desk [ 40 input / 48 output ] deviceId = 2 defaultInput = 0 "
+                            "defaultOutput = 0"));
+}
+
+// Remembered identities were written this way, so they have to be built this way.
+void tst_RtAudioDevice::uniqueId_substitutesSequencesInTheName()
+{
+    const RtAudioDevice device(nullptr, makeInfo(2, "Desk %3", 4, 6));
+    QCOMPARE(device.uniqueId(),
+             QStringLiteral("Desk 4 [ 4 input / 6 output ] deviceId = 2 defaultInput = 0 "
+                            "defaultOutput = 0"));
+}
+
+void tst_RtAudioDevice::matchScore_isGraded_data()
 {
     QTest::addColumn<QString>("id");
     QTest::addColumn<int>("score");
-    QTest::newRow("exact") << "Speakers [ 0 input / 2 output ] deviceId = 73 defaultInput = 0 "
-                              "defaultOutput = 1"
-                           << 128;
-    QTest::newRow("number") << "Speakers [ 0 input / 2 output ] deviceId = 12 defaultInput = 0 "
-                               "defaultOutput = 1"
-                            << 64;
-    QTest::newRow("default flag") << "Speakers [ 0 input / 2 output ] deviceId = 73 "
-                                     "defaultInput = 0 defaultOutput = 0"
-                                  << 64;
-    QTest::newRow("channels") << "Speakers [ 0 input / 8 output ] deviceId = 73 defaultInput = 0 "
-                                 "defaultOutput = 1"
-                              << 32;
-    QTest::newRow("bare name") << "Speakers" << 32;
-    QTest::newRow("with a maker") << "Maker: Speakers [ 0 input / 2 output ]" << 16;
-    QTest::newRow("case") << "speakers" << 0;
-    QTest::newRow("another") << "Headphones" << 0;
-    QTest::newRow("empty") << "" << 0;
+    const QString tail = QStringLiteral("deviceId = 73 defaultInput = 0 defaultOutput = 1");
+    QTest::newRow("the same") << "Maker: Desk [ 0 input / 2 output ] " + tail << 128;
+    QTest::newRow("another number")
+        << "Maker: Desk [ 0 input / 2 output ] deviceId = 9 defaultInput = 0 defaultOutput = 1"
+        << 64;
+    QTest::newRow("other defaults")
+        << "Maker: Desk [ 0 input / 2 output ] deviceId = 73 defaultInput = 0 defaultOutput = 0"
+        << 64;
+    QTest::newRow("other channels") << "Maker: Desk [ 2 input / 2 output ] " + tail << 32;
+    QTest::newRow("only the name") << "Maker: Desk" << 32;
+    QTest::newRow("another maker") << "Other: Desk [ 0 input / 2 output ] " + tail << 16;
+    QTest::newRow("no maker") << "Desk [ 0 input / 2 output ] " + tail << 16;
+    QTest::newRow("another model") << "Maker: Chair [ 0 input / 2 output ] " + tail << 0;
+    QTest::newRow("another case") << "maker: desk [ 0 input / 2 output ] " + tail << 0;
+    QTest::newRow("nothing") << "" << 0;
 }
 
-void tst_RtAudioDevice::matchScore_grades()
+void tst_RtAudioDevice::matchScore_isGraded()
 {
     QFETCH(QString, id);
     QFETCH(int, score);
-    TestApi api;
-    const QTovelMixerRtAudioDevice device(&api, speakers());
-    QCOMPARE(int(device.matchScore(id)), score);
+    RtAudio::DeviceInfo info = makeInfo(73, "Maker: Desk", 0, 2);
+    info.isDefaultOutput = true;
+    QCOMPARE(int(RtAudioDevice(nullptr, info).matchScore(id)), score);
 }
 
-void tst_RtAudioDevice::matchScore_forgivesTheManufacturer()
+void tst_RtAudioDevice::setInfo_replacesTheRecord()
 {
-    TestApi api;
-    RtAudio::DeviceInfo info = speakers();
-    info.name = "New Maker: Desk";
-    const QTovelMixerRtAudioDevice device(&api, info);
-    QCOMPARE(int(device.matchScore("Old Maker: Desk [ 0 input / 2 output ] deviceId = 1")), 16);
-    QCOMPARE(int(device.matchScore("Desk")), 16);
-}
-
-void tst_RtAudioDevice::record_isReplacedInPlace()
-{
-    TestApi api;
-    QTovelMixerRtAudioDevice device(&api, speakers());
-    RtAudio::DeviceInfo info = speakers();
-    info.ID = 5;
-    info.isDefaultOutput = false;
-    device.setInfo(info);
-    QCOMPARE(device.deviceId(), 5);
-    QCOMPARE(device.info().ID, 5u);
-    QVERIFY(!device.isDefaultOutput());
+    RtAudioDevice device(nullptr, makeInfo(1, "Desk", 2, 2));
+    device.setInfo(makeInfo(2, "Table", 4, 8));
+    QCOMPARE(device.info().ID, 2u);
+    QCOMPARE(device.name(), QStringLiteral("Table"));
+    QCOMPARE(device.numInputChannels(), 4u);
+    QCOMPARE(device.numOutputChannels(), 8u);
 }
 
 QTEST_GUILESS_MAIN(tst_RtAudioDevice)
