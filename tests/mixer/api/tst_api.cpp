@@ -1,31 +1,18 @@
 // SPDX-License-Identifier: MIT
-// What a backend does for its stream: opening, blocks, the failure report.
+// What a backend does for its stream: opening and blocks.
 #include <mixer/api/api_p.h>
+
+#include "plain_api.h"
 
 #include <mixer/engine_p.h>
 #include <support/log_capture.h>
 #include <support/test_api.h>
 
-#include <QtTest/QSignalSpy>
 #include <QtTest/QTest>
 
 using namespace QTovelMixer;
 
 namespace {
-
-/// A backend that overrides nothing that it need not.
-class PlainApi : public Api
-{
-public:
-    explicit PlainApi(unsigned frames) : Api(Jack, "Plain", frames) {}
-    bool updateDeviceList() override { return true; }
-    bool open(Device *, Device *, unsigned) override { return true; }
-    bool start() override { return true; }
-    bool stop() override { return true; }
-    bool close() override { return false; }
-    bool isOpen() const override { return false; }
-    bool isRunning() const override { return false; }
-};
 
 class RenamedApi : public TestApi
 {
@@ -72,9 +59,6 @@ struct AskedDevice : public TestDevice
     mutable QList<bool> capture;
 };
 
-constexpr char failureText[] =
-    "QTovelMixer::Api: audio device failure detected (Jack) -- requesting mixer teardown";
-
 } // namespace
 
 class tst_Api : public QObject
@@ -99,11 +83,6 @@ private slots:
     void activeDevice_followsTheOpenOne();
     void mixerCallback_aborts_withoutEngine();
     void mixerCallback_runsABlockOfTheEngine();
-    void reportDeviceFailure_reportsOncePerArming();
-    void reportDeviceFailure_reportsOnce_fromManyThreads();
-    void reportDeviceFailure_reachesTheEngine_fromTheEventLoop();
-    void setEngine_disconnectsThePreviousEngine();
-    void setEngine_connectsTheSameEngineOnce();
 };
 
 void tst_Api::construction_setsWhatItIsGiven()
@@ -363,91 +342,6 @@ void tst_Api::mixerCallback_runsABlockOfTheEngine()
     QCOMPARE(api.mixerCallback(none, none, 100, 0.5, 0), 0);
     QCOMPARE(data.callbackCount.load(), blocks + 1);
     QCOMPARE(data.mixTime.load(), clock + 100);
-}
-
-void tst_Api::reportDeviceFailure_reportsOncePerArming()
-{
-    const LogCapture log;
-    PlainApi api(256);
-    const QSignalSpy failures(&api, &Api::deviceFailure);
-    api.reportDeviceFailure();
-    api.reportDeviceFailure();
-    QCOMPARE(failures.count(), 1);
-    QCOMPARE(log.texts(QtCriticalMsg), QStringList{failureText});
-    api.rearmDeviceFailure();
-    QCOMPARE(failures.count(), 1);
-    api.reportDeviceFailure();
-    api.reportDeviceFailure();
-    QCOMPARE(failures.count(), 2);
-    QCOMPARE(log.count(QtCriticalMsg, failureText), 2);
-    QCOMPARE(log.count(), 2);
-}
-
-void tst_Api::reportDeviceFailure_reportsOnce_fromManyThreads()
-{
-    const LogCapture log;
-    PlainApi api(256);
-    int failures = 0;
-    QObject::connect(
-        &api, &Api::deviceFailure, this, [&failures] { ++failures; }, Qt::QueuedConnection);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([&api] { api.reportDeviceFailure(); });
-    for (std::thread &thread : threads)
-        thread.join();
-    QCoreApplication::processEvents();
-    QCOMPARE(failures, 1);
-    QCOMPARE(log.count(QtCriticalMsg, failureText), 1);
-}
-
-void tst_Api::reportDeviceFailure_reachesTheEngine_fromTheEventLoop()
-{
-    const LogCapture log;
-    PlainApi api(256);
-    Engine engine(nullptr);
-    api.setEngine(&engine);
-    const QSignalSpy failures(&engine, &Engine::deviceFailed);
-    std::thread([&api] { api.reportDeviceFailure(); }).join();
-    QCOMPARE(failures.count(), 0);
-    QCoreApplication::processEvents();
-    QCOMPARE(failures.count(), 1);
-    QCOMPARE(log.count(QtCriticalMsg, failureText), 1);
-}
-
-void tst_Api::setEngine_disconnectsThePreviousEngine()
-{
-    const LogCapture log;
-    PlainApi api(256);
-    Engine first(nullptr);
-    Engine second(nullptr);
-    const QSignalSpy firstFailures(&first, &Engine::deviceFailed);
-    const QSignalSpy secondFailures(&second, &Engine::deviceFailed);
-    api.setEngine(&first);
-    api.setEngine(&second);
-    api.reportDeviceFailure();
-    QCoreApplication::processEvents();
-    QCOMPARE(firstFailures.count(), 0);
-    QCOMPARE(secondFailures.count(), 1);
-
-    api.setEngine(nullptr);
-    api.rearmDeviceFailure();
-    api.reportDeviceFailure();
-    QCoreApplication::processEvents();
-    QCOMPARE(firstFailures.count(), 0);
-    QCOMPARE(secondFailures.count(), 1);
-}
-
-void tst_Api::setEngine_connectsTheSameEngineOnce()
-{
-    const LogCapture log;
-    PlainApi api(256);
-    Engine engine(nullptr);
-    const QSignalSpy failures(&engine, &Engine::deviceFailed);
-    api.setEngine(&engine);
-    api.setEngine(&engine);
-    api.reportDeviceFailure();
-    QCoreApplication::processEvents();
-    QCOMPARE(failures.count(), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_Api)

@@ -1,87 +1,14 @@
 // SPDX-License-Identifier: MIT
+// The file backend: its devices, opening and closing.
 #include <mixer/api/api_file.h>
 
-#include <mixer/api/file_device.h>
-#include <mixer/engine_p.h>
-#include <mixer/io/effect.h>
-#include <support/log_capture.h>
-
-#include <QtCore/QFile>
-#include <QtCore/QFileInfo>
-#include <QtCore/QTemporaryDir>
-#include <QtTest/QTest>
-
-#include <cstring>
+#include "file_fixture.h"
 
 using namespace QTovelMixer;
 
 namespace {
 
 using FileApi = QTovelMixerApiFile;
-using FileDevice = QTovelMixerFileDevice;
-
-constexpr int blockSamples = 1024 * 2;
-constexpr int blockBytes = blockSamples * 2;
-
-/// Stands on the device's input: keeps what the backend has read, and may put something else in
-/// its place.
-class Probe : public Effect
-{
-public:
-    Probe() : Effect(44100, 2) {}
-
-    int processBuffers(const float *input, float *output, int channels, int frames) override
-    {
-        blocks.append(QList<float>(input, input + channels * frames));
-        std::copy(replacement.begin(), replacement.end(), output);
-        return 1;
-    }
-
-    QList<QList<float>> blocks;
-    QList<float> replacement;
-};
-
-/// An engine with two inputs, heard one to one on as many outputs.
-class Desk : public Engine
-{
-public:
-    explicit Desk(unsigned outputs = 0) : Engine(nullptr)
-    {
-        constexpr unsigned frames = 4096;
-        Data &data = EngineAccess::data(*this);
-        data.numInputChannels = 2;
-        data.numOutputChannels = outputs;
-        data.inputBuses = Data::makeBuses(2, frames);
-        data.outputBuses = Data::makeBuses(outputs, frames);
-        for (unsigned channel = 0; channel < outputs; ++channel)
-            data.gainMatrix[channel][channel] = 1.0f;
-        data.planMix();
-        data.inputEffect = &probe;
-    }
-    ~Desk() override { EngineAccess::data(*this).inputEffect = nullptr; }
-
-    Probe probe;
-};
-
-/// The file backend with an output file that can be played to.
-class DuplexApi : public FileApi
-{
-public:
-    DuplexApi(const QString &inputPath, const QString &outputPath)
-        : FileApi(inputPath, 2, outputPath, 2, 44100, "Duplex"),
-          input(new FileDevice(this, DeviceKind::Input, inputPath, 44100, 2, 0)),
-          output(new FileDevice(this, DeviceKind::Output, outputPath, 44100, 2, 0))
-    {
-        const LogCapture log;
-        beginDeviceUpdate();
-        addDevice(input);
-        addDevice(output);
-        endDeviceUpdate();
-    }
-
-    FileDevice *input;
-    FileDevice *output;
-};
 
 /// Sees the interval of the timers that fire.
 class TimerWatch : public QObject
@@ -98,46 +25,6 @@ public:
     QList<int> intervals;
 };
 
-QByteArray bytesOf(const QList<qint16> &samples)
-{
-    return QByteArray(reinterpret_cast<const char *>(samples.constData()),
-                      samples.size() * qsizetype(sizeof(qint16)));
-}
-
-QList<qint16> samplesOf(const QByteArray &bytes)
-{
-    QList<qint16> samples(bytes.size() / qsizetype(sizeof(qint16)));
-    std::memcpy(samples.data(), bytes.constData(), size_t(samples.size()) * sizeof(qint16));
-    return samples;
-}
-
-void write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(bytes), bytes.size());
-}
-
-QByteArray read(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-/// 1, 2, 3 …
-QList<qint16> counting(int count)
-{
-    QList<qint16> samples;
-    for (int i = 1; i <= count; ++i)
-        samples.append(qint16(i));
-    return samples;
-}
-
-float scaled(qint16 sample)
-{
-    return float(double(sample) / 32768.0);
-}
-
 } // namespace
 
 class tst_ApiFile : public QObject
@@ -146,7 +33,6 @@ class tst_ApiFile : public QObject
 
 private slots:
     void init();
-
     void construction_fixesRateAndBuffer();
     void updateDeviceList_offersBothFilesAsInputs();
     void updateDeviceList_keepsItsDevices();
@@ -162,27 +48,18 @@ private slots:
     void start_doesNothing_whileClosed();
     void lifecycle_goesThereAndBack();
     void start_firesEvery23Milliseconds();
-    void mixerTimeout_playsTheInputInALoop();
-    void mixerTimeout_readsAgainOnce();
-    void mixerTimeout_swapsBytes_afterAnOddEnd();
-    void mixerTimeout_isSilent_forAnEmptyFile();
-    void mixerTimeout_scalesTheInput();
-    void mixerTimeout_scalesAndLimitsTheOutput();
-    void mixerTimeout_stopsTheTimer_whenTheEngineSaysSo();
-    void mixerTimeout_followsTheBufferSize();
-    void start_rewindsBothFiles_withoutEmptyingThem();
 
 private:
-    std::unique_ptr<QTemporaryDir> directory;
+    std::unique_ptr<FilePair> files;
     QString in;
     QString out;
 };
 
 void tst_ApiFile::init()
 {
-    directory = std::make_unique<QTemporaryDir>();
-    in = directory->filePath("in.raw");
-    out = directory->filePath("out.raw");
+    files = std::make_unique<FilePair>();
+    in = files->in;
+    out = files->out;
 }
 
 void tst_ApiFile::construction_fixesRateAndBuffer()
@@ -327,7 +204,7 @@ void tst_ApiFile::open_dropsAFileThatCannotBeOpened()
     const LogCapture log;
     write(in, bytesOf(counting(blockSamples)));
     // A directory may be written, but not opened.
-    DuplexApi api(in, directory->path());
+    DuplexApi api(in, files->directory.path());
     QVERIFY(api.output->canPlayback(false));
     QVERIFY(!api.open(api.output, nullptr, 44100));
     QVERIFY(!api.isOpen());
@@ -421,171 +298,6 @@ void tst_ApiFile::start_firesEvery23Milliseconds()
     QVERIFY(watch.intervals.contains(1024 * 1000 / 44100));
     QVERIFY(watch.intervals.contains(23));
     QVERIFY(api.isRunning());
-}
-
-void tst_ApiFile::mixerTimeout_playsTheInputInALoop()
-{
-    const LogCapture log;
-    write(in, bytesOf(counting(1500)));
-    QCOMPARE(QFileInfo(in).size(), 3000);
-    Desk desk;
-    FileApi api(in, 2, QString(), 0, 44100, "Files");
-    api.setEngine(&desk);
-    api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
-    api.mixerTimeout();
-    api.mixerTimeout();
-    QCOMPARE(desk.probe.blocks.size(), 2);
-    int position = 0;
-    for (const QList<float> &block : std::as_const(desk.probe.blocks)) {
-        QCOMPARE(block.size(), blockSamples);
-        for (const float sample : block)
-            QCOMPARE(sample, scaled(qint16(position++ % 1500 + 1)));
-    }
-}
-
-void tst_ApiFile::mixerTimeout_readsAgainOnce()
-{
-    const LogCapture log;
-    write(in, bytesOf(counting(100)));
-    Desk desk;
-    FileApi api(in, 2, QString(), 0, 44100, "Files");
-    api.setEngine(&desk);
-    api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
-    api.mixerTimeout();
-    // Now at the end of the file: what is read again is all there is.
-    api.mixerTimeout();
-    const int wholes[] = {200, 100};
-    for (int block = 0; block < 2; ++block) {
-        const QList<float> &samples = desk.probe.blocks.at(block);
-        QCOMPARE(samples.size(), blockSamples);
-        for (int i = 0; i < blockSamples; ++i)
-            QCOMPARE(samples.at(i), i < wholes[block] ? scaled(qint16(i % 100 + 1)) : 0.0f);
-    }
-}
-
-void tst_ApiFile::mixerTimeout_swapsBytes_afterAnOddEnd()
-{
-    const LogCapture log;
-    write(in, QByteArray("\x01\x02\x03\x04\x05", 5));
-    Desk desk;
-    FileApi api(in, 2, QString(), 0, 44100, "Files");
-    api.setEngine(&desk);
-    api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
-    api.mixerTimeout();
-    const QList<qint16> expected =
-        samplesOf(QByteArray("\x01\x02\x03\x04\x05\x01\x02\x03\x04\x05\0\0", 12));
-    for (int i = 0; i < expected.size(); ++i)
-        QCOMPARE(desk.probe.blocks.at(0).at(i), scaled(expected.at(i)));
-}
-
-void tst_ApiFile::mixerTimeout_isSilent_forAnEmptyFile()
-{
-    const LogCapture log;
-    write(in, QByteArray());
-    Desk desk;
-    FileApi api(in, 2, QString(), 0, 44100, "Files");
-    api.setEngine(&desk);
-    api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
-    api.mixerTimeout();
-    QCOMPARE(desk.probe.blocks, QList<QList<float>>{QList<float>(blockSamples, 0.0f)});
-}
-
-void tst_ApiFile::mixerTimeout_scalesTheInput()
-{
-    const LogCapture log;
-    QList<qint16> samples{-32768, 32767, 0, 1, -1, 16384};
-    samples.resize(blockSamples);
-    write(in, bytesOf(samples));
-    Desk desk;
-    FileApi api(in, 2, QString(), 0, 44100, "Files");
-    api.setEngine(&desk);
-    api.updateDeviceList();
-    QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
-    api.mixerTimeout();
-    const QList<float> expected{-1.0f,           32767.0f / 32768.0f, 0.0f,
-                                1.0f / 32768.0f, -1.0f / 32768.0f,    0.5f};
-    QCOMPARE(desk.probe.blocks.at(0).mid(0, expected.size()), expected);
-}
-
-void tst_ApiFile::mixerTimeout_scalesAndLimitsTheOutput()
-{
-    const LogCapture log;
-    write(in, bytesOf(counting(blockSamples)));
-    DuplexApi api(in, out);
-    Desk desk(2);
-    api.setEngine(&desk);
-    const QList<float> played{1.0f,  -1.5f,        0.5f,         -1.0f,         32767.9f / 32768.0f,
-                              -2.0f, 1.0e9f,       1.9f / 32768, -1.9f / 32768, 0.9f / 32768,
-                              0.0f,  -0.9f / 32768};
-    desk.probe.replacement = played;
-    QVERIFY(api.open(api.output, api.input, 44100));
-    api.mixerTimeout();
-    QVERIFY(api.close());
-    const QList<qint16> written = samplesOf(read(out));
-    QCOMPARE(written.size(), blockSamples);
-    const QList<qint16> expected{32767, -32768, 16384, -32768, 32767, -32768,
-                                 32767, 1,      -1,    0,      0,     0};
-    QCOMPARE(written.mid(0, expected.size()), expected);
-    // Behind the replacement the input has passed through unharmed.
-    QCOMPARE(written.mid(expected.size()), counting(blockSamples).mid(expected.size()));
-}
-
-void tst_ApiFile::mixerTimeout_stopsTheTimer_whenTheEngineSaysSo()
-{
-    const LogCapture log;
-    write(in, bytesOf(counting(blockSamples)));
-    DuplexApi api(in, out);
-    QVERIFY(api.open(api.output, api.input, 44100));
-    QVERIFY(api.start());
-    // Without an engine every block is answered with "abort".
-    api.mixerTimeout();
-    QVERIFY(!api.isRunning());
-    QVERIFY(api.isOpen());
-    QVERIFY(api.close());
-    QCOMPARE(QFileInfo(out).size(), 0);
-}
-
-void tst_ApiFile::mixerTimeout_followsTheBufferSize()
-{
-    const LogCapture log;
-    write(in, bytesOf(counting(10000)));
-    DuplexApi api(in, out);
-    Desk desk(2);
-    api.setEngine(&desk);
-    QVERIFY(api.open(api.output, api.input, 44100));
-    for (const unsigned frames : {2048u, 512u}) {
-        api.setBufferFrames(frames);
-        api.mixerTimeout();
-    }
-    QVERIFY(api.close());
-    QCOMPARE(desk.probe.blocks.at(0).size(), 4096);
-    QCOMPARE(desk.probe.blocks.at(1).size(), 1024);
-    QCOMPARE(samplesOf(read(out)), counting(4096 + 1024));
-}
-
-void tst_ApiFile::start_rewindsBothFiles_withoutEmptyingThem()
-{
-    const LogCapture log;
-    write(in, bytesOf(counting(3 * blockSamples)));
-    DuplexApi api(in, out);
-    Desk desk(2);
-    api.setEngine(&desk);
-    QVERIFY(api.open(api.output, api.input, 44100));
-    api.mixerTimeout();
-    api.mixerTimeout();
-    QVERIFY(api.start());
-    desk.probe.replacement = QList<float>(blockSamples, 0.5f);
-    api.mixerTimeout();
-    QVERIFY(api.close());
-    QCOMPARE(desk.probe.blocks.at(2), desk.probe.blocks.at(0));
-    const QList<qint16> written = samplesOf(read(out));
-    QCOMPARE(written.size() * qsizetype(sizeof(qint16)), 2 * blockBytes);
-    QCOMPARE(written.mid(0, blockSamples), QList<qint16>(blockSamples, 16384));
-    QCOMPARE(written.mid(blockSamples), counting(2 * blockSamples).mid(blockSamples));
 }
 
 QTEST_GUILESS_MAIN(tst_ApiFile)

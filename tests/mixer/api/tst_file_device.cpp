@@ -2,6 +2,7 @@
 #include <mixer/api/file_device.h>
 
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QJsonArray>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QTest>
@@ -108,6 +109,9 @@ void tst_FileDevice::canPlayback_needsAWritableFileOrDirectory()
     QVERIFY(device.canPlayback(false));
     QVERIFY(device.canPlayback(true));
     QVERIFY(!device.canCapture(false));
+    // The file counts, not its directory. Some users may write whatever the permissions say.
+    QVERIFY(QFile::setPermissions(path, QFile::ReadOwner));
+    QCOMPARE(device.canPlayback(false), QFileInfo(path).isWritable());
 
     const FileDevice nowhere(nullptr, DeviceKind::Output, directory.filePath("none/out.raw"), 44100,
                              2, 0);
