@@ -1,80 +1,106 @@
 // SPDX-License-Identifier: MIT
+// A meter's life, its transport and what it is fed.
 #include <mixer/meter/meter_p.h>
 
-#include <base/ringbuffer.h>
 #include <mixer/aligned_vector.h>
-#include <mixer/meter/meter_config.h>
 
 #include <QtCore/QDebug>
 #include <QtCore/QTimerEvent>
 
-#include <algorithm>
 #include <cstring>
 
 namespace QTovelMixer {
 
 namespace {
-constexpr int tick = 21; // ms, half a block
+
+constexpr int tickInterval = 21; // ms, half a block
+
+// True when a call has to travel to the object's thread. Once that thread has ended nothing would
+// take the call, and nothing else can touch the object either: then whoever calls acts for it.
+bool mustTravel(const QObject *object)
+{
+    const QThread *home = object->thread();
+    return home && home != QThread::currentThread() && home->isRunning();
 }
 
+} // namespace
+
 Meter::Meter(Type type, int sampleRate, int numChannels, const MeterConfig &config, QObject *parent)
-    : QObject(parent),
-      d(std::make_unique<Data>(type, sampleRate, numChannels,
-                               config.isValid()
-                                   ? config.meters()
-                                   : std::vector<bool>(size_t(std::max(numChannels, 0)), true)))
+    : QObject(parent), d(std::make_unique<Data>(type, sampleRate, numChannels, config))
 {
-    auto *thread = new QThread;
-    d->thread = thread;
+    auto thread = std::make_unique<QThread>();
     thread->setObjectName(QStringLiteral("QTovelMixer::Meter::Meter(%1)").arg(toString(type)));
-    // An object with a parent cannot move; it then ticks where its parent lives.
+    connect(thread.get(), &QThread::finished, thread.get(), &QObject::deleteLater);
+    connect(thread.get(), &QThread::finished, this, &QObject::deleteLater);
     if (!parent)
-        moveToThread(thread);
-    connect(thread, &QThread::finished, thread, &QObject::deleteLater);
-    connect(thread, &QThread::finished, this, &QObject::deleteLater);
-    thread->start(QThread::InheritPriority);
+        moveToThread(thread.get());
+    d->thread = thread.release();
+    d->thread->start(QThread::InheritPriority);
 }
 
 Meter::~Meter()
 {
     qInfo() << "Deleting" << toString(d->type) << "meter...";
-    if (d->timerActive)
-        qInfo() << "QTovelMixer::Meter::Data: Deleting Meter" << toString(d->type)
-                << "with timer still active!";
-    const auto stopTimer = [this] {
-        d->timerActive = false;
-        d->timer.stop();
-    };
-    const QPointer<QThread> thread = d->thread;
-    if (thread && QThread::currentThread() != thread) {
-        disconnect(thread, nullptr, this, nullptr);
-        // A timer ends on the thread that it ticks on.
-        if (d->timerActive && this->thread() == thread && thread->isRunning())
-            QMetaObject::invokeMethod(this, stopTimer, Qt::BlockingQueuedConnection);
-        thread->quit();
-        thread->wait();
+    QThread *const own = d->thread;
+    if (own && own != QThread::currentThread()) {
+        disconnect(own, &QThread::finished, this, nullptr);
+        // A timer can be stopped on its thread only, and that thread may be in a tick just now.
+        if (thread() == own)
+            connect(
+                own, &QThread::finished, own, [this] { d->timer.stop(); }, Qt::DirectConnection);
+        own->quit();
+        own->wait();
+    } else if (own) {
+        own->quit();
     }
-    if (this->thread() == QThread::currentThread())
-        stopTimer();
+    if (thread() == QThread::currentThread())
+        d->timer.stop();
 }
 
-// Once the meter's thread has ended, whoever calls may act for it.
-bool Meter::onOwnThread() const
+bool Meter::fill(const aligned_vector<float, 16> &samples) noexcept
 {
-    return QThread::currentThread() == thread() || !thread() || !thread()->isRunning();
+    BLRINGBUFFER *const ring = d->ringBuffer.get();
+    if (!d->timerActive.load(std::memory_order_relaxed) || !ring)
+        return true;
+    const size_t bytes = samples.size() * sizeof(float);
+    const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetWriteSlice(ring);
+    if (size_t(slice.length) < bytes)
+        return false;
+    if (bytes == 0)
+        return true;
+    std::memcpy(slice.data, samples.constData(), bytes);
+    BLRINGBUFFER_Produce(ring, int32_t(bytes));
+    return true;
+}
+
+void Meter::timerEvent(QTimerEvent *event)
+{
+    BLRINGBUFFER *const ring = d->ringBuffer.get();
+    if (!ring || event->timerId() != d->timerId)
+        return;
+    const size_t samples = d->blockSamples();
+    const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetReadSlice(ring);
+    if (size_t(slice.length) >= samples * sizeof(float)) {
+        updateStatistics(reinterpret_cast<const float *>(slice.data), d->blockFrames);
+        BLRINGBUFFER_Consume(ring, int32_t(samples * sizeof(float)));
+    } else if (d->stopRequested) {
+        const std::vector<float> silence(samples, 0.0f);
+        updateStatistics(silence.data(), d->blockFrames);
+    }
 }
 
 void Meter::start()
 {
-    if (!onOwnThread()) {
+    if (mustTravel(this)) {
         QMetaObject::invokeMethod(this, "start", Qt::BlockingQueuedConnection);
         return;
     }
     d->stopRequested = false;
-    if (d->timer.isActive() || QThread::currentThread() != thread())
+    // Without its thread nothing would tick.
+    if (d->timer.isActive() || thread() != QThread::currentThread())
         return;
     qInfo() << "Starting" << toString(d->type) << "meter";
-    d->timer.start(tick, Qt::PreciseTimer, this);
+    d->timer.start(tickInterval, Qt::PreciseTimer, this);
     d->timerId = d->timer.timerId();
     d->timerActive = true;
     emit meterStarted();
@@ -82,7 +108,7 @@ void Meter::start()
 
 void Meter::stop(bool forceStop)
 {
-    if (!onOwnThread()) {
+    if (mustTravel(this)) {
         QMetaObject::invokeMethod(this, "stop", Qt::BlockingQueuedConnection,
                                   Q_ARG(bool, forceStop));
         return;
@@ -92,53 +118,22 @@ void Meter::stop(bool forceStop)
         return;
     qInfo() << "Stopping" << toString(d->type) << "meter";
     d->timerActive = false;
-    if (QThread::currentThread() == thread())
-        d->timer.stop();
+    d->timer.stop();
     emit meterStoped();
 }
 
 void Meter::aboutToQuit()
 {
-    if (!onOwnThread()) {
+    if (mustTravel(this)) {
         QMetaObject::invokeMethod(this, "aboutToQuit", Qt::BlockingQueuedConnection);
         return;
     }
-    if (d->timerActive.exchange(false))
+    if (d->timer.isActive())
         emit meterStoped();
-    if (QThread::currentThread() == thread())
-        d->timer.stop();
+    d->timerActive = false;
+    d->timer.stop();
     if (d->thread)
         d->thread->quit();
-}
-
-void Meter::reset() {}
-
-bool Meter::fill(const aligned_vector<float, 16> &samples) noexcept
-{
-    if (!d->timerActive.load(std::memory_order_relaxed) || !d->ringBuffer)
-        return true;
-    const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetWriteSlice(d->ringBuffer);
-    const size_t bytes = samples.size() * sizeof(float);
-    if (slice.length < 0 || size_t(slice.length) < bytes)
-        return false;
-    std::memcpy(slice.data, samples.constData(), bytes);
-    BLRINGBUFFER_Produce(d->ringBuffer, int32_t(bytes));
-    return true;
-}
-
-void Meter::timerEvent(QTimerEvent *event)
-{
-    if (!d->ringBuffer || event->timerId() != d->timerId)
-        return;
-    const int blockBytes = d->blockSamples() * int(sizeof(float));
-    const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetReadSlice(d->ringBuffer);
-    if (blockBytes > 0 && slice.length >= blockBytes) {
-        updateStatistics(reinterpret_cast<const float *>(slice.data), d->blockFrames);
-        BLRINGBUFFER_Consume(d->ringBuffer, blockBytes);
-    } else if (d->stopRequested) {
-        const std::vector<float> silence(size_t(d->blockSamples()), 0.0f);
-        updateStatistics(silence.data(), d->blockFrames);
-    }
 }
 
 bool Meter::isRunning() const
@@ -165,5 +160,7 @@ void Meter::setMaxMeterLevel(double level)
 {
     d->maxMeterLevel = level;
 }
+
+void Meter::reset() {}
 
 } // namespace QTovelMixer

@@ -16,89 +16,120 @@ class MeterValues;
 template <typename T, unsigned Alignment>
 class aligned_vector;
 
-/// Measures one side of the mixer's device: per channel a peak level, a peak hold and, when asked
-/// for, a true peak and its hold; over all enabled channels the momentary and the short-term
-/// loudness. The audio thread only copies its block into a ring; everything else happens on a
-/// thread that belongs to the meter alone, on a timer of 21 ms that measures at most one block of
-/// 42 ms per tick.
+/// Measures one side of the mixer's device: per enabled channel a peak level, a peak hold and, when
+/// asked for, a true peak and its hold; over all enabled channels together the momentary and the
+/// short-term loudness.
 ///
-/// Lifetime: `aboutToQuit` ends the thread, whereupon the meter deletes itself. A meter may also
-/// be deleted directly from another thread, which waits for its own.
+/// The audio thread only copies its block into a ring. Measuring happens on a thread that belongs
+/// to the meter alone: a timer of 21 ms measures at most one block of 42 ms per tick. A level jumps
+/// up at once, stays for its hold time (0.05 s, the held ones 2 s) and then falls by a factor of
+/// 0.75 per measured block.
 ///
-/// The meter's signals are emitted on its own thread: connect with a context object, and do not
-/// block in a slot for a thread that may be waiting for the meter.
+/// Lifetime: a meter without a parent lives on its own thread and deletes itself there after
+/// `aboutToQuit`. The host may instead delete a meter that it made itself, from any thread that the
+/// meter does not wait for; that ends the meter's thread and waits for it. A subclass must have
+/// been stopped by then, since its part dies first. The engine makes new, idle meters whenever it
+/// opens devices: after `Engine::mixerChanged` earlier pointers to its meters dangle.
+///
+/// A meter with a parent stays on the parent's thread and ticks there, by that thread's event loop.
+///
+/// Signals come from the meter's thread. Connect them with a context object (queued), never
+/// blocking, and never directly to what waits for another thread: `start`, `stop` and
+/// `aboutToQuit` wait for the meter's thread.
 class QTOVELMIXER_EXPORT Meter : public QObject
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(Meter)
 
 public:
-    /// An idle meter for blocks of `numChannels` channels at `sampleRate` Hz. The channels that
-    /// `config` enables are measured; all of them when it is not valid. With a parent the meter
-    /// stays on its parent's thread.
-    Meter(Type type, int sampleRate, int numChannels, const MeterConfig &config, QObject *parent);
+    /// An idle meter for blocks of `numChannels` interleaved channels. It measures the channels
+    /// that `config` enables, all of them when the configuration is not valid; channels that the
+    /// configuration does not describe are not measured and cannot be enabled. With more than 128
+    /// enabled channels all readings are silence.
+    /// Units: Hz. Threads: any; the thread object of the meter is deleted by the event loop of
+    /// this one.
+    Meter(Type type, int sampleRate, int numChannels, const MeterConfig &config,
+          QObject *parent = nullptr);
+
+    /// Off the meter's own thread, ends it and waits for it. Threads: any.
     ~Meter() override;
 
-    /// Takes a block of interleaved frames. An idle meter takes nothing and answers true; a full
-    /// ring drops the whole block and answers false. Threads: audio. Real-time: yes.
+    /// Takes a block of interleaved frames. An idle meter takes nothing and answers true.
+    /// Errors: false when the ring has no room for the whole block, which is then dropped.
+    /// Threads: audio. Real-time: yes.
     bool fill(const aligned_vector<float, 16> &samples) noexcept;
 
-    /// True between `start` and the end of a stop. Threads: any. Real-time: yes.
+    /// True from `start` to the end of a stop. Threads: any. Real-time: yes.
     bool isRunning() const;
 
-    /// The ends of the host's scale in dB, −120 and 0 at first; they have no effect here.
-    /// Threads: any.
+    /// The ends of the host's scale, -120.0 and 0.0 unless set; only kept for the host.
+    /// Units: dB. Threads: any. Real-time: yes.
     double minMeterLevel() const;
     void setMinMeterLevel(double level);
     double maxMeterLevel() const;
     void setMaxMeterLevel(double level);
 
-    /// False for a channel that is out of range. Threads: any.
+    /// Whether a channel is measured. Errors: false out of range.
+    /// Threads: any. Real-time: yes.
     bool channelEnabled(int channel) const;
-    /// Answers whether that changed something. A change restarts all readings from silence.
-    /// Threads: any.
+    /// Answers whether that changed something; a change restarts all readings, the loudness too,
+    /// from silence with the next measured block. Errors: false out of range.
+    /// Threads: any; waits while a block is measured.
     bool setChannelEnabled(int channel, bool enabled);
-    /// Number of enabled channels. Threads: any.
+    /// Number of enabled channels. Threads: any. Real-time: yes.
     int numMeterChannels() const;
-    /// Switches the true-peak readings; a change restarts all readings from silence.
-    /// Threads: any.
+
+    /// Measures true peaks too, or no longer; a change restarts all readings, the loudness too,
+    /// from silence with the next measured block.
+    /// Threads: any; waits while a block is measured.
     void setTruePeakEnabled(bool enabled);
+    /// Off unless set. Threads: any. Real-time: yes.
     bool isTruePeakEnabled() const;
 
-    /// Copies the published readings and answers whether any of them differs from what `values`
-    /// held. A reading that a float cannot hold exactly differs each time. At most 128 enabled
-    /// channels are reported. Threads: any.
-    bool getValues(MeterValues &values) const;
-
-    /// Measures one block of interleaved frames of all channels and publishes the readings.
-    /// Called on the meter's thread; an override calls this one.
-    virtual void updateStatistics(const float *frames, int numFrames);
-
-public Q_SLOTS:
-    /// Starts measuring, or cancels a stop that is under way. Emits `meterStarted` when the meter
-    /// was idle. Threads: any, blocking until done.
-    void start();
-    /// Lets the display fall to silence and stops then; with `forceStop` stops at once. Emits
-    /// `meterStoped`. Threads: any, blocking until done.
-    void stop(bool forceStop = false);
-    /// Stops and ends the meter's thread, whereupon the meter is deleted. Threads: any, blocking
-    /// until the thread was told.
-    void aboutToQuit();
     /// Does nothing.
     void reset();
 
+    /// Brings `values` up to the published readings and answers whether anything in it changed. A
+    /// reading that a float cannot hold exactly, 0.3 say, counts as changed each time. The
+    /// true-peak readings are left alone while true peaks are not measured. At most
+    /// `MeterValues::capacity` enabled channels are reported.
+    /// Threads: any.
+    bool getValues(MeterValues &values) const;
+
+    /// Measures one block of `numFrames` interleaved frames of all channels, publishes the
+    /// readings and then emits `meterValuesChanged` unless all held levels are at silence. An
+    /// override calls this one. A block without frames measures nothing.
+    /// Threads: the meter's, from its timer; any while the meter is idle.
+    virtual void updateStatistics(const float *frames, int numFrames);
+
+public Q_SLOTS:
+    /// Starts measuring and emits `meterStarted`; on a running meter only cancels a stop that is
+    /// under way. Blocks that were fed before a stop and not measured yet come first.
+    /// Threads: any; blocks until done.
+    void start();
+
+    /// Lets the display fall to silence and then stops, without input too; with `forceStop` stops
+    /// now and emits `meterStoped`, also when the meter is idle.
+    /// Threads: any; blocks until done (not until the display has fallen).
+    void stop(bool forceStop = false);
+
+    /// Stops (`meterStoped` if the meter was running) and ends the meter's thread, which deletes
+    /// the meter: the pointer dangles from now on.
+    /// Threads: any; blocks until the thread was told.
+    void aboutToQuit();
+
 Q_SIGNALS:
+    /// The meter was idle and measures now.
     void meterStarted();
-    /// New readings; not emitted while all peak holds are at silence.
+    /// There are new readings; not emitted while all held levels are at silence.
     void meterValuesChanged();
+    /// The meter is idle.
     void meterStoped();
 
 protected:
     void timerEvent(QTimerEvent *event) override;
 
 private:
-    bool onOwnThread() const;
-
     struct Data;
     std::unique_ptr<Data> d;
 };

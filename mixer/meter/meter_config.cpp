@@ -11,28 +11,22 @@ namespace QTovelMixer {
 
 namespace {
 
-constexpr int mostDeviceMeters = 32;
-constexpr int mostStoredMeters = 1 << 20;
+constexpr unsigned int mostDeviceMeters = 32;
+constexpr int mostStoredMeters = 1 << 20; // what a damaged file may cost in memory
 
-const QString typeKey = QStringLiteral("type");
-const QString idKey = QStringLiteral("id");
-const QString countKey = QStringLiteral("numMeters");
-const QString metersKey = QStringLiteral("meters");
+constexpr QLatin1String typeKey("type");
+constexpr QLatin1String idKey("id");
+constexpr QLatin1String countKey("numMeters");
+constexpr QLatin1String metersKey("meters");
 
-unsigned channelCount(Type type, const Device *device)
+bool isSide(Type type)
 {
-    if (!device)
-        return 0;
-    switch (type) {
-    case Type::Input:
-        return device->numInputChannels();
-    case Type::Output:
-        return device->numOutputChannels();
-    case Type::NoType:
-    case Type::Loop:
-        break;
-    }
-    return 0;
+    return type == Type::Input || type == Type::Output;
+}
+
+unsigned int channelsOf(const Device &device, Type side)
+{
+    return side == Type::Input ? device.numInputChannels() : device.numOutputChannels();
 }
 
 } // namespace
@@ -41,8 +35,10 @@ struct MeterConfig::Data : QSharedData
 {
     Type type = Type::NoType;
     QString id;
-    int numMeters = 0;
+    int numMeters = 0; // may be negative when read so; there are no flags then
     std::vector<bool> meters;
+
+    bool has(int index) const { return index >= 0 && index < numMeters; }
 };
 
 MeterConfig::MeterConfig() : d(new Data) {}
@@ -51,7 +47,9 @@ MeterConfig::MeterConfig(Type type, Device *device) : d(new Data)
 {
     d->type = type;
     d->id = makeId(type, device);
-    d->numMeters = int(std::min<unsigned>(channelCount(type, device), mostDeviceMeters));
+    if (!device || !isSide(type))
+        return;
+    d->numMeters = int(std::min(channelsOf(*device, type), mostDeviceMeters));
     d->meters.assign(size_t(d->numMeters), true);
 }
 
@@ -98,13 +96,14 @@ bool MeterConfig::isValid() const
 
 bool MeterConfig::meterEnabled(int index) const
 {
-    return index >= 0 && index < d->numMeters && d->meters[size_t(index)];
+    return d->has(index) && d->meters[size_t(index)];
 }
 
 bool MeterConfig::setMeterEnabled(int index, bool enabled)
 {
+    // Reading must not detach.
     const Data &record = *d.constData();
-    if (index < 0 || index >= record.numMeters || record.meters[size_t(index)] == enabled)
+    if (!record.has(index) || record.meters[size_t(index)] == enabled)
         return false;
     d->meters[size_t(index)] = enabled;
     return true;
@@ -117,8 +116,8 @@ const std::vector<bool> &MeterConfig::meters() const
 
 void MeterConfig::reset()
 {
-    std::vector<bool> &meters = d->meters;
-    std::fill(meters.begin(), meters.end(), true);
+    std::vector<bool> &flags = d->meters;
+    std::fill(flags.begin(), flags.end(), true);
 }
 
 QJsonObject MeterConfig::toJson() const
@@ -140,12 +139,14 @@ QString MeterConfig::makeId(Type type, Device *device)
 {
     if (!device)
         return QStringLiteral("#null");
-    if (type != Type::Input && type != Type::Output)
+    if (!isSide(type))
         return QStringLiteral("#invalid");
+    // One after the other: with a single call a name would never be taken for a placeholder, and
+    // ids of such devices that hosts have stored would no longer be found.
     return QStringLiteral("%1-%2-%3ch")
         .arg(toString(type))
         .arg(device->fullName())
-        .arg(channelCount(type, device));
+        .arg(channelsOf(*device, type));
 }
 
 } // namespace QTovelMixer

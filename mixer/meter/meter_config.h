@@ -14,19 +14,25 @@
 namespace QTovelMixer {
 
 /// Which channels of one side of a device are metered. An implicitly shared value: a copy shares
-/// its record until one of the two changes. Threads: a value belongs to one thread at a time.
+/// its record until one of the two changes.
+///
+/// Threads: any, one at a time per value; copies are independent of each other.
 class QTOVELMIXER_EXPORT MeterConfig
 {
 public:
-    /// The empty configuration, which is not valid.
+    /// The empty configuration: no type, no id, no channels. It is not valid.
     MeterConfig();
 
-    /// All channels of the input or output side of `device`, at most 32. Not valid for a null
-    /// device, one without such channels, or another type.
+    /// All channels of the input or output side of `device`, at most 32, all enabled.
+    /// Errors: not valid for a null device, for one without channels on that side, and for another
+    /// type.
     MeterConfig(Type type, Device *device);
 
-    /// Reads what `toJson` wrote. An object without "id", "numMeters" or "meters", or with more
-    /// than 2^20 meters, gives the empty configuration; a negative count acts as 0.
+    /// Reads what `toJson` wrote; flags that are missing are false, those beyond the count are
+    /// left out.
+    /// Errors: the empty configuration without "id", "numMeters" or "meters", or with more than
+    /// 2^20 meters. A count of 0 or below gives no flags, that is a configuration that is not
+    /// valid.
     explicit MeterConfig(const QJsonObject &json);
 
     MeterConfig(const MeterConfig &other);
@@ -39,23 +45,24 @@ public:
     QString meterConfigId() const;
     /// Number of channels described.
     int numMeters() const;
-    /// True when there is at least one flag.
+    /// True when at least one channel is described.
     bool isValid() const;
 
-    /// False for an index that is out of range.
+    /// Whether a channel is metered. Errors: false out of range.
     bool meterEnabled(int index) const;
-    /// Answers whether that changed something; false for an index that is out of range.
+    /// Sets a flag; answers whether that changed it. Errors: false out of range.
     bool setMeterEnabled(int index, bool enabled);
-    /// One flag per channel.
+    /// One flag per channel. The reference is valid until the configuration changes.
     const std::vector<bool> &meters() const;
     /// Enables every channel; id, type and count stay.
     void reset();
 
-    /// The keys "type", "id", "numMeters" and, for a valid configuration, "meters".
+    /// An object with "type", "id", "numMeters" and, for a valid configuration, "meters".
     QJsonObject toJson() const;
 
-    /// "input-NAME-Nch" or "output-NAME-Nch" with the device's full name and full channel count;
-    /// "#null" for a null device, "#invalid" for another type.
+    /// "input-NAME-Nch" or "output-NAME-Nch", with the device's full name and its full channel
+    /// count on that side. A `%1` in the name takes the count instead.
+    /// Errors: "#null" for a null device, else "#invalid" for another type.
     static QString makeId(Type type, Device *device);
 
 private:

@@ -2,6 +2,8 @@
 #ifndef QTOVELMIXER_MIXER_METER_METER_P_H
 #define QTOVELMIXER_MIXER_METER_METER_P_H
 
+#include <base/ringbuffer.h>
+#include <dsp/statistics.h>
 #include <mixer/meter/meter.h>
 
 #include <QtCore/QBasicTimer>
@@ -10,49 +12,66 @@
 #include <QtCore/QThread>
 
 #include <atomic>
+#include <memory>
 #include <vector>
-
-struct BLRINGBUFFER;
-struct DSPB_Statistics;
 
 namespace QTovelMixer {
 
 struct Meter::Data
 {
-    Data(Type type, int sampleRate, int numChannels, std::vector<bool> enabled);
+    struct RingDeleter
+    {
+        void operator()(BLRINGBUFFER *ring) const { BLRINGBUFFER_Destroy(&ring); }
+    };
+    struct StatisticsDeleter
+    {
+        void operator()(DSPB_Statistics *statistics) const { DSPB_StatisticsDestroy(&statistics); }
+    };
+    using Statistics = std::unique_ptr<DSPB_Statistics, StatisticsDeleter>;
+
+    Data(Type side, int rate, int channels, const MeterConfig &config);
     ~Data();
 
-    /// A configuration may have fewer flags than the device has channels: those are disabled.
-    static bool enabled(const std::vector<bool> &flags, int channel, int channels);
+    size_t blockSamples() const { return size_t(blockFrames) * size_t(numChannels); }
 
+    // A configuration may describe more or fewer channels than are fed: this decides for all.
+    bool enabled(int channel) const;
+    bool publishedAsEnabled(int channel) const;
+
+    // With statsMutex held.
+    Statistics makeStatistics(int channels, uint32_t measures) const;
     void rebuildActiveChannels();
-    void publishValues();
     const float *compact(const float *frames, int numFrames);
-    double measure(const float *frames, int numFrames);
-    int blockSamples() const { return blockFrames * numChannels; }
+    double measure(const float *frames, int numFrames); // the sum of the held levels
+    void publishValues();
 
+    // Fixed at construction.
     const Type type;
-    const int sampleRate;  ///< Hz
-    const int numChannels; ///< of the fed blocks
-    const int blockFrames; ///< 42 ms
+    const int sampleRate;  // Hz
+    const int numChannels; // of the fed blocks, 0 or more
+    const int blockFrames; // 42 ms
+    // Produced into by the audio thread, consumed by the meter's.
+    const std::unique_ptr<BLRINGBUFFER, RingDeleter> ringBuffer;
 
-    // Single producer: the audio thread; single consumer: the meter's thread.
-    BLRINGBUFFER *ringBuffer = nullptr;
-    std::atomic<bool> timerActive{false}; ///< what other threads know of the timer
+    // Any thread. None of these publishes other data, so relaxed access would do.
+    std::atomic<bool> timerActive{false}; // what others may know of `timer`; written with it
+    std::atomic<bool> stopRequested{false};
+    std::atomic<double> minMeterLevel{-120.0}; // dB
+    std::atomic<double> maxMeterLevel{0.0};    // dB
+    // Written with statsMutex held, read without.
+    std::vector<std::atomic<bool>> enabledChannels;
+    std::atomic<bool> truePeakEnabled{false};
 
     // The meter's thread.
     QBasicTimer timer;
     int timerId = 0;
-    std::atomic<bool> stopRequested{false};
-    std::atomic<double> minMeterLevel{-120.0};
-    std::atomic<double> maxMeterLevel{0.0};
     QPointer<QThread> thread;
 
-    // Guarded by statsMutex, which is taken before valuesMutex. Levels are linear.
-    mutable QBasicMutex statsMutex;
-    std::vector<bool> enabledChannels;
-    DSPB_Statistics *levelStats = nullptr;
-    DSPB_Statistics *truePeakStats = nullptr;
+    // Guarded by statsMutex, which is taken before valuesMutex. Levels are linear, by channel;
+    // holds count blocks. The true-peak vectors are empty while true peaks are not wanted.
+    QBasicMutex statsMutex;
+    Statistics levelStats;
+    Statistics truePeakStats;
     double momentaryLoudness = -120.0;
     double shortTermLoudness = -120.0;
     std::vector<double> level;
@@ -66,7 +85,6 @@ struct Meter::Data
     std::vector<int> activeChannels;
     std::vector<float> scratch;
     bool rebuildNeeded = true;
-    bool truePeakEnabled = false;
 
     // Guarded by valuesMutex.
     mutable QBasicMutex valuesMutex;

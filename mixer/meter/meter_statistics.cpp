@@ -2,9 +2,8 @@
 // What a meter measures and publishes.
 #include <mixer/meter/meter_p.h>
 
-#include <base/ringbuffer.h>
-#include <dsp/statistics.h>
 #include <mixer/meter/ballistics_p.h>
+#include <mixer/meter/meter_config.h>
 #include <mixer/meter/meter_values.h>
 
 #include <QtCore/QDebug>
@@ -18,79 +17,107 @@ namespace {
 
 constexpr int blocksInRing = 16;
 constexpr double levelHoldTime = 0.05; // seconds
-constexpr double peakHoldTime = 2.0;
-constexpr double audible = 0.0001; // sum of the holds, linear
-constexpr int statisticsOption = 16;
-constexpr unsigned levelMeasures = 0x7C00;
-constexpr unsigned truePeakMeasures = 0x200;
+constexpr double peakHoldTime = 2.0;   // seconds
+constexpr double audible = 0.0001;     // sum of the held levels, linear
+
+// A bound that keeps the arithmetic of bytes in range, far beyond any rate.
+constexpr qint64 mostBlockFrames = 1 << 20;
+
+int framesPerBlock(int sampleRate)
+{
+    return int(std::clamp<qint64>(qint64(sampleRate) * 42 / 1000, 0, mostBlockFrames));
+}
 
 int ringBytes(int blockFrames, int numChannels)
 {
-    const qint64 frameBytes = qint64(numChannels) * qint64(sizeof(float));
-    if (frameBytes <= 0)
+    const qint64 frameBytes = numChannels * qint64(sizeof(float));
+    if (frameBytes == 0)
         return 0;
-    const qint64 wanted = qint64(blockFrames) * blocksInRing * frameBytes;
     const qint64 most = std::numeric_limits<qint32>::max() / frameBytes * frameBytes;
-    return int(std::clamp<qint64>(wanted, 0, most));
+    return int(std::min(blockFrames * blocksInRing * frameBytes, most));
+}
+
+// NaN differs from everything. What a float cannot hold exactly differs from it every time.
+template <typename Stored, typename Published>
+bool update(Stored &stored, Published published)
+{
+    if (stored == published)
+        return false;
+    stored = Stored(published);
+    return true;
 }
 
 } // namespace
 
-Meter::Data::Data(Type side, int rate, int channels, std::vector<bool> flags)
+Meter::Data::Data(Type side, int rate, int channels, const MeterConfig &config)
     : type(side), sampleRate(rate), numChannels(std::max(channels, 0)),
-      blockFrames(int(std::clamp<qint64>(qint64(rate) * 42 / 1000, 0, 1 << 20))),
+      blockFrames(framesPerBlock(rate)),
       ringBuffer(BLRINGBUFFER_NewEx(ringBytes(blockFrames, numChannels), 1)),
-      enabledChannels(std::move(flags)),
-      levelStats(DSPB_StatisticsCreate(sampleRate, numChannels, statisticsOption, levelMeasures)),
-      level(size_t(numChannels)), holdLevel(size_t(numChannels)), levelHold(size_t(numChannels)),
+      enabledChannels(config.isValid() ? config.meters().size() : size_t(numChannels)),
+      levelStats(makeStatistics(numChannels, DSPB_MeasureLevels)), level(size_t(numChannels)),
+      holdLevel(size_t(numChannels)), levelHold(size_t(numChannels)),
       holdLevelHold(size_t(numChannels)), publishedLevel(size_t(numChannels)),
-      publishedHoldLevel(size_t(numChannels)), publishedEnabled(enabledChannels)
-{}
+      publishedHoldLevel(size_t(numChannels))
+{
+    for (size_t channel = 0; channel < enabledChannels.size(); ++channel) {
+        const bool on = !config.isValid() || config.meters()[channel];
+        enabledChannels[channel] = on;
+        publishedEnabled.push_back(on);
+    }
+}
 
 Meter::Data::~Data()
 {
-    BLRINGBUFFER_Destroy(&ringBuffer);
-    DSPB_StatisticsDestroy(&levelStats);
-    DSPB_StatisticsDestroy(&truePeakStats);
+    if (timerActive)
+        qInfo() << "QTovelMixer::Meter::Data: Deleting Meter" << toString(type)
+                << "with timer still active!";
     qInfo() << "Finalized" << toString(type) << "meter!";
 }
 
-bool Meter::Data::enabled(const std::vector<bool> &flags, int channel, int channels)
+bool Meter::Data::enabled(int channel) const
 {
-    return channel >= 0 && channel < channels && size_t(channel) < flags.size() &&
-           flags[size_t(channel)];
+    return channel >= 0 && channel < numChannels && size_t(channel) < enabledChannels.size() &&
+           enabledChannels[size_t(channel)];
+}
+
+bool Meter::Data::publishedAsEnabled(int channel) const
+{
+    return size_t(channel) < publishedEnabled.size() && publishedEnabled[size_t(channel)];
+}
+
+Meter::Data::Statistics Meter::Data::makeStatistics(int channels, uint32_t measures) const
+{
+    constexpr int reserved = 16;
+    return Statistics(DSPB_StatisticsCreate(sampleRate, channels, reserved, measures));
 }
 
 void Meter::Data::rebuildActiveChannels()
 {
     activeChannels.clear();
     for (int channel = 0; channel < numChannels; ++channel) {
-        if (enabled(enabledChannels, channel, numChannels))
+        if (enabled(channel))
             activeChannels.push_back(channel);
     }
-    DSPB_StatisticsDestroy(&levelStats);
-    DSPB_StatisticsDestroy(&truePeakStats);
-    const int active = int(activeChannels.size());
-    if (active > 0) {
-        levelStats = DSPB_StatisticsCreate(sampleRate, active, statisticsOption, levelMeasures);
+    levelStats.reset();
+    truePeakStats.reset();
+    if (const int active = int(activeChannels.size()); active > 0) {
+        levelStats = makeStatistics(active, DSPB_MeasureLevels);
         if (truePeakEnabled)
-            truePeakStats =
-                DSPB_StatisticsCreate(sampleRate, active, statisticsOption, truePeakMeasures);
+            truePeakStats = makeStatistics(active, DSPB_MeasureTruePeak);
     }
-    for (auto *values : {&level, &holdLevel, &truePeakLevel, &truePeakHoldLevel})
-        std::fill(values->begin(), values->end(), 0.0);
-    for (auto *counts : {&levelHold, &holdLevelHold, &truePeakHold, &truePeakHoldLevelHold})
-        std::fill(counts->begin(), counts->end(), 0);
+    for (auto *levels : {&level, &holdLevel, &truePeakLevel, &truePeakHoldLevel})
+        std::fill(levels->begin(), levels->end(), 0.0);
+    for (auto *holds : {&levelHold, &holdLevelHold, &truePeakHold, &truePeakHoldLevelHold})
+        std::fill(holds->begin(), holds->end(), 0);
     rebuildNeeded = false;
 }
 
-// The statistics take the active channels alone, frame after frame.
+// The active channels alone, interleaved.
 const float *Meter::Data::compact(const float *frames, int numFrames)
 {
-    const size_t active = activeChannels.size();
-    if (active == size_t(numChannels))
+    if (activeChannels.size() == size_t(numChannels))
         return frames;
-    scratch.resize(active * size_t(numFrames));
+    scratch.resize(activeChannels.size() * size_t(numFrames));
     float *out = scratch.data();
     for (int frame = 0; frame < numFrames; ++frame, frames += numChannels) {
         for (const int channel : activeChannels)
@@ -101,32 +128,30 @@ const float *Meter::Data::compact(const float *frames, int numFrames)
 
 double Meter::Data::measure(const float *frames, int numFrames)
 {
-    const float *measured = compact(frames, numFrames);
-    DSPB_StatisticsAddFrames(levelStats, measured, numFrames);
-    DSPB_StatisticsAddFrames(truePeakStats, measured, numFrames);
-    DSPB_StatisticsMomentaryLoudness(levelStats, &momentaryLoudness);
-    DSPB_StatisticsShortTermLoudness(levelStats, &shortTermLoudness);
+    const float *const measured = compact(frames, numFrames);
+    DSPB_StatisticsAddFrames(levelStats.get(), measured, numFrames);
+    DSPB_StatisticsAddFrames(truePeakStats.get(), measured, numFrames);
+    DSPB_StatisticsMomentaryLoudness(levelStats.get(), &momentaryLoudness);
+    DSPB_StatisticsShortTermLoudness(levelStats.get(), &shortTermLoudness);
+
     const bool falling = stopRequested;
-    const auto follow = [&](double &value, int &hold, double peak, double holdTime) {
-        followPeak(value, hold, peak, holdTime, sampleRate, numFrames);
-    };
+    const int levelTime = holdBlocks(levelHoldTime, sampleRate, numFrames);
+    const int holdTime = holdBlocks(peakHoldTime, sampleRate, numFrames);
     double sum = 0.0;
-    for (int i = 0; i < int(activeChannels.size()); ++i) {
-        const size_t channel = size_t(activeChannels[size_t(i)]);
+    for (size_t i = 0; i < activeChannels.size(); ++i) {
+        const size_t channel = size_t(activeChannels[i]);
         double peak = 0.0;
-        DSPB_StatisticsMomentarySamplePeak(levelStats, i, &peak);
-        if (falling)
-            peak = 0.0;
-        follow(level[channel], levelHold[channel], peak, levelHoldTime);
-        follow(holdLevel[channel], holdLevelHold[channel], peak, peakHoldTime);
+        if (!falling)
+            DSPB_StatisticsMomentarySamplePeak(levelStats.get(), int(i), &peak);
+        followPeak(level[channel], levelHold[channel], peak, levelTime);
+        followPeak(holdLevel[channel], holdLevelHold[channel], peak, holdTime);
         if (truePeakStats) {
             double truePeak = 0.0;
-            DSPB_StatisticsMomentaryTruePeak(truePeakStats, i, &truePeak);
-            if (falling)
-                truePeak = 0.0;
-            follow(truePeakLevel[channel], truePeakHold[channel], truePeak, levelHoldTime);
-            follow(truePeakHoldLevel[channel], truePeakHoldLevelHold[channel], truePeak,
-                   peakHoldTime);
+            if (!falling)
+                DSPB_StatisticsMomentaryTruePeak(truePeakStats.get(), int(i), &truePeak);
+            followPeak(truePeakLevel[channel], truePeakHold[channel], truePeak, levelTime);
+            followPeak(truePeakHoldLevel[channel], truePeakHoldLevelHold[channel], truePeak,
+                       holdTime);
         }
         sum += holdLevel[channel];
     }
@@ -140,7 +165,7 @@ void Meter::Data::publishValues()
     publishedShortTerm = shortTermLoudness;
     publishedLevel = level;
     publishedHoldLevel = holdLevel;
-    publishedEnabled = enabledChannels;
+    std::copy(enabledChannels.begin(), enabledChannels.end(), publishedEnabled.begin());
     publishedHasTruePeak = truePeakStats != nullptr;
     if (publishedHasTruePeak) {
         publishedTruePeak = truePeakLevel;
@@ -167,15 +192,15 @@ void Meter::updateStatistics(const float *frames, int numFrames)
 
 bool Meter::channelEnabled(int channel) const
 {
-    const QMutexLocker locker(&d->statsMutex);
-    return Data::enabled(d->enabledChannels, channel, d->numChannels);
+    return d->enabled(channel);
 }
 
 bool Meter::setChannelEnabled(int channel, bool enabled)
 {
     const QMutexLocker locker(&d->statsMutex);
-    if (channel < 0 || channel >= d->numChannels || size_t(channel) >= d->enabledChannels.size() ||
-        d->enabledChannels[size_t(channel)] == enabled)
+    const bool known =
+        channel >= 0 && channel < d->numChannels && size_t(channel) < d->enabledChannels.size();
+    if (!known || d->enabledChannels[size_t(channel)] == enabled)
         return false;
     d->enabledChannels[size_t(channel)] = enabled;
     d->rebuildNeeded = true;
@@ -184,10 +209,9 @@ bool Meter::setChannelEnabled(int channel, bool enabled)
 
 int Meter::numMeterChannels() const
 {
-    const QMutexLocker locker(&d->statsMutex);
     int count = 0;
     for (int channel = 0; channel < d->numChannels; ++channel)
-        count += Data::enabled(d->enabledChannels, channel, d->numChannels);
+        count += d->enabled(channel);
     return count;
 }
 
@@ -197,69 +221,39 @@ void Meter::setTruePeakEnabled(bool enabled)
     if (d->truePeakEnabled == enabled)
         return;
     d->truePeakEnabled = enabled;
-    const size_t size = enabled ? size_t(d->numChannels) : 0;
-    for (auto *values : {&d->truePeakLevel, &d->truePeakHoldLevel})
-        values->assign(size, 0.0);
-    for (auto *counts : {&d->truePeakHold, &d->truePeakHoldLevelHold})
-        counts->assign(size, 0);
+    const size_t count = enabled ? size_t(d->numChannels) : 0;
+    for (auto *levels : {&d->truePeakLevel, &d->truePeakHoldLevel})
+        levels->assign(count, 0.0);
+    for (auto *holds : {&d->truePeakHold, &d->truePeakHoldLevelHold})
+        holds->assign(count, 0);
     d->rebuildNeeded = true;
 }
 
 bool Meter::isTruePeakEnabled() const
 {
-    const QMutexLocker locker(&d->statsMutex);
     return d->truePeakEnabled;
 }
-
-namespace {
-
-// NaN differs from everything, itself included.
-bool take(double &value, double published)
-{
-    if (value == published)
-        return false;
-    value = published;
-    return true;
-}
-
-bool take(float &value, double published)
-{
-    if (double(value) == published)
-        return false;
-    value = float(published);
-    return true;
-}
-
-bool take(int &value, int published)
-{
-    if (value == published)
-        return false;
-    value = published;
-    return true;
-}
-
-} // namespace
 
 bool Meter::getValues(MeterValues &values) const
 {
     const QMutexLocker locker(&d->valuesMutex);
-    bool changed = take(values.m_momentaryLoudness, d->publishedMomentary);
-    changed |= take(values.m_shortTermLoudness, d->publishedShortTerm);
+    bool changed = update(values.momentary, d->publishedMomentary);
+    changed |= update(values.shortTerm, d->publishedShortTerm);
     int slot = 0;
-    for (int i = 0; i < d->numChannels && slot < MeterValues::capacity; ++i) {
-        if (!Data::enabled(d->publishedEnabled, i, d->numChannels))
+    for (int c = 0; c < d->numChannels && slot < MeterValues::capacity; ++c) {
+        if (!d->publishedAsEnabled(c))
             continue;
-        const size_t channel = size_t(i);
-        changed |= take(values.m_level[slot], d->publishedLevel[channel]);
-        changed |= take(values.m_holdLevel[slot], d->publishedHoldLevel[channel]);
+        const size_t channel = size_t(c);
+        changed |= update(values.levels[slot], d->publishedLevel[channel]);
+        changed |= update(values.holdLevels[slot], d->publishedHoldLevel[channel]);
         if (d->publishedHasTruePeak) {
-            changed |= take(values.m_truePeakLevel[slot], d->publishedTruePeak[channel]);
-            changed |= take(values.m_truePeakHoldLevel[slot], d->publishedTruePeakHold[channel]);
+            changed |= update(values.truePeaks[slot], d->publishedTruePeak[channel]);
+            changed |= update(values.truePeakHolds[slot], d->publishedTruePeakHold[channel]);
         }
-        changed |= take(values.m_channelIndex[slot], i);
+        changed |= update(values.channels[slot], c);
         ++slot;
     }
-    changed |= take(values.m_numChannels, slot);
+    changed |= update(values.numFilled, slot);
     return changed;
 }
 

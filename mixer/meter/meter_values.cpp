@@ -10,61 +10,60 @@ namespace {
 constexpr double silence = -120.0; // dB
 }
 
-MeterValues::MeterValues(int numChannels) : m_numChannels(numChannels) {}
+MeterValues::MeterValues(int numChannels) : numFilled(numChannels) {}
 
 bool MeterValues::isValid() const
 {
-    return m_numChannels > 0;
+    return numFilled > 0;
 }
 
 int MeterValues::numChannels() const
 {
-    return m_numChannels;
+    return numFilled;
 }
 
 double MeterValues::momentaryLoudness() const
 {
-    return isValid() ? m_momentaryLoudness : silence;
+    return isValid() ? momentary : silence;
 }
 
 double MeterValues::shortTermLoudness() const
 {
-    return isValid() ? m_shortTermLoudness : silence;
+    return isValid() ? shortTerm : silence;
 }
 
 int MeterValues::channelIndex(int slot) const
 {
-    return slot >= 0 && slot < std::min(m_numChannels, capacity) ? m_channelIndex[slot] : -1;
+    return slot >= 0 && slot < std::min(numFilled, capacity) ? channels[slot] : -1;
 }
 
 double MeterValues::toDecibels(const float (&values)[slotCount], int index) const
 {
-    if (m_numChannels <= 0 || m_numChannels < index || index < 0 || index >= slotCount)
+    if (numFilled <= 0 || numFilled < index || index < 0 || index >= slotCount)
         return silence;
-    const double value = values[index];
-    if (!(value > 0.0))
-        return silence;
-    return std::clamp(20.0 * std::log10(value), silence, 0.0);
+    const double value = double(values[index]);
+    const double decibels = value <= 0.0 ? silence : 20.0 * std::log10(value);
+    return std::clamp(decibels, silence, 0.0);
 }
 
 double MeterValues::level(int index) const
 {
-    return toDecibels(m_level, index);
+    return toDecibels(levels, index);
 }
 
 double MeterValues::hold_level(int index) const
 {
-    return toDecibels(m_holdLevel, index);
+    return toDecibels(holdLevels, index);
 }
 
 double MeterValues::true_peak_level(int index) const
 {
-    return toDecibels(m_truePeakLevel, index);
+    return toDecibels(truePeaks, index);
 }
 
 double MeterValues::true_peak_hold_level(int index) const
 {
-    return toDecibels(m_truePeakHoldLevel, index);
+    return toDecibels(truePeakHolds, index);
 }
 
 } // namespace QTovelMixer

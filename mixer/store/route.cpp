@@ -15,14 +15,19 @@ namespace QTovelMixer {
 namespace {
 
 constexpr int mostChannels = 32;
-constexpr qint64 mostStoredGains = 1 << 20;
+constexpr qint64 mostStoredGains = 1 << 20; // what a damaged file may cost in memory
 
-const QString kindKey = QStringLiteral("kind");
-const QString idKey = QStringLiteral("id");
-const QString inputsKey = QStringLiteral("numInputChannels");
-const QString outputsKey = QStringLiteral("numOutputChannels");
-const QString audioKey = QStringLiteral("numAudioChannels");
-const QString gainsKey = QStringLiteral("gains");
+constexpr QLatin1String kindKey("kind");
+constexpr QLatin1String idKey("id");
+constexpr QLatin1String inputsKey("numInputChannels");
+constexpr QLatin1String outputsKey("numOutputChannels");
+constexpr QLatin1String audioKey("numAudioChannels");
+constexpr QLatin1String gainsKey("gains");
+
+int capped(unsigned int channels)
+{
+    return int(std::min(channels, unsigned(mostChannels)));
+}
 
 } // namespace
 
@@ -35,31 +40,35 @@ struct Route::Data : QSharedData
     int numAudioChannels = 0;
     int numInputs = 0;
     int numOutputs = 0;
-    bool hasGains = false;
-    // One cell more than the matrix, so that a matrix without cells has an address too.
+    // Row by row, and one element behind the last: a matrix without cells has an address too.
     std::vector<float> gains;
 
-    bool contains(int row, int column) const
+    bool hasMatrix() const { return !gains.empty(); }
+    size_t cells() const { return size_t(numInputs) * size_t(numOutputs); }
+    bool has(int row, int column) const
     {
-        return row >= 0 && column >= 0 && row < numInputs && column < numOutputs;
+        return row >= 0 && row < numInputs && column >= 0 && column < numOutputs;
     }
     size_t index(int row, int column) const
     {
         return size_t(row) * size_t(numOutputs) + size_t(column);
     }
-    qsizetype cells() const { return qsizetype(std::max(numInputs, 0)) * std::max(numOutputs, 0); }
-    void allocate()
-    {
-        gains.assign(size_t(cells()) + 1, 0.0f);
-        hasGains = true;
-    }
+
+    void makeMatrix(int rows, int columns);
     void fillWithDefaults();
-    void inferType();
+    Type typeFromCounts() const;
 };
+
+void Route::Data::makeMatrix(int rows, int columns)
+{
+    numInputs = std::max(rows, 0);
+    numOutputs = std::max(columns, 0);
+    gains.assign(cells() + 1, 0.0f);
+}
 
 void Route::Data::fillWithDefaults()
 {
-    if (!hasGains)
+    if (!hasMatrix())
         return;
     std::fill(gains.begin(), gains.end(), 0.0f);
     const float *table = nullptr;
@@ -68,17 +77,18 @@ void Route::Data::fillWithDefaults()
     else if (type == Type::Input)
         table = Gains::inputMixerGains(numInputs, numOutputs, gains.data());
     if (table && table != gains.data())
-        std::copy(table, table + cells(), gains.begin());
+        std::copy_n(table, cells(), gains.begin());
 }
 
-void Route::Data::inferType()
+Type Route::Data::typeFromCounts() const
 {
     const bool input = inputDeviceChannels >= 1;
     const bool output = outputDeviceChannels >= 1;
-    if (numAudioChannels >= 1)
-        type = input ? Type::Input : output ? Type::Output : Type::NoType;
-    else
-        type = input && output ? Type::Loop : Type::NoType;
+    if (numAudioChannels < 1)
+        return input && output ? Type::Loop : Type::NoType;
+    if (input)
+        return Type::Input;
+    return output ? Type::Output : Type::NoType;
 }
 
 Route::Route() : d(new Data) {}
@@ -94,27 +104,21 @@ Route::Route(Type type, Device *input, int channels, Device *output) : d(new Dat
     Data &route = *d;
     route.type = type;
     route.id = makeRouteId(input, channels, output);
-    if (input)
-        route.inputDeviceChannels =
-            int(std::min<unsigned>(input->numInputChannels(), mostChannels));
-    if (output)
-        route.outputDeviceChannels =
-            int(std::min<unsigned>(output->numOutputChannels(), mostChannels));
+    route.inputDeviceChannels = input ? capped(input->numInputChannels()) : 0;
+    route.outputDeviceChannels = output ? capped(output->numOutputChannels()) : 0;
     route.numAudioChannels = std::min(channels, mostChannels);
-    if (type == Type::Output) {
-        route.numInputs = route.numAudioChannels;
-        route.numOutputs = route.outputDeviceChannels;
-    } else if (type == Type::Input) {
-        route.numInputs = route.inputDeviceChannels;
-        route.numOutputs = route.numAudioChannels;
-    }
-    route.allocate();
+    if (type == Type::Output)
+        route.makeMatrix(route.numAudioChannels, route.outputDeviceChannels);
+    else if (type == Type::Input)
+        route.makeMatrix(route.inputDeviceChannels, route.numAudioChannels);
+    else
+        route.makeMatrix(0, 0);
     route.fillWithDefaults();
 }
 
 Route::Route(const QJsonObject &json) : d(new Data)
 {
-    for (const QString &key : {idKey, inputsKey, outputsKey, audioKey, gainsKey}) {
+    for (const QLatin1String key : {idKey, inputsKey, outputsKey, audioKey, gainsKey}) {
         if (!json.contains(key))
             return;
     }
@@ -132,13 +136,11 @@ Route::Route(const QJsonObject &json) : d(new Data)
     route.inputDeviceChannels = inputs;
     route.outputDeviceChannels = outputs;
     route.numAudioChannels = audio;
-    route.numInputs = std::max(rows, 0);
-    route.numOutputs = std::max(columns, 0);
-    route.allocate();
+    route.makeMatrix(rows, columns);
     if (route.type == Type::NoType)
-        route.inferType();
+        route.type = route.typeFromCounts();
     const QJsonArray gains = json.value(gainsKey).toArray();
-    const qsizetype stored = std::min(gains.size(), route.cells());
+    const qsizetype stored = std::min(gains.size(), qsizetype(route.cells()));
     for (qsizetype i = 0; i < stored; ++i)
         route.gains[size_t(i)] = float(gains.at(i).toDouble(0.0));
 }
@@ -169,23 +171,23 @@ int Route::numOutputs() const
 
 bool Route::isValid() const
 {
-    return d->hasGains;
+    return d->hasMatrix();
 }
 
 bool Route::isActive() const
 {
-    return d->inputDeviceChannels + d->outputDeviceChannels > 0;
+    return qint64(d->inputDeviceChannels) + d->outputDeviceChannels > 0;
 }
 
 float Route::gain(int row, int column) const
 {
-    return d->contains(row, column) ? d->gains[d->index(row, column)] : 0.0f;
+    return d->has(row, column) ? d->gains[d->index(row, column)] : 0.0f;
 }
 
 bool Route::setGain(int row, int column, float gain)
 {
     Data &route = *d;
-    if (!route.contains(row, column))
+    if (!route.has(row, column))
         return false;
     route.gains[route.index(row, column)] = gain;
     return true;
@@ -193,7 +195,7 @@ bool Route::setGain(int row, int column, float gain)
 
 Route::operator const float *() const
 {
-    return d->hasGains ? d->gains.data() : nullptr;
+    return d->hasMatrix() ? d->gains.data() : nullptr;
 }
 
 void Route::reset()
@@ -204,8 +206,8 @@ void Route::reset()
 QJsonObject Route::toJson() const
 {
     QJsonArray gains;
-    for (qsizetype i = 0; i < (d->hasGains ? d->cells() : 0); ++i)
-        gains.append(double(d->gains[size_t(i)]));
+    for (size_t i = 0; i < d->cells(); ++i)
+        gains.append(double(d->gains[i]));
     QJsonObject json;
     json.insert(kindKey, toString(d->type));
     json.insert(idKey, d->id);

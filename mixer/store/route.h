@@ -12,28 +12,37 @@
 namespace QTovelMixer {
 
 /// A remembered gain matrix between one side of a device and the channels of a source or sink.
-/// Rows are what goes in (device inputs, or a source's channels), columns what comes out (a
-/// sink's channels, or device outputs); gains are linear, in row-major order. An implicitly
-/// shared value: a copy shares its record until one of the two changes.
-/// Threads: a value belongs to one thread at a time.
+/// Rows are what goes in (device inputs, or a source's channels), columns what comes out (a sink's
+/// channels, or device outputs); gains are linear, row-major. An implicitly shared value: a copy
+/// shares its record until one of the two changes.
+///
+/// Threads: any, one at a time per value; copies are independent of each other.
 class QTOVELMIXER_EXPORT Route
 {
 public:
     /// The empty route, which is not valid.
     Route();
-    /// Device inputs (rows) into a sink of `channels` channels (columns), by the default matrix.
-    /// Counts are capped at 32.
+
+    /// From the inputs of a device (rows, none for null) to a sink of `channels` channels
+    /// (columns), by the default matrix. Both counts are capped at 32.
     Route(Device *input, int channels);
-    /// A source of `channels` channels (rows) to device outputs (columns), by the default matrix.
-    /// Counts are capped at 32.
+
+    /// From a source of `channels` channels (rows) to the outputs of a device (columns, none for
+    /// null), by the default matrix. Both counts are capped at 32.
     Route(int channels, Device *output);
-    /// From one device to another; its matrix is 0 × 0.
+
+    /// From one device to another; the matrix is 0 × 0.
     Route(Device *input, Device *output);
-    /// Reads what `toJson` wrote, with the channel counts as they stand; a route between two
-    /// devices then has a matrix of input × output channels. An object that lacks a key other
-    /// than "kind", or has more than 2^20 gains, gives the empty route; a negative count acts
-    /// as 0 for the matrix.
+
+    /// Reads what `toJson` wrote, with the channel counts as they stand: the matrix has
+    /// "numInputChannels" rows and "numOutputChannels" columns, "numAudioChannels" standing in for
+    /// a count below 1. So a route between two devices has gains here. Without a known "kind" the
+    /// type follows from the counts. Gains that are missing are 0.0, those beyond the matrix are
+    /// left out.
+    /// Errors: the empty route without one of the keys other than "kind", or with more than 2^20
+    /// gains.
     explicit Route(const QJsonObject &json);
+
     Route(const Route &other);
     Route &operator=(const Route &other);
     virtual ~Route();
@@ -51,17 +60,17 @@ public:
     /// True when a device with channels takes part.
     bool isActive() const;
 
-    /// The gain of a cell; 0.0 out of range.
+    /// The gain of a cell. Errors: 0.0 out of range.
     float gain(int row, int column) const;
-    /// Sets a cell; false out of range.
+    /// Sets the gain of a cell. Errors: false out of range.
     bool setGain(int row, int column, float gain);
-    /// The whole matrix, `numInputs` × `numOutputs`; null for the empty route. Valid until the
-    /// route changes.
+    /// The whole matrix; null for the empty route only. Valid until the route changes.
     operator const float *() const;
-    /// Back to the default matrix of the route's type.
+    /// Back to the default matrix of the type; zeros for types that have none.
     void reset();
 
-    /// The keys "kind", "id", "numInputChannels", "numOutputChannels", "numAudioChannels", "gains".
+    /// An object with "kind", "id", "numInputChannels", "numOutputChannels", "numAudioChannels" and
+    /// "gains". A gain that is not finite comes back as 0.0.
     QJsonObject toJson() const;
 
     /// What is given, joined by "_to_": the input device's full name, "AudioWithNChannels" unless
@@ -70,6 +79,7 @@ public:
 
 private:
     struct Data;
+
     Route(Type type, Device *input, int channels, Device *output);
 
     QSharedDataPointer<Data> d;

@@ -28,12 +28,13 @@ QByteArray save(const QMap<QString, T> &table)
     return QJsonDocument(array).toJson(QJsonDocument::Compact);
 }
 
-std::optional<QJsonArray> parse(const QByteArray &data, const char *what)
+// Null, and a critical line, for what is no JSON.
+std::optional<QJsonArray> parse(const QByteArray &data, const char *place)
 {
-    QJsonParseError error;
+    QJsonParseError error = {};
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);
     if (error.error != QJsonParseError::NoError) {
-        qCritical().noquote() << error.errorString() << "(offset:" << error.offset << what;
+        qCritical() << error.errorString() << "(offset:" << error.offset << place;
         return std::nullopt;
     }
     return document.array();

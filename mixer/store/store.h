@@ -13,47 +13,54 @@
 
 namespace QTovelMixer {
 
-/// The process-wide keeper of the user's routes and meter layouts. The host fills it and saves it;
-/// the engine reads it when a device is opened and when a source or sink is added, so that a
-/// later change does not touch what already exists.
+/// The process-wide keeper of the user's routes and meter configurations, each under its id. The
+/// host fills it and keeps its bytes; the engine only reads it, when it opens a device and when a
+/// source or sink is added, so a later change does not touch what exists already. Nothing that is
+/// not valid is kept.
+///
 /// Threads: main.
 class QTOVELMIXER_EXPORT Store
 {
     Q_DISABLE_COPY_MOVE(Store)
 
 public:
-    /// The single instance, made on the first call and never deleted.
+    /// The only instance, made by the first call and never deleted.
     static Store *store();
+
     virtual ~Store();
 
-    /// The route for these devices and this channel count, or the empty route. The reference is
-    /// valid until the routes change.
+    /// The route with the id that `Route::makeRouteId` gives for these, else the empty route. The
+    /// reference is valid until the routes change.
     const Route &findRoute(Device *input, int channels, Device *output) const;
-    /// Keeps a valid route under its id, replacing the one that was there.
+    /// Keeps a route under its id, instead of the one that was there. Errors: ignored when it is
+    /// not valid.
     void addRoute(const Route &route);
+    /// Forgets the route that `findRoute` would find.
     void removeRoute(Device *input, int channels, Device *output);
     /// All routes by id.
     const QMap<QString, Route> &routes() const;
 
-    /// All routes as a compact JSON array, in the order of their ids.
+    /// All routes as a JSON array in the order of their ids: compact UTF-8, `[]` without any.
     QByteArray saveRoutes() const;
-    /// Replaces all routes by those of a JSON array; unusable elements are left out, and of two
-    /// with one id the later one counts. Errors: false, logged, for bytes that are no JSON;
-    /// nothing changes then.
+    /// Replaces all routes by those of a JSON array. What is no usable route is left out, of two
+    /// with one id the later one counts, and a JSON object counts as an empty array.
+    /// Errors: false, with one critical line, for text that is no JSON; nothing changes.
     bool restoreRoutes(const QByteArray &data);
 
-    /// The configuration for this side of the device, or the empty one. The reference is valid
-    /// until the configurations change.
+    /// The configuration with the id that `MeterConfig::makeId` gives for these, else the empty
+    /// configuration. The reference is valid until the configurations change.
     const MeterConfig &findMeterConfig(Type type, Device *device) const;
-    /// Keeps a valid configuration under its id, replacing the one that was there.
+    /// Keeps a configuration under its id, instead of the one that was there. Errors: ignored when
+    /// it is not valid.
     void addMeterConfig(const MeterConfig &config);
+    /// Forgets the configuration that `findMeterConfig` would find.
     void removeMeterConfig(Type type, Device *device);
     /// All configurations by id.
     const QMap<QString, MeterConfig> &meterConfigs() const;
 
-    /// As `saveRoutes`.
+    /// All configurations, as `saveRoutes` does.
     QByteArray saveMeterConfigs() const;
-    /// As `restoreRoutes`.
+    /// Replaces all configurations, as `restoreRoutes` does.
     bool restoreMeterConfigs(const QByteArray &data);
 
 private:
