@@ -145,6 +145,7 @@ struct Engine::Data
     bool detach(Sink *sink);
     int users() const { return int(sources.size() + sinks.size()); }
     void removeUnstarted();
+    void checkRest() const;
 
     double seconds(qint64 frames) const;
     unsigned rate() const;

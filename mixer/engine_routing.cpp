@@ -256,6 +256,7 @@ void Engine::removeSource(Source *source)
     // A slot of `stopped` may have closed the stream, and opened another one since.
     if (generation == d->streamGeneration)
         d->stopMixerApi();
+    d->checkRest();
     QMetaObject::invokeMethod(
         this, [this, guarded = QPointer<Source>(source)] { deleteSource(guarded); },
         Qt::QueuedConnection);
@@ -291,9 +292,18 @@ void Engine::removeSink(Sink *sink)
         emit stopped(reason);
     if (generation == d->streamGeneration)
         d->stopMixerApi();
+    d->checkRest();
     QMetaObject::invokeMethod(
         this, [this, guarded = QPointer<Sink>(sink)] { deleteSink(guarded); },
         Qt::QueuedConnection);
+}
+
+// Two counters that know nothing of each other: the users of the device stream, and those that
+// forbid edits of the timeline.
+void Engine::Data::checkRest() const
+{
+    Q_ASSERT(users() > 0 || streamUsers == 0);
+    Q_ASSERT(users() > 0 || apiOpen() || apiRefs == 0);
 }
 
 // Objects that were told to stop before they were ever started have no thread that could end.
