@@ -282,14 +282,17 @@ void Api::setEngine(Engine *engine)
 
 bool Api::openApi(Device *output, Device *input, unsigned int sampleRate)
 {
-    d->setCurrent(nullptr, nullptr);
+    const auto nothingOpen = [this](bool answer) {
+        d->setCurrent(nullptr, nullptr);
+        return answer;
+    };
     if (!output && !input)
-        return true;
+        return nothingOpen(true);
     unsigned int rate = sampleRate;
     if (!d->engine || d->engine->availableSampleRates(output, input, rate).isEmpty() || rate == 0)
-        return false;
+        return nothingOpen(false);
     if (!open(output, input, rate))
-        return false;
+        return nothingOpen(false);
     d->sampleRate = rate;
     d->setCurrent(output && output->canPlayback(false) ? output : nullptr,
                   input && input->canCapture(false) ? input : nullptr);
