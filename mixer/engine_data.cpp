@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace QTovelMixer {
 
@@ -87,9 +88,8 @@ bool Engine::Data::onOwnThread() const
         return source->mixerEngine() == engine;
     if (const Sink *sink = qobject_cast<const Sink *>(current))
         return sink->mixerEngine() == engine;
-    const QMutexLocker locker(&updateLock);
-    return (inputMeter && inputMeter->thread() == current) ||
-           (outputMeter && outputMeter->thread() == current);
+    const QMutexLocker locker(&listLock);
+    return std::find(meterThreads.begin(), meterThreads.end(), current) != meterThreads.end();
 }
 
 bool Engine::Data::requireMainThread(const char *operation) const
@@ -181,13 +181,16 @@ void Engine::Data::lockMix()
 void Engine::Data::unlockMix()
 {
     updateLock.unlock();
-    if (--bracketDepth == 0) {
-        const std::vector<Source *> locked = std::move(lockedSources);
-        lockedSources.clear();
-        for (Source *source : locked)
-            source->update_unlock();
-    }
+    releaseSources();
     decrement(holdCount);
+}
+
+void Engine::Data::releaseSources()
+{
+    if (--bracketDepth > 0)
+        return;
+    for (Source *source : std::exchange(lockedSources, {}))
+        source->update_unlock();
 }
 
 void Engine::Data::takeSnapshot()
@@ -254,12 +257,27 @@ void Engine::Data::adjSourceTime(double time, double offset)
     setMixTime(time);
 }
 
+// The host's hooks and slots run inside these, and may take other objects away.
+void Engine::Data::forEachSource(const std::function<void(Source *)> &operation)
+{
+    for (Source *source : std::vector<Source *>(sources)) {
+        if (contains(source))
+            operation(source);
+    }
+}
+
+void Engine::Data::forEachSink(const std::function<void(Sink *)> &operation)
+{
+    for (Sink *sink : std::vector<Sink *>(sinks)) {
+        if (contains(sink))
+            operation(sink);
+    }
+}
+
 void Engine::Data::setTime(double time, double start)
 {
-    for (Source *source : sources)
-        source->setTime(time);
-    for (Sink *sink : sinks)
-        sink->setTime(time);
+    forEachSource([time](Source *source) { source->setTime(time); });
+    forEachSink([time](Sink *sink) { sink->setTime(time); });
     setMixTime(time);
     if (start >= 0.0)
         startTime = start;
@@ -267,8 +285,7 @@ void Engine::Data::setTime(double time, double start)
 
 void Engine::Data::prime()
 {
-    for (Source *source : std::vector<Source *>(sources))
-        source->prime();
+    forEachSource([](Source *source) { source->prime(); });
 }
 
 void Engine::Data::prime(Source *source)
@@ -279,26 +296,22 @@ void Engine::Data::prime(Source *source)
 void Engine::Data::pause()
 {
     holdCount.fetch_add(1);
-    // Hooks of the host run here, which may change the list.
-    for (Source *source : std::vector<Source *>(sources))
-        source->pause(PauseMode(pauseMode));
+    forEachSource([this](Source *source) { source->pause(PauseMode(pauseMode)); });
 }
 
-// Under the lock, so that no block sees the clock run while a source is still silent.
+// No block sees the clock run while a source is still silent.
 void Engine::Data::resume()
 {
-    const QMutexLocker locker(&updateLock);
+    resuming.fetch_add(1);
     decrement(holdCount);
-    for (Source *source : std::vector<Source *>(sources))
-        source->resume();
+    forEachSource([](Source *source) { source->resume(); });
+    resuming.fetch_sub(1);
 }
 
 void Engine::Data::stop(StopReason reason)
 {
-    for (Source *source : std::vector<Source *>(sources))
-        source->stop(reason);
-    for (Sink *sink : std::vector<Sink *>(sinks))
-        sink->stop(reason);
+    forEachSource([reason](Source *source) { source->stop(reason); });
+    forEachSink([reason](Sink *sink) { sink->stop(reason); });
 }
 
 bool Engine::Data::stop(Source *source, StopReason reason)

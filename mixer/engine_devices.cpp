@@ -320,6 +320,10 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
                 new Meter(Type::Input, rate, int(d->numInputChannels), inputConfig, nullptr);
             d->outputMeter =
                 new Meter(Type::Output, rate, int(d->numOutputChannels), outputConfig, nullptr);
+            {
+                const QMutexLocker listLocker(&d->listLock);
+                d->meterThreads = {d->inputMeter->thread(), d->outputMeter->thread()};
+            }
             d->outputName = Device::deviceName(outputDevice);
             d->inputName = Device::deviceName(inputDevice);
         }

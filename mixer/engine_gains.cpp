@@ -68,6 +68,8 @@ bool Engine::Data::setCell(unsigned row, unsigned column, float gain)
 
 bool Engine::setGain(Source *source, int channel, int output, float gain)
 {
+    if (!d->requireMainThread("setGain"))
+        return false;
     const QMutexLocker locker(&d->updateLock);
     if (!checkSource(*d, source, channel))
         return false;
@@ -78,6 +80,8 @@ bool Engine::setGain(Source *source, int channel, int output, float gain)
 
 bool Engine::setGain(int input, Sink *sink, int channel, float gain)
 {
+    if (!d->requireMainThread("setGain"))
+        return false;
     const QMutexLocker locker(&d->updateLock);
     if (!checkSink(*d, sink, channel))
         return false;
@@ -88,6 +92,8 @@ bool Engine::setGain(int input, Sink *sink, int channel, float gain)
 
 bool Engine::setGain(Source *source, int channel, Sink *sink, int sinkChannel, float gain)
 {
+    if (!d->requireMainThread("setGain"))
+        return false;
     const QMutexLocker locker(&d->updateLock);
     if (!checkSource(*d, source, channel) || !checkSink(*d, sink, sinkChannel))
         return false;
@@ -97,7 +103,7 @@ bool Engine::setGain(Source *source, int channel, Sink *sink, int sinkChannel, f
 
 bool Engine::addRoute(Source *source, Sink *sink, float gain)
 {
-    if (!source || !sink)
+    if (!source || !sink || !d->requireMainThread("addRoute"))
         return false;
     const QMutexLocker locker(&d->updateLock);
     if (!d->contains(sink))
@@ -106,8 +112,8 @@ bool Engine::addRoute(Source *source, Sink *sink, float gain)
         return refuse("QTovelMixer::addRoute: Invalid source (%p)!!", source);
     const unsigned row = d->rowOf(source);
     const unsigned column = d->columnOf(sink);
-    const unsigned rows = unsigned(source->numChannels());
-    const unsigned columns = unsigned(sink->numChannels());
+    const unsigned rows = channelsOf(source);
+    const unsigned columns = channelsOf(sink);
     if (row + rows > d->inputBuses.size() || column + columns > d->outputBuses.size())
         return false;
     d->writeInputGains(row, rows, column, columns, gain);
@@ -118,11 +124,13 @@ bool Engine::setChannelsMask(Source *source, unsigned long long mask, float gain
 {
     Q_UNUSED(gain)
     Q_UNUSED(flag)
+    if (!d->requireMainThread("setChannelsMask"))
+        return false;
     const QMutexLocker locker(&d->updateLock);
     if (!d->contains(source))
         return refuse("QTovelMixer::setChannelsMask: Invalid source (%p)!!", source);
     const unsigned row = d->rowOf(source);
-    const unsigned channels = unsigned(std::max(0, source->numChannels()));
+    const unsigned channels = channelsOf(source);
     if (row + channels <= d->inputBuses.size())
         d->set_input_mask(row, channels, 0, d->numOutputChannels,
                           channels < 64 ? mask & ((1ull << channels) - 1) : mask);
@@ -165,6 +173,8 @@ void Engine::setMonitoring(bool value)
 
 Effect *Engine::Data::replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect)
 {
+    if (!requireMainThread("replaceEffect"))
+        return nullptr;
     Effect *replaced = nullptr;
     {
         const QMutexLocker locker(&updateLock);
@@ -226,7 +236,7 @@ bool Engine::inputEffectBypass() const
 
 void Engine::setChannelMeterEnabled(Type type, int channel, bool enabled)
 {
-    if (!d->active || channel > 127)
+    if (!d->active || channel > 127 || !d->requireMainThread("setChannelMeterEnabled"))
         return;
     Meter *meter = type == Type::Input    ? d->inputMeter
                    : type == Type::Output ? d->outputMeter

@@ -52,12 +52,14 @@ Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
         api->setEngine(this);
     connect(d->deviceListTimer, &QTimer::timeout, this, [this] {
         // Playback may have begun since the timer was started, and probes need their distance.
-        if (d->active && d->running && d->users() > 0)
-            updateDeviceList(false);
-        else if (d->api && !d->api->canUpdateDeviceList())
+        if (d->active && d->running && d->users() > 0) {
+            if (!d->stoppedLink)
+                updateDeviceList(false);
+        } else if (d->api && !d->api->canUpdateDeviceList()) {
             d->deviceListTimer->start();
-        else
+        } else {
             doDeviceListUpdate();
+        }
     });
     connect(d->watchdogTimer, &QTimer::timeout, this, [this] {
         // A tick that is itself late says that this thread was held up: backends that are

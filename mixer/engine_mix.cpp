@@ -102,7 +102,7 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
             output.size() < size_t(numOutputChannels) * frames)
             return 0;
 
-        const bool mixing = holdCount.load() == 0;
+        const bool mixing = holdCount.load() == 0 && resuming.load() == 0;
         const qint64 now = mixTime.load(std::memory_order_relaxed);
         setBlockLength(frames);
 

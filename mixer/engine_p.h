@@ -7,12 +7,14 @@
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QMutex>
 #include <QtCore/QPointer>
 #include <QtCore/QRecursiveMutex>
 #include <QtCore/QTimer>
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -95,6 +97,7 @@ struct Engine::Data
     /// The bracket's locks without its snapshot of the position.
     void lockMix();
     void unlockMix();
+    void releaseSources();
     void update_source_lock();
     void update_source_unlock();
     void takeSnapshot();
@@ -102,6 +105,8 @@ struct Engine::Data
     void adjSourceTime(double time, double offset);
     void setTime(double time, double start);
     void setMixTime(double time);
+    void forEachSource(const std::function<void(Source *)> &operation);
+    void forEachSink(const std::function<void(Sink *)> &operation);
     void prime();
     void prime(Source *source);
     void pause();
@@ -169,7 +174,6 @@ struct Engine::Data
     double savedTime = 0.0;         ///< seconds
     double savedTimelineTime = 0.0; ///< seconds in the material
     double savedLoopOffset = 0.0;   ///< seconds
-    bool monitoring = false;
     bool activationFailed = false;
     int bracketDepth = 0;
     std::vector<Source *> lockedSources; ///< by the outermost bracket
@@ -193,12 +197,19 @@ struct Engine::Data
     // Shared: written on the main thread, read anywhere -------------------------------------
     std::atomic<bool> active{false};
     std::atomic<bool> running{false};
+    std::atomic<bool> monitoring{false};
     std::atomic<double> startTime{0.0};
     std::atomic<int> holdCount{0}; ///< while non-zero neither sources nor the clock move
+    std::atomic<int> resuming{0};  ///< as holdCount, until every source has resumed
     std::atomic<int> outputEffectBypass{0};
     std::atomic<int> inputEffectBypass{0};
     std::atomic<float> masterOutputGain{1.0f};
     std::atomic<float> masterInputGain{1.0f};
+
+    /// Lets any thread ask what is attached. Beside it the main thread holds updateLock to change
+    /// the lists; whoever holds this one takes no other lock.
+    mutable QMutex listLock;
+    std::vector<const QThread *> meterThreads; ///< until they have ended
 
     // Guarded by updateLock -----------------------------------------------------------------
     mutable QRecursiveMutex updateLock;

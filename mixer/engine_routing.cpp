@@ -71,7 +71,10 @@ bool Engine::addSource(Source *source, float gain, Options options)
     link.holdsStream = source->isContinuous();
     if (link.holdsStream)
         d->streamUsers.fetch_add(1);
-    d->sources.push_back(source);
+    {
+        const QMutexLocker locker(&d->listLock);
+        d->sources.push_back(source);
+    }
     const unsigned row = unsigned(d->inputBuses.size());
     std::move(buses.begin(), buses.end(), std::back_inserter(d->inputBuses));
     d->writeSourceGains(source, row, currentDevice(DeviceKind::Output), gain);
@@ -113,7 +116,10 @@ bool Engine::addSink(Sink *sink, float gain, Options options)
             link.gain = gain;
             link.holdsStream = true;
             d->streamUsers.fetch_add(1);
-            d->sinks.push_back(sink);
+            {
+                const QMutexLocker listLocker(&d->listLock);
+                d->sinks.push_back(sink);
+            }
             const unsigned column = unsigned(d->outputBuses.size());
             std::move(buses.begin(), buses.end(), std::back_inserter(d->outputBuses));
             d->writeSinkGains(sink, column, currentDevice(DeviceKind::Input), gain);
@@ -144,11 +150,15 @@ bool Engine::play(Source *source, float gain)
 {
     if (!d->requireMainThread("play") || !d->active)
         return false;
+    const QPointer<Source> guarded(source);
     if (!addSource(source, gain)) {
         if (!d->contains(source))
             deleteSource(source);
         return false;
     }
+    // A slot of `sourceAdded` may have taken it away again.
+    if (!guarded || !d->contains(source))
+        return false;
     if (source->timeline() && !source->range().isValid()) {
         // The clock may be anywhere; the source begins where it is now.
         const MixHold hold(*d);
@@ -170,7 +180,10 @@ bool Engine::Data::detach(Source *source)
         return false;
     const unsigned row = rowOf(source);
     const unsigned count = std::min(channelsOf(source), unsigned(inputBuses.size()) - row);
-    sources.erase(position);
+    {
+        const QMutexLocker listLocker(&listLock);
+        sources.erase(position);
+    }
     const auto locked = std::find(lockedSources.begin(), lockedSources.end(), source);
     if (locked != lockedSources.end()) {
         lockedSources.erase(locked);
@@ -200,7 +213,10 @@ bool Engine::Data::detach(Sink *sink)
         return false;
     const unsigned column = columnOf(sink);
     const unsigned count = std::min(channelsOf(sink), unsigned(outputBuses.size()) - column);
-    sinks.erase(position);
+    {
+        const QMutexLocker listLocker(&listLock);
+        sinks.erase(position);
+    }
     const Link link = std::move(sinkLinks[sink]);
     sinkLinks.erase(sink);
     for (const QMetaObject::Connection &connection : link.connections)
@@ -227,18 +243,19 @@ void Engine::removeSink()
 
 void Engine::removeSource(Source *source)
 {
-    TraceLine("Engine::removeSource")
-        .item("source", source)
-        .item("sender", sender())
-        .item("sources", quint64(d->sources.size()))
-        .item("sinks", quint64(d->sinks.size()));
+    QObject *const caller = sender();
     StopReason reason;
     {
         const QMutexLocker locker(&d->updateLock);
+        TraceLine("Engine::removeSource")
+            .item("source", source)
+            .item("sender", caller)
+            .item("sources", quint64(d->sources.size()))
+            .item("sinks", quint64(d->sinks.size()));
         const char *refusal = nullptr;
         if (!d->contains(source))
             refusal = "QTovelMixer::removeSource: invalid source pointer (%p)!!";
-        else if (!IsRunningInMainThread())
+        else if (!d->onMainThread())
             refusal = "QTovelMixer::removeSource: cannot remove source outside main thread!!";
         else if (source->isRunning())
             refusal = "QTovelMixer::removeSource: cannot remove source in running state!!";
@@ -248,8 +265,10 @@ void Engine::removeSource(Source *source)
         }
         reason = source->stopReason();
     }
+    // A slot of `stopped` may delete it first.
+    const QPointer<Source> guarded(source);
     d->detach(source);
-    d->retiredSources.emplace_back(source);
+    d->retiredSources.push_back(guarded);
     const unsigned generation = d->streamGeneration;
     if (d->users() == 0)
         emit stopped(reason);
@@ -258,24 +277,24 @@ void Engine::removeSource(Source *source)
         d->stopMixerApi();
     d->checkRest();
     QMetaObject::invokeMethod(
-        this, [this, guarded = QPointer<Source>(source)] { deleteSource(guarded); },
-        Qt::QueuedConnection);
+        this, [this, guarded] { deleteSource(guarded); }, Qt::QueuedConnection);
 }
 
 void Engine::removeSink(Sink *sink)
 {
-    TraceLine("Engine::removeSink")
-        .item("sink", sink)
-        .item("sender", sender())
-        .item("sources", quint64(d->sources.size()))
-        .item("sinks", quint64(d->sinks.size()));
+    QObject *const caller = sender();
     StopReason reason;
     {
         const QMutexLocker locker(&d->updateLock);
+        TraceLine("Engine::removeSink")
+            .item("sink", sink)
+            .item("sender", caller)
+            .item("sources", quint64(d->sources.size()))
+            .item("sinks", quint64(d->sinks.size()));
         const char *refusal = nullptr;
         if (!d->contains(sink))
             refusal = "QTovelMixer::removeSink: invalid sink pointer (%p)!!";
-        else if (!IsRunningInMainThread())
+        else if (!d->onMainThread())
             refusal = "QTovelMixer::removeSink: cannot remove sink outside main thread!!";
         else if (sink->isRunning())
             refusal = "QTovelMixer::removeSink: cannot remove sink in running state!!";
@@ -285,8 +304,10 @@ void Engine::removeSink(Sink *sink)
         }
         reason = sink->stopReason();
     }
+    // A slot of `stopped` may delete it first.
+    const QPointer<Sink> guarded(sink);
     d->detach(sink);
-    d->retiredSinks.emplace_back(sink);
+    d->retiredSinks.push_back(guarded);
     const unsigned generation = d->streamGeneration;
     if (d->users() == 0)
         emit stopped(reason);
@@ -294,8 +315,7 @@ void Engine::removeSink(Sink *sink)
         d->stopMixerApi();
     d->checkRest();
     QMetaObject::invokeMethod(
-        this, [this, guarded = QPointer<Sink>(sink)] { deleteSink(guarded); },
-        Qt::QueuedConnection);
+        this, [this, guarded] { deleteSink(guarded); }, Qt::QueuedConnection);
 }
 
 // Two counters that know nothing of each other: the users of the device stream, and those that
@@ -355,25 +375,25 @@ void Engine::deleteSink(Sink *sink)
 
 bool Engine::isValid(Source *source) const
 {
-    const QMutexLocker locker(&d->updateLock);
+    const QMutexLocker locker(&d->listLock);
     return d->contains(source);
 }
 
 bool Engine::isValid(Sink *sink) const
 {
-    const QMutexLocker locker(&d->updateLock);
+    const QMutexLocker locker(&d->listLock);
     return d->contains(sink);
 }
 
 QList<Source *> Engine::activeSources() const
 {
-    const QMutexLocker locker(&d->updateLock);
+    const QMutexLocker locker(&d->listLock);
     return QList<Source *>(d->sources.begin(), d->sources.end());
 }
 
 QList<Sink *> Engine::activeSinks() const
 {
-    const QMutexLocker locker(&d->updateLock);
+    const QMutexLocker locker(&d->listLock);
     return QList<Sink *>(d->sinks.begin(), d->sinks.end());
 }
 

@@ -147,6 +147,10 @@ void Engine::Data::deleteMeters()
     }
     endMeter(input);
     endMeter(output);
+    {
+        const QMutexLocker locker(&listLock);
+        meterThreads.clear();
+    }
     TraceLine("Engine::Data::deleteMeters END")
         .item("inputMeter", inputMeter)
         .item("outputMeter", outputMeter);

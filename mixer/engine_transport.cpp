@@ -20,10 +20,9 @@ namespace {
 double mixerTimeToStart(const Timeline &timeline, double time)
 {
     // Without limits there is no material to map from: positions count from the beginning.
-    const double t = std::isfinite(time) ? time : 0.0;
     if (timeline.start() < 0.0 || timeline.end() < 0.0)
-        return std::max(t, 0.0);
-    return timeline.mixer_time(t);
+        return std::max(time, 0.0);
+    return timeline.mixer_time(time);
 }
 
 const char *reasonName(StopReason reason)
@@ -58,31 +57,16 @@ bool Engine::start(double time)
         BLDEBUG_Error(-1, "QTovelMixer::start: refused inside a change of the mix!!");
         return false;
     }
-    const std::vector<Source *> sources = d->sources;
-    const std::vector<Sink *> sinks = d->sinks;
-    d->holdCount.fetch_add(1);
-    d->update_source_lock();
-    {
-        // A block that began before the hold may still be inside a source.
-        const QMutexLocker locker(&d->updateLock);
-        const double t = mixerTimeToStart(*d->timeline, time);
-        for (Source *source : sources)
-            source->setTime(t);
-        for (Sink *sink : sinks)
-            sink->setTime(t);
-        d->setMixTime(t);
-        if (time >= 0.0)
-            d->startTime = time;
-    }
-    for (Source *source : sources)
-        source->start(QThread::InheritPriority);
-    for (Sink *sink : sinks)
-        sink->start(QThread::InheritPriority);
+    const double begin = std::isfinite(time) ? time : 0.0;
+    // Under the update lock too: a block that began before the hold may still be inside a source.
+    d->lockMix();
+    d->setTime(mixerTimeToStart(*d->timeline, begin), begin);
+    d->updateLock.unlock();
+    d->forEachSource([](Source *source) { source->start(QThread::InheritPriority); });
+    d->forEachSink([](Sink *sink) { sink->start(QThread::InheritPriority); });
     // All are let go before the first is waited for.
-    for (Source *source : sources)
-        source->update_unlock();
-    for (Source *source : sources)
-        source->prime();
+    d->releaseSources();
+    d->prime();
     d->running = true;
     decrement(d->holdCount);
     emit started();

@@ -50,6 +50,9 @@ private slots:
     void printStopReason_namesEach();
     void traces_surroundTheStream();
     void operations_areRefused_offTheMainThread();
+    void hooks_mayChangeTheMix();
+    void slots_mayDelete_whatStopped();
+    void queries_areAnswered_inAWorker();
     void destruction_endsEverything_whilePlaying();
     void destruction_toleratesADeletedBackend();
 };
@@ -69,6 +72,33 @@ public:
     }
     std::atomic<bool> asked{false};
     std::atomic<bool> answer{false};
+};
+
+/// Changes the mix from inside its own hooks.
+class MeddlingSource : public RampSource
+{
+public:
+    using RampSource::RampSource;
+    void setTime(double time) override
+    {
+        RampSource::setTime(time);
+        mixerEngine()->setLooping(true);
+    }
+    void onResume() override { pausedWhileResuming = mixerEngine()->isPaused(); }
+    bool pausedWhileResuming = false;
+};
+
+/// Asks the engine while it is handed samples.
+class AskingSink : public TakeSink
+{
+public:
+    using TakeSink::TakeSink;
+    void writeSamples(float *buffer, int frames, int channels, double time) override
+    {
+        asked += mixerEngine()->isValid(this) && mixerEngine()->numActiveSinks() == 1;
+        TakeSink::writeSamples(buffer, frames, channels, time);
+    }
+    std::atomic<int> asked{0};
 };
 
 /// Counts how it is positioned.
@@ -588,6 +618,65 @@ void tst_EngineLifecycle::operations_areRefused_offTheMainThread()
     QCOMPARE(log.texts(QtCriticalMsg).size(), 7);
     QVERIFY(log.contains("QTovelMixer::addSource: refused outside main thread!!"));
     delete source;
+}
+
+void tst_EngineLifecycle::hooks_mayChangeTheMix()
+{
+    Session session;
+    auto *source = new MeddlingSource(&session.engine, 48000, 2, 20.0);
+    QVERIFY(session.engine.addSource(source));
+    session.engine.setPauseMode(PauseSoft);
+    QVERIFY(session.engine.start(1.0));
+    QVERIFY(session.engine.isLooping());
+    QCOMPARE(session.run(1)[0], 48000.0f);
+    QVERIFY(session.engine.pause());
+    QVERIFY(session.engine.resume());
+    QVERIFY(!source->pausedWhileResuming);
+    QCOMPARE(session.run(1)[0], float(48000 + Session::blockFrames));
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+    session.checkAtRest();
+}
+
+void tst_EngineLifecycle::slots_mayDelete_whatStopped()
+{
+    Session session;
+    QPointer<Source> source = session.addRamp(48000, 20.0);
+    connect(&session.engine, &Engine::stopped, &session.engine,
+            [&] { session.engine.deleteSource(source); });
+    session.engine.start();
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+    QVERIFY(!source);
+    session.checkAtRest();
+
+    // Another one, while the engine walks its list.
+    session.engine.setPauseMode(PauseSoft);
+    session.addRamp(48000, 20.0);
+    QPointer<Source> other = session.addRamp(48000, 20.0);
+    session.engine.start();
+    const auto link = connect(&session.engine, &Engine::sourceStateChanged, &session.engine,
+                              [&] { session.engine.deleteSource(other); });
+    session.engine.pause();
+    QVERIFY(!other);
+    disconnect(link);
+    session.stopAll();
+    QTRY_COMPARE(session.engine.numActiveSources(), 0);
+}
+
+void tst_EngineLifecycle::queries_areAnswered_inAWorker()
+{
+    Session session(2, 2);
+    auto *sink = new AskingSink(&session.engine, 48000, 2);
+    QVERIFY(session.engine.addSink(sink));
+    QVERIFY(session.startRecording());
+    for (int i = 0; i < 50; ++i) {
+        session.run(4);
+        session.engine.setTime(double(i));
+    }
+    QTRY_VERIFY(sink->asked > 0);
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
 }
 
 void tst_EngineLifecycle::destruction_endsEverything_whilePlaying()
