@@ -674,6 +674,7 @@ void tst_EngineLifecycle::queries_areAnswered_inAWorker()
         session.run(4);
         session.engine.setTime(double(i));
     }
+    session.run(40);
     QTRY_VERIFY(sink->asked > 0);
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 1);
