@@ -244,7 +244,7 @@ void Engine::removeSink()
 void Engine::removeSource(Source *source)
 {
     QObject *const caller = sender();
-    StopReason reason;
+    StopReason reason = StopReason::NoReason;
     {
         const QMutexLocker locker(&d->updateLock);
         TraceLine("Engine::removeSource")
@@ -283,7 +283,7 @@ void Engine::removeSource(Source *source)
 void Engine::removeSink(Sink *sink)
 {
     QObject *const caller = sender();
-    StopReason reason;
+    StopReason reason = StopReason::NoReason;
     {
         const QMutexLocker locker(&d->updateLock);
         TraceLine("Engine::removeSink")

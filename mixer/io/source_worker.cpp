@@ -173,9 +173,9 @@ void Source::Data::Worker::announceEnd()
     }
     // Only posted: the engine's state belongs to its own thread, which may be waiting for us.
     if (reason == PausePositionReached) {
-        Engine *engine = d.engine;
+        Engine *const mixer = d.engine;
         QMetaObject::invokeMethod(
-            engine, [engine] { engine->pause(); }, Qt::QueuedConnection);
+            mixer, [mixer] { mixer->pause(); }, Qt::QueuedConnection);
     }
     if (!keepState) {
         source.state_change(Stopped, Config());

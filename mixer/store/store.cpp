@@ -90,7 +90,7 @@ bool Store::restoreRoutes(const QByteArray &data)
     if (!array)
         return false;
     d->routes.clear();
-    for (const QJsonValue &value : *array) {
+    for (const auto &value : *array) {
         if (value.isObject())
             addRoute(Route(value.toObject()));
     }
@@ -129,7 +129,7 @@ bool Store::restoreMeterConfigs(const QByteArray &data)
     if (!array)
         return false;
     d->meterConfigs.clear();
-    for (const QJsonValue &value : *array) {
+    for (const auto &value : *array) {
         if (value.isObject())
             addMeterConfig(MeterConfig(value.toObject()));
     }
