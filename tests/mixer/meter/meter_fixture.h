@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_TESTS_MIXER_METER_METER_FIXTURE_H
 #define QTOVELMIXER_TESTS_MIXER_METER_METER_FIXTURE_H
 
+#include <mixer/aligned_vector.h>
 #include <mixer/meter/meter.h>
 #include <mixer/meter/meter_config.h>
 #include <mixer/meter/meter_values.h>
@@ -67,18 +68,31 @@ inline QTovelMixer::MeterConfig configOf(const std::vector<bool> &flags)
 }
 
 /// Interleaved frames in which each channel stays at its own value.
-inline std::vector<float> constantFrames(const std::vector<float> &values, int frames)
+inline std::vector<float> constantFrames(const std::vector<float> &values, int count)
 {
     std::vector<float> samples;
-    for (int frame = 0; frame < frames; ++frame)
+    for (int frame = 0; frame < count; ++frame)
         samples.insert(samples.end(), values.begin(), values.end());
     return samples;
 }
 
-/// Measures one such block of an idle meter on the thread of the test.
-inline void measure(QTovelMixer::Meter &meter, const std::vector<float> &values, int frames = 2016)
+using Block = QTovelMixer::aligned_vector<float, 16>;
+
+constexpr int blockFrames = 2016; // one measured block at 48000 Hz
+
+/// A block to feed, every sample at the same value.
+inline Block blockOf(int channels, float value, int count = blockFrames)
 {
-    meter.updateStatistics(constantFrames(values, frames).data(), frames);
+    Block block(size_t(channels) * size_t(count));
+    block = value;
+    return block;
+}
+
+/// Measures one such block of an idle meter on the thread of the test.
+inline void measure(QTovelMixer::Meter &meter, const std::vector<float> &values,
+                    int count = blockFrames)
+{
+    meter.updateStatistics(constantFrames(values, count).data(), count);
 }
 
 inline QTovelMixer::MeterValues valuesOf(const QTovelMixer::Meter &meter)

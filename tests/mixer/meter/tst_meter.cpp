@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
-// A meter's thread, its transport, what it is fed, and its end.
+// A meter's thread, its transport and what it is fed.
 #include "meter_fixture.h"
 
-#include <mixer/aligned_vector.h>
 #include <support/log_capture.h>
 #include <support/rtguard.h>
 
@@ -19,17 +18,7 @@ using namespace QTovelMixer;
 
 namespace {
 
-using Block = aligned_vector<float, 16>;
-
-constexpr int frames = 2016;    // one measured block at 48000 Hz
 constexpr int patience = 20000; // ms
-
-Block blockOf(int channels, float value, int count = frames)
-{
-    Block block(size_t(channels) * size_t(count));
-    block = value;
-    return block;
-}
 
 /// Remembers the blocks it measured; with a gate, measures one for each release.
 class RecordingMeter : public Meter
@@ -100,17 +89,6 @@ private Q_SLOTS:
     void stop_gently_allDisabled_endsAtOnce();
     void stop_gently_noChannels_endsAtOnce();
     void stop_gently_cancelledByStart();
-    void aboutToQuit_deletesMeterAndThread_data();
-    void aboutToQuit_deletesMeterAndThread();
-    void delete_endsTheThread_data();
-    void delete_endsTheThread();
-    void delete_onItsOwnThread_endsTheThread();
-    void delete_onTheStack();
-    void delete_whileFed();
-    void parent_meterTicksOnItsThread();
-    void parent_deletesTheMeter_data();
-    void parent_deletesTheMeter();
-    void slots_threadNotRunning_runDirectly();
 };
 
 void tst_Meter::construction_runsItsThread_data()
@@ -221,7 +199,7 @@ void tst_Meter::tick_withoutInput_measuresNothing()
     const MeterPointer<RecordingMeter> meter(new RecordingMeter(1));
     MeterSignals emitted(meter.get());
     meter->start();
-    QVERIFY(meter->fill(blockOf(1, 0.5f, frames - 1))); // one frame short
+    QVERIFY(meter->fill(blockOf(1, 0.5f, blockFrames - 1))); // one frame short
     // Ticks pass by while a whole block would be measured within two of them.
     QBasicTimer ticks;
     class Counter : public QObject
@@ -274,7 +252,7 @@ void tst_Meter::fill_full_dropsTheWholeBlock()
         QVERIFY(meter->fill(blockOf(2, float(i) / 16.0f)));
     // The block that is being measured is not released yet: one more fits, whatever its cut.
     QVERIFY(meter->entered.tryAcquire(1, patience));
-    QVERIFY(meter->fill(blockOf(2, 1.0f, frames - 1)));
+    QVERIFY(meter->fill(blockOf(2, 1.0f, blockFrames - 1)));
     QVERIFY(!meter->fill(blockOf(2, 3.0f, 2)));
     QVERIFY(meter->fill(blockOf(2, 1.0f, 1)));
     QVERIFY(!meter->fill(blockOf(2, 3.0f, 1)));
@@ -295,8 +273,8 @@ void tst_Meter::fill_largerThanTheRing_isDropped()
 {
     const MeterPointer<RecordingMeter> meter(new RecordingMeter(2));
     meter->start();
-    QVERIFY(!meter->fill(blockOf(2, 0.5f, 16 * frames + 1)));
-    QVERIFY(meter->fill(blockOf(2, 0.25f, 16 * frames)));
+    QVERIFY(!meter->fill(blockOf(2, 0.5f, 16 * blockFrames + 1)));
+    QVERIFY(meter->fill(blockOf(2, 0.25f, 16 * blockFrames)));
     QVERIFY(meter->entered.tryAcquire(16, patience));
     QCOMPARE(meter->measured(), std::vector<float>(16, 0.25f));
 }
@@ -510,193 +488,6 @@ void tst_Meter::stop_gently_cancelledByStart()
     QCOMPARE(emitted.started, 1);
     QCOMPARE(emitted.stopped, 0);
     QCOMPARE(log.texts(QtInfoMsg), QStringList{"Starting \"input\" meter"});
-}
-
-namespace {
-
-enum State { Idle, Running, Stopping };
-
-void addStates()
-{
-    QTest::addColumn<int>("state");
-    QTest::newRow("idle") << int(Idle);
-    QTest::newRow("running") << int(Running);
-    QTest::newRow("stopping") << int(Stopping);
-}
-
-void bring(Meter &meter, int state)
-{
-    if (state == Idle)
-        return;
-    meter.start();
-    meter.fill(blockOf(2, 1.0f));
-    QTRY_VERIFY(valuesOf(meter).hold_level(0) == 0.0);
-    if (state == Stopping)
-        meter.stop(false);
-}
-
-QStringList endOfMeter(int state)
-{
-    QStringList lines{"Deleting \"input\" meter..."};
-    if (state != Idle)
-        lines << "QTovelMixer::Meter::Data: Deleting Meter \"input\" with timer still active!";
-    return lines << "Finalized \"input\" meter!";
-}
-
-} // namespace
-
-void tst_Meter::aboutToQuit_deletesMeterAndThread_data()
-{
-    addStates();
-}
-
-void tst_Meter::aboutToQuit_deletesMeterAndThread()
-{
-    QFETCH(int, state);
-    const QPointer<Meter> meter = makeMeter(2).release();
-    const QPointer<QThread> thread = meter->thread();
-    MeterSignals emitted(meter);
-    bring(*meter, state);
-    LogCapture log;
-    meter->aboutToQuit();
-    QVERIFY(thread->wait(patience));
-    QVERIFY(!meter);
-    emitted.collect();
-    QCOMPARE(emitted.stopped, state == Idle ? 0 : 1);
-    QCOMPARE(log.texts(QtInfoMsg), endOfMeter(Idle));
-    QTRY_VERIFY(!thread); // by the event loop of the thread that made it
-}
-
-void tst_Meter::delete_endsTheThread_data()
-{
-    addStates();
-}
-
-void tst_Meter::delete_endsTheThread()
-{
-    QFETCH(int, state);
-    Meter *meter = makeMeter(2).release();
-    const QPointer<QThread> thread = meter->thread();
-    bring(*meter, state);
-    LogCapture log;
-    delete meter;
-    QVERIFY(thread->isFinished());
-    QCOMPARE(log.texts(), endOfMeter(state)); // and no complaint of a timer
-    QTRY_VERIFY(!thread);
-}
-
-void tst_Meter::delete_onItsOwnThread_endsTheThread()
-{
-    const QPointer<Meter> meter = makeMeter(2).release();
-    const QPointer<QThread> thread = meter->thread();
-    meter->start();
-    LogCapture log;
-    meter->deleteLater();
-    QVERIFY(thread->wait(patience));
-    QVERIFY(!meter);
-    QCOMPARE(log.texts(), endOfMeter(Running));
-    QTRY_VERIFY(!thread);
-}
-
-void tst_Meter::delete_onTheStack()
-{
-    QPointer<QThread> thread;
-    {
-        Meter meter(Type::Input, 48000, 2, MeterConfig(), nullptr);
-        thread = meter.thread();
-        meter.start();
-        QVERIFY(meter.fill(blockOf(2, 0.5f)));
-        QTRY_VERIFY(valuesOf(meter).level(0) > -7.0);
-    }
-    QVERIFY(thread->isFinished());
-    QTRY_VERIFY(!thread);
-}
-
-void tst_Meter::delete_whileFed()
-{
-    for (int i = 0; i < 20; ++i) {
-        Meter *meter = makeMeter(2).release();
-        meter->start();
-        for (int block = 0; block < 16; ++block)
-            QVERIFY(meter->fill(blockOf(2, 0.5f)));
-        if (i % 2)
-            QTRY_VERIFY(valuesOf(*meter).level(0) > -7.0);
-        QThread *const thread = meter->thread();
-        delete meter;
-        QCoreApplication::sendPostedEvents(thread, QEvent::DeferredDelete);
-    }
-}
-
-void tst_Meter::parent_meterTicksOnItsThread()
-{
-    LogCapture log;
-    QObject parent;
-    Meter meter(Type::Input, 48000, 2, MeterConfig(), &parent);
-    QCOMPARE(meter.parent(), &parent);
-    QCOMPARE(meter.thread(), QThread::currentThread());
-    MeterSignals emitted(&meter);
-    meter.start(); // would wait for itself if it went by the meter's own thread
-    QVERIFY(meter.isRunning());
-    QCOMPARE(emitted.started, 1);
-    QVERIFY(meter.fill(blockOf(2, 0.5f)));
-    QTRY_COMPARE(emitted.changed, 1);
-    meter.stop(true);
-    QCOMPARE(emitted.stopped, 1);
-    QVERIFY(!meter.isRunning());
-    QCOMPARE(log.texts(), (QStringList{"Starting \"input\" meter", "Stopping \"input\" meter"}));
-}
-
-void tst_Meter::parent_deletesTheMeter_data()
-{
-    addStates();
-}
-
-void tst_Meter::parent_deletesTheMeter()
-{
-    QFETCH(int, state);
-    auto parent = std::make_unique<QObject>();
-    QPointer<Meter> meter = new Meter(Type::Input, 48000, 2, MeterConfig(), parent.get());
-    bring(*meter, state);
-    LogCapture log;
-    parent.reset();
-    QVERIFY(!meter);
-    QCOMPARE(log.texts(), endOfMeter(state));
-
-    // After `aboutToQuit` the meter goes by itself, or with its parent.
-    for (const bool byParent : {true, false}) {
-        parent = std::make_unique<QObject>();
-        meter = new Meter(Type::Input, 48000, 2, MeterConfig(), parent.get());
-        bring(*meter, state);
-        MeterSignals emitted(meter);
-        meter->aboutToQuit();
-        QCOMPARE(emitted.stopped, state == Idle ? 0 : 1);
-        if (byParent)
-            parent.reset();
-        QTRY_VERIFY(!meter);
-    }
-}
-
-void tst_Meter::slots_threadNotRunning_runDirectly()
-{
-    LogCapture log;
-    QThread home;
-    auto parent = std::make_unique<QObject>();
-    const QPointer<Meter> meter = new Meter(Type::Input, 48000, 2, MeterConfig(), parent.get());
-    parent->moveToThread(&home);
-    QCOMPARE(meter->thread(), &home);
-    MeterSignals emitted(meter);
-    meter->start(); // nothing ticks on that thread
-    QVERIFY(!meter->isRunning());
-    QVERIFY(meter->fill(blockOf(2, 0.5f)));
-    meter->stop(false);
-    meter->stop(true);
-    meter->aboutToQuit();
-    emitted.collect();
-    QCOMPARE(emitted.started, 0);
-    QCOMPARE(emitted.stopped, 1);
-    QCOMPARE(log.texts(), QStringList{"Stopping \"input\" meter"});
-    parent.reset();
-    QVERIFY(!meter);
 }
 
 QTEST_GUILESS_MAIN(tst_Meter)

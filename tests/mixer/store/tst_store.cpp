@@ -1,32 +1,14 @@
 // SPDX-License-Identifier: MIT
+#include "route_fixture.h"
+
 #include <mixer/store/store.h>
-
 #include <support/log_capture.h>
-#include <support/test_api.h>
 
-#include <QtCore/QFile>
 #include <QtTest/QTest>
 
 using namespace QTovelMixer;
 
 namespace {
-
-struct Box : TestDevice
-{
-    explicit Box(const QString &title, unsigned ins, unsigned outs) : TestDevice(nullptr)
-    {
-        deviceName = "short name";
-        fullDeviceName = title;
-        inputs = ins;
-        outputs = outs;
-    }
-};
-
-QByteArray sample(const char *name)
-{
-    QFile file(QStringLiteral(QTOVELMIXER_SAMPLES "/") + QLatin1String(name));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 QByteArray routeJson(const char *id, const char *rest)
 {
@@ -66,7 +48,6 @@ private Q_SLOTS:
     void restore_otherTopLevel_empties();
     void restore_skipsWhatIsUnusable();
     void restore_laterWins();
-    void samples_restore();
 };
 
 void tst_Store::init()
@@ -351,21 +332,6 @@ void tst_Store::restore_laterWins()
                                        R"({"id":"x","numMeters":2,"meters":[false]}])"));
     QCOMPARE(store->meterConfigs().size(), 1);
     QCOMPARE(store->meterConfigs().first().numMeters(), 2);
-}
-
-void tst_Store::samples_restore()
-{
-    Store *store = Store::store();
-    QVERIFY(store->restoreRoutes(sample("routes.json")));
-    QVERIFY(store->restoreMeterConfigs(sample("meter-layouts.json")));
-    Box microphone("Microphone", 1, 0);
-    Box speakers("Speakers", 0, 4);
-    QCOMPARE(store->routes().size(), 3);
-    QCOMPARE(store->findRoute(nullptr, 2, &speakers).gain(1, 1), 0.5f);
-    QCOMPARE(store->findRoute(&microphone, 2, nullptr).gain(0, 1), 0.25f);
-    QCOMPARE(store->findRoute(&microphone, 0, &speakers).gain(0, 1), 0.75f);
-    QVERIFY(store->findMeterConfig(Type::Input, &microphone).meterEnabled(0));
-    QVERIFY(!store->findMeterConfig(Type::Output, &speakers).meterEnabled(2));
 }
 
 QTEST_GUILESS_MAIN(tst_Store)
