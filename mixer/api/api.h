@@ -52,8 +52,8 @@ public:
     virtual unsigned int numInputChannels() const;
     /// Channels of the open output device, 0 without one.
     virtual unsigned int numOutputChannels() const;
-    virtual bool canCapture(bool argument) const;
-    virtual bool canPlayback(bool argument) const;
+    virtual bool canCapture(bool argument = false) const;
+    virtual bool canPlayback(bool argument = false) const;
     /// The open device of this kind, or what stands for it in the current list: an equal device,
     /// else the default one. Null when none is open.
     virtual Device *activeDevice(DeviceKind kind) const;

@@ -58,8 +58,8 @@ public:
     virtual bool isDefaultInput() const = 0;
     virtual bool isDefaultOutput() const = 0;
     virtual bool isDuplex() const = 0;
-    virtual bool canPlayback(bool argument) const = 0;
-    virtual bool canCapture(bool argument) const = 0;
+    virtual bool canPlayback(bool argument = false) const = 0;
+    virtual bool canCapture(bool argument = false) const = 0;
     /// Hz; 0 when the device has none.
     virtual unsigned int preferedSampleRate() const = 0;
     /// Hz.

@@ -32,9 +32,9 @@ public:
     bool isDefaultOutput() const override;
     bool isDuplex() const override;
     /// An output file that can be written, or made in its directory.
-    bool canPlayback(bool argument) const override;
+    bool canPlayback(bool argument = false) const override;
     /// An input file that can be read.
-    bool canCapture(bool argument) const override;
+    bool canCapture(bool argument = false) const override;
     unsigned int preferedSampleRate() const override;
     QList<unsigned int> sampleRates() const override;
     int deviceId() const override;

@@ -37,8 +37,8 @@ public:
     bool isDefaultInput() const override;
     bool isDefaultOutput() const override;
     bool isDuplex() const override;
-    bool canPlayback(bool argument) const override;
-    bool canCapture(bool argument) const override;
+    bool canPlayback(bool argument = false) const override;
+    bool canCapture(bool argument = false) const override;
     unsigned int preferedSampleRate() const override;
     QList<unsigned int> sampleRates() const override;
     unsigned int minBufferFrames() const override;

@@ -268,8 +268,14 @@ void tst_Api::capabilities_passTheArgumentOn()
     QVERIFY(!api.canPlayback(false));
     QVERIFY(!api.canCapture(false));
     QVERIFY(api.canCapture(true));
-    QCOMPARE(device.playback, (QList<bool>{true, false}));
-    QCOMPARE(device.capture, (QList<bool>{false, true}));
+    // Who asks without an argument passes false.
+    QVERIFY(!api.canPlayback());
+    QVERIFY(!api.canCapture());
+    const Device &plain = device;
+    QVERIFY(!plain.canPlayback());
+    QVERIFY(!plain.canCapture());
+    QCOMPARE(device.playback, (QList<bool>{true, false, false, false}));
+    QCOMPARE(device.capture, (QList<bool>{false, true, false, false}));
     ApiAccess::data(api).setCurrent(nullptr, nullptr);
 }
 
