@@ -4,6 +4,8 @@
 
 #include "file_fixture.h"
 
+#include <limits>
+
 using namespace QTovelMixer;
 
 namespace {
@@ -29,6 +31,7 @@ private slots:
     void mixerTimeout_isSilent_forAnEmptyFile();
     void mixerTimeout_scalesTheInput();
     void mixerTimeout_scalesAndLimitsTheOutput();
+    void mixerTimeout_writesSilence_forWhatIsNoNumber();
     void mixerTimeout_stopsTheTimer_whenTheEngineSaysSo();
     void mixerTimeout_followsTheBufferSize();
     void start_rewindsBothFiles_withoutEmptyingThem();
@@ -155,6 +158,21 @@ void tst_ApiFileBlocks::mixerTimeout_scalesAndLimitsTheOutput()
     QCOMPARE(written.mid(0, expected.size()), expected);
     // Behind the replacement the input has passed through unharmed.
     QCOMPARE(written.mid(expected.size()), counting(blockSamples).mid(expected.size()));
+}
+
+void tst_ApiFileBlocks::mixerTimeout_writesSilence_forWhatIsNoNumber()
+{
+    const LogCapture log;
+    write(in, bytesOf(counting(blockSamples)));
+    DuplexApi api(in, out);
+    Desk desk(2);
+    api.setEngine(&desk);
+    constexpr float infinity = std::numeric_limits<float>::infinity();
+    desk.probe.replacement = {std::numeric_limits<float>::quiet_NaN(), infinity, 0.5f, -infinity};
+    QVERIFY(api.open(api.output, api.input, 44100));
+    api.mixerTimeout();
+    QVERIFY(api.close());
+    QCOMPARE(samplesOf(read(out)).mid(0, 4), (QList<qint16>{0, 32767, 16384, -32768}));
 }
 
 void tst_ApiFileBlocks::mixerTimeout_stopsTheTimer_whenTheEngineSaysSo()
