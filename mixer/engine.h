@@ -173,6 +173,9 @@ public:
     double time() const;
     /// Where playback last started, seconds in the material. Threads: any. Real-time: yes.
     double startTime() const;
+    /// Blocks that were not mixed because the mix was being changed, or because their size was
+    /// not that of the open stream. Threads: any. Real-time: yes.
+    quint64 droppedBlocks() const;
     /// Between `activate` and `deactivate`. Threads: any. Real-time: yes.
     bool isActive() const;
     /// Active, started, and with a source or a sink. Threads: any. Real-time: yes.

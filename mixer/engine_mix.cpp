@@ -94,13 +94,17 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
     Kernels::cleanVectorState();
     {
         const BlockLock lock(updateLock, (status & 0x4) == 0);
-        if (!lock.locked)
+        if (!lock.locked) {
+            droppedBlocks.fetch_add(1, std::memory_order_relaxed);
             return 0;
+        }
         const unsigned inCh = std::min<unsigned>(numInputChannels, unsigned(inputBuses.size()));
         const unsigned outCh = std::min<unsigned>(numOutputChannels, unsigned(outputBuses.size()));
         if (input.size() < size_t(numInputChannels) * frames ||
-            output.size() < size_t(numOutputChannels) * frames)
+            output.size() < size_t(numOutputChannels) * frames) {
+            droppedBlocks.fetch_add(1, std::memory_order_relaxed);
             return 0;
+        }
 
         const bool mixing = holdCount.load() == 0 && resuming.load() == 0;
         const qint64 now = mixTime.load(std::memory_order_relaxed);

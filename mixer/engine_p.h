@@ -234,6 +234,7 @@ struct Engine::Data
     float masterOutputGainApplied = 1.0f;
     float masterInputGainApplied = 1.0f;
     std::atomic<quint64> callbackCount{0};
+    std::atomic<quint64> droppedBlocks{0};
     std::atomic<qint64> lastCallbackLoad{0}; ///< tenths of a millisecond
     std::atomic<qint64> peakCallbackLoad{0};
     std::atomic<double> averageCallbackLoad{0.0};

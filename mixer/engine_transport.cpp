@@ -181,6 +181,11 @@ double Engine::time() const
     return d->active ? d->seconds(d->mixTime.load(std::memory_order_relaxed)) : 0.0;
 }
 
+quint64 Engine::droppedBlocks() const
+{
+    return d->droppedBlocks;
+}
+
 double Engine::startTime() const
 {
     return d->startTime;

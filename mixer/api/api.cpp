@@ -315,6 +315,11 @@ int Api::mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 1
     return d->engine->mixerCallback(input, output, frames, streamTime, status);
 }
 
+quint64 Api::blocksDroppedByEngine() const
+{
+    return d->engine ? d->engine->droppedBlocks() : 0;
+}
+
 void Api::reportDeviceFailure()
 {
     int armed = 0;

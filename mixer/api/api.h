@@ -101,6 +101,8 @@ protected:
     /// object for a known identity is refused, logged, and stays the caller's.
     virtual void addDevice(Device *device);
     virtual void endDeviceUpdate();
+    /// Blocks that the engine let pass since it was made; see `Engine::droppedBlocks`.
+    quint64 blocksDroppedByEngine() const;
 
 public:
     /// The last update found something new or missing, or was the first.

@@ -1,0 +1,335 @@
+// SPDX-License-Identifier: MIT
+// The instance behind the backend: calling it, losing it, replacing it.
+#include <mixer/api/api_rtaudio_p.h>
+
+#include <base/trace_p.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QThread>
+
+#include <algorithm>
+#include <utility>
+
+#if defined(__unix__) || defined(__APPLE__)
+#include <sched.h>
+#endif
+
+using QTovelMixer::Answer;
+using QTovelMixer::attempt;
+using QTovelMixer::RtAudioDriver;
+using QTovelMixer::RtAudioInstance;
+using QTovelMixer::RtAudioProbe;
+using QTovelMixer::stopTimeout;
+using QTovelMixer::TraceLine;
+
+namespace {
+
+constexpr qint64 patience = 2150;   // ms that all missed calls together may take
+constexpr int makeTimeout = 200;    // ms that a fresh instance gets in any case
+constexpr int inFlightChecks = 100; // 1 ms apart
+constexpr int goneTimeout = 2000;   // ms for a callback to leave a backend that is deleted
+
+RtAudioInstance::Job aborting(const std::shared_ptr<Answer> &answer)
+{
+    return [answer](RtAudioDriver &driver) {
+        *answer = attempt(driver, [&] { return driver.abortStream(); });
+    };
+}
+
+RtAudioInstance::Job closing(const std::shared_ptr<Answer> &answer)
+{
+    return [answer](RtAudioDriver &driver) {
+        *answer = attempt(driver, [&] {
+            driver.closeStream();
+            return RTAUDIO_NO_ERROR;
+        });
+    };
+}
+
+} // namespace
+
+bool QTovelMixer::logFailure(const Answer &answer, const char *operation, const char *call)
+{
+    if (answer.threw)
+        qWarning("QTovelMixerApiRtAudio::%s: RtAudio :: %s exception received!", operation, call);
+    else if (answer.failed())
+        qWarning("QTovelMixerApiRtAudio::%s: %s", operation, answer.text.c_str());
+    return answer.failed();
+}
+
+QTovelMixerApiRtAudio::RtAudioData::RtAudioData(QTovelMixerApiRtAudio *backend, RtAudio::Api wanted,
+                                                QFlags<Option> flags)
+    : q(backend), api(wanted), options(flags)
+{}
+
+void QTovelMixerApiRtAudio::RtAudioData::makeInstance()
+{
+    if (api != RtAudio::UNSPECIFIED && !QTovelMixer::isCompiled(api)) {
+        qWarning("QTovelMixerApiRtAudio::Data: RtAudio was not compiled with this interface");
+        return;
+    }
+    const qint64 left = deadline(QTovelMixer::openTimeout).remainingTime();
+    const auto made =
+        RtAudioInstance::make(api, QDeadlineTimer(std::max<qint64>(left, makeTimeout)));
+    if (made.threw)
+        qWarning("QTovelMixerApiRtAudio::Data: RtAudio :: RtAudio : exception received!");
+    else if (!made.instance)
+        qWarning("QTovelMixerApiRtAudio::Data: RtAudio does not answer");
+    audio = made.instance;
+    if (audio)
+        api = audio->api();
+    q->installDeviceFailureCallback();
+}
+
+// Calls with a deadline -------------------------------------------------------------------------
+
+QDeadlineTimer QTovelMixerApiRtAudio::RtAudioData::deadline(int timeout) const
+{
+    return QDeadlineTimer(std::clamp<qint64>(patience - timeLost, 0, timeout), Qt::PreciseTimer);
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::lose(qint64 milliseconds)
+{
+    timeLost += milliseconds;
+    QMetaObject::invokeMethod(
+        q, [this] { timeLost = 0; }, Qt::QueuedConnection);
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::giveUpThisTurn()
+{
+    lose(patience);
+}
+
+bool QTovelMixerApiRtAudio::RtAudioData::call(Instance::Job job, int timeout)
+{
+    QElapsedTimer clock;
+    clock.start();
+    if (audio->call(std::move(job), deadline(timeout)))
+        return true;
+    lose(clock.elapsed());
+    return false;
+}
+
+bool QTovelMixerApiRtAudio::RtAudioData::callOrReplace(Instance::Job job, int timeout)
+{
+    // Nothing is asked when there is no time to wait for the answer.
+    if (timeLost >= patience)
+        return false;
+    if (call(std::move(job), timeout))
+        return true;
+    replaceWedged();
+    return false;
+}
+
+RtAudioProbe QTovelMixerApiRtAudio::RtAudioData::probe()
+{
+    const auto probing = [](const std::shared_ptr<RtAudioProbe> &answer) {
+        return [answer](RtAudioDriver &driver) { *answer = QTovelMixer::probeDevices(driver); };
+    };
+    const auto listed = std::make_shared<RtAudioProbe>();
+    const bool again = audio->wasProbed();
+    if (!callOrReplace(probing(listed), QTovelMixer::openTimeout))
+        return {};
+    if (!listed->answered)
+        giveUpThisTurn();
+    audio->setProbed();
+    if (!again || listed->devices.empty())
+        return *listed;
+    // Numbers are those of the instance that is in use; who is the default only a new one knows.
+    const std::shared_ptr<RtAudioInstance> fresh =
+        RtAudioInstance::make(api, deadline(QTovelMixer::openTimeout)).instance;
+    if (!fresh)
+        return *listed;
+    const auto defaults = std::make_shared<RtAudioProbe>();
+    QElapsedTimer clock;
+    clock.start();
+    if (fresh->call(probing(defaults), deadline(QTovelMixer::openTimeout)))
+        QTovelMixer::adoptDefaults(listed->devices, defaults->devices);
+    if (!fresh->end(fresh->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout)))
+        lose(clock.elapsed());
+    return *listed;
+}
+
+// The stream ------------------------------------------------------------------------------------
+
+void QTovelMixerApiRtAudio::RtAudioData::adoptStream(const Opened &opened)
+{
+    inputChannels = opened.inputChannels;
+    outputChannels = opened.outputChannels;
+    streamRate = opened.rate;
+    buffers = opened.buffers;
+    audio->outputChannels = outputChannels;
+    audio->inputBlock = std::make_shared<Block>(size_t(opened.frames) * inputChannels);
+    audio->outputBlock = std::make_shared<Block>(size_t(opened.frames) * outputChannels);
+    inputBlock = audio->inputBlock.get();
+    outputBlock = audio->outputBlock.get();
+    for (auto *counter : {&blocks, &overflows, &underflows, &droppedBlocks, &lateBlocks})
+        *counter = 0;
+    droppedByEngine = q->blocksDroppedByEngine();
+    q->setBufferFrames(opened.frames);
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::abortRunning()
+{
+    closing = 1;
+    audio->setStarted(false);
+    const auto answer = std::make_shared<Answer>();
+    TraceLine("RtAudio::stop pre-abortStream").item("api", q);
+    if (audio->mustBeLeft())
+        audio->leave();
+    const bool back = !audio->isStuck() && call(aborting(answer), stopTimeout);
+    TraceLine("RtAudio::stop post-abortStream").item("api", q);
+    if (back && QTovelMixer::logFailure(*answer, "stop", "stopStream:"))
+        noteError(answer->text);
+    waitForCallbacks();
+    const bool wedged = !back || audio->isRunning();
+    if (wedged)
+        audio->detach(0);
+    closing = 0;
+    if (wedged)
+        replaceWedged();
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::closeOpen()
+{
+    closing = 1;
+    audio->setStarted(false);
+    if (audio->mustBeLeft()) {
+        audio->leave();
+        replaceWedged();
+        return;
+    }
+    const auto answer = std::make_shared<Answer>();
+    if (audio->isRunning()) {
+        if (!call(aborting(answer), stopTimeout)) {
+            replaceWedged();
+            return;
+        }
+        if (QTovelMixer::logFailure(*answer, "close", "abortStream :"))
+            noteError(answer->text);
+    }
+    waitForCallbacks();
+    *answer = Answer();
+    if (!call(::closing(answer), stopTimeout)) {
+        replaceWedged();
+        return;
+    }
+    if (!QTovelMixer::logFailure(*answer, "close", "closeStream :"))
+        replaceUsed();
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::waitForCallbacks()
+{
+    for (int check = 0; check < inFlightChecks && callbacksInFlight.load() != 0; ++check)
+        QThread::msleep(1);
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::dropBlocks()
+{
+    inputBlock = nullptr;
+    outputBlock = nullptr;
+}
+
+// Retirement ------------------------------------------------------------------------------------
+
+void QTovelMixerApiRtAudio::RtAudioData::retire(int timeout)
+{
+    const std::shared_ptr<RtAudioInstance> old = std::exchange(audio, nullptr);
+    old->detach(timeout);
+    dropBlocks();
+    if (old->isStuck() || old->isRunning())
+        qWarning("QTovelMixerApiRtAudio::Data::delete_audio_mixer: RtAudio instance orphaned by a "
+                 "wedged teardown thread -- leaking instead of deleting.");
+    QElapsedTimer clock;
+    clock.start();
+    if (!old->end(old->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout)))
+        lose(clock.elapsed());
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::replaceWedged()
+{
+    qWarning(
+        "QTovelMixerApiRtAudio::stop: RtAudio instance orphaned by a wedged teardown thread -- "
+        "retiring it instead of leaving it in service.");
+    if (!audio->isStuck()) {
+        const auto answer = std::make_shared<Answer>();
+        if (call(::closing(answer), stopTimeout) && answer->threw)
+            qWarning("QTovelMixerApiRtAudio::stop: RtAudio :: closeStream : exception received! "
+                     "(orphan retire)");
+    }
+    retire(inFlightChecks);
+    makeInstance();
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::replaceUsed()
+{
+    retire(goneTimeout);
+    makeInstance();
+}
+
+// Errors and figures ----------------------------------------------------------------------------
+
+void QTovelMixerApiRtAudio::RtAudioData::noteError(const std::string &text)
+{
+    const QMutexLocker locker(&errorMutex);
+    lastError = QString::fromStdString(text);
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::streamError(RtAudioErrorType type, const std::string &text,
+                                                     Instance &instance)
+{
+    noteError(text);
+    const bool inUse = type == RTAUDIO_DRIVER_ERROR || type == RTAUDIO_SYSTEM_ERROR ||
+                       type == RTAUDIO_THREAD_ERROR;
+    if (type != RTAUDIO_DEVICE_DISCONNECT && !(inUse && instance.isRunning()))
+        return;
+    q->reportDeviceFailure();
+    if (instance.api() == RtAudio::WINDOWS_DS && instance.isRunning()) {
+        qInfo("QTovelMixerApiRtAudio__ErrorCallback: DirectSound device failed in use -- aborting "
+              "stream to silence the looping buffer");
+        instance.post(
+            [](RtAudioDriver &driver) { attempt(driver, [&] { return driver.abortStream(); }); });
+    }
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::streamLost()
+{
+    q->reportDeviceFailure();
+}
+
+QTovelMixerApiRtAudio::StreamStatus QTovelMixerApiRtAudio::RtAudioData::status() const
+{
+    StreamStatus status;
+    status.blocks = blocks;
+    status.overflows = overflows;
+    status.underflows = underflows;
+    status.droppedBlocks = droppedBlocks + (q->blocksDroppedByEngine() - droppedByEngine);
+    status.lateBlocks = lateBlocks;
+    {
+        const QMutexLocker locker(&errorMutex);
+        status.lastError = lastError;
+    }
+    if (!audio || !audio->isOpen())
+        return status;
+    const unsigned block = q->bufferFrames();
+    const auto told = unsigned(std::max(audio->latency(), 0L));
+    if (inputChannels > 0)
+        status.inputLatency = outputChannels > 0 ? block : std::max(told, block);
+    if (outputChannels > 0) {
+        const unsigned kept = api == RtAudio::LINUX_PULSE ? block * unsigned(buffers) : block;
+        status.outputLatency =
+            std::max(kept, told > status.inputLatency ? told - status.inputLatency : 0);
+    }
+#if defined(__unix__) || defined(__APPLE__)
+    const int policy = audio->schedulingPolicy();
+    if (policy >= 0) {
+        const int realtime = policy & (SCHED_FIFO | SCHED_RR);
+        status.schedulingClass = realtime == SCHED_FIFO ? Fifo
+                                 : realtime == SCHED_RR ? RoundRobin
+                                                        : NormalScheduling;
+        status.schedulingPriority = audio->schedulingPriority();
+    }
+#endif
+    return status;
+}

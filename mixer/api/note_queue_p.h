@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_API_NOTE_QUEUE_P_H
+#define QTOVELMIXER_MIXER_API_NOTE_QUEUE_P_H
+
+#include <QtCore/QtGlobal>
+
+#include <array>
+#include <atomic>
+#include <string_view>
+
+namespace QTovelMixer {
+
+/// Short texts on their way from audio threads to one that may log them. A text that finds the
+/// queue full is counted and lost; longer ones are cut.
+/// Threads: `push` any, `pop` and `takeLost` one. Real-time: yes.
+class NoteQueue
+{
+public:
+    static constexpr size_t capacity = 32;
+    static constexpr size_t textSize = 232;
+
+    struct Note
+    {
+        int kind = 0;
+        quint32 length = 0;
+        std::array<char, textSize> text{};
+
+        std::string_view view() const noexcept { return {text.data(), length}; }
+    };
+
+    NoteQueue() noexcept;
+    bool push(int kind, std::string_view text) noexcept;
+    bool pop(Note &note) noexcept;
+    quint64 takeLost() noexcept { return m_lost.exchange(0); }
+
+private:
+    struct Cell
+    {
+        std::atomic<quint64> turn{0};
+        Note note;
+    };
+
+    std::array<Cell, capacity> m_cells;
+    std::atomic<quint64> m_tail{0};
+    quint64 m_head = 0;
+    std::atomic<quint64> m_lost{0};
+};
+
+} // namespace QTovelMixer
+
+#endif

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/api/rtaudio_driver_p.h>
+
+#include <mixer/api/pulse_server_p.h>
+
+#include <utility>
+
+namespace QTovelMixer {
+
+namespace {
+
+constexpr int pulseTimeout = 1000; // ms
+
+std::vector<RtAudio::Api> compiledApis()
+{
+    std::vector<RtAudio::Api> apis;
+    RtAudio::getCompiledApi(apis);
+    return apis;
+}
+
+class RealDriver : public RtAudioDriver
+{
+public:
+    RealDriver(RtAudio::Api api, RtAudioErrorCallback callback) : audio(api, std::move(callback)) {}
+
+    RtAudio::Api currentApi() override { return audio.getCurrentApi(); }
+    std::optional<std::vector<unsigned>> deviceIds() override;
+    RtAudio::DeviceInfo deviceInfo(unsigned id) override { return audio.getDeviceInfo(id); }
+    RtAudioErrorType openStream(RtAudio::StreamParameters *output, RtAudio::StreamParameters *input,
+                                unsigned rate, unsigned *frames, RtAudioCallback callback,
+                                void *userData, RtAudio::StreamOptions *options) override
+    {
+        return audio.openStream(output, input, RTAUDIO_FLOAT32, rate, frames, callback, userData,
+                                options);
+    }
+    RtAudioErrorType startStream() override { return audio.startStream(); }
+    RtAudioErrorType abortStream() override { return audio.abortStream(); }
+    void closeStream() override { audio.closeStream(); }
+    bool isStreamOpen() const override { return audio.isStreamOpen(); }
+    bool isStreamRunning() const override { return audio.isStreamRunning(); }
+    long latency() override { return audio.getStreamLatency(); }
+    std::string errorText() override { return audio.getErrorText(); }
+
+private:
+    RtAudio audio;
+};
+
+// RtAudio 6.0.1 ends the process when it asks a PulseAudio server without a default sink for its
+// devices, and blocks for half a minute on one that is stopped: the server is asked first.
+std::optional<std::vector<unsigned>> RealDriver::deviceIds()
+{
+    if (currentApi() == RtAudio::LINUX_PULSE) {
+        switch (pulseServerState(pulseTimeout)) {
+        case PulseServerState::NoServer:
+        case PulseServerState::NoDefaults:
+            return std::vector<unsigned>();
+        case PulseServerState::NoAnswer:
+            return std::nullopt;
+        case PulseServerState::Ready:
+        case PulseServerState::Unknown:
+            break;
+        }
+    }
+    return audio.getDeviceIds();
+}
+
+// RtAudio's own choice, the first interface that shows a device, through the guard above.
+std::unique_ptr<RtAudioDriver> makeDriver(RtAudio::Api api, RtAudioErrorCallback callback)
+{
+    if (api != RtAudio::UNSPECIFIED)
+        return std::make_unique<RealDriver>(api, std::move(callback));
+    std::unique_ptr<RtAudioDriver> driver;
+    for (RtAudio::Api compiled : compiledApis()) {
+        driver = std::make_unique<RealDriver>(compiled, callback);
+        const auto ids = driver->deviceIds();
+        if (ids && !ids->empty())
+            break;
+    }
+    return driver;
+}
+
+} // namespace
+
+RtAudioSystem realRtAudioSystem()
+{
+    return {compiledApis, makeDriver};
+}
+
+RtAudioSystem &rtAudioSystem()
+{
+    static RtAudioSystem system = realRtAudioSystem();
+    return system;
+}
+
+} // namespace QTovelMixer

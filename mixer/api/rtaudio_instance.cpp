@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: MIT
+// The control thread: making, calling, ending.
+#include <mixer/api/rtaudio_instance_p.h>
+
+#include <base/thread.h>
+
+#include <QtCore/QDebug>
+
+#include <utility>
+
+namespace QTovelMixer {
+
+namespace {
+
+constexpr int lookInterval = 20; // ms
+// RtAudio closes a JACK stream by itself when its server dies, on a thread of its own: what is
+// deleted under it ends the process.
+constexpr int disconnectDelay = 250;  // ms that it may take to begin
+constexpr int ownCloseTimeout = 2000; // ms that it may take
+
+} // namespace
+
+RtAudioInstance::Made RtAudioInstance::make(RtAudio::Api api, const QDeadlineTimer &deadline)
+{
+    auto instance = std::make_shared<RtAudioInstance>(Private());
+    instance->m_thread = std::thread([instance, api] { instance->run(api); });
+    QMutexLocker locker(&instance->m_mutex);
+    while (!instance->m_ready) {
+        if (!instance->m_changed.wait(&instance->m_mutex, deadline) && !instance->m_ready) {
+            locker.unlock();
+            instance->m_stuck = true;
+            instance->detach(0);
+            instance->end(QDeadlineTimer(0));
+            return {};
+        }
+    }
+    locker.unlock();
+    if (!instance->m_driver) {
+        instance->m_thread.join();
+        return {nullptr, instance->m_threw};
+    }
+    return {instance, false};
+}
+
+void RtAudioInstance::run(RtAudio::Api api)
+{
+    m_controlId = std::this_thread::get_id();
+    const auto onError = [this](RtAudioErrorType type, const std::string &text) {
+        receiveError(type, text);
+    };
+    std::unique_ptr<RtAudioDriver> driver;
+    bool threw = false;
+    try {
+        driver = rtAudioSystem().makeDriver(api, onError);
+    } catch (...) {
+        threw = true;
+    }
+    {
+        const QMutexLocker locker(&m_mutex);
+        m_driver = std::move(driver);
+        m_api = m_driver ? m_driver->currentApi() : RtAudio::UNSPECIFIED;
+        m_threw = threw;
+        m_ready = true;
+        m_changed.wakeAll();
+    }
+    if (!m_driver)
+        return;
+    work();
+    finish();
+}
+
+void RtAudioInstance::work()
+{
+    QMutexLocker locker(&m_mutex);
+    for (;;) {
+        if (!m_jobs.empty()) {
+            const Job job = std::move(m_jobs.front());
+            m_jobs.pop_front();
+            locker.unlock();
+            job(*m_driver);
+            locker.relock();
+            continue;
+        }
+        if (m_ending)
+            return;
+        locker.unlock();
+        const bool open = m_driver->isStreamOpen();
+        if (open || m_disconnectPending)
+            lookAfterStream();
+        locker.relock();
+        if (m_jobs.empty() && !m_ending)
+            m_changed.wait(&m_mutex, open || m_disconnectPending
+                                         ? QDeadlineTimer(lookInterval)
+                                         : QDeadlineTimer(QDeadlineTimer::Forever));
+    }
+}
+
+// What still runs now is wedged for good: deleting it would hang or end the process.
+void RtAudioInstance::finish()
+{
+    waitForOwnClose();
+    writeNotes();
+    if (m_driver->isStreamRunning() || (m_disconnected && m_driver->isStreamOpen())) {
+        m_driver.release();
+        // The orphan's callbacks still know this object.
+        new std::shared_ptr<RtAudioInstance>(shared_from_this());
+    } else {
+        m_driver.reset();
+    }
+    const QMutexLocker locker(&m_mutex);
+    m_ended = true;
+    m_changed.wakeAll();
+}
+
+void RtAudioInstance::waitForOwnClose()
+{
+    if (m_api != RtAudio::UNIX_JACK || !m_driver->isStreamOpen())
+        return;
+    const QDeadlineTimer begin(disconnectDelay);
+    while (!m_disconnected && !begin.hasExpired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));
+    const QDeadlineTimer close(ownCloseTimeout);
+    while (m_disconnected && m_driver->isStreamOpen() && !close.hasExpired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));
+}
+
+bool RtAudioInstance::call(Job job, const QDeadlineTimer &deadline)
+{
+    struct Pending
+    {
+        QMutex mutex;
+        QWaitCondition done;
+        bool isDone = false;
+    };
+    const auto pending = std::make_shared<Pending>();
+    post([pending, job = std::move(job)](RtAudioDriver &driver) {
+        job(driver);
+        const QMutexLocker locker(&pending->mutex);
+        pending->isDone = true;
+        pending->done.wakeAll();
+    });
+    const QMutexLocker locker(&pending->mutex);
+    while (!pending->isDone) {
+        if (!pending->done.wait(&pending->mutex, deadline))
+            break;
+    }
+    if (!pending->isDone)
+        m_stuck = true;
+    return pending->isDone;
+}
+
+void RtAudioInstance::post(Job job)
+{
+    const QMutexLocker locker(&m_mutex);
+    m_jobs.push_back(std::move(job));
+    m_changed.wakeAll();
+}
+
+void RtAudioInstance::detach(int timeout)
+{
+    m_owner = nullptr;
+    const QDeadlineTimer deadline(timeout);
+    while (m_inside.load() != 0 && !deadline.hasExpired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+// True when the thread has ended.
+bool RtAudioInstance::end(const QDeadlineTimer &deadline)
+{
+    QMutexLocker locker(&m_mutex);
+    m_ending = true;
+    m_changed.wakeAll();
+    while (!m_ended) {
+        if (!m_changed.wait(&m_mutex, deadline))
+            break;
+    }
+    const bool ended = m_ended;
+    locker.unlock();
+    if (ended)
+        m_thread.join();
+    else
+        m_thread.detach();
+    return ended;
+}
+
+RtAudioInstance::Visit::Visit(RtAudioInstance &visited) noexcept : instance(visited), owner(nullptr)
+{
+    ++instance.m_inside;
+    owner = instance.m_owner;
+}
+
+} // namespace QTovelMixer

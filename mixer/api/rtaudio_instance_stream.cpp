@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: MIT
+// The stream: its callback, its errors, and the look after it.
+#include <mixer/api/rtaudio_instance_p.h>
+
+#include <base/thread.h>
+
+#include <QtCore/QDebug>
+
+#include <algorithm>
+#include <chrono>
+
+#if defined(__unix__) || defined(__APPLE__)
+#include <pthread.h>
+#endif
+
+namespace QTovelMixer {
+
+namespace {
+
+constexpr int stallTime = 500;      // ms without a block after a warning
+constexpr int disconnectTime = 200; // ms that RtAudio may need to close what has died
+constexpr int loggedNotes = 8;      // lines per look
+
+} // namespace
+
+void RtAudioInstance::beginStream(unsigned rate)
+{
+    m_watch.begin(rate, m_api != RtAudio::UNIX_JACK);
+    m_warnings = 0;
+    m_warningsAtBlock = 0;
+    m_failed = false;
+    m_audioThread = 0;
+    m_policy = -1;
+    post([this](RtAudioDriver &) {
+        m_reported = false;
+        m_seenBlocks = m_blocks;
+        m_sinceBlock.start();
+    });
+}
+
+int RtAudioInstance::streamCallback(void *output, void *input, unsigned frames, double streamTime,
+                                    RtAudioStreamStatus status, void *userData) noexcept
+{
+    return static_cast<RtAudioInstance *>(userData)->streamBlock(output, input, frames, streamTime,
+                                                                 status);
+}
+
+int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, double streamTime,
+                                 unsigned status) noexcept
+{
+    constexpr int abort = 2;
+    const auto silence = [&] {
+        if (output)
+            std::fill_n(static_cast<float *>(output), size_t(frames) * outputChannels, 0.0f);
+        return abort;
+    };
+    const Visit visit(*this);
+    if (!visit.owner || m_failed)
+        return silence();
+#if defined(__unix__) || defined(__APPLE__)
+    m_audioThread.store(quintptr(pthread_self()), std::memory_order_relaxed);
+#endif
+    const qint64 now = std::chrono::steady_clock::now().time_since_epoch().count();
+    const quint64 warnings = m_warnings.load(std::memory_order_relaxed);
+    m_warningsAtBlock.store(warnings, std::memory_order_relaxed);
+    if (!m_watch.block(frames, now, warnings)) {
+        m_failed = true;
+        return silence();
+    }
+    m_blocks.fetch_add(1, std::memory_order_relaxed);
+    return visit.owner->streamBlock(output, input, frames, streamTime, status);
+}
+
+// RtAudio calls from the control thread, from its audio threads, and from threads of its own.
+void RtAudioInstance::receiveError(RtAudioErrorType type, const std::string &text)
+{
+    const bool control = m_controlId.load() == std::this_thread::get_id();
+    if (control || BLTHREAD_IsRunningInMainThread()) {
+        handleError(type, text);
+        return;
+    }
+    if (type == RTAUDIO_WARNING)
+        m_warnings.fetch_add(1, std::memory_order_relaxed);
+    if (type == RTAUDIO_DEVICE_DISCONNECT && m_api == RtAudio::UNIX_JACK)
+        m_disconnected = true;
+    m_notes.push(type, text);
+}
+
+void RtAudioInstance::handleError(RtAudioErrorType type, const std::string &text)
+{
+    qInfo().nospace().noquote() << errorPrefix << QString::fromStdString(text);
+    const Visit visit(*this);
+    if (visit.owner)
+        visit.owner->streamError(type, text, *this);
+}
+
+void RtAudioInstance::lookAfterStream()
+{
+    writeNotes();
+    reportDisconnect();
+    m_latency = m_driver->latency();
+    if (m_policy < 0)
+        readScheduling();
+    if (m_reported)
+        return;
+    const bool stalled = hasStalled();
+    if (stalled) {
+        qWarning("QTovelMixerApiRtAudio: the device has stopped asking for blocks -- aborting the "
+                 "stream");
+        m_failed = true;
+        m_driver->abortStream();
+    }
+    if (!m_failed)
+        return;
+    m_reported = true;
+    const Visit visit(*this);
+    if (visit.owner)
+        visit.owner->streamLost();
+}
+
+void RtAudioInstance::writeNotes()
+{
+    NoteQueue::Note note;
+    quint64 left = 0;
+    for (int written = 0; m_notes.pop(note);) {
+        const QByteArray text(note.text.data(), qsizetype(note.length));
+        if (note.kind != RTAUDIO_WARNING && note.kind != warningNote) {
+            // JACK's own teardown must have ended before the stream is touched.
+            if (note.kind == RTAUDIO_DEVICE_DISCONNECT && m_api == RtAudio::UNIX_JACK) {
+                qInfo().nospace().noquote() << errorPrefix << QString::fromUtf8(text);
+                m_disconnectPending = true;
+                m_sinceDisconnect.start();
+            } else {
+                handleError(RtAudioErrorType(note.kind), text.toStdString());
+            }
+        } else if (++written > loggedNotes) {
+            ++left;
+        } else if (note.kind == warningNote) {
+            qWarning().nospace().noquote() << QString::fromUtf8(text);
+        } else {
+            handleError(RTAUDIO_WARNING, text.toStdString());
+        }
+    }
+    left += m_notes.takeLost();
+    if (left > 0)
+        qInfo().nospace().noquote() << errorPrefix << "and " << left << " more";
+}
+
+void RtAudioInstance::reportDisconnect()
+{
+    if (!m_disconnectPending ||
+        (m_driver->isStreamOpen() && m_sinceDisconnect.elapsed() < disconnectTime))
+        return;
+    m_disconnectPending = false;
+    m_reported = true;
+    const Visit visit(*this);
+    if (visit.owner)
+        visit.owner->streamLost();
+}
+
+// Servers that change their block size say so once, and never call again.
+bool RtAudioInstance::hasStalled()
+{
+    const quint64 blocks = m_blocks;
+    if (blocks != m_seenBlocks || !m_started || !m_driver->isStreamRunning()) {
+        m_seenBlocks = blocks;
+        m_sinceBlock.start();
+        return false;
+    }
+    return m_warnings != m_warningsAtBlock && m_sinceBlock.elapsed() >= stallTime;
+}
+
+// Asked for from here, since the audio thread must not make a system call. The thread lives: it
+// ends in calls of this thread only, or with its server.
+void RtAudioInstance::readScheduling()
+{
+#if defined(__unix__) || defined(__APPLE__)
+    const quintptr thread = m_audioThread;
+    if (thread == 0 || m_disconnected || !m_driver->isStreamRunning())
+        return;
+    sched_param parameters = {};
+    int policy = 0;
+    if (pthread_getschedparam(pthread_t(thread), &policy, &parameters) == 0) {
+        m_priority = parameters.sched_priority;
+        m_policy = policy;
+    }
+#endif
+}
+
+} // namespace QTovelMixer
