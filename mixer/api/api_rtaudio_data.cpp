@@ -25,10 +25,11 @@ using QTovelMixer::TraceLine;
 
 namespace {
 
-constexpr qint64 patience = 2150;   // ms that all missed calls together may take
-constexpr int makeTimeout = 200;    // ms that a fresh instance gets in any case
-constexpr int inFlightChecks = 100; // 1 ms apart
-constexpr int goneTimeout = 2000;   // ms for a callback to leave a backend that is deleted
+constexpr qint64 patience = 2150;        // ms that all missed calls together may take
+constexpr int makeTimeout = 200;         // ms that a fresh instance gets in any case
+constexpr int inFlightChecks = 100;      // 1 ms apart
+constexpr qint64 jackStuckTime = 10'000; // ms
+constexpr int goneTimeout = 2000;        // ms for a callback to leave a backend that is deleted
 
 RtAudioInstance::Job aborting(const std::shared_ptr<Answer> &answer)
 {
@@ -101,6 +102,15 @@ void QTovelMixerApiRtAudio::RtAudioData::giveUpThisTurn()
     lose(patience);
 }
 
+// JACK's library does not bear calls beside one that hangs in it: when the server then dies, the
+// process does. One that hangs for long will hang for ever.
+bool QTovelMixerApiRtAudio::RtAudioData::isJackStuck() const
+{
+    const std::shared_ptr<Instance> stuck = orphan.lock();
+    return stuck && api == RtAudio::UNIX_JACK && !stuck->hasEnded() &&
+           sinceOrphan.elapsed() < jackStuckTime;
+}
+
 bool QTovelMixerApiRtAudio::RtAudioData::call(Instance::Job job, int timeout)
 {
     QElapsedTimer clock;
@@ -114,7 +124,7 @@ bool QTovelMixerApiRtAudio::RtAudioData::call(Instance::Job job, int timeout)
 bool QTovelMixerApiRtAudio::RtAudioData::callOrReplace(Instance::Job job, int timeout)
 {
     // Nothing is asked when there is no time to wait for the answer.
-    if (timeLost >= patience)
+    if (timeLost >= patience || isJackStuck())
         return false;
     if (call(std::move(job), timeout))
         return true;
@@ -238,9 +248,12 @@ void QTovelMixerApiRtAudio::RtAudioData::retire(int timeout)
     const std::shared_ptr<RtAudioInstance> old = std::exchange(audio, nullptr);
     old->detach(timeout);
     dropBlocks();
-    if (old->isStuck() || old->isRunning())
+    if (old->isStuck() || old->isRunning()) {
         qWarning("QTovelMixerApiRtAudio::Data::delete_audio_mixer: RtAudio instance orphaned by a "
                  "wedged teardown thread -- leaking instead of deleting.");
+        orphan = old;
+        sinceOrphan.start();
+    }
     QElapsedTimer clock;
     clock.start();
     if (!old->end(old->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout)))

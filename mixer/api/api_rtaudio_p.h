@@ -7,6 +7,7 @@
 #include <mixer/api/rtaudio_instance_p.h>
 #include <mixer/api/rtaudio_probe_p.h>
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QMutex>
 
 namespace QTovelMixer {
@@ -51,6 +52,8 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     QFlags<Option> options;
 
     qint64 timeLost = 0; ///< ms spent on calls that did not come back, since the event loop turned
+    std::weak_ptr<Instance> orphan; ///< the last one that was retired while it hung
+    QElapsedTimer sinceOrphan;
     unsigned streamRate = 0;
     int buffers = 0; ///< blocks that the interface was asked to keep
 
@@ -71,6 +74,7 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     QDeadlineTimer deadline(int timeout) const;
     /// Runs `job` on the instance. False when it did not come back.
     bool call(Instance::Job job, int timeout);
+    bool isJackStuck() const;
     /// The same, and the instance is replaced when it did not come back.
     bool callOrReplace(Instance::Job job, int timeout);
     /// Counts time that a missed call took, until the event loop turns.

@@ -71,6 +71,7 @@ void RtAudioInstance::run(RtAudio::Api api)
 
 void RtAudioInstance::work()
 {
+    bool wasOpen = false;
     QMutexLocker locker(&m_mutex);
     for (;;) {
         if (!m_jobs.empty()) {
@@ -84,14 +85,16 @@ void RtAudioInstance::work()
         if (m_ending)
             return;
         locker.unlock();
+        // Once more after RtAudio has closed a stream by itself: it has left a word why.
         const bool open = m_driver->isStreamOpen();
-        if (open || m_disconnectPending)
-            lookAfterStream();
+        if (open || wasOpen || m_disconnectPending)
+            lookAfterStream(open);
+        wasOpen = open;
+        const bool again = open || m_disconnectPending;
         locker.relock();
         if (m_jobs.empty() && !m_ending)
-            m_changed.wait(&m_mutex, open || m_disconnectPending
-                                         ? QDeadlineTimer(lookInterval)
-                                         : QDeadlineTimer(QDeadlineTimer::Forever));
+            m_changed.wait(&m_mutex, again ? QDeadlineTimer(lookInterval)
+                                           : QDeadlineTimer(QDeadlineTimer::Forever));
     }
 }
 
@@ -164,7 +167,6 @@ void RtAudioInstance::detach(int timeout)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-// True when the thread has ended.
 bool RtAudioInstance::end(const QDeadlineTimer &deadline)
 {
     QMutexLocker locker(&m_mutex);
@@ -181,6 +183,12 @@ bool RtAudioInstance::end(const QDeadlineTimer &deadline)
     else
         m_thread.detach();
     return ended;
+}
+
+bool RtAudioInstance::hasEnded()
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_ended;
 }
 
 RtAudioInstance::Visit::Visit(RtAudioInstance &visited) noexcept : instance(visited), owner(nullptr)

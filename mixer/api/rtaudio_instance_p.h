@@ -95,8 +95,9 @@ public:
     /// From now on the stream plays silence and ends, and errors are only logged. Waits until
     /// nobody is inside the owner any more, for at most `timeout` ms.
     void detach(int timeout);
-    /// Hands the instance to its thread for deletion; see `retireInstance`.
+    /// Hands the instance to its thread for deletion. True when that is done.
     bool end(const QDeadlineTimer &deadline);
+    bool hasEnded();
 
     /// The server is gone, and RtAudio has not finished closing the stream by itself: no call must
     /// be made any more. Threads: main.
@@ -139,7 +140,7 @@ private:
     void receiveError(RtAudioErrorType type, const std::string &text);
     int streamBlock(void *output, void *input, unsigned frames, double streamTime,
                     unsigned status) noexcept;
-    void lookAfterStream();
+    void lookAfterStream(bool open);
     void writeNotes();
     void readScheduling();
     bool hasStalled();

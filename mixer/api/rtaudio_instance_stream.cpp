@@ -94,10 +94,12 @@ void RtAudioInstance::handleError(RtAudioErrorType type, const std::string &text
         visit.owner->streamError(type, text, *this);
 }
 
-void RtAudioInstance::lookAfterStream()
+void RtAudioInstance::lookAfterStream(bool open)
 {
     writeNotes();
     reportDisconnect();
+    if (!open)
+        return;
     m_latency = m_driver->latency();
     if (m_policy < 0)
         readScheduling();
