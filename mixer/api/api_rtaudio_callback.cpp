@@ -2,7 +2,6 @@
 // One block, on the audio thread.
 #include <mixer/api/api_rtaudio_p.h>
 
-#include <base/thread.h>
 #include <base/trace_p.h>
 
 #include <algorithm>
@@ -87,7 +86,7 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
     if (in->size() < inputSamples || out->size() < outputSamples) {
         constexpr const char *differs = "QTovelMixerApiRtAudio::MixerCallback: callback buffer "
                                         "size differs from stream buffer size";
-        if (BLTHREAD_IsRunningInMainThread())
+        if (std::this_thread::get_id() == maker)
             qWarning("%s", differs);
         else
             audio->warn(differs);

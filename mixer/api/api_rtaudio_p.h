@@ -42,7 +42,8 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
 
     QTovelMixerApiRtAudio *const q;
     RtAudio::Api api;
-    std::shared_ptr<Instance> audio;          ///< null when there is none
+    std::shared_ptr<Instance> audio; ///< null when there is none
+    const std::thread::id maker = std::this_thread::get_id();
     std::atomic<Block *> inputBlock{nullptr}; ///< owned by the instance that streams
     std::atomic<Block *> outputBlock{nullptr};
     unsigned inputChannels = 0;

@@ -2,10 +2,6 @@
 // The control thread: making, calling, ending.
 #include <mixer/api/rtaudio_instance_p.h>
 
-#include <base/thread.h>
-
-#include <QtCore/QDebug>
-
 #include <utility>
 
 namespace QTovelMixer {

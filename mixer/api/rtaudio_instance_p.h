@@ -152,6 +152,7 @@ private:
     // The control thread.
     std::thread m_thread;
     std::atomic<std::thread::id> m_controlId{};
+    const std::thread::id m_maker = std::this_thread::get_id();
     QMutex m_mutex;
     QWaitCondition m_changed;
     std::deque<Job> m_jobs;

@@ -2,8 +2,6 @@
 // The stream: its callback, its errors, and the look after it.
 #include <mixer/api/rtaudio_instance_p.h>
 
-#include <base/thread.h>
-
 #include <QtCore/QDebug>
 
 #include <algorithm>
@@ -74,8 +72,8 @@ int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, dou
 // RtAudio calls from the control thread, from its audio threads, and from threads of its own.
 void RtAudioInstance::receiveError(RtAudioErrorType type, const std::string &text)
 {
-    const bool control = m_controlId.load() == std::this_thread::get_id();
-    if (control || BLTHREAD_IsRunningInMainThread()) {
+    const std::thread::id caller = std::this_thread::get_id();
+    if (caller == m_controlId.load() || caller == m_maker) {
         handleError(type, text);
         return;
     }
