@@ -163,7 +163,8 @@ bool QTovelMixerApiRtAudio::updateDeviceList()
         qWarning("QTovelMixerApiRtAudio::updateDeviceList Audio API is NULL!");
         return false;
     }
-    const RtAudioProbe probe = r->probe();
+    r->replaceClosed();
+    const RtAudioProbe probe = r->audio ? r->probe() : RtAudioProbe();
     if (!probe.answered) {
         qWarning("QTovelMixerApiRtAudio::updateDeviceList: the sound server does not answer");
         const QList<Device *> listed = devices();
@@ -205,6 +206,9 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
                                      : "the sample rate lies outside 10 to 192000 Hz");
         return false;
     }
+    r->replaceClosed();
+    if (!r->audio)
+        return false;
     const auto opening = std::make_shared<Opening>();
     opening->rate = sampleRate;
     unsigned frames = bufferFrames();
@@ -231,10 +235,8 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
         std::max(leastBuffers, int(std::ceil(leastServerBuffer * sampleRate / frames)));
     opening->options.numberOfBuffers = unsigned(buffers);
 
-    const std::shared_ptr<QTovelMixer::RtAudioInstance> audio = r->audio;
-    audio->setUsed();
     // The instance outlives its own jobs.
-    QTovelMixer::RtAudioInstance *const self = audio.get();
+    QTovelMixer::RtAudioInstance *const self = r->audio.get();
     if (!r->callOrReplace([opening, self](RtAudioDriver &driver) { opening->run(driver, self); },
                           openTimeout)) {
         qWarning("QTovelMixerApiRtAudio::open: the sound server does not answer");
@@ -289,6 +291,9 @@ bool QTovelMixerApiRtAudio::start()
         return false;
     if (logFailure(*answer, "start", "startStream :")) {
         r->noteError(answer->text);
+        // Its server is gone, and a client that is left open would not survive the next probe.
+        if (r->api == RtAudio::UNIX_JACK)
+            close();
         return false;
     }
     r->audio->setStarted(true);
@@ -332,8 +337,8 @@ bool QTovelMixerApiRtAudio::close()
     trace("RtAudio::close BEGIN");
     if (isOpen())
         r->closeOpen();
-    else if (r->audio && r->audio->wasUsed())
-        r->replaceUsed(); // it closed by itself
+    else
+        r->replaceClosed();
     r->closing = 0;
     r->dropBlocks();
     trace("RtAudio::close END");

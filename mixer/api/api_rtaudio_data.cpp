@@ -143,6 +143,13 @@ RtAudioProbe QTovelMixerApiRtAudio::RtAudioData::probe()
         return {};
     if (!listed->answered)
         giveUpThisTurn();
+    // A JACK client whose server died in silence does not survive a probe: it is left.
+    if (api == RtAudio::UNIX_JACK && audio->isOpen() && listed->devices.empty()) {
+        audio->abandon();
+        replaceWedged();
+        q->reportDeviceFailure();
+        return *listed;
+    }
     audio->setProbed();
     if (!again || listed->devices.empty())
         return *listed;
@@ -169,6 +176,7 @@ void QTovelMixerApiRtAudio::RtAudioData::adoptStream(const Opened &opened)
     outputChannels = opened.outputChannels;
     streamRate = opened.rate;
     buffers = opened.buffers;
+    audio->setUsed();
     audio->outputChannels = outputChannels;
     audio->inputBlock = std::make_shared<Block>(size_t(opened.frames) * inputChannels);
     audio->outputBlock = std::make_shared<Block>(size_t(opened.frames) * outputChannels);
@@ -279,6 +287,12 @@ void QTovelMixerApiRtAudio::RtAudioData::replaceUsed()
 {
     retire(goneTimeout);
     makeInstance();
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::replaceClosed()
+{
+    if (audio && audio->wasUsed() && !audio->isOpen())
+        replaceUsed();
 }
 
 // Errors and figures ----------------------------------------------------------------------------

@@ -94,6 +94,8 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     void retire(int timeout);
     void replaceWedged();
     void replaceUsed();
+    /// Replaces an instance whose stream has closed by itself.
+    void replaceClosed();
 
     void noteError(const std::string &text);
     StreamStatus status() const;

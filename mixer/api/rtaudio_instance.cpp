@@ -94,15 +94,28 @@ void RtAudioInstance::work()
     }
 }
 
+namespace {
+
+// An orphan's callbacks still know the instance, also while the process ends.
+void leak(std::shared_ptr<RtAudioInstance> orphan)
+{
+    static QMutex mutex;
+    static auto *const orphans = new std::vector<std::shared_ptr<RtAudioInstance>>;
+    const QMutexLocker locker(&mutex);
+    orphans->push_back(std::move(orphan));
+}
+
+} // namespace
+
 // What still runs now is wedged for good: deleting it would hang or end the process.
 void RtAudioInstance::finish()
 {
-    waitForOwnClose();
+    if (!m_abandoned)
+        waitForOwnClose();
     writeNotes();
-    if (m_driver->isStreamRunning() || (m_disconnected && m_driver->isStreamOpen())) {
-        m_driver.release();
-        // The orphan's callbacks still know this object.
-        new std::shared_ptr<RtAudioInstance>(shared_from_this());
+    if (m_abandoned || m_driver->isStreamRunning() ||
+        (m_disconnected && m_driver->isStreamOpen())) {
+        leak(shared_from_this());
     } else {
         m_driver.reset();
     }

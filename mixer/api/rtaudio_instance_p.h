@@ -103,6 +103,12 @@ public:
     /// be made any more. Threads: main.
     bool mustBeLeft() const { return m_disconnected && isOpen(); }
     void leave() { m_stuck = true; }
+    /// No call must ever be made any more, its deletion included.
+    void abandon()
+    {
+        m_abandoned = true;
+        m_stuck = true;
+    }
     /// Frames, input and output together, as last seen.
     long latency() const { return m_latency; }
     int schedulingPolicy() const { return m_policy; }
@@ -175,6 +181,7 @@ private:
     std::atomic<bool> m_failed{false};
     std::atomic<bool> m_started{false};
     std::atomic<bool> m_disconnected{false};
+    std::atomic<bool> m_abandoned{false};
     std::atomic<long> m_latency{0};
     std::atomic<quintptr> m_audioThread{0};
     std::atomic<int> m_policy{-1};

@@ -4,9 +4,12 @@
 
 #include <mixer/api/rtaudio_driver_p.h>
 
+#include <QtCore/QDeadlineTimer>
+#include <QtCore/QMap>
 #include <QtCore/QMutex>
 #include <QtCore/QSemaphore>
 #include <QtCore/QStringList>
+#include <QtCore/QThread>
 
 #include <stdexcept>
 
@@ -27,10 +30,13 @@ public:
                                             return make(api, std::move(callback));
                                         }};
     }
-    /// Lets go of every call that hangs.
+    /// Lets go of every call that hangs, and waits for the instances that they kept.
     ~Script()
     {
         release.release(1000);
+        const QDeadlineTimer deadline(5000);
+        while (alive > leaked && !deadline.hasExpired())
+            QThread::yieldCurrentThread();
         QTovelMixer::rtAudioSystem() = QTovelMixer::realRtAudioSystem();
     }
     Q_DISABLE_COPY_MOVE(Script)
@@ -78,6 +84,7 @@ public:
     std::atomic<unsigned> grantedFrames{0}; ///< 0: what was asked
     std::atomic<long> latency{0};
     std::atomic<int> alive{0};
+    int leaked = 0;                      ///< instances that will never be deleted
     std::atomic<Driver *> last{nullptr}; ///< the youngest
     RtAudio::StreamParameters askedOutput;
     RtAudio::StreamParameters askedInput;

@@ -213,6 +213,7 @@ void tst_ApiRtAudioFailure::stop_retires_whatStillRuns()
 {
     Stream stream;
     stream.script.staysRunning = true;
+    stream.script.leaked = 1;
     stream.script.clearCalls();
     stream.api.stop();
     QCOMPARE(stream.script.callsMade(), (QStringList{"abort", "close", "make"}));
@@ -388,6 +389,7 @@ void tst_ApiRtAudioFailure::errors_ofARetiredInstance_areOnlyLogged()
     Stream stream;
     Script::Driver *old = stream.script.last;
     stream.script.staysRunning = true;
+    stream.script.leaked = 1;
     stream.api.stop();
     stream.log.clear();
     old->onError(RTAUDIO_DEVICE_DISCONNECT, "late");
