@@ -134,8 +134,8 @@ BENCHMARK(engineBlock)->Name("callback/same_block_engine_alone");
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
     return 0;
 }
