@@ -288,6 +288,7 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     if (!d->requireMainThread("open"))
         return false;
     const unsigned oldRate = this->sampleRate();
+    d->activatedEmpty = false;
     d->stopMixerApi();
     // A callback that is still running would wait for the lock that closing is done under.
     if (d->apiRunning())
@@ -397,9 +398,13 @@ void Engine::doDeviceListUpdate()
         if (d->api->deviceListWasChanged())
             emit deviceListChanged();
     }
-    // An engine whose device did not open, or was lost, tries again with the new list.
+    // An engine whose device did not open, was lost, or was not there yet, tries again with the new
+    // list.
     const bool lost = currentDevice(DeviceKind::Output) || currentDevice(DeviceKind::Input);
-    if (d->active && !d->apiOpen() && (d->activationFailed || lost))
+    const bool found =
+        d->activatedEmpty && d->api &&
+        (d->api->defaultDevice(DeviceKind::Output) || d->api->defaultDevice(DeviceKind::Input));
+    if (d->active && !d->apiOpen() && (d->activationFailed || lost || found))
         d->active = false;
     if (!d->active) {
         QMetaObject::invokeMethod(

@@ -65,7 +65,7 @@ Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
         // A tick that is itself late says that this thread was held up: backends that are
         // driven from it could not deliver blocks either.
         const bool late = d->watchdogClock.restart() > d->watchdogTimer->interval() * 3 / 2;
-        if (!late)
+        if (!late && !d->mayStillRest())
             monitorTimeout();
     });
     connect(this, &Engine::deactivated, this, &Engine::mixerChanged);
@@ -115,6 +115,7 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
     qInfo().nospace().noquote() << "Activating Mixer (" << backendString() << ") !";
     d->active = true;
     d->activationFailed = false;
+    d->activatedEmpty = false;
     if (d->apiRunning())
         return;
     if (!d->apiOpen()) {
@@ -133,6 +134,7 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
             d->activationFailed = true;
             return;
         }
+        d->activatedEmpty = !output && !input;
     }
     d->loadClock.restart();
     emit activated();

@@ -130,6 +130,7 @@ struct Engine::Data
     bool apiRunning() const;
     bool apiOpen() const;
     void stopWatchdog();
+    bool mayStillRest() const;
 
     // Buses (engine_buses.cpp).
     static constexpr unsigned maxChannels = 128;
@@ -175,6 +176,7 @@ struct Engine::Data
     double savedTimelineTime = 0.0; ///< seconds in the material
     double savedLoopOffset = 0.0;   ///< seconds
     bool activationFailed = false;
+    bool activatedEmpty = false; ///< there was no device at all
     int bracketDepth = 0;
     std::vector<Source *> lockedSources; ///< by the outermost bracket
     QString outputName;
@@ -182,6 +184,7 @@ struct Engine::Data
     QTimer *deviceListTimer;
     QTimer *watchdogTimer;
     QElapsedTimer watchdogClock;
+    QElapsedTimer streamClock; ///< since the stream was started
     QElapsedTimer loadClock;
     quint64 lastSeenCallbackCount = 0;
     QMetaObject::Connection stoppedLink;

@@ -39,6 +39,14 @@ bool Engine::Data::apiOpen() const
     return api && api->isOpen();
 }
 
+// A PulseAudio sink without other clients rests for up to 2 s after its first blocks.
+bool Engine::Data::mayStillRest() const
+{
+    constexpr qint64 longestRest = 2500; // ms
+    return api && api->backend() == Pulse && streamClock.isValid() &&
+           streamClock.elapsed() < longestRest;
+}
+
 namespace {
 
 void traceStream(const char *event, const Engine::Data &data)
@@ -81,6 +89,7 @@ void Engine::Data::startMixerApi()
                 const quint32 blocks =
                     rate() > 0 ? quint32(api->bufferFrames() * base * 10u) / rate() : 0u;
                 watchdogClock.start();
+                streamClock.start();
                 watchdogTimer->start(int(std::max(base, blocks)));
             }
             lastSeenCallbackCount = callbackCount;

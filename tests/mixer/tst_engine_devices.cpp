@@ -85,6 +85,8 @@ private slots:
     void doDeviceListUpdate_reportsFailure();
     void doDeviceListUpdate_leavesADisabledBackendAlone();
     void doDeviceListUpdate_activatesAgain_whenNothingHadOpened();
+    void doDeviceListUpdate_opensTheFirstDeviceThatComes();
+    void doDeviceListUpdate_opensNothing_whenTheHostChoseNone();
     void initialize_registersTheTypes();
 };
 
@@ -533,6 +535,41 @@ void tst_EngineDevices::doDeviceListUpdate_activatesAgain_whenNothingHadOpened()
     QTRY_COMPARE(desk.activated, 1);
     QVERIFY(desk.engine.isActive());
     QVERIFY(desk.api->isOpen());
+}
+
+void tst_EngineDevices::doDeviceListUpdate_opensTheFirstDeviceThatComes()
+{
+    LogCapture log;
+    auto *api = new TestApi;
+    Engine engine(api);
+    int activated = 0;
+    QObject::connect(&engine, &Engine::activated, &engine, [&activated] { ++activated; });
+    api->updateDeviceList();
+    engine.activate();
+    QCOMPARE(activated, 1);
+    QVERIFY(!api->isOpen());
+    engine.doDeviceListUpdate();
+    QCoreApplication::processEvents();
+    QCOMPARE(activated, 1);
+    api->addTestDevice("late", 0, 2);
+    engine.doDeviceListUpdate();
+    QTRY_COMPARE(activated, 2);
+    QVERIFY(api->isOpen());
+}
+
+void tst_EngineDevices::doDeviceListUpdate_opensNothing_whenTheHostChoseNone()
+{
+    LogCapture log;
+    auto *api = new TestApi;
+    Engine engine(api);
+    api->updateDeviceList();
+    engine.activate();
+    QVERIFY(engine.open(nullptr, nullptr, 48000, false));
+    api->addTestDevice("late", 0, 2);
+    engine.doDeviceListUpdate();
+    QCoreApplication::processEvents();
+    QVERIFY(engine.isActive());
+    QVERIFY(!api->isOpen());
 }
 
 void tst_EngineDevices::initialize_registersTheTypes()

@@ -41,6 +41,7 @@ private slots:
     void streamUsers_startAndStopTogether();
     void stream_thatFailsToStart_isReported();
     void watchdog_stopsADeadDevice();
+    void watchdog_letsAPulseSinkRest();
     void watchdog_intervalFollowsTheBuffer_data();
     void watchdog_intervalFollowsTheBuffer();
     void monitoring_setsTheCells_andEndsWithStop();
@@ -464,6 +465,26 @@ void tst_EngineLifecycle::watchdog_stopsADeadDevice()
     QTRY_COMPARE(session.count("stopped"), 1);
     QCOMPARE(session.lastReason, UserStopAction);
     session.checkAtRest();
+}
+
+void tst_EngineLifecycle::watchdog_letsAPulseSinkRest()
+{
+    const LogCapture log;
+    for (Backend backend : {Pulse, Jack}) {
+        auto *api = new TestApi(256, backend);
+        Engine engine(api);
+        api->addTestDevice("sink", 0, 2);
+        api->updateDeviceList();
+        engine.activate();
+        Engine::Data &data = EngineAccess::data(engine);
+        QVERIFY(!data.mayStillRest());
+        data.startMixerApi();
+        QCOMPARE(data.mayStillRest(), backend == Pulse);
+        QTRY_VERIFY_WITH_TIMEOUT(!data.mayStillRest(), 5000);
+        QVERIFY(!data.streamClock.hasExpired(60000));
+        if (backend == Pulse)
+            QVERIFY(data.streamClock.elapsed() >= 2500);
+    }
 }
 
 void tst_EngineLifecycle::watchdog_intervalFollowsTheBuffer_data()
