@@ -136,7 +136,8 @@ void QTovelMixerApiRtAudio::installDeviceFailureCallback()
 
 QTovelMixer::Backend QTovelMixerApiRtAudio::backend() const
 {
-    return r->audio ? QTovelMixer::backendOf(r->audio->api()) : QTovelMixer::NoBackend;
+    const int apiInUse = r->interface;
+    return api < 0 ? QTovelMixer::NoBackend : QTovelMixer::backendOf(RtAudio::Api(api));
 }
 
 bool QTovelMixerApiRtAudio::isOpen() const

@@ -88,8 +88,8 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
                                         "size differs from stream buffer size";
         if (std::this_thread::get_id() == maker)
             qWarning("%s", differs);
-        else
-            audio->warn(differs);
+        else if (Instance *instance = streaming.load(std::memory_order_acquire))
+            instance->warn(differs);
         TraceLine("RtAudio::MixerCallback size-mismatch")
             .item("api", q)
             .item("inSize", quint64(in->size()))

@@ -78,8 +78,10 @@ void QTovelMixerApiRtAudio::RtAudioData::makeInstance()
     else if (!made.instance)
         qWarning("QTovelMixerApiRtAudio::Data: RtAudio does not answer");
     audio = made.instance;
-    if (audio)
+    if (audio) {
         api = audio->api();
+        apiInUse = api;
+    }
     q->installDeviceFailureCallback();
 }
 
@@ -182,6 +184,7 @@ void QTovelMixerApiRtAudio::RtAudioData::adoptStream(const Opened &opened)
     audio->outputBlock = std::make_shared<Block>(size_t(opened.frames) * outputChannels);
     inputBlock = audio->inputBlock.get();
     outputBlock = audio->outputBlock.get();
+    streaming = audio.get();
     for (auto *counter : {&blocks, &overflows, &underflows, &droppedBlocks, &lateBlocks})
         *counter = 0;
     droppedByEngine = q->blocksDroppedByEngine();
@@ -247,6 +250,7 @@ void QTovelMixerApiRtAudio::RtAudioData::dropBlocks()
 {
     inputBlock = nullptr;
     outputBlock = nullptr;
+    streaming = nullptr;
 }
 
 // Retirement ------------------------------------------------------------------------------------
