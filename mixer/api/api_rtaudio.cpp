@@ -136,7 +136,7 @@ void QTovelMixerApiRtAudio::installDeviceFailureCallback()
 
 QTovelMixer::Backend QTovelMixerApiRtAudio::backend() const
 {
-    const int apiInUse = r->interface;
+    const int api = r->apiInUse;
     return api < 0 ? QTovelMixer::NoBackend : QTovelMixer::backendOf(RtAudio::Api(api));
 }
 

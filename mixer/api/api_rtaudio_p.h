@@ -47,9 +47,7 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     std::atomic<Block *> inputBlock{nullptr}; ///< owned by the instance that streams
     std::atomic<Block *> outputBlock{nullptr};
     std::atomic<Instance *> streaming{nullptr}; ///< whose blocks these are
-    std::atomic<int> interface {
-        - 1
-    }; ///< of the instance; failures are reported from other threads
+    std::atomic<int> apiInUse{-1}; ///< of the instance; failures are reported from other threads
     unsigned inputChannels = 0;
     unsigned outputChannels = 0;
     std::atomic<qint32> closing{0};
