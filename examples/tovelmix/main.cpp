@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
-// A small host on the command line: records a file, played in a loop, through the mixer.
+// A host on the command line: lists, plays, records and shows devices, and records files.
+#include <tovelmix/device_list.h>
 #include <tovelmix/interrupt.h>
+#include <tovelmix/live_recording.h>
+#include <tovelmix/monitoring.h>
 #include <tovelmix/options.h>
+#include <tovelmix/playback.h>
 #include <tovelmix/raw_input.h>
 #include <tovelmix/recording.h>
 #include <tovelmix/terminal_view.h>
@@ -9,14 +13,15 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
+#include <QtCore/QTimer>
 
 #include <cstdio>
+
+#include <dlfcn.h>
 
 namespace {
 
 using namespace tovelmix;
-
-enum ExitStatus { Done = 0, Failed = 1, Misused = 2 };
 
 void print(const QString &text)
 {
@@ -27,6 +32,55 @@ void print(const QString &text)
 int complain(const QString &line, ExitStatus status)
 {
     std::fprintf(stderr, "tovelmix: %s\n", line.toUtf8().constData());
+    return status;
+}
+
+int complain(const Outcome &outcome)
+{
+    return outcome.complaint.isEmpty() ? int(outcome.status)
+                                       : complain(outcome.complaint, outcome.status);
+}
+
+int listDevices(const QCoreApplication &app, const Options &options)
+{
+    DeviceList list(options.devices, options.json);
+    if (!list.open())
+        return complain(list.outcome());
+    if (!options.watch) {
+        list.print();
+        return Done;
+    }
+    Interrupt interrupt;
+    QObject::connect(&interrupt, &Interrupt::interrupted, &app, &QCoreApplication::quit);
+    if (options.seconds > 0.0)
+        QTimer::singleShot(int(options.seconds * 1000.0), &app, &QCoreApplication::quit);
+    list.watch();
+    QCoreApplication::exec();
+    return Done;
+}
+
+/// Runs a command on real devices until it has ended.
+int run(const QCoreApplication &app, LiveCommand &command)
+{
+    QObject::connect(&command, &LiveCommand::finished, &app, &QCoreApplication::quit);
+    Interrupt interrupt;
+    QObject::connect(&interrupt, &Interrupt::interrupted, &command, &LiveCommand::interrupt);
+    if (!command.start())
+        return complain(command.outcome());
+    print(command.title());
+    TerminalView view(command);
+    QObject::connect(&command, &LiveCommand::announced, &view, &TerminalView::announce);
+    QCoreApplication::exec();
+    view.finish();
+    return complain(command.outcome());
+}
+
+int recordDevice(const QCoreApplication &app, const Options &options)
+{
+    LiveRecording recording(options.devices, options.take);
+    const int status = run(app, recording);
+    if (recording.take().frames > 0 && recording.take().error.isEmpty())
+        print('\n' + table(recording.take()));
     return status;
 }
 
@@ -66,6 +120,21 @@ int compare(const Options &options)
     return verdict.equal ? Done : Failed;
 }
 
+void ignoreAlsaMessage(const char *, int, const char *, int, const char *, ...) {}
+
+/// The commands on devices say what matters about failures themselves, in one line.
+void quieten(Options::Command command)
+{
+    QString rules = "default.info=false\ndefault.debug=false";
+    if (command != Options::Command::Record && command != Options::Command::Verify)
+        rules += "\ndefault.warning=false\ndefault.critical=false";
+    QLoggingCategory::setFilterRules(rules);
+    // ALSA's library prints what it does not find; it is there when RtAudio was built with it.
+    using Handler = void (*)(const char *, int, const char *, int, const char *, ...);
+    if (void *const set = dlsym(RTLD_DEFAULT, "snd_lib_error_set_handler"))
+        reinterpret_cast<int (*)(Handler)>(set)(ignoreAlsaMessage);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -76,8 +145,20 @@ int main(int argc, char **argv)
     if (!options.error.isEmpty())
         return complain(options.error, Misused);
     if (!options.verbose)
-        QLoggingCategory::setFilterRules("default.info=false\ndefault.debug=false");
+        quieten(options.command);
     switch (options.command) {
+    case Options::Command::Devices:
+        return listDevices(app, options);
+    case Options::Command::Play: {
+        Playback playback(options.devices, options.files);
+        return run(app, playback);
+    }
+    case Options::Command::RecordDevice:
+        return recordDevice(app, options);
+    case Options::Command::Monitor: {
+        Monitoring monitoring(options.devices, options.through);
+        return run(app, monitoring);
+    }
     case Options::Command::Record:
         return record(app, options);
     case Options::Command::Verify:

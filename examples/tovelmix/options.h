@@ -2,21 +2,28 @@
 #ifndef TOVELMIX_OPTIONS_H
 #define TOVELMIX_OPTIONS_H
 
+#include <tovelmix/device_choice.h>
+
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
 namespace tovelmix {
 
-/// What the user typed, checked as far as that goes without touching a file.
+/// What the user typed, checked as far as that goes without touching a file or a device.
 struct Options
 {
-    enum class Command { Record, Verify, ShowText };
+    enum class Command { Devices, Play, Record, RecordDevice, Monitor, Verify, ShowText };
 
     Command command = Command::ShowText;
     QString input;
     int channels = 0; ///< 0: as the audio file says
     QString take;     ///< written by record, read by verify
     double seconds = 0.0;
+    QStringList files; ///< for play
+    DeviceOptions devices;
+    bool json = false;
+    bool watch = false;
+    bool through = false;
     bool verbose = false;
     QString text;  ///< help or version, for ShowText
     QString error; ///< one line; empty when everything is in order

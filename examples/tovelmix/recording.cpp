@@ -4,8 +4,6 @@
 #include <mixer/api/api_file.h>
 #include <mixer/meter/meter.h>
 
-#include <algorithm>
-
 namespace tovelmix {
 
 using QTovelMixer::Engine;
@@ -14,10 +12,9 @@ using QTovelMixer::StopReason;
 
 Recording::Recording(const RawInput &input, qint64 wantedFrames, const QString &takePath)
     : m_input(input), m_wantedFrames(wantedFrames),
-      m_writer(takePath, input.channels(), sampleRate, wantedFrames),
-      m_levels(size_t(input.channels()), silenceDb),
-      m_holdLevels(size_t(input.channels()), silenceDb)
+      m_writer(takePath, input.channels(), sampleRate, wantedFrames)
 {
+    m_reading.reset(input.channels());
     m_take.truePeakDb.assign(size_t(input.channels()), silenceDb);
 }
 
@@ -56,8 +53,8 @@ void Recording::startMeters()
 
 bool Recording::startSink()
 {
-    auto *sink =
-        new TakeSink(m_engine.get(), m_input.channels(), m_wantedFrames, m_writer, m_progress);
+    auto *sink = new TakeSink(m_engine.get(), m_input.channels(), sampleRate, m_wantedFrames,
+                              m_writer, m_progress);
     connect(sink, &TakeSink::takeDone, this, &Recording::onTakeDone);
     if (!m_engine->addSink(sink)) {
         delete sink;
@@ -81,22 +78,8 @@ void Recording::finishEarly()
 
 void Recording::readMeter()
 {
-    Meter *const meter = m_engine->inputMeter();
-    if (!meter)
-        return;
-    meter->getValues(m_values);
-    for (int slot = 0; slot < m_values.numChannels(); ++slot) {
-        const auto channel = size_t(m_values.channelIndex(slot));
-        m_levels[channel] = m_values.level(slot);
-        m_holdLevels[channel] = m_values.hold_level(slot);
-        // The hold lasts 2 s, so no maximum passes between two readings.
-        m_take.truePeakDb[channel] =
-            std::max(m_take.truePeakDb[channel], m_values.true_peak_hold_level(slot));
-    }
-    m_take.momentary = m_values.momentaryLoudness();
-    m_take.shortTerm = m_values.shortTermLoudness();
-    m_take.highestMomentary = std::max(m_take.highestMomentary, m_take.momentary);
-    m_take.highestShortTerm = std::max(m_take.highestShortTerm, m_take.shortTerm);
+    m_reading.read(m_engine->inputMeter());
+    m_reading.addTo(m_take);
 }
 
 void Recording::onTakeDone()
@@ -114,6 +97,13 @@ void Recording::onStopped()
     m_writer.commit();
     m_take.error = m_writer.error();
     emit finished();
+}
+
+QString Recording::progress() const
+{
+    return QString("recorded %1 s of %2 s")
+        .arg(double(recordedFrames()) / sampleRate, 0, 'f', 1)
+        .arg(double(wantedFrames()) / sampleRate, 0, 'f', 1);
 }
 
 } // namespace tovelmix

@@ -2,23 +2,23 @@
 #ifndef TOVELMIX_RECORDING_H
 #define TOVELMIX_RECORDING_H
 
+#include <tovelmix/live_status.h>
+#include <tovelmix/meter_reading.h>
 #include <tovelmix/raw_input.h>
 #include <tovelmix/take.h>
 #include <tovelmix/take_sink.h>
 
 #include <mixer/engine.h>
-#include <mixer/meter/meter_values.h>
 
 #include <QtCore/QObject>
 
 #include <memory>
-#include <vector>
 
 namespace tovelmix {
 
 /// One recording: an engine on the file backend, a sink that writes the take, both meters.
 /// Lives on the main thread and needs its event loop: the backend's blocks are driven by it.
-class Recording : public QObject
+class Recording : public QObject, public LiveStatus
 {
     Q_OBJECT
 
@@ -35,9 +35,9 @@ public:
     qint64 recordedFrames() const { return m_progress.frames; }
     qint64 wantedFrames() const { return m_wantedFrames; }
 
-    /// The input meter's latest reading per channel: peak level and peak hold, dB.
-    const std::vector<double> &levels() const { return m_levels; }
-    const std::vector<double> &holdLevels() const { return m_holdLevels; }
+    QString progress() const override;
+    const std::vector<double> &levels() const override { return m_reading.levels(); }
+    const std::vector<double> &holdLevels() const override { return m_reading.holdLevels(); }
 
     /// What became of it; complete after `finished`.
     const Take &take() const { return m_take; }
@@ -57,9 +57,7 @@ private:
     qint64 m_wantedFrames;
     WavWriter m_writer;
     TakeProgress m_progress;
-    std::vector<double> m_levels;
-    std::vector<double> m_holdLevels;
-    QTovelMixer::MeterValues m_values;
+    MeterReading m_reading;
     Take m_take;
     std::unique_ptr<QTovelMixer::Engine> m_engine; ///< dies first: it waits for the sink's worker
 };

@@ -24,9 +24,9 @@ QString peak(double db, bool endsAtFullScale)
 
 } // namespace
 
-qint64 framesOf(double seconds)
+qint64 framesOf(double seconds, int rate)
 {
-    return qint64(seconds * sampleRate + 0.5);
+    return qint64(seconds * rate + 0.5);
 }
 
 short toSample16(float value)
@@ -53,7 +53,7 @@ QString table(const Take &take)
         text += QString("%1  %2\n").arg(name, -22).arg(value);
     };
     row("frames", QString::number(take.frames));
-    row("duration", QString::number(double(take.frames) / sampleRate, 'f', 3) + " s");
+    row("duration", QString::number(double(take.frames) / take.rate, 'f', 3) + " s");
     row("momentary loudness", QString("%1 at the end, highest %2")
                                   .arg(loudness(take.momentary), loudness(take.highestMomentary)));
     row("short-term loudness", QString("%1 at the end, highest %2")

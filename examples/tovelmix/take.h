@@ -17,8 +17,11 @@ inline constexpr int maxChannels = 128;
 /// What decibel readings stop at.
 inline constexpr double silenceDb = -120.0;
 
+/// What a take may last, seconds.
+inline constexpr double maxSeconds = 24.0 * 3600.0;
+
 /// Seconds as frames, rounded.
-qint64 framesOf(double seconds);
+qint64 framesOf(double seconds, int rate = sampleRate);
 
 /// Sample value for a 16-bit file: full scale 1.0 is 32768, rounded, clamped; 0 for what is no
 /// number. Exact for every value that came from a 16-bit file.
@@ -34,6 +37,7 @@ QString channelCount(int channels);
 struct Take
 {
     qint64 frames = 0;
+    int rate = sampleRate;               ///< Hz
     std::vector<float> samplePeaks;      ///< linear, per channel, over every sample of the take
     std::vector<double> truePeakDb;      ///< per channel, highest reading of the meter; ends at 0.0
     double momentary = silenceDb;        ///< LUFS, last reading: 400 ms

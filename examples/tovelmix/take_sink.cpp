@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/take_sink.h>
 
-#include <tovelmix/take.h>
-
 #include <algorithm>
 #include <cmath>
 
@@ -15,22 +13,17 @@ constexpr int startTimeoutMs = 10000;
 
 } // namespace
 
-TakeSink::TakeSink(QTovelMixer::Engine *engine, int channels, qint64 wantedFrames,
+TakeSink::TakeSink(QTovelMixer::Engine *engine, int channels, int rate, qint64 wantedFrames,
                    WavWriter &writer, TakeProgress &progress)
-    : Sink(engine, ringSeconds), m_channels(channels), m_wantedFrames(wantedFrames),
+    : Sink(engine, ringSeconds), m_channels(channels), m_rate(rate), m_wantedFrames(wantedFrames),
       m_writer(writer), m_progress(progress)
 {
-    m_progress.samplePeaks.assign(size_t(channels), 0.0f);
+    m_progress.samplePeaks.resize(size_t(channels), 0.0f);
 }
 
 bool TakeSink::waitUntilRecording()
 {
     return m_recording.tryAcquire(1, startTimeoutMs);
-}
-
-int TakeSink::sampleRate() const
-{
-    return tovelmix::sampleRate;
 }
 
 void TakeSink::writeSamples(float *samples, int frames, int channels, double)

@@ -28,16 +28,17 @@ class TakeSink : public QTovelMixer::Sink
     Q_OBJECT
 
 public:
-    /// The writer and the progress must outlive the sink.
-    TakeSink(QTovelMixer::Engine *engine, int channels, qint64 wantedFrames, WavWriter &writer,
-             TakeProgress &progress);
+    /// Goes on after the frames that the progress counts already. The writer and the progress must
+    /// outlive the sink.
+    TakeSink(QTovelMixer::Engine *engine, int channels, int rate, qint64 wantedFrames,
+             WavWriter &writer, TakeProgress &progress);
 
     /// Returns when the worker takes blocks. Between `Engine::start` and that moment no block
     /// must pass, or the take begins with silence. Answers false when the worker never came.
     bool waitUntilRecording();
 
     int numChannels() const override { return m_channels; }
-    int sampleRate() const override;
+    int sampleRate() const override { return m_rate; }
     void onRunStart() override { m_recording.release(); }
     void writeSamples(float *samples, int frames, int channels, double time) override;
 
@@ -47,6 +48,7 @@ Q_SIGNALS:
 
 private:
     int m_channels;
+    int m_rate;
     qint64 m_wantedFrames;
     WavWriter &m_writer;
     TakeProgress &m_progress;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/terminal_view.h>
 
+#include <tovelmix/take.h>
+
 #include <QtCore/QTimerEvent>
 
 #include <algorithm>
@@ -39,17 +41,10 @@ QString bar(double level, double hold)
     return text;
 }
 
-QString progress(const Recording &recording)
-{
-    return QString("recorded %1 s of %2 s")
-        .arg(double(recording.recordedFrames()) / sampleRate, 0, 'f', 1)
-        .arg(double(recording.wantedFrames()) / sampleRate, 0, 'f', 1);
-}
-
 } // namespace
 
-TerminalView::TerminalView(const Recording &recording)
-    : m_recording(recording), m_live(isatty(STDOUT_FILENO) != 0)
+TerminalView::TerminalView(const LiveStatus &status)
+    : m_status(status), m_live(isatty(STDOUT_FILENO) != 0)
 {
     startTimer(m_live ? frameIntervalMs : lineIntervalMs);
 }
@@ -70,12 +65,20 @@ void TerminalView::finish()
         printLine();
 }
 
+void TerminalView::announce(const QString &line)
+{
+    // What was drawn stays above the line, and drawing begins anew below it.
+    m_drawnLines = 0;
+    std::fprintf(stderr, "tovelmix: %s\n", line.toUtf8().constData());
+}
+
 void TerminalView::printLine() const
 {
-    const std::vector<double> &levels = m_recording.levels();
+    const std::vector<double> &levels = m_status.levels();
+    const auto highest = std::max_element(levels.begin(), levels.end());
     print(QString("%1, level %2 dB\n")
-              .arg(progress(m_recording))
-              .arg(*std::max_element(levels.begin(), levels.end()), 0, 'f', 1));
+              .arg(m_status.progress())
+              .arg(highest != levels.end() ? *highest : silenceDb, 0, 'f', 1));
 }
 
 void TerminalView::draw()
@@ -84,12 +87,12 @@ void TerminalView::draw()
     if (m_drawnLines > 0)
         text += QString("\x1b[%1A").arg(m_drawnLines);
     const auto line = [&text](const QString &content) { text += content + "\x1b[K\n"; };
-    line(progress(m_recording));
-    const int channels = int(m_recording.levels().size());
+    line(m_status.progress());
+    const int channels = int(m_status.levels().size());
     const int bars = std::min(channels, maxBars);
     for (int c = 0; c < bars; ++c) {
-        const double level = m_recording.levels()[size_t(c)];
-        const double hold = m_recording.holdLevels()[size_t(c)];
+        const double level = m_status.levels()[size_t(c)];
+        const double hold = m_status.holdLevels()[size_t(c)];
         line(QString("%1 [%2] %3 dB").arg(c + 1, 3).arg(bar(level, hold)).arg(level, 6, 'f', 1));
     }
     if (channels > bars)

@@ -2,23 +2,26 @@
 #ifndef TOVELMIX_TERMINAL_VIEW_H
 #define TOVELMIX_TERMINAL_VIEW_H
 
-#include <tovelmix/recording.h>
+#include <tovelmix/live_status.h>
 
 #include <QtCore/QObject>
 
 namespace tovelmix {
 
-/// Shows how a recording goes on, on stdout: a progress line with meter bars that is redrawn in
+/// Shows how a command goes on, on stdout: a progress line with meter bars that is redrawn in
 /// place in a terminal, one plain line per second anywhere else.
 class TerminalView : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit TerminalView(const Recording &recording);
+    explicit TerminalView(const LiveStatus &status);
 
-    /// Draws the last state; to be called when the recording has finished.
+    /// Draws the last state; to be called when it has finished.
     void finish();
+
+    /// Prints a line on stderr without spoiling what is drawn.
+    void announce(const QString &line);
 
 protected:
     void timerEvent(QTimerEvent *event) override;
@@ -27,7 +30,7 @@ private:
     void draw();
     void printLine() const;
 
-    const Recording &m_recording;
+    const LiveStatus &m_status;
     bool m_live;
     int m_drawnLines = 0;
 };

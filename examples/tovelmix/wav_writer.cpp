@@ -64,6 +64,8 @@ WavWriter::WavWriter(const QString &path, int channels, int rate, qint64 expecte
     d->sound = sf_open_fd(d->file.handle(), SFM_WRITE, &info, SF_FALSE);
     if (!d->sound)
         d->fail(sf_strerror(nullptr));
+    else if (bytes >= wavLimit)
+        sf_command(d->sound, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
 }
 
 WavWriter::~WavWriter()

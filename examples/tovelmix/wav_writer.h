@@ -16,7 +16,8 @@ class WavWriter
     Q_DISABLE_COPY_MOVE(WavWriter)
 
 public:
-    /// `expectedFrames` chooses the form: beyond 4 GiB the 64-bit one (RF64).
+    /// `expectedFrames` chooses the form: when it could grow beyond 4 GiB the 64-bit one
+    /// (RF64), which a file that stays below gives up again.
     WavWriter(const QString &path, int channels, int rate, qint64 expectedFrames);
     ~WavWriter();
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include "tovelmix_support.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -13,92 +15,6 @@
 #include <vector>
 
 #include <sys/resource.h>
-
-namespace {
-
-constexpr int timeoutMs = 60000;
-
-struct Run
-{
-    int status = -1;
-    QString output;
-    QString errors;
-
-    bool complainedOnce() const
-    {
-        return errors.startsWith("tovelmix: ") && errors.endsWith('\n') && errors.count('\n') == 1;
-    }
-};
-
-Run finish(QProcess &process)
-{
-    if (!process.waitForFinished(timeoutMs))
-        return {};
-    Run run;
-    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.output = process.readAllStandardOutput();
-    run.errors = process.readAllStandardError();
-    return run;
-}
-
-Run tovelmix(const QStringList &arguments)
-{
-    QProcess process;
-    process.start(TOVELMIX, arguments);
-    return finish(process);
-}
-
-/// Distinct samples at every position, so that a lost or doubled frame shows.
-std::vector<short> counting(int count)
-{
-    std::vector<short> samples(static_cast<size_t>(count));
-    for (size_t i = 0; i < samples.size(); ++i)
-        samples[i] = short(i * 7919 % 65536 - 32768);
-    return samples;
-}
-
-bool writeRaw(const QString &path, const std::vector<short> &samples)
-{
-    QFile file(path);
-    const auto bytes = qint64(samples.size() * sizeof(short));
-    return file.open(QIODevice::WriteOnly) &&
-           file.write(reinterpret_cast<const char *>(samples.data()), bytes) == bytes;
-}
-
-bool writeSound(const QString &path, int format, int rate, int channels,
-                const std::vector<short> &samples)
-{
-    SF_INFO info = {};
-    info.samplerate = rate;
-    info.channels = channels;
-    info.format = format;
-    SNDFILE *sound = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
-    if (!sound)
-        return false;
-    sf_command(sound, SFC_SET_SCALE_INT_FLOAT_WRITE, nullptr, SF_TRUE);
-    const auto count = sf_count_t(samples.size());
-    const bool written = sf_write_short(sound, samples.data(), count) == count;
-    return sf_close(sound) == 0 && written;
-}
-
-struct Sound
-{
-    SF_INFO info = {};
-    std::vector<short> samples;
-};
-
-Sound readSound(const QString &path)
-{
-    Sound result;
-    if (SNDFILE *sound = sf_open(QFile::encodeName(path).constData(), SFM_READ, &result.info)) {
-        result.samples.resize(size_t(result.info.frames * result.info.channels));
-        sf_read_short(sound, result.samples.data(), sf_count_t(result.samples.size()));
-        sf_close(sound);
-    }
-    return result;
-}
-
-} // namespace
 
 class tst_Tovelmix : public QObject
 {
@@ -450,11 +366,14 @@ void tst_Tovelmix::usage_isExplained_whenArgumentsAreWrong_data()
     QTest::addColumn<QString>("complaint");
     const QStringList record = {"record", "--in", "in.raw", "--out", "take.wav"};
     QTest::newRow("nothing") << QStringList() << "no command given";
-    QTest::newRow("unknown command") << QStringList{"play"} << "unknown command 'play'";
+    QTest::newRow("unknown command") << QStringList{"sing"} << "unknown command 'sing'";
     QTest::newRow("unknown option") << QStringList{"record", "--speed", "2"} << "speed";
     QTest::newRow("two commands") << QStringList{"record", "verify"} << "unexpected argument";
-    QTest::newRow("no input") << QStringList{"record", "--seconds", "1", "--out", "take.wav"}
-                              << "record needs --in INPUT";
+    QTest::newRow("no input") << QStringList{"verify", "--take", "take.wav"}
+                              << "verify needs --in INPUT";
+    QTest::newRow("empty input") << QStringList{"record", "--in",  "",        "--seconds",
+                                                "1",      "--out", "take.wav"}
+                                 << "record needs --in INPUT";
     QTest::newRow("no output") << QStringList{"record", "--seconds", "1", "--in", "in.raw"}
                                << "record needs --out";
     QTest::newRow("no length") << record << "record needs --seconds S";
