@@ -290,6 +290,21 @@ public:
     /// busy, leaves everything as it is. Threads: audio. Real-time: yes.
     int mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
                       unsigned int frames, double streamTime, unsigned int status) noexcept;
+    /// What `mixWhenReady` answers for a block that was not mixed.
+    static constexpr int BlockNotReady = 3;
+    /// As `mixerCallback`, for a backend that no device paces: the block is mixed when every
+    /// source in the mix has all of its frames, or has ended, and every sink has room for them;
+    /// until then this waits, without polling, for `milliseconds` at most. While the mixer is
+    /// paused, or an attached source or sink is not started, it waits too, so that no frame is
+    /// lost, and also when all that is played is over and nothing records or monitors. Errors:
+    /// `BlockNotReady` when the time is over; nothing has changed then, and the backend calls
+    /// again. Call it at least twice a second, or the mixer's watchdog stops it. Threads: the
+    /// backend's own, not one that others wait for while they hold the mix.
+    int mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
+                     unsigned int frames, double streamTime, int milliseconds) noexcept;
+    /// Lets `mixWhenReady` look again. Sources and sinks of this library call it; a host needs it
+    /// only to end a wait early. Threads: any. Real-time: no.
+    void wakeMix();
 
 public Q_SLOTS:
     /// Target gain of the device output; reached by a linear ramp within one block.

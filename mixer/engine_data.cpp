@@ -170,7 +170,7 @@ void Engine::Data::update_source_unlock()
 // back exactly the locks that it took, whatever happens to the list inside the bracket.
 void Engine::Data::lockMix()
 {
-    holdCount.fetch_add(1);
+    raiseHold();
     if (bracketDepth++ == 0) {
         update_source_lock();
         lockedSources = sources;
@@ -183,6 +183,7 @@ void Engine::Data::unlockMix()
     updateLock.unlock();
     releaseSources();
     decrement(holdCount);
+    gate.post();
 }
 
 void Engine::Data::releaseSources()
@@ -295,7 +296,7 @@ void Engine::Data::prime(Source *source)
 
 void Engine::Data::pause()
 {
-    holdCount.fetch_add(1);
+    raiseHold();
     forEachSource([this](Source *source) { source->pause(PauseMode(pauseMode)); });
 }
 
@@ -306,6 +307,7 @@ void Engine::Data::resume()
     decrement(holdCount);
     forEachSource([](Source *source) { source->resume(); });
     resuming.fetch_sub(1);
+    gate.post();
 }
 
 void Engine::Data::stop(StopReason reason)

@@ -12,6 +12,7 @@
 #include <mixer/meter/meter.h>
 
 #include <algorithm>
+#include <mutex>
 
 namespace QTovelMixer {
 
@@ -87,7 +88,8 @@ void runWithoutSamples(Effect *effect, unsigned frames) noexcept
 
 } // namespace
 
-int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status) noexcept
+int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status,
+                                bool onlyWhenReady) noexcept
 {
     QElapsedTimer stopwatch;
     stopwatch.start();
@@ -97,6 +99,14 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
         if (!lock.locked) {
             droppedBlocks.fetch_add(1, std::memory_order_relaxed);
             return 0;
+        }
+        std::unique_lock<QMutex> hold(holdLock, std::defer_lock);
+        if (onlyWhenReady)
+            hold.lock();
+        if (onlyWhenReady && !blockReady(frames)) {
+            // For the watchdog: the backend is alive.
+            callbackCount.fetch_add(1, std::memory_order_relaxed);
+            return BlockNotReady;
         }
         const unsigned inCh = std::min<unsigned>(numInputChannels, unsigned(inputBuses.size()));
         const unsigned outCh = std::min<unsigned>(numOutputChannels, unsigned(outputBuses.size()));

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_ENGINE_P_H
 #define QTOVELMIXER_MIXER_ENGINE_P_H
 
+#include <mixer/block_gate_p.h>
 #include <mixer/engine.h>
 #include <mixer/gain_matrix_p.h>
 #include <mixer/io/timeline.h>
@@ -69,11 +70,20 @@ struct Engine::Data
     ~Data();
 
     // The block callback (engine_mix.cpp).
-    int mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status) noexcept;
+    int mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status,
+                      bool onlyWhenReady = false) noexcept;
     void setBlockLength(unsigned frames) noexcept;
     unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames, qint64 now) noexcept;
     void mixMatrix(unsigned busCount) noexcept;
     void feedSinks(unsigned firstBus, qint64 now) noexcept;
+
+    // Blocks at the pace of the workers (engine_freewheel.cpp).
+    /// No source would lack a frame and no sink room. Under the update lock.
+    bool blockReady(unsigned frames) const noexcept;
+    bool hasMore() const noexcept;
+    void wakeWorkers();
+    /// Suspends the mix, between two free-wheeling blocks.
+    void raiseHold();
 
     // The gain matrix; each takes the update lock.
     void set_mixer_gains(unsigned row0, unsigned rows, unsigned col0, unsigned cols, float gain,
@@ -210,9 +220,12 @@ struct Engine::Data
     std::atomic<float> masterInputGain{1.0f};
 
     /// Lets any thread ask what is attached. Beside it the main thread holds updateLock to change
-    /// the lists; whoever holds this one takes no other lock.
+    /// the lists; whoever holds this one takes no other lock but those that workers sleep under.
     mutable QMutex listLock;
     std::vector<const QThread *> meterThreads; ///< until they have ended
+
+    BlockGate gate;
+    QMutex holdLock; ///< taken under updateLock or alone
 
     // Guarded by updateLock -----------------------------------------------------------------
     mutable QRecursiveMutex updateLock;

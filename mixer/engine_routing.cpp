@@ -201,6 +201,7 @@ bool Engine::Data::detach(Source *source)
         decrement(streamUsers);
     source->setTimeline(nullptr);
     sourceCount.fetch_sub(1);
+    gate.post();
     return true;
 }
 
@@ -228,6 +229,7 @@ bool Engine::Data::detach(Sink *sink)
     if (link.holdsStream)
         decrement(streamUsers);
     sinkCount.fetch_sub(1);
+    gate.post();
     return true;
 }
 

@@ -69,6 +69,7 @@ bool Engine::start(double time)
     d->prime();
     d->running = true;
     decrement(d->holdCount);
+    d->gate.post();
     emit started();
     return true;
 }

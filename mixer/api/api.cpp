@@ -315,6 +315,21 @@ int Api::mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 1
     return d->engine->mixerCallback(input, output, frames, streamTime, status);
 }
 
+int Api::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
+                      unsigned int frames, double streamTime, int milliseconds) noexcept
+{
+    static_assert(notReady == Engine::BlockNotReady);
+    if (!d->engine)
+        return callbackAbort;
+    return d->engine->mixWhenReady(input, output, frames, streamTime, milliseconds);
+}
+
+void Api::wakeMix()
+{
+    if (d->engine)
+        d->engine->wakeMix();
+}
+
 quint64 Api::blocksDroppedByEngine() const
 {
     return d->engine ? d->engine->droppedBlocks() : 0;

@@ -103,6 +103,12 @@ protected:
     virtual void endDeviceUpdate();
     /// Blocks that the engine let pass since it was made; see `Engine::droppedBlocks`.
     quint64 blocksDroppedByEngine() const;
+    /// Hands one block to the engine once nobody would lose a frame; see `Engine::mixWhenReady`.
+    /// Answers as `mixerCallback`, and `notReady` when the time is over. Threads: the backend's.
+    int mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
+                     unsigned int frames, double streamTime, int milliseconds) noexcept;
+    /// Ends a wait of `mixWhenReady` early. Threads: any.
+    void wakeMix();
 
 public:
     /// The last update found something new or missing, or was the first.
@@ -116,6 +122,9 @@ public:
     /// is current. Two null devices: nothing is opened, and the answer is true.
     bool openApi(Device *output, Device *input, unsigned int sampleRate);
     bool closeApi();
+
+    /// What `mixWhenReady` answers for a block that was not mixed.
+    static constexpr int notReady = 3;
 
     /// Hands one block to the engine; see `Engine::mixerCallback`. Answers 0 to go on, 1 to stop
     /// after draining, 2 to abort; 2 without an engine. Threads: audio. Real-time: yes.

@@ -64,6 +64,11 @@ bool FrameRing::isEmpty() const noexcept
     return BLRINGBUFFER_FillCount(m_ring) <= 0;
 }
 
+qint64 FrameRing::fillFrames() const noexcept
+{
+    return BLRINGBUFFER_FillCount(m_ring) / m_frameBytes;
+}
+
 FrameRing::Slice FrameRing::inFrames(quint64 position, char *data, qint32 length) const noexcept
 {
     return {static_cast<qint64>(position / static_cast<quint64>(m_frameBytes)),

@@ -9,7 +9,8 @@ struct BLRINGBUFFER;
 namespace QTovelMixer {
 
 /// Interleaved float frames over the byte ring. Single producer, single consumer: readSlice
-/// and consume belong to the consumer, writeSlice and produce to the producer, isEmpty to both.
+/// and consume belong to the consumer, writeSlice and produce to the producer, isEmpty and
+/// fillFrames to any thread.
 /// Everything but the constructor and the destructor is wait-free. Real-time: yes.
 class FrameRing
 {
@@ -49,6 +50,9 @@ public:
     void flush() noexcept;
 
     bool isEmpty() const noexcept;
+
+    /// Frames in the ring at this moment.
+    qint64 fillFrames() const noexcept;
 
     /// The byte ring's identity, for trace lines.
     const void *handle() const noexcept { return m_ring; }

@@ -31,8 +31,32 @@ void Sink::Data::requestEnd(StopReason reason)
 void Sink::Data::sleep(int milliseconds)
 {
     QMutexLocker lock(&waitMutex);
-    if (stopRequested.load(std::memory_order_relaxed) == 0)
+    if (!wakePending && stopRequested.load(std::memory_order_relaxed) == 0)
         wakeCondition.wait(&waitMutex, static_cast<unsigned long>(milliseconds));
+    wakePending = false;
+}
+
+void Sink::Data::wakeMix() const
+{
+    if (engine)
+        engine->wakeMix();
+}
+
+bool SinkAccess::isReady(const Sink &sink, qint64 frames) noexcept
+{
+    return isOver(sink) || sink.freeFrames() >= frames;
+}
+
+bool SinkAccess::isOver(const Sink &sink) noexcept
+{
+    return sink.d->stopRequested.load(std::memory_order_acquire) != 0;
+}
+
+void SinkAccess::wake(Sink &sink)
+{
+    const QMutexLocker lock(&sink.d->waitMutex);
+    sink.d->wakePending = true;
+    sink.d->wakeCondition.wakeAll();
 }
 
 Sink::Sink(Engine *engine, float bufferSeconds) : d(new Data)
@@ -127,6 +151,11 @@ void Sink::notifyState() {}
 void Sink::onRunStart() {}
 
 void Sink::onStop() {}
+
+qint64 Sink::freeFrames() const
+{
+    return isRunning() ? d->ring->capacity() - d->ring->fillFrames() : 0;
+}
 
 double Sink::recordedTime() const
 {

@@ -103,6 +103,10 @@ public:
     /// Told at the end of `stop`. Threads: that of the call.
     virtual void onStop();
 
+    /// Room for frames of the mix, at the mixer's rate; 0 unless the worker runs. To wait for it,
+    /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
+    qint64 freeFrames() const;
+
     /// Frames taken from the mix, with the silence between them, in seconds of the mixer's
     /// clock. Threads: any.
     virtual double recordedTime() const;

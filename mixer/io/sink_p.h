@@ -33,6 +33,7 @@ struct Sink::Data
     // no wake-up is lost, and read without it.
     QMutex waitMutex;
     QWaitCondition wakeCondition;
+    bool wakePending = false;
     std::atomic<int> stopRequested{0};
     std::atomic<int> stopReason{UserStopAction};
     std::atomic<bool> finished{false};
@@ -53,6 +54,7 @@ struct Sink::Data
     int mixerRate() const; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
     void sleep(int milliseconds);
+    void wakeMix() const;
     qint64 takeLeadIn(qint64 blockFrames) noexcept;
     void countRecorded(qint64 frames) noexcept;
     bool fillGap(const Sink *sink, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
@@ -65,6 +67,15 @@ struct SinkAccess
 
     /// True once `start` was called.
     static bool threadStarted(const Sink &sink);
+
+    /// The sink can take `frames` frames of the mix and lose none. Real-time: yes.
+    static bool isReady(const Sink &sink, qint64 frames) noexcept;
+
+    /// The sink was asked to end. Real-time: yes.
+    static bool isOver(const Sink &sink) noexcept;
+
+    /// Lets the worker look at its ring.
+    static void wake(Sink &sink);
 
     /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
     static void endAndWait(Sink &sink);

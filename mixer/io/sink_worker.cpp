@@ -107,6 +107,7 @@ bool Sink::Data::Worker::pass()
         handOver(slice.data, frames);
     }
     d.ring->consume(frames);
+    d.wakeMix();
     d.recordTime += static_cast<double>(handed) / sinkRate;
     return true;
 }
@@ -139,6 +140,7 @@ void Sink::run()
     std::optional<Data::Worker> worker(std::in_place, *this, sinkHz, mixerHz, channels);
     worker->takeRing();
     d->running.store(1, std::memory_order_release);
+    d->wakeMix();
     state_change();
     if (d->stopRequested.load(std::memory_order_acquire) == 0)
         onRunStart();

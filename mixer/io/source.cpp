@@ -224,6 +224,7 @@ void Source::setTime(double time)
     d->withheld = 0.0;
     d->pauseCut = -1.0;
     ++d->generation;
+    d->materialEnded = false;
     d->clearPausePosition();
 }
 
@@ -284,6 +285,12 @@ void Source::adjustTime(double playTime, double keepSeconds)
     const qint64 writeFrame = next + std::min(slice.frames, keep) + shift;
     d->readTime = static_cast<double>(writeFrame) / rate + d->withheld / sampleRate();
     d->clearPausePosition();
+}
+
+qint64 Source::bufferedFrames() const
+{
+    const FrameRing *ring = d->ring.load(std::memory_order_acquire);
+    return ring ? ring->fillFrames() : 0;
 }
 
 double Source::pausePosition() const

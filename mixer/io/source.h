@@ -189,6 +189,10 @@ public:
     /// negative for none. Threads: worker.
     virtual double pausePosition() const;
 
+    /// Frames ready for the mix, at the mixer's rate; 0 before the worker runs. To wait for them,
+    /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
+    qint64 bufferedFrames() const;
+
     /// Frames taken by the mix, counted at the mixer's rate, divided by the source's own rate.
     /// Threads: any.
     virtual double playedTime() const;

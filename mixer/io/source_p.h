@@ -62,6 +62,7 @@ struct Source::Data
     std::atomic<double> playStartTime{-1.0};
     std::atomic<double> pausePositionTime{-1.0};
     std::atomic<bool> pausePositionReached{false};
+    std::atomic<bool> materialEnded{false}; // the last look at the material found nothing
     bool readFailed = false; // readSamples threw; logged once
 
     // The sleep of the worker and everything that ends it, guarded by waitMutex. The atomics are
@@ -99,6 +100,7 @@ struct Source::Data
     void waitForUpdates();
     void countUpdateDown();
     void releasePriming();
+    void wakeMix() const;
 
     // The worker (source_worker.cpp).
     int callHost(Source &source, float *buffer, int frames, int channels, double time);
@@ -117,6 +119,15 @@ struct SourceAccess
 
     /// True once `start` was called.
     static bool threadStarted(const Source &source);
+
+    /// The mix can take `frames` frames and lose none. Real-time: yes.
+    static bool isReady(const Source &source, qint64 frames) noexcept;
+
+    /// Nothing more comes from the source, not from its ring either. Real-time: yes.
+    static bool isOver(const Source &source) noexcept;
+
+    /// Lets the worker look at its ring.
+    static void wake(Source &source);
 
     /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
     static void endAndWait(Source &source);

@@ -2,6 +2,7 @@
 #include <mixer/io/source.h>
 
 #include <base/trace_p.h>
+#include <mixer/engine.h>
 #include <mixer/io/source_p.h>
 
 #include <QtCore/QMutexLocker>
@@ -72,6 +73,39 @@ void Source::Data::releasePriming()
         primedSemaphore.release();
 }
 
+void Source::Data::wakeMix() const
+{
+    if (engine)
+        engine->wakeMix();
+}
+
+bool SourceAccess::isReady(const Source &source, qint64 frames) noexcept
+{
+    const Source::Data &data = *source.d;
+    // At a pause position the mixer is about to pause, and nobody plays past it until then.
+    if (data.stopRequested.load(std::memory_order_acquire) != 0)
+        return source.stopReason() != PausePositionReached;
+    if (data.running.load(std::memory_order_acquire) == 0 || data.pendingUpdates.load() != 0)
+        return false;
+    if (data.materialEnded.load(std::memory_order_acquire))
+        return !data.pausePositionReached.load() || source.bufferedFrames() > 0;
+    return source.bufferedFrames() >= frames;
+}
+
+bool SourceAccess::isOver(const Source &source) noexcept
+{
+    return source.d->stopRequested.load(std::memory_order_acquire) != 0 ||
+           (source.d->materialEnded.load(std::memory_order_acquire) &&
+            source.bufferedFrames() == 0);
+}
+
+void SourceAccess::wake(Source &source)
+{
+    const QMutexLocker lock(&source.d->waitMutex);
+    source.d->wakePending = true;
+    source.d->wakeCondition.wakeAll();
+}
+
 bool SourceAccess::threadStarted(const Source &source)
 {
     return source.d->started;
@@ -105,6 +139,7 @@ void Source::stop(StopReason reason)
             d->stopReason = reason;
         d->wakeCondition.wakeAll();
     }
+    d->wakeMix();
     onStop();
 }
 
@@ -134,6 +169,7 @@ void Source::pause(PauseMode mode)
 void Source::resume()
 {
     d->countUpdateDown();
+    d->wakeMix();
     onResume();
     state_change(Playing, Config());
 }
@@ -160,6 +196,8 @@ void Source::update_lock()
 
 void Source::update_unlock()
 {
+    // There may be more material now; the worker has to look again.
+    d->materialEnded = false;
     d->ringMutex.unlock();
     {
         const QMutexLocker lock(&d->waitMutex);
@@ -168,6 +206,7 @@ void Source::update_unlock()
         d->wakeCondition.wakeAll();
     }
     d->countUpdateDown();
+    d->wakeMix();
 }
 
 void Source::state_change(PlaybackState state, const Config &config)

@@ -119,9 +119,11 @@ bool Source::Data::Worker::pass(int waitMilliseconds)
     }
     int written = 0;
     const int frames = readChunk(room.data, written);
+    d.materialEnded = frames <= 0;
     if (frames > 0) {
         advance(frames, written);
         lock.unlock();
+        d.wakeMix();
     } else {
         // Under the mutex: a seek that comes after this look must find the end decided.
         const bool playedOut = ring->isEmpty();
@@ -129,6 +131,7 @@ bool Source::Data::Worker::pass(int waitMilliseconds)
             d.endByWorker();
         lock.unlock();
         d.releasePriming();
+        d.wakeMix();
         if (!playedOut)
             d.waitForWake(waitMilliseconds);
     }
@@ -209,11 +212,13 @@ void Source::run()
     std::optional<Data::Worker> worker(std::in_place, *this, sourceHz, mixerHz, channels);
     worker->takeRing();
     d->running.store(1, std::memory_order_release);
+    d->wakeMix();
     state_change(Playing, Config());
     if (d->stopRequested == 0)
         onRunStart(worker->chunkMilliseconds());
     worker->fillRing();
     d->running.store(0, std::memory_order_release);
+    d->wakeMix();
     d->releasePriming();
     worker->announceEnd();
 }
