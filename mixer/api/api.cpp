@@ -272,8 +272,8 @@ bool Api::canUpdateDeviceList() const
 
 void Api::setEngine(Engine *engine)
 {
-    if (d->engine)
-        disconnect(this, &Api::deviceFailure, d->engine, &Engine::onApiDeviceFailure);
+    if (Engine *before = d->engine)
+        disconnect(this, &Api::deviceFailure, before, &Engine::onApiDeviceFailure);
     d->engine = engine;
     if (engine)
         connect(this, &Api::deviceFailure, engine, &Engine::onApiDeviceFailure,
@@ -289,7 +289,8 @@ bool Api::openApi(Device *output, Device *input, unsigned int sampleRate)
     if (!output && !input)
         return nothingOpen(true);
     unsigned int rate = sampleRate;
-    if (!d->engine || d->engine->availableSampleRates(output, input, rate).isEmpty() || rate == 0)
+    Engine *engine = d->engine;
+    if (!engine || engine->availableSampleRates(output, input, rate).isEmpty() || rate == 0)
         return nothingOpen(false);
     if (!open(output, input, rate))
         return nothingOpen(false);
@@ -310,9 +311,10 @@ bool Api::closeApi()
 int Api::mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
                        unsigned int frames, double streamTime, unsigned int status) noexcept
 {
-    if (!d->engine)
+    Engine *engine = d->engine;
+    if (!engine)
         return callbackAbort;
-    return d->engine->mixerCallback(input, output, frames, streamTime, status);
+    return engine->mixerCallback(input, output, frames, streamTime, status);
 }
 
 int Api::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
@@ -332,7 +334,8 @@ void Api::wakeMix()
 
 quint64 Api::blocksDroppedByEngine() const
 {
-    return d->engine ? d->engine->droppedBlocks() : 0;
+    const Engine *engine = d->engine;
+    return engine ? engine->droppedBlocks() : 0;
 }
 
 void Api::reportDeviceFailure()

@@ -14,8 +14,8 @@ struct Api::Data
 {
     QString name;
     Backend backend;
-    Engine *engine = nullptr;
-    std::atomic<unsigned> bufferFrames; ///< workers and the audio thread read these two
+    std::atomic<Engine *> engine{nullptr}; ///< the audio thread reads it
+    std::atomic<unsigned> bufferFrames;    ///< workers and the audio thread read these two
     std::atomic<unsigned> sampleRate{48000};
     Device *currentInput = nullptr;
     Device *currentOutput = nullptr;

@@ -31,7 +31,8 @@ constexpr unsigned highestRate = 192000;
 constexpr int leastBuffers = 4;
 constexpr double leastServerBuffer = 0.02; // s
 
-std::optional<RtAudioIdentity> identityFor(Device *device, const QList<Device *> &devices)
+std::optional<RtAudioIdentity> identityFor(Device *device, const QList<Device *> &devices,
+                                           bool sameNumbers)
 {
     auto *wanted = dynamic_cast<QTovelMixerRtAudioDevice *>(device);
     if (!wanted)
@@ -41,7 +42,9 @@ std::optional<RtAudioIdentity> identityFor(Device *device, const QList<Device *>
         if (auto *one = dynamic_cast<QTovelMixerRtAudioDevice *>(each))
             listed.push_back(one->info());
     }
-    return QTovelMixer::identityOf(wanted->info(), listed);
+    RtAudioIdentity identity = QTovelMixer::identityOf(wanted->info(), listed);
+    identity.numbered = sameNumbers;
+    return identity;
 }
 
 /// What is asked of `openStream`, and what it gave.
@@ -79,6 +82,7 @@ bool Opening::resolve(RtAudioDriver &driver)
     };
     found =
         answered && number(outputDevice, output.deviceId) && number(inputDevice, input.deviceId);
+    answer.threw = probe.threw && !found;
     return found;
 }
 
@@ -87,12 +91,13 @@ void Opening::run(RtAudioDriver &driver, void *userData)
     if (!resolve(driver))
         return;
     answer = attempt(driver, [&] {
-        return driver.openStream(outputDevice ? &output : nullptr, inputDevice ? &input : nullptr,
-                                 rate, &frames, &QTovelMixer::RtAudioInstance::streamCallback,
-                                 userData, &options);
+        const RtAudioErrorType type = driver.openStream(
+            outputDevice ? &output : nullptr, inputDevice ? &input : nullptr, rate, &frames,
+            &QTovelMixer::RtAudioInstance::streamCallback, userData, &options);
+        if (type == RTAUDIO_NO_ERROR || type == RTAUDIO_WARNING)
+            latency = driver.latency();
+        return type;
     });
-    if (!answer.threw && answer.type == RTAUDIO_NO_ERROR)
-        latency = driver.latency();
 }
 
 } // namespace
@@ -126,6 +131,7 @@ QTovelMixerApiRtAudio::~QTovelMixerApiRtAudio()
         close();
     if (r->audio)
         r->retire(stopTimeout);
+    r->waitForOrphans();
 }
 
 void QTovelMixerApiRtAudio::installDeviceFailureCallback()
@@ -160,12 +166,13 @@ bool QTovelMixerApiRtAudio::showControlPanel(DeviceKind kind)
 
 bool QTovelMixerApiRtAudio::updateDeviceList()
 {
+    r->refresh();
     if (!r->audio) {
         qWarning("QTovelMixerApiRtAudio::updateDeviceList Audio API is NULL!");
         return false;
     }
-    r->replaceClosed();
-    const RtAudioProbe probe = r->audio ? r->probe() : RtAudioProbe();
+    const quint64 generation = r->generation;
+    const RtAudioProbe probe = r->probe();
     if (!probe.answered) {
         qWarning("QTovelMixerApiRtAudio::updateDeviceList: the sound server does not answer");
         const QList<Device *> listed = devices();
@@ -175,6 +182,7 @@ bool QTovelMixerApiRtAudio::updateDeviceList()
         endDeviceUpdate();
         return false;
     }
+    r->listedGeneration = generation;
     beginDeviceUpdate();
     if (probe.threw)
         qWarning("QTovelMixerApiRtAudio::updateDeviceList: RtAudio :: getDeviceCount : exception "
@@ -200,6 +208,7 @@ bool QTovelMixerApiRtAudio::updateDeviceList()
 
 bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sampleRate)
 {
+    r->refresh();
     if (!r->audio || (!output && !input) || sampleRate < lowestRate || sampleRate > highestRate) {
         qWarning("QTovelMixerApiRtAudio::open: %s",
                  !r->audio           ? "Audio API is NULL!"
@@ -207,9 +216,7 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
                                      : "the sample rate lies outside 10 to 192000 Hz");
         return false;
     }
-    r->replaceClosed();
-    if (!r->audio)
-        return false;
+    const bool sameNumbers = r->listedGeneration == r->generation;
     const auto opening = std::make_shared<Opening>();
     opening->rate = sampleRate;
     unsigned frames = bufferFrames();
@@ -217,12 +224,12 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
         frames = std::max(device->minBufferFrames(), std::min(device->maxBufferFrames(), frames));
     };
     if (checkDevice(output) && output->canPlayback(false)) {
-        opening->outputDevice = identityFor(output, devices());
+        opening->outputDevice = identityFor(output, devices(), sameNumbers);
         opening->output.nChannels = output->numOutputChannels();
         clamp(output);
     }
     if (checkDevice(input) && input->canCapture(false)) {
-        opening->inputDevice = identityFor(input, devices());
+        opening->inputDevice = identityFor(input, devices(), sameNumbers);
         opening->input.nChannels = input->numInputChannels();
         clamp(input);
     }
@@ -232,8 +239,8 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
         (r->options.testFlag(ScheduleRealtime) ? RTAUDIO_SCHEDULE_REALTIME : 0u) |
         (r->options.testFlag(MinimizeLatency) ? RTAUDIO_MINIMIZE_LATENCY : 0u);
     // Without a number PulseAudio keeps far more than it needs.
-    const int buffers =
-        std::max(leastBuffers, int(std::ceil(leastServerBuffer * sampleRate / frames)));
+    const int buffers = std::max(
+        leastBuffers, int(std::ceil(leastServerBuffer * sampleRate / std::max(frames, 1u))));
     opening->options.numberOfBuffers = unsigned(buffers);
 
     // The instance outlives its own jobs.
@@ -243,7 +250,8 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
         qWarning("QTovelMixerApiRtAudio::open: the sound server does not answer");
         return false;
     }
-    if (!opening->found) {
+    r->audio->setProbed();
+    if (!opening->found && !opening->answer.threw) {
         if (!opening->answered)
             r->giveUpThisTurn();
         qWarning("QTovelMixerApiRtAudio::open: %s", opening->answered
@@ -277,19 +285,22 @@ bool QTovelMixerApiRtAudio::start()
         .item("open", isOpen())
         .item("running", isRunning())
         .item("sampleRate", sampleRate())
-        .item("inChannels", r->inputChannels)
-        .item("outChannels", r->outputChannels);
+        .item("inChannels", r->inputChannels.load())
+        .item("outChannels", r->outputChannels.load());
     rearmDeviceFailure();
     if (!isOpen())
         return false;
-    r->audio->beginStream(r->streamRate);
+    if (!isRunning())
+        r->audio->beginStream(r->streamRate);
     const auto answer = std::make_shared<Answer>();
     if (!r->callOrReplace(
             [answer](RtAudioDriver &driver) {
                 *answer = attempt(driver, [&] { return driver.startStream(); });
             },
-            stopTimeout))
+            stopTimeout)) {
+        qWarning("QTovelMixerApiRtAudio::start: the sound server does not answer");
         return false;
+    }
     if (logFailure(*answer, "start", "startStream :")) {
         r->noteError(answer->text);
         // Its server is gone, and a client that is left open would not survive the next probe.
@@ -339,7 +350,7 @@ bool QTovelMixerApiRtAudio::close()
     if (isOpen())
         r->closeOpen();
     else
-        r->replaceClosed();
+        r->refresh();
     r->closing = 0;
     r->dropBlocks();
     trace("RtAudio::close END");

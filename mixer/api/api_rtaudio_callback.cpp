@@ -57,8 +57,8 @@ int QTovelMixerApiRtAudio::RtAudioData::streamBlock(void *output, void *input, u
 int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *input, unsigned frames,
                                                  double streamTime, unsigned status) noexcept
 {
-    const size_t inputSamples = size_t(frames) * inputChannels;
-    const size_t outputSamples = size_t(frames) * outputChannels;
+    const size_t inputSamples = size_t(frames) * inputChannels.load(std::memory_order_relaxed);
+    const size_t outputSamples = size_t(frames) * outputChannels.load(std::memory_order_relaxed);
     const auto silence = [&](int answer) {
         if (output)
             std::fill_n(output, outputSamples, 0.0f);
@@ -112,7 +112,8 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
     const int answer =
         q->mixerCallback(*in, *out, frames, streamTime, (status & 3) | hardwareCallback);
     ++blocks;
-    if (nanoseconds() - begin > qint64(1e9 * frames / std::max(q->sampleRate(), 1u)))
+    if (nanoseconds() - begin >
+        qint64(1e9 * frames / std::max(streamRate.load(std::memory_order_relaxed), 1u)))
         ++lateBlocks;
 
     if (answer == callbackStop || answer == callbackAbort) {

@@ -25,7 +25,8 @@ using QTovelMixer::TraceLine;
 
 namespace {
 
-constexpr qint64 patience = 2150;        // ms that all missed calls together may take
+constexpr qint64 patience = 2000;        // ms that slow calls together may take
+constexpr qint64 quick = 250;            // ms of a call that count for nothing
 constexpr int makeTimeout = 200;         // ms that a fresh instance gets in any case
 constexpr int inFlightChecks = 100;      // 1 ms apart
 constexpr qint64 jackStuckTime = 10'000; // ms
@@ -78,10 +79,10 @@ void QTovelMixerApiRtAudio::RtAudioData::makeInstance()
     else if (!made.instance)
         qWarning("QTovelMixerApiRtAudio::Data: RtAudio does not answer");
     audio = made.instance;
-    if (audio) {
+    ++generation;
+    if (audio)
         api = audio->api();
-        apiInUse = api;
-    }
+    apiInUse = audio ? int(api) : -1;
     q->installDeviceFailureCallback();
 }
 
@@ -108,19 +109,38 @@ void QTovelMixerApiRtAudio::RtAudioData::giveUpThisTurn()
 // process does. One that hangs for long will hang for ever.
 bool QTovelMixerApiRtAudio::RtAudioData::isJackStuck() const
 {
-    const std::shared_ptr<Instance> stuck = orphan.lock();
-    return stuck && api == RtAudio::UNIX_JACK && !stuck->hasEnded() &&
-           sinceOrphan.elapsed() < jackStuckTime;
+    if (api != RtAudio::UNIX_JACK)
+        return false;
+    return std::any_of(orphans.begin(), orphans.end(), [](const Orphan &orphan) {
+        const std::shared_ptr<Instance> stuck = orphan.instance.lock();
+        return stuck && !stuck->hasEnded() && orphan.since.elapsed() < jackStuckTime;
+    });
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::addOrphan(const std::shared_ptr<Instance> &instance)
+{
+    std::erase_if(orphans, [](const Orphan &orphan) { return orphan.instance.expired(); });
+    orphans.push_back({instance, QElapsedTimer()});
+    orphans.back().since.start();
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::waitForOrphans()
+{
+    for (const Orphan &orphan : orphans) {
+        if (const std::shared_ptr<Instance> instance = orphan.instance.lock())
+            instance->detach(goneTimeout);
+    }
 }
 
 bool QTovelMixerApiRtAudio::RtAudioData::call(Instance::Job job, int timeout)
 {
     QElapsedTimer clock;
     clock.start();
-    if (audio->call(std::move(job), deadline(timeout)))
-        return true;
-    lose(clock.elapsed());
-    return false;
+    const bool back = audio->call(std::move(job), deadline(timeout));
+    const qint64 time = clock.elapsed();
+    if (!back || time > quick)
+        lose(back ? time - quick : time);
+    return back;
 }
 
 bool QTovelMixerApiRtAudio::RtAudioData::callOrReplace(Instance::Job job, int timeout)
@@ -155,18 +175,17 @@ RtAudioProbe QTovelMixerApiRtAudio::RtAudioData::probe()
     audio->setProbed();
     if (!again || listed->devices.empty())
         return *listed;
+    const QDeadlineTimer until = deadline(QTovelMixer::openTimeout);
     // Numbers are those of the instance that is in use; who is the default only a new one knows.
-    const std::shared_ptr<RtAudioInstance> fresh =
-        RtAudioInstance::make(api, deadline(QTovelMixer::openTimeout)).instance;
-    if (!fresh)
-        return *listed;
+    const std::shared_ptr<RtAudioInstance> fresh = RtAudioInstance::make(api, until).instance;
     const auto defaults = std::make_shared<RtAudioProbe>();
-    QElapsedTimer clock;
-    clock.start();
-    if (fresh->call(probing(defaults), deadline(QTovelMixer::openTimeout)))
+    if (fresh && fresh->call(probing(defaults), until))
         QTovelMixer::adoptDefaults(listed->devices, defaults->devices);
-    if (!fresh->end(fresh->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout)))
-        lose(clock.elapsed());
+    if (!fresh || !fresh->end(fresh->isStuck() ? QDeadlineTimer(0) : until)) {
+        if (fresh)
+            addOrphan(fresh);
+        giveUpThisTurn();
+    }
     return *listed;
 }
 
@@ -257,18 +276,18 @@ void QTovelMixerApiRtAudio::RtAudioData::dropBlocks()
 
 void QTovelMixerApiRtAudio::RtAudioData::retire(int timeout)
 {
+    audio->detach(timeout);
     const std::shared_ptr<RtAudioInstance> old = std::exchange(audio, nullptr);
-    old->detach(timeout);
     dropBlocks();
-    if (old->isStuck() || old->isRunning()) {
+    if (old->isStuck() || old->isRunning())
         qWarning("QTovelMixerApiRtAudio::Data::delete_audio_mixer: RtAudio instance orphaned by a "
                  "wedged teardown thread -- leaking instead of deleting.");
-        orphan = old;
-        sinceOrphan.start();
-    }
     QElapsedTimer clock;
     clock.start();
-    if (!old->end(old->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout)))
+    const bool ended = old->end(old->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout));
+    if (!ended || old->isRunning())
+        addOrphan(old);
+    if (!ended)
         lose(clock.elapsed());
 }
 
@@ -289,13 +308,15 @@ void QTovelMixerApiRtAudio::RtAudioData::replaceWedged()
 
 void QTovelMixerApiRtAudio::RtAudioData::replaceUsed()
 {
-    retire(goneTimeout);
+    retire(inFlightChecks);
     makeInstance();
 }
 
-void QTovelMixerApiRtAudio::RtAudioData::replaceClosed()
+void QTovelMixerApiRtAudio::RtAudioData::refresh()
 {
-    if (audio && audio->wasUsed() && !audio->isOpen())
+    if (!audio && generation > 1)
+        makeInstance();
+    else if (audio && audio->wasUsed() && !audio->isOpen())
         replaceUsed();
 }
 
@@ -303,18 +324,19 @@ void QTovelMixerApiRtAudio::RtAudioData::replaceClosed()
 
 void QTovelMixerApiRtAudio::RtAudioData::noteError(const std::string &text)
 {
+    if (text.empty())
+        return;
     const QMutexLocker locker(&errorMutex);
     lastError = QString::fromStdString(text);
 }
 
-void QTovelMixerApiRtAudio::RtAudioData::streamError(RtAudioErrorType type, const std::string &text,
-                                                     Instance &instance)
+void QTovelMixerApiRtAudio::RtAudioData::streamError(const std::string &text)
 {
     noteError(text);
-    const bool inUse = type == RTAUDIO_DRIVER_ERROR || type == RTAUDIO_SYSTEM_ERROR ||
-                       type == RTAUDIO_THREAD_ERROR;
-    if (type != RTAUDIO_DEVICE_DISCONNECT && !(inUse && instance.isRunning()))
-        return;
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::streamLost(Instance &instance)
+{
     q->reportDeviceFailure();
     if (instance.api() == RtAudio::WINDOWS_DS && instance.isRunning()) {
         qInfo("QTovelMixerApiRtAudio__ErrorCallback: DirectSound device failed in use -- aborting "
@@ -322,11 +344,6 @@ void QTovelMixerApiRtAudio::RtAudioData::streamError(RtAudioErrorType type, cons
         instance.post(
             [](RtAudioDriver &driver) { attempt(driver, [&] { return driver.abortStream(); }); });
     }
-}
-
-void QTovelMixerApiRtAudio::RtAudioData::streamLost()
-{
-    q->reportDeviceFailure();
 }
 
 QTovelMixerApiRtAudio::StreamStatus QTovelMixerApiRtAudio::RtAudioData::status() const

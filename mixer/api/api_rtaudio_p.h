@@ -48,17 +48,24 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     std::atomic<Block *> outputBlock{nullptr};
     std::atomic<Instance *> streaming{nullptr}; ///< whose blocks these are
     std::atomic<int> apiInUse{-1}; ///< of the instance; failures are reported from other threads
-    unsigned inputChannels = 0;
-    unsigned outputChannels = 0;
+    std::atomic<unsigned> inputChannels{0};
+    std::atomic<unsigned> outputChannels{0};
+    std::atomic<unsigned> streamRate{0};
     std::atomic<qint32> closing{0};
     std::atomic<qint32> callbacksInFlight{0};
     QFlags<Option> options;
 
     qint64 timeLost = 0; ///< ms spent on calls that did not come back, since the event loop turned
-    std::weak_ptr<Instance> orphan; ///< the last one that was retired while it hung
-    QElapsedTimer sinceOrphan;
-    unsigned streamRate = 0;
-    int buffers = 0; ///< blocks that the interface was asked to keep
+    /// Instances that were left to themselves, and since when.
+    struct Orphan
+    {
+        std::weak_ptr<Instance> instance;
+        QElapsedTimer since;
+    };
+    std::vector<Orphan> orphans;
+    quint64 generation = 0;       ///< counts the instances
+    quint64 listedGeneration = 0; ///< the one that numbered the listed devices
+    int buffers = 0;              ///< blocks that the interface was asked to keep
 
     std::atomic<quint64> blocks{0};
     std::atomic<quint64> overflows{0};
@@ -78,6 +85,9 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     /// Runs `job` on the instance. False when it did not come back.
     bool call(Instance::Job job, int timeout);
     bool isJackStuck() const;
+    void addOrphan(const std::shared_ptr<Instance> &instance);
+    /// Leaves nobody inside this object.
+    void waitForOrphans();
     /// The same, and the instance is replaced when it did not come back.
     bool callOrReplace(Instance::Job job, int timeout);
     /// Counts time that a missed call took, until the event loop turns.
@@ -96,16 +106,16 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     void retire(int timeout);
     void replaceWedged();
     void replaceUsed();
-    /// Replaces an instance whose stream has closed by itself.
-    void replaceClosed();
+    /// Replaces an instance whose stream has closed by itself, or that could not be made.
+    void refresh();
 
     void noteError(const std::string &text);
     StreamStatus status() const;
 
     int streamBlock(void *output, void *input, unsigned frames, double streamTime,
                     unsigned status) noexcept override;
-    void streamError(RtAudioErrorType type, const std::string &text, Instance &instance) override;
-    void streamLost() override;
+    void streamError(const std::string &text) override;
+    void streamLost(Instance &instance) override;
     int runBlock(float *output, const float *input, unsigned frames, double streamTime,
                  unsigned status) noexcept;
 };

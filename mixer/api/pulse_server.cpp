@@ -53,13 +53,17 @@ struct Question
 
     Question(const PulseLibrary &library, int timeout)
         : pulse(library), deadline(timeout, Qt::PreciseTimer), loop(pulse.pa_mainloop_new()),
-          context(pulse.pa_context_new(pulse.pa_mainloop_get_api(loop), "device probe"))
+          context(loop ? pulse.pa_context_new(pulse.pa_mainloop_get_api(loop), "device probe")
+                       : nullptr)
     {}
     ~Question()
     {
-        pulse.pa_context_disconnect(context);
-        pulse.pa_context_unref(context);
-        pulse.pa_mainloop_free(loop);
+        if (context) {
+            pulse.pa_context_disconnect(context);
+            pulse.pa_context_unref(context);
+        }
+        if (loop)
+            pulse.pa_mainloop_free(loop);
     }
     Q_DISABLE_COPY_MOVE(Question)
 
@@ -77,6 +81,8 @@ struct Question
 
 PulseServerState Question::connectToServer()
 {
+    if (!context)
+        return PulseServerState::NoAnswer;
     if (pulse.pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
         return PulseServerState::NoServer;
     for (;;) {

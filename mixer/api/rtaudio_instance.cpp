@@ -2,6 +2,8 @@
 // The control thread: making, calling, ending.
 #include <mixer/api/rtaudio_instance_p.h>
 
+#include <QtCore/QDebug>
+
 #include <utility>
 
 namespace QTovelMixer {
@@ -13,6 +15,7 @@ constexpr int lookInterval = 20; // ms
 // deleted under it ends the process.
 constexpr int disconnectDelay = 250;  // ms that it may take to begin
 constexpr int ownCloseTimeout = 2000; // ms that it may take
+constexpr int idleInterval = 1000;    // ms, after a stream
 
 } // namespace
 
@@ -45,16 +48,20 @@ void RtAudioInstance::run(RtAudio::Api api)
         receiveError(type, text);
     };
     std::unique_ptr<RtAudioDriver> driver;
+    RtAudio::Api actual = RtAudio::UNSPECIFIED;
     bool threw = false;
     try {
         driver = rtAudioSystem().makeDriver(api, onError);
+        if (driver)
+            actual = driver->currentApi();
     } catch (...) {
         threw = true;
+        driver.reset();
     }
     {
         const QMutexLocker locker(&m_mutex);
         m_driver = std::move(driver);
-        m_api = m_driver ? m_driver->currentApi() : RtAudio::UNSPECIFIED;
+        m_api = actual;
         m_threw = threw;
         m_ready = true;
         m_changed.wakeAll();
@@ -67,7 +74,7 @@ void RtAudioInstance::run(RtAudio::Api api)
 
 void RtAudioInstance::work()
 {
-    bool wasOpen = false;
+    bool used = false;
     QMutexLocker locker(&m_mutex);
     for (;;) {
         if (!m_jobs.empty()) {
@@ -83,14 +90,16 @@ void RtAudioInstance::work()
         locker.unlock();
         // Once more after RtAudio has closed a stream by itself: it has left a word why.
         const bool open = m_driver->isStreamOpen();
-        if (open || wasOpen || m_disconnectPending)
+        if (open || used || m_disconnectPending)
             lookAfterStream(open);
-        wasOpen = open;
         const bool again = open || m_disconnectPending;
         locker.relock();
+        // Words of RtAudio's own threads may come a little after the stream has closed.
+        used = used || open;
         if (m_jobs.empty() && !m_ending)
-            m_changed.wait(&m_mutex, again ? QDeadlineTimer(lookInterval)
-                                           : QDeadlineTimer(QDeadlineTimer::Forever));
+            m_changed.wait(&m_mutex, again  ? QDeadlineTimer(lookInterval)
+                                     : used ? QDeadlineTimer(idleInterval)
+                                            : QDeadlineTimer(QDeadlineTimer::Forever));
     }
 }
 
@@ -111,7 +120,7 @@ void leak(std::shared_ptr<RtAudioInstance> orphan)
 void RtAudioInstance::finish()
 {
     if (!m_abandoned)
-        waitForOwnClose();
+        waitForOwnEnd();
     writeNotes();
     if (m_abandoned || m_driver->isStreamRunning() ||
         (m_disconnected && m_driver->isStreamOpen())) {
@@ -124,8 +133,12 @@ void RtAudioInstance::finish()
     m_changed.wakeAll();
 }
 
-void RtAudioInstance::waitForOwnClose()
+void RtAudioInstance::waitForOwnEnd()
 {
+    // A start that came back late: its muted callback ends the stream.
+    const QDeadlineTimer end(ownCloseTimeout);
+    while (m_late && m_driver->isStreamRunning() && !end.hasExpired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));
     if (m_api != RtAudio::UNIX_JACK || !m_driver->isStreamOpen())
         return;
     const QDeadlineTimer begin(disconnectDelay);
@@ -146,7 +159,11 @@ bool RtAudioInstance::call(Job job, const QDeadlineTimer &deadline)
     };
     const auto pending = std::make_shared<Pending>();
     post([pending, job = std::move(job)](RtAudioDriver &driver) {
-        job(driver);
+        try {
+            job(driver);
+        } catch (...) {
+            qWarning("QTovelMixerApiRtAudio: RtAudio :: exception received!");
+        }
         const QMutexLocker locker(&pending->mutex);
         pending->isDone = true;
         pending->done.wakeAll();
@@ -156,9 +173,12 @@ bool RtAudioInstance::call(Job job, const QDeadlineTimer &deadline)
         if (!pending->done.wait(&pending->mutex, deadline))
             break;
     }
-    if (!pending->isDone)
-        m_stuck = true;
-    return pending->isDone;
+    if (pending->isDone)
+        return true;
+    m_stuck = true;
+    const QMutexLocker jobs(&m_mutex);
+    m_jobs.clear(); // what has not begun must not begin now
+    return false;
 }
 
 void RtAudioInstance::post(Job job)
@@ -180,6 +200,7 @@ bool RtAudioInstance::end(const QDeadlineTimer &deadline)
 {
     QMutexLocker locker(&m_mutex);
     m_ending = true;
+    m_late = m_stuck;
     m_changed.wakeAll();
     while (!m_ended) {
         if (!m_changed.wait(&m_mutex, deadline))

@@ -28,10 +28,9 @@ public:
     virtual int streamBlock(void *output, void *input, unsigned frames, double streamTime,
                             unsigned status) noexcept = 0;
     /// RtAudio reported an error. Threads: the control thread, or main.
-    virtual void streamError(RtAudioErrorType type, const std::string &text,
-                             RtAudioInstance &instance) = 0;
-    /// The device has died. Threads: the control thread.
-    virtual void streamLost() = 0;
+    virtual void streamError(const std::string &text) = 0;
+    /// The device has failed. Threads: the control thread, or main.
+    virtual void streamLost(RtAudioInstance &instance) = 0;
 
 protected:
     ~RtAudioOwner() = default;
@@ -141,8 +140,8 @@ private:
     void run(RtAudio::Api api);
     void work();
     void finish();
-    void waitForOwnClose();
-    void handleError(RtAudioErrorType type, const std::string &text);
+    void waitForOwnEnd();
+    void handleError(const std::string &text);
     void receiveError(RtAudioErrorType type, const std::string &text);
     int streamBlock(void *output, void *input, unsigned frames, double streamTime,
                     unsigned status) noexcept;
@@ -150,7 +149,9 @@ private:
     void writeNotes();
     void readScheduling();
     bool hasStalled();
+    bool isFailure(RtAudioErrorType type) const;
     void reportDisconnect();
+    void reportLoss();
 
     std::atomic<RtAudioOwner *> m_owner{nullptr};
     std::atomic<int> m_inside{0};
@@ -178,10 +179,12 @@ private:
     std::atomic<quint64> m_blocks{0};
     std::atomic<quint64> m_warnings{0};
     std::atomic<quint64> m_warningsAtBlock{0}; ///< when the last block came
-    std::atomic<bool> m_failed{false};
+    std::atomic<bool> m_failed{false};         ///< it plays silence and ends
+    std::atomic<bool> m_lost{false};           ///< to be reported
     std::atomic<bool> m_started{false};
     std::atomic<bool> m_disconnected{false};
     std::atomic<bool> m_abandoned{false};
+    std::atomic<bool> m_late{false}; ///< retired while a call hung
     std::atomic<long> m_latency{0};
     std::atomic<quintptr> m_audioThread{0};
     std::atomic<int> m_policy{-1};
@@ -190,6 +193,7 @@ private:
     // The control thread's look at it.
     bool m_reported = false;
     bool m_disconnectPending = false;
+    bool m_disconnectSeen = false;
     QElapsedTimer m_sinceDisconnect;
     QElapsedTimer m_sinceBlock;
     quint64 m_seenBlocks = 0;

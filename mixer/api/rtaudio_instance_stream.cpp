@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The stream: its callback, its errors, and the look after it.
+#include <mixer/api/rtaudio_answer_p.h>
 #include <mixer/api/rtaudio_instance_p.h>
 
 #include <QtCore/QDebug>
@@ -27,6 +28,7 @@ void RtAudioInstance::beginStream(unsigned rate)
     m_warnings = 0;
     m_warningsAtBlock = 0;
     m_failed = false;
+    m_lost = false;
     m_audioThread = 0;
     m_policy = -1;
     post([this](RtAudioDriver &) {
@@ -69,36 +71,60 @@ int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, dou
     return visit.owner->streamBlock(output, input, frames, streamTime, status);
 }
 
-// RtAudio calls from the control thread, from its audio threads, and from threads of its own.
+bool RtAudioInstance::isFailure(RtAudioErrorType type) const
+{
+    const bool inUse = type == RTAUDIO_DRIVER_ERROR || type == RTAUDIO_SYSTEM_ERROR ||
+                       type == RTAUDIO_THREAD_ERROR;
+    return type == RTAUDIO_DEVICE_DISCONNECT || (inUse && isRunning());
+}
+
+// RtAudio calls from the control thread, from its audio threads, and from threads of its own. What
+// an error means is decided at once, since the stream may end before anybody looks.
 void RtAudioInstance::receiveError(RtAudioErrorType type, const std::string &text)
 {
     const std::thread::id caller = std::this_thread::get_id();
     if (caller == m_controlId.load() || caller == m_maker) {
-        handleError(type, text);
+        handleError(text);
+        if (isFailure(type))
+            reportLoss();
         return;
     }
     if (type == RTAUDIO_WARNING)
         m_warnings.fetch_add(1, std::memory_order_relaxed);
     if (type == RTAUDIO_DEVICE_DISCONNECT && m_api == RtAudio::UNIX_JACK)
         m_disconnected = true;
+    else if (isFailure(type))
+        m_lost = true;
     m_notes.push(type, text);
 }
 
-void RtAudioInstance::handleError(RtAudioErrorType type, const std::string &text)
+void RtAudioInstance::handleError(const std::string &text)
 {
     qInfo().nospace().noquote() << errorPrefix << QString::fromStdString(text);
     const Visit visit(*this);
     if (visit.owner)
-        visit.owner->streamError(type, text, *this);
+        visit.owner->streamError(text);
+}
+
+void RtAudioInstance::reportLoss()
+{
+    const Visit visit(*this);
+    if (visit.owner)
+        visit.owner->streamLost(*this);
 }
 
 void RtAudioInstance::lookAfterStream(bool open)
 {
     writeNotes();
     reportDisconnect();
-    if (!open)
+    if (m_lost.exchange(false))
+        reportLoss();
+    if (!open || m_disconnected)
         return;
-    m_latency = m_driver->latency();
+    attempt(*m_driver, [this] {
+        m_latency = m_driver->latency();
+        return RTAUDIO_NO_ERROR;
+    });
     if (m_policy < 0)
         readScheduling();
     if (m_reported)
@@ -108,14 +134,13 @@ void RtAudioInstance::lookAfterStream(bool open)
         qWarning("QTovelMixerApiRtAudio: the device has stopped asking for blocks -- aborting the "
                  "stream");
         m_failed = true;
-        m_driver->abortStream();
     }
     if (!m_failed)
         return;
     m_reported = true;
-    const Visit visit(*this);
-    if (visit.owner)
-        visit.owner->streamLost();
+    reportLoss();
+    if (stalled)
+        attempt(*m_driver, [this] { return m_driver->abortStream(); });
 }
 
 void RtAudioInstance::writeNotes()
@@ -123,39 +148,34 @@ void RtAudioInstance::writeNotes()
     NoteQueue::Note note;
     quint64 left = 0;
     for (int written = 0; m_notes.pop(note);) {
-        const QByteArray text(note.text.data(), qsizetype(note.length));
-        if (note.kind != RTAUDIO_WARNING && note.kind != warningNote) {
-            // JACK's own teardown must have ended before the stream is touched.
-            if (note.kind == RTAUDIO_DEVICE_DISCONNECT && m_api == RtAudio::UNIX_JACK) {
-                qInfo().nospace().noquote() << errorPrefix << QString::fromUtf8(text);
-                m_disconnectPending = true;
-                m_sinceDisconnect.start();
-            } else {
-                handleError(RtAudioErrorType(note.kind), text.toStdString());
-            }
-        } else if (++written > loggedNotes) {
+        const std::string text(note.view());
+        const bool warning = note.kind == RTAUDIO_WARNING || note.kind == warningNote;
+        if (warning && ++written > loggedNotes)
             ++left;
-        } else if (note.kind == warningNote) {
-            qWarning().nospace().noquote() << QString::fromUtf8(text);
-        } else {
-            handleError(RTAUDIO_WARNING, text.toStdString());
-        }
+        else if (note.kind == warningNote)
+            qWarning("%s", text.c_str());
+        else
+            handleError(text);
     }
     left += m_notes.takeLost();
     if (left > 0)
         qInfo().nospace().noquote() << errorPrefix << "and " << left << " more";
 }
 
+// JACK's own teardown must have ended before anybody touches the stream.
 void RtAudioInstance::reportDisconnect()
 {
+    if (m_disconnected && !m_disconnectSeen) {
+        m_disconnectSeen = true;
+        m_disconnectPending = true;
+        m_sinceDisconnect.start();
+    }
     if (!m_disconnectPending ||
         (m_driver->isStreamOpen() && m_sinceDisconnect.elapsed() < disconnectTime))
         return;
     m_disconnectPending = false;
     m_reported = true;
-    const Visit visit(*this);
-    if (visit.owner)
-        visit.owner->streamLost();
+    reportLoss();
 }
 
 // Servers that change their block size say so once, and never call again.

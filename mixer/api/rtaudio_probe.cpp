@@ -34,7 +34,7 @@ RtAudioProbe probeDevices(RtAudioDriver &driver)
 RtAudioIdentity identityOf(const RtAudio::DeviceInfo &device,
                            const std::vector<RtAudio::DeviceInfo> &among)
 {
-    RtAudioIdentity identity{device, 0};
+    RtAudioIdentity identity{device, 0, true};
     for (const RtAudio::DeviceInfo &other : among) {
         if (alike(other, device) && other.ID < device.ID)
             ++identity.place;
@@ -51,7 +51,7 @@ const RtAudio::DeviceInfo *findIdentity(const RtAudioIdentity &identity,
     for (const RtAudio::DeviceInfo &device : devices) {
         if (!alike(device, identity.info))
             continue;
-        if (device.ID == identity.info.ID)
+        if (identity.numbered && device.ID == identity.info.ID)
             return &device;
         if (!first)
             first = &device;
@@ -66,9 +66,8 @@ void adoptDefaults(std::vector<RtAudio::DeviceInfo> &devices,
 {
     const std::vector<RtAudio::DeviceInfo> before = devices;
     for (RtAudio::DeviceInfo &device : devices) {
-        // By place alone: numbers of another instance mean nothing here.
         RtAudioIdentity identity = identityOf(device, before);
-        identity.info.ID = 0;
+        identity.numbered = false;
         if (const RtAudio::DeviceInfo *found = findIdentity(identity, fresh)) {
             device.isDefaultOutput = found->isDefaultOutput;
             device.isDefaultInput = found->isDefaultInput;

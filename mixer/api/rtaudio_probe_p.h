@@ -22,6 +22,7 @@ struct RtAudioIdentity
 {
     RtAudio::DeviceInfo info;
     size_t place = 0;
+    bool numbered = true; ///< its number comes from the instance that is searched
 };
 
 RtAudioIdentity identityOf(const RtAudio::DeviceInfo &device,

@@ -29,7 +29,10 @@ bool StreamWatch::tooFast(unsigned frames, qint64 now) noexcept
     bool fast = false;
     if (elapsed >= measuredTime) {
         const double played = double(elapsed) * 1e-9 * double(m_rate);
-        fast = double(m_frames) > fastest * played + double(prefill) * frames;
+        // A block may fall on either side of the measurement's ends.
+        const double filling = double(m_mayFill ? prefill : 1) * frames;
+        fast = double(m_frames) > fastest * played + filling;
+        m_mayFill = elapsed > pause;
         m_since = now;
         m_frames = 0;
     }

@@ -17,6 +17,7 @@ public:
     static constexpr qint64 measuredTime = 100'000'000; ///< ns
     /// Blocks that a server may take at once, to fill its buffer at the start or after a pause.
     static constexpr int prefill = 16;
+    static constexpr qint64 pause = measuredTime * 3 / 2; ///< ns
 
     /// `paced`: the interface never runs faster than its hardware (JACK may).
     void begin(unsigned rate, bool paced) noexcept;
@@ -31,6 +32,7 @@ private:
     unsigned m_rate = 0;
     bool m_paced = true;
     bool m_first = true;
+    bool m_mayFill = true;
     int m_failing = 0;
     quint64 m_warnings = 0;
     qint64 m_since = 0;

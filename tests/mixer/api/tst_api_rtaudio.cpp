@@ -41,6 +41,7 @@ private slots:
     void open_passesOptionsAndBuffers();
     void open_findsTheDevice_whenNumbersChanged();
     void open_fails_whenTheDeviceIsGone();
+    void open_reportsASilentServer();
     void open_reportsErrorsAndExceptions();
     void showControlPanel_hasNone();
 };
@@ -301,6 +302,17 @@ void tst_ApiRtAudio::updateDeviceList_keepsEqualNamesApart()
     script.setDevices({{"Twin", 2, 0, false, false}, {"Twin", 2, 0, true, false}}, 400);
     QVERIFY(api->open(api->devices().at(1), nullptr, 48000));
     QCOMPARE(script.askedOutput.deviceId, 401u);
+    // A number that another connection gave means nothing: the first twin has the second's now.
+    script.setDevices(
+        {{"X", 2, 0, false, false}, {"Twin", 2, 0, false, false}, {"Twin", 2, 0, true, false}});
+    QVERIFY(api->close());
+    QVERIFY(api->updateDeviceList());
+    QVERIFY(api->open(api->devices().at(1), nullptr, 48000));
+    QCOMPARE(script.askedOutput.deviceId, 130u);
+    QVERIFY(api->close());
+    script.setDevices({{"Twin", 2, 0, false, false}, {"Twin", 2, 0, true, false}});
+    QVERIFY(api->open(api->devices().at(1), nullptr, 48000));
+    QCOMPARE(script.askedOutput.deviceId, 129u);
 }
 
 void tst_ApiRtAudio::open_refusesBadArguments()
@@ -434,6 +446,19 @@ void tst_ApiRtAudio::open_fails_whenTheDeviceIsGone()
     QCOMPARE(log.texts(),
              QStringList{"QTovelMixerApiRtAudio::open: the device is not there any more"});
     QVERIFY(!api->isOpen());
+}
+
+void tst_ApiRtAudio::open_reportsASilentServer()
+{
+    Script script;
+    const auto api = makeApi();
+    QVERIFY(api->updateDeviceList());
+    script.silentServer = true;
+    const LogCapture log;
+    QVERIFY(!api->open(output(*api), nullptr, 48000));
+    QCOMPARE(log.texts(),
+             QStringList{"QTovelMixerApiRtAudio::open: the sound server does not answer"});
+    QCOMPARE(script.count("open"), 0);
 }
 
 void tst_ApiRtAudio::open_reportsErrorsAndExceptions()

@@ -29,6 +29,7 @@ private slots:
     void stop_retires_whatDoesNotComeBack();
     void close_leavesAFreshInstance();
     void close_reportsExceptions();
+    void exceptions_areNamed_whereTheyHappen();
     void close_retires_whatDoesNotComeBack();
     void open_and_updateDeviceList_giveUpInTime();
     void calls_shareOnePatience();
@@ -285,6 +286,30 @@ void tst_ApiRtAudioFailure::close_reportsExceptions()
     QVERIFY(stream.api.close());
 }
 
+void tst_ApiRtAudioFailure::exceptions_areNamed_whereTheyHappen()
+{
+    Stream stream;
+    stream.script.act("abort", Script::Throw);
+    stream.api.close();
+    QCOMPARE(stream.warnings(),
+             QStringList{"QTovelMixerApiRtAudio::close: RtAudio :: abortStream : exception "
+                         "received!"});
+    QVERIFY(stream.api.open(stream.api.defaultDevice(DeviceKind::Output), nullptr, 48000));
+    QVERIFY(stream.api.start());
+    stream.log.clear();
+    stream.script.act("close", Script::Throw);
+    stream.script.leaked = 1;
+    stream.api.stop();
+    QCOMPARE(stream.warnings(),
+             (QStringList{"QTovelMixerApiRtAudio::stop: RtAudio :: stopStream: exception received!",
+                          wedged,
+                          "QTovelMixerApiRtAudio::stop: RtAudio :: closeStream : exception "
+                          "received! (orphan retire)",
+                          leaked}));
+    stream.script.act("abort", Script::Work);
+    stream.script.act("close", Script::Work);
+}
+
 void tst_ApiRtAudioFailure::close_retires_whatDoesNotComeBack()
 {
     Stream stream;
@@ -345,12 +370,16 @@ void tst_ApiRtAudioFailure::errors_reportTheRightOnes_data()
     QTest::addColumn<int>("type");
     QTest::addColumn<bool>("running");
     QTest::addColumn<int>("reports");
+    QTest::addColumn<bool>("foreign");
     for (int type = RTAUDIO_NO_ERROR; type <= RTAUDIO_THREAD_ERROR; ++type) {
         const bool always = type == RTAUDIO_DEVICE_DISCONNECT;
         const bool inUse = type == RTAUDIO_DRIVER_ERROR || type == RTAUDIO_SYSTEM_ERROR ||
                            type == RTAUDIO_THREAD_ERROR;
-        QTest::addRow("%d, running", type) << type << true << int(always || inUse);
-        QTest::addRow("%d, stopped", type) << type << false << int(always);
+        QTest::addRow("%d, running", type) << type << true << int(always || inUse) << false;
+        QTest::addRow("%d, stopped", type) << type << false << int(always) << false;
+        QTest::addRow("%d, running, system thread", type)
+            << type << true << int(always || inUse) << true;
+        QTest::addRow("%d, stopped, system thread", type) << type << false << int(always) << true;
     }
 }
 
@@ -359,10 +388,23 @@ void tst_ApiRtAudioFailure::errors_reportTheRightOnes()
     QFETCH(int, type);
     QFETCH(bool, running);
     QFETCH(int, reports);
+    QFETCH(bool, foreign);
     Stream stream(Alsa, running);
-    stream.script.error(RtAudioErrorType(type), "what happened");
-    QCOMPARE(stream.log.texts(QtInfoMsg),
-             QStringList{"QTovelMixerApiRtAudio__ErrorCallback: what happened"});
+    if (foreign) {
+        std::thread system([&] {
+            stream.script.error(RtAudioErrorType(type), "what happened");
+            // Seen as it was, not as it is when somebody looks.
+            stream.script.last.load()->running = false;
+        });
+        system.join();
+        QTRY_COMPARE(
+            stream.log.count(QtInfoMsg, "QTovelMixerApiRtAudio__ErrorCallback: what happened"), 1);
+        QTRY_COMPARE(stream.log.count(QtCriticalMsg, failureOf("Alsa")), reports);
+    } else {
+        stream.script.error(RtAudioErrorType(type), "what happened");
+        QCOMPARE(stream.log.texts(QtInfoMsg),
+                 QStringList{"QTovelMixerApiRtAudio__ErrorCallback: what happened"});
+    }
     QCOMPARE(stream.log.count(QtCriticalMsg, failureOf("Alsa")), reports);
     QCOMPARE(stream.api.streamStatus().lastError, QStringLiteral("what happened"));
     QCoreApplication::processEvents();
@@ -419,7 +461,6 @@ void tst_ApiRtAudioFailure::directSound_abortsWhatFailedInUse()
 
 void tst_ApiRtAudioFailure::warnings_areLoggedEightAtATime()
 {
-    // JACK, whose warnings alone are no failure while no blocks come.
     Stream stream(Alsa);
     std::thread audio([&] {
         for (int i = 0; i < 1000; ++i)
@@ -428,8 +469,11 @@ void tst_ApiRtAudioFailure::warnings_areLoggedEightAtATime()
     audio.join();
     QTRY_VERIFY(stream.log.contains("QTovelMixerApiRtAudio__ErrorCallback: and "));
     int counted = 0;
+    int inARow = 0;
     for (const QString &text : stream.log.texts(QtInfoMsg)) {
         const QString rest = text.mid(int(strlen("QTovelMixerApiRtAudio__ErrorCallback: ")));
+        inARow = rest == "dead" ? inARow + 1 : 0;
+        QVERIFY(inARow <= 8);
         counted += rest.startsWith("and ") ? rest.split(' ').at(1).toInt() : int(rest == "dead");
     }
     QTRY_COMPARE(counted, 1000);
