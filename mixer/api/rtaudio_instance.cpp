@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The control thread: making, calling, ending.
+#include <mixer/api/rtaudio_answer_p.h>
 #include <mixer/api/rtaudio_instance_p.h>
 
 #include <QtCore/QDebug>
@@ -135,7 +136,9 @@ void RtAudioInstance::finish()
 
 void RtAudioInstance::waitForOwnEnd()
 {
-    // A start that came back late: its muted callback ends the stream.
+    // A start that came back late: its muted callback ends the stream, but for JACK's.
+    if (m_late && m_api == RtAudio::UNIX_JACK && !m_disconnected && m_driver->isStreamRunning())
+        attempt(*m_driver, [this] { return m_driver->abortStream(); });
     const QDeadlineTimer end(ownCloseTimeout);
     while (m_late && m_driver->isStreamRunning() && !end.hasExpired())
         std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));

@@ -29,6 +29,7 @@ void RtAudioInstance::beginStream(unsigned rate)
     m_warningsAtBlock = 0;
     m_failed = false;
     m_lost = false;
+    m_endAsked = false;
     m_audioThread = 0;
     m_policy = -1;
     post([this](RtAudioDriver &) {
@@ -41,8 +42,14 @@ void RtAudioInstance::beginStream(unsigned rate)
 int RtAudioInstance::streamCallback(void *output, void *input, unsigned frames, double streamTime,
                                     RtAudioStreamStatus status, void *userData) noexcept
 {
-    return static_cast<RtAudioInstance *>(userData)->streamBlock(output, input, frames, streamTime,
-                                                                 status);
+    auto &instance = *static_cast<RtAudioInstance *>(userData);
+    const int answer = instance.streamBlock(output, input, frames, streamTime, status);
+    if (answer == 0 || instance.m_api != RtAudio::UNIX_JACK)
+        return answer;
+    // On JACK RtAudio would stop the stream from a thread of its own, beside what the control
+    // thread does with it: two that take one client down.
+    instance.m_endAsked = true;
+    return 0;
 }
 
 int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, double streamTime,
@@ -127,6 +134,8 @@ void RtAudioInstance::lookAfterStream(bool open)
     });
     if (m_policy < 0)
         readScheduling();
+    if (m_endAsked.exchange(false) && m_driver->isStreamRunning())
+        attempt(*m_driver, [this] { return m_driver->abortStream(); });
     if (m_reported)
         return;
     const bool stalled = hasStalled();

@@ -43,6 +43,7 @@ private slots:
     void runawayDevice_isReportedOnce();
     void stalledDevice_isAbortedAndReported();
     void jack_reportsItsEnd_whenTheStreamIsClosed();
+    void jack_isNeverAskedToStopByItself();
     void deletion_waitsForNobody_whoHangs();
 };
 
@@ -549,6 +550,23 @@ void tst_ApiRtAudioFailure::jack_reportsItsEnd_whenTheStreamIsClosed()
     stream.api.close();
     // Nothing is asked of what closed by itself; a fresh one takes its place.
     QCOMPARE(stream.script.callsMade(), QStringList{"make"});
+}
+
+void tst_ApiRtAudioFailure::jack_isNeverAskedToStopByItself()
+{
+    Stream stream(Jack);
+    stream.api.setEngine(nullptr); // every block asks for an abort now
+    std::vector<float> output(64, 0.5f);
+    stream.script.clearCalls();
+    std::thread audio([&] {
+        if (stream.script.block(output.data(), nullptr, 32) != 0)
+            output[0] = 1.0f;
+    });
+    audio.join();
+    QCOMPARE(output, std::vector<float>(64, 0.0f));
+    QTRY_COMPARE(stream.script.callsMade(), QStringList{"abort"});
+    QTRY_VERIFY(!stream.api.isRunning());
+    QVERIFY(stream.api.isOpen());
 }
 
 void tst_ApiRtAudioFailure::deletion_waitsForNobody_whoHangs()
