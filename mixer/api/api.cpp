@@ -323,13 +323,13 @@ int Api::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16
     static_assert(notReady == Engine::BlockNotReady);
     if (!d->engine)
         return callbackAbort;
-    return d->engine->mixWhenReady(input, output, frames, streamTime, milliseconds);
+    return d->engine.load()->mixWhenReady(input, output, frames, streamTime, milliseconds);
 }
 
 void Api::wakeMix()
 {
     if (d->engine)
-        d->engine->wakeMix();
+        d->engine.load()->wakeMix();
 }
 
 quint64 Api::blocksDroppedByEngine() const

@@ -181,6 +181,7 @@ private:
     std::atomic<quint64> m_warningsAtBlock{0}; ///< when the last block came
     std::atomic<bool> m_failed{false};         ///< it plays silence and ends
     std::atomic<bool> m_lost{false};           ///< to be reported
+    std::atomic<bool> m_endAsked{false};       ///< the control thread shall end the stream
     std::atomic<bool> m_started{false};
     std::atomic<bool> m_disconnected{false};
     std::atomic<bool> m_abandoned{false};
