@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/device_choice.h>
 
+#include <mixer/api/api_virtual.h>
+
 namespace tovelmix {
 
 using QTovelMixer::Api;
@@ -16,6 +18,21 @@ QString others(const QString &used)
     QStringList names = QTovelMixerApiRtAudio::getAvailableBackends();
     names.removeAll(used);
     return names.isEmpty() ? QString() : QString("; --backend also knows %1").arg(names.join(", "));
+}
+
+std::unique_ptr<Api> openVirtual(const DeviceOptions &options)
+{
+    auto api = std::make_unique<QTovelMixerApiVirtual>(QTovelMixerApiVirtual::Pacing::RealTime,
+                                                       options.bufferFrames);
+    QTovelMixerApiVirtual::DeviceSetup setup;
+    setup.name = "Silent device";
+    setup.outputChannels = 2;
+    setup.sampleRates = {8000, 16000, 22050, 32000, 44100, 48000, 88200, 96000, 192000};
+    setup.defaultOutput = true;
+    setup.minBufferFrames = 1;
+    api->plug(setup);
+    api->updateDeviceList();
+    return api;
 }
 
 QString verb(DeviceKind kind)
@@ -35,8 +52,15 @@ QStringList backendNames()
     return QStringList("Auto") + QTovelMixerApiRtAudio::getAvailableBackends();
 }
 
-std::unique_ptr<QTovelMixerApiRtAudio> openBackend(const DeviceOptions &options, Outcome &outcome)
+QString backendName(const Api &api)
 {
+    return dynamic_cast<const QTovelMixerApiVirtual *>(&api) ? api.name() : api.backendString();
+}
+
+std::unique_ptr<Api> openBackend(const DeviceOptions &options, Outcome &outcome)
+{
+    if (options.isVirtual)
+        return openVirtual(options);
     using RtAudioApi = QTovelMixerApiRtAudio;
     auto api = std::make_unique<RtAudioApi>(options.backend, "tovelmix", RtAudioApi::Options(),
                                             options.bufferFrames);
@@ -76,7 +100,7 @@ Device *requireDevice(const Api &api, DeviceKind kind, const QString &wanted, Ou
 {
     if (!api.defaultDevice(kind)) {
         outcome = {NothingThere,
-                   QString("%1 has no device that %2").arg(api.backendString(), verb(kind))};
+                   QString("%1 has no device that %2").arg(backendName(api), verb(kind))};
         return nullptr;
     }
     const Choice choice = chooseDevice(api, kind, wanted);

@@ -18,9 +18,10 @@ namespace tovelmix {
 struct DeviceOptions
 {
     QTovelMixer::Backend backend = QTovelMixer::Auto;
-    QString device;    ///< that plays: name or identity; empty: the default one
-    QString input;     ///< that records, likewise
-    unsigned rate = 0; ///< Hz; 0: as the devices like it
+    QString device;         ///< that plays: name or identity; empty: the default one
+    QString input;          ///< that records, likewise
+    bool isVirtual = false; ///< no hardware: a device that runs in real time and is not heard
+    unsigned rate = 0;      ///< Hz; 0: as the devices like it
     unsigned bufferFrames = 512;
     double seconds = 0.0; ///< 0: no limit
     bool follow = false;  ///< goes on after a device was lost
@@ -29,8 +30,11 @@ struct DeviceOptions
 /// The audio systems that can be asked for, by name.
 QStringList backendNames();
 
+/// What a backend is called for the user.
+QString backendName(const QTovelMixer::Api &api);
+
 /// A backend with its devices listed, or null and what is missing.
-std::unique_ptr<QTovelMixerApiRtAudio> openBackend(const DeviceOptions &options, Outcome &outcome);
+std::unique_ptr<QTovelMixer::Api> openBackend(const DeviceOptions &options, Outcome &outcome);
 
 struct Choice
 {

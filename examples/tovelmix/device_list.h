@@ -47,7 +47,7 @@ private:
 
     DeviceOptions m_options;
     bool m_json;
-    std::unique_ptr<QTovelMixerApiRtAudio> m_api;
+    std::unique_ptr<QTovelMixer::Api> m_api;
     Entries m_printed;
     QByteArray m_printedJson;
     QBasicTimer m_timer;

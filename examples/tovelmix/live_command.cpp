@@ -46,7 +46,7 @@ bool LiveCommand::start()
 {
     if (!prepare())
         return false;
-    std::unique_ptr<QTovelMixerApiRtAudio> api = openBackend(m_options, m_outcome);
+    std::unique_ptr<QTovelMixer::Api> api = openBackend(m_options, m_outcome);
     if (!api)
         return false;
     Engine::Initialize();
@@ -148,7 +148,7 @@ double LiveCommand::outputLatency() const
 QString LiveCommand::title() const
 {
     return m_notes + QString("%1 through %2, %3 Hz, blocks of %4 frames\n")
-                         .arg(m_name, m_engine->backendString())
+                         .arg(m_name, backendName(*m_api))
                          .arg(m_engine->sampleRate())
                          .arg(m_engine->bufferFrames());
 }

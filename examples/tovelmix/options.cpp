@@ -42,6 +42,8 @@ const QCommandLineOption followOption("follow",
 const QCommandLineOption jsonOption("json", "Prints the devices as JSON.");
 const QCommandLineOption watchOption("watch", "Goes on printing what changes.");
 const QCommandLineOption throughOption("through", "Plays the input on the output device.");
+const QCommandLineOption virtualOption("virtual",
+                                       "Plays without hardware, in real time, for nobody to hear.");
 const QCommandLineOption verboseOption("verbose", "Show the library's messages on stderr.");
 
 struct Verb
@@ -63,7 +65,7 @@ QList<Verb> verbs()
     using Command = Options::Command;
     return {
         {Command::Devices, "devices", {jsonOption, watchOption, backendOption, secondsOption}},
-        {Command::Play, "play", deviceOptions() + QList{deviceOption}},
+        {Command::Play, "play", deviceOptions() + QList{deviceOption, virtualOption}},
         {Command::RecordDevice, "record", deviceOptions() + QList{inputOption, outputOption}},
         {Command::Record, "record", {fileOption, channelsOption, secondsOption, outputOption}},
         {Command::Monitor, "monitor",
@@ -130,6 +132,7 @@ QString readValues(const QCommandLineParser &parser, Options &options)
     options.devices.bufferFrames = unsigned(frames);
     options.devices.device = parser.value(deviceOption);
     options.devices.input = parser.value(inputOption);
+    options.devices.isVirtual = parser.isSet(virtualOption);
     options.devices.follow = parser.isSet(followOption);
     options.input = parser.value(fileOption);
     options.json = parser.isSet(jsonOption);
@@ -155,6 +158,8 @@ QString readNeeds(const QCommandLineParser &parser, Options &options)
         return "verify needs --take TAKE.wav";
     if (options.command == Command::Play && options.files.isEmpty())
         return "play needs files";
+    if (options.devices.isVirtual && parser.isSet(backendOption))
+        return "--virtual and --backend exclude each other";
     if (options.command == Command::Monitor && parser.isSet(deviceOption) && !options.through)
         return "monitor plays on --device with --through only; --input names what it listens to";
     options.take = records ? parser.value(outputOption) : parser.value(takeOption);
@@ -222,7 +227,8 @@ Options parseOptions(const QStringList &arguments)
     parser.addPositionalArgument("files", "Audio files for play.", "[FILES…]");
     parser.addOptions({fileOption, channelsOption, secondsOption, outputOption, takeOption,
                        backendOption, deviceOption, inputOption, rateOption, bufferOption,
-                       followOption, jsonOption, watchOption, throughOption, verboseOption});
+                       followOption, jsonOption, watchOption, throughOption, virtualOption,
+                       verboseOption});
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
 

@@ -8,6 +8,7 @@
 #include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
+#include <QtCore/QTemporaryFile>
 #include <QtTest/QTest>
 
 #include <algorithm>
@@ -107,6 +108,7 @@ class tst_TovelmixDevices : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void init();
     void devices_areListed_inJson();
     void devices_areListed_inLines();
@@ -121,6 +123,7 @@ private slots:
     void play_arrivesWhole_inARecordingOfTheSink();
     void play_tellsTheScore_ofARememberedDevice();
     void play_endsEarly_whenAskedTo();
+    void play_needsNoHardware_whenVirtual();
     void play_refusesWhatItCannotPlay();
     void play_endsWell_onOtherSystems_data();
     void play_endsWell_onOtherSystems();
@@ -140,8 +143,19 @@ private:
                           counting(2 * int(seconds * rate)));
     }
 
+    QTemporaryFile m_suppressions;
     std::unique_ptr<QTemporaryDir> m_folder;
 };
+
+// What PulseAudio's client library keeps to its end is no leak of the program.
+void tst_TovelmixDevices::initTestCase()
+{
+    QVERIFY(m_suppressions.open());
+    QVERIFY(m_suppressions.write("leak:libpulse\n") > 0);
+    m_suppressions.close();
+    qputenv("LSAN_OPTIONS",
+            "print_suppressions=0:suppressions=" + QFile::encodeName(m_suppressions.fileName()));
+}
 
 void tst_TovelmixDevices::init()
 {
@@ -277,6 +291,8 @@ void tst_TovelmixDevices::usage_isExplained_whenArgumentsAreWrong_data()
     QTest::newRow("backend") << QStringList{"devices", "--backend", "Gramophone"}
                              << "unknown backend 'Gramophone': Auto, ";
     QTest::newRow("no files") << QStringList{"play"} << "play needs files";
+    QTest::newRow("two backends") << QStringList{"play", "in.wav", "--virtual", "--backend", "Jack"}
+                                  << "--virtual and --backend exclude each other";
     QTest::newRow("no take") << QStringList{"record"} << "record needs --out";
     QTest::newRow("file to devices") << QStringList{"devices", "in.wav"} << "unexpected argument";
     QTest::newRow("option of another command")
@@ -420,6 +436,17 @@ void tst_TovelmixDevices::play_endsEarly_whenAskedTo()
     const Run interrupted = program.finish();
     QCOMPARE(interrupted.errors, QString());
     QCOMPARE(interrupted.status, 0);
+}
+
+void tst_TovelmixDevices::play_needsNoHardware_whenVirtual()
+{
+    QVERIFY(writeSeconds("in.wav", 0.5));
+    const Run run = tovelmix({"play", file("in.wav"), "--virtual", "--rate", "44100"});
+    QCOMPARE(run.errors, QString());
+    QCOMPARE(run.status, 0);
+    QVERIFY2(run.output.startsWith("Silent device through Virtual, 44100 Hz, blocks of 512 frames"),
+             qPrintable(run.output));
+    QVERIFY2(run.output.contains("played 0.5 s of 0.5 s, level "), qPrintable(run.output));
 }
 
 void tst_TovelmixDevices::play_refusesWhatItCannotPlay()
