@@ -8,6 +8,7 @@
 #include <tovelmix/playback.h>
 #include <tovelmix/raw_input.h>
 #include <tovelmix/recording.h>
+#include <tovelmix/render.h>
 #include <tovelmix/terminal_view.h>
 #include <tovelmix/verify.h>
 
@@ -18,6 +19,7 @@
 #include <cstdio>
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 namespace {
 
@@ -108,6 +110,32 @@ int record(const QCoreApplication &app, const Options &options)
     return Done;
 }
 
+int render(const QCoreApplication &app, const Options &options)
+{
+    Rendering rendering(options.session, options.mix);
+    QObject::connect(&rendering, &Rendering::finished, &app, &QCoreApplication::quit,
+                     Qt::QueuedConnection);
+    Interrupt interrupt;
+    QObject::connect(&interrupt, &Interrupt::interrupted, &rendering, &Rendering::interrupt);
+    if (!rendering.start())
+        return complain(rendering.outcome());
+    QTimer timer;
+    const bool live = !options.json && isatty(STDOUT_FILENO) != 0;
+    const auto draw = [&rendering] { print('\r' + rendering.progress() + "\x1b[K"); };
+    QObject::connect(&timer, &QTimer::timeout, &rendering, draw);
+    if (live)
+        timer.start(100);
+    QCoreApplication::exec();
+    if (live) {
+        draw();
+        print("\n");
+    }
+    if (rendering.outcome().status != Done)
+        return complain(rendering.outcome());
+    print(options.json ? QString::fromUtf8(rendering.json()) : rendering.table());
+    return Done;
+}
+
 int compare(const Options &options)
 {
     const RawInput input(options.input, options.channels);
@@ -161,6 +189,8 @@ int main(int argc, char **argv)
     }
     case Options::Command::Record:
         return record(app, options);
+    case Options::Command::Render:
+        return render(app, options);
     case Options::Command::Verify:
         return compare(options);
     case Options::Command::ShowText:

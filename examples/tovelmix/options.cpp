@@ -25,7 +25,7 @@ const QCommandLineOption fileOption("in",
                                     "INPUT");
 const QCommandLineOption channelsOption("channels", "Channels of a raw INPUT, 1 to 128.", "N");
 const QCommandLineOption secondsOption("seconds", "Ends after so many seconds.", "S");
-const QCommandLineOption outputOption("out", "WAV file that record writes.", "TAKE.wav");
+const QCommandLineOption outputOption("out", "File that record or render writes.", "FILE");
 const QCommandLineOption takeOption("take", "WAV file that verify compares.", "TAKE.wav");
 const QCommandLineOption backendOption("backend",
                                        "Sound system: " + backendNames().join(", ") + ".", "NAME");
@@ -39,7 +39,8 @@ const QCommandLineOption bufferOption("buffer", "Frames of one block, 32 to 4096
 const QCommandLineOption followOption("follow",
                                       "After a device was lost, goes on as soon as it, or another "
                                       "default one, is there.");
-const QCommandLineOption jsonOption("json", "Prints the devices as JSON.");
+const QCommandLineOption jsonOption("json",
+                                    "Prints the devices, or the figures of a mix, as JSON.");
 const QCommandLineOption watchOption("watch", "Goes on printing what changes.");
 const QCommandLineOption throughOption("through", "Plays the input on the output device.");
 const QCommandLineOption virtualOption("virtual",
@@ -68,6 +69,7 @@ QList<Verb> verbs()
         {Command::Play, "play", deviceOptions() + QList{deviceOption, virtualOption}},
         {Command::RecordDevice, "record", deviceOptions() + QList{inputOption, outputOption}},
         {Command::Record, "record", {fileOption, channelsOption, secondsOption, outputOption}},
+        {Command::Render, "render", {outputOption, jsonOption}},
         {Command::Monitor, "monitor",
          deviceOptions() + QList{deviceOption, inputOption, throughOption}},
         {Command::Verify, "verify", {fileOption, channelsOption, takeOption}},
@@ -160,6 +162,12 @@ QString readNeeds(const QCommandLineParser &parser, Options &options)
         return "play needs files";
     if (options.devices.isVirtual && parser.isSet(backendOption))
         return "--virtual and --backend exclude each other";
+    if (options.command == Command::Render && options.session.isEmpty())
+        return "render needs one SESSION.json";
+    if (options.command == Command::Render && parser.value(outputOption).isEmpty())
+        return "render needs --out MIX.wav or --out MIX.flac";
+    if (options.command == Command::Render)
+        options.mix = parser.value(outputOption);
     if (options.command == Command::Monitor && parser.isSet(deviceOption) && !options.through)
         return "monitor plays on --device with --through only; --input names what it listens to";
     options.take = records ? parser.value(outputOption) : parser.value(takeOption);
@@ -181,7 +189,7 @@ QString readAllowed(const QCommandLineParser &parser, const Verb &verb)
 
 QString readCommand(const QCommandLineParser &parser, Options &options)
 {
-    const QString known = "devices, play, record, monitor or verify (see --help)";
+    const QString known = "devices, play, record, render, monitor or verify (see --help)";
     const QStringList words = parser.positionalArguments();
     if (words.isEmpty())
         return "no command given: " + known;
@@ -197,6 +205,8 @@ QString readCommand(const QCommandLineParser &parser, Options &options)
     options.command = verb->command;
     if (verb->command == Options::Command::Play)
         options.files = words.mid(1);
+    else if (verb->command == Options::Command::Render && words.size() == 2)
+        options.session = words.at(1);
     else if (words.size() > 1)
         return QString("unexpected argument '%1'").arg(words.at(1));
     if (const QString error = readAllowed(parser, *verb); !error.isEmpty())
@@ -218,13 +228,16 @@ Options parseOptions(const QStringList &arguments)
         "  tovelmix record --out TAKE.wav                records a device\n"
         "  tovelmix record --in INPUT --seconds S --out TAKE.wav\n"
         "                                                records a file, played in a loop\n"
+        "  tovelmix render SESSION.json --out MIX.wav|.flac [--json]\n"
+        "                                                mixes files into one, without a device\n"
         "  tovelmix monitor [--through]                  shows what a device hears\n"
         "  tovelmix verify --in INPUT --take TAKE.wav    compares a take with its file\n\n"
         "It ends with 0 when all went well, 1 after a failure, 2 when it was called wrongly, and\n"
         "3 when there is no sound server or no device.");
-    parser.addPositionalArgument("command", "devices, play, record, monitor or verify",
-                                 "devices|play|record|monitor|verify");
-    parser.addPositionalArgument("files", "Audio files for play.", "[FILES…]");
+    parser.addPositionalArgument("command", "devices, play, record, render, monitor or verify",
+                                 "devices|play|record|render|monitor|verify");
+    parser.addPositionalArgument("files", "Audio files for play, a session for render.",
+                                 "[FILES…]");
     parser.addOptions({fileOption, channelsOption, secondsOption, outputOption, takeOption,
                        backendOption, deviceOption, inputOption, rateOption, bufferOption,
                        followOption, jsonOption, watchOption, throughOption, virtualOption,

@@ -12,7 +12,7 @@ namespace tovelmix {
 /// What the user typed, checked as far as that goes without touching a file or a device.
 struct Options
 {
-    enum class Command { Devices, Play, Record, RecordDevice, Monitor, Verify, ShowText };
+    enum class Command { Devices, Play, Record, RecordDevice, Render, Monitor, Verify, ShowText };
 
     Command command = Command::ShowText;
     QString input;
@@ -20,6 +20,8 @@ struct Options
     QString take;     ///< written by record, read by verify
     double seconds = 0.0;
     QStringList files; ///< for play
+    QString session;   ///< for render
+    QString mix;       ///< written by render
     DeviceOptions devices;
     bool json = false;
     bool watch = false;

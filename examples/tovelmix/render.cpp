@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: MIT
+#include <tovelmix/render.h>
+
+#include <tovelmix/take.h>
+
+#include <mixer/api/api_virtual.h>
+
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+
+#include <algorithm>
+#include <cmath>
+
+namespace tovelmix {
+
+namespace {
+
+constexpr unsigned blockFrames = 1024;
+constexpr double tailSeconds = 0.1; // lets the converters give what they hold back
+
+} // namespace
+
+struct Rendering::Measures
+{
+    Measures(int rate, int count)
+        : channels(count), statistics(DSPB_StatisticsCreate(
+                               rate, count, 0, DSPB_MeasureLevels | DSPB_MeasureTruePeak)),
+          samplePeaks(size_t(count)), truePeaks(size_t(count))
+    {}
+    ~Measures() { DSPB_StatisticsDestroy(&statistics); }
+    Q_DISABLE_COPY_MOVE(Measures)
+
+    void add(const float *samples, int frames);
+
+    int channels;
+    DSPB_Statistics *statistics;
+    std::vector<double> samplePeaks; ///< linear
+    std::vector<double> truePeaks;   ///< linear
+    double momentary = silenceDb;    ///< LUFS, the highest
+    double shortTerm = silenceDb;    ///< LUFS, the highest
+};
+
+void Rendering::Measures::add(const float *samples, int frames)
+{
+    DSPB_StatisticsAddFrames(statistics, samples, frames);
+    for (int c = 0; c < channels; ++c) {
+        double peak = 0.0;
+        DSPB_StatisticsMomentarySamplePeak(statistics, c, &peak);
+        samplePeaks[size_t(c)] = std::max(samplePeaks[size_t(c)], peak);
+        DSPB_StatisticsMomentaryTruePeak(statistics, c, &peak);
+        truePeaks[size_t(c)] = std::max(truePeaks[size_t(c)], peak);
+    }
+    double loudness = silenceDb;
+    DSPB_StatisticsMomentaryLoudness(statistics, &loudness);
+    momentary = std::max(momentary, loudness);
+    DSPB_StatisticsShortTermLoudness(statistics, &loudness);
+    shortTerm = std::max(shortTerm, loudness);
+}
+
+Rendering::Rendering(const QString &session, const QString &output)
+    : m_sessionPath(session), m_outputPath(output)
+{}
+
+Rendering::~Rendering()
+{
+    m_ended = true;
+}
+
+bool Rendering::fail(ExitStatus status, const QString &line)
+{
+    m_outcome = {status, line};
+    return false;
+}
+
+bool Rendering::start()
+{
+    m_session = readSession(m_sessionPath);
+    if (!m_session.error.isEmpty())
+        return fail(Failed, m_session.error);
+    m_wantedFrames = std::llround(m_session.length * m_session.rate);
+    m_writer = std::make_unique<MixWriter>(m_outputPath, m_session.channels, m_session.rate);
+    if (!m_writer->error().isEmpty())
+        return fail(Failed, m_writer->error());
+    m_measures = std::make_unique<Measures>(m_session.rate, m_session.channels);
+
+    auto *api = new QTovelMixerApiVirtual(QTovelMixerApiVirtual::Pacing::FreeWheel, blockFrames);
+    m_engine = std::make_unique<QTovelMixer::Engine>(api);
+    const auto rate = unsigned(m_session.rate);
+    api->plug({.name = "Mix",
+               .outputChannels = unsigned(m_session.channels),
+               .sampleRates = {rate},
+               .preferedSampleRate = rate});
+    api->setOutputHandler([this](const float *samples, unsigned frames, unsigned, quint64) {
+        take(samples, frames);
+    });
+    api->updateDeviceList();
+    m_engine->activate();
+    for (const Track &track : std::as_const(m_session.tracks)) {
+        if (!addTrack(track))
+            return false;
+    }
+    m_clock.start();
+    return m_engine->start(0.0) || fail(Failed, "the mixer does not start");
+}
+
+bool Rendering::addTrack(const Track &track)
+{
+    Placement placement = track.placement;
+    placement.length = m_session.length + tailSeconds;
+    auto source = std::make_unique<FileSource>(m_engine.get(),
+                                               std::make_unique<SoundFile>(track.file), placement);
+    const float gain = track.gain * m_session.masterGain;
+    if (!m_engine->addSource(source.get(), gain))
+        return fail(Failed, QString("the mixer does not take '%1'").arg(track.file));
+    FileSource *const added = source.release();
+    for (int c = 0; !track.route.isEmpty() && c < added->numChannels(); ++c) {
+        for (int output = 0; output < m_session.channels; ++output)
+            m_engine->setGain(added, c, output, 0.0f);
+    }
+    for (const RouteCell &cell : track.route)
+        m_engine->setGain(added, cell.from - 1, cell.to - 1, cell.gain * gain);
+    if (track.channelMask != ~quint64{0})
+        m_engine->setChannelsMask(added, track.channelMask);
+    return true;
+}
+
+// On the audio thread, which may take its time here.
+void Rendering::take(const float *samples, unsigned frames)
+{
+    if (m_ended)
+        return;
+    const qint64 some = std::min<qint64>(frames, m_wantedFrames - m_frames);
+    m_measures->add(samples, int(some));
+    const bool written = m_writer->write(samples, some);
+    m_frames += some;
+    if (written && m_frames < m_wantedFrames)
+        return;
+    m_ended = true;
+    QMetaObject::invokeMethod(this, &Rendering::complete, Qt::QueuedConnection);
+}
+
+void Rendering::complete()
+{
+    if (m_over)
+        return;
+    m_over = true;
+    m_seconds = double(m_clock.nsecsElapsed()) / 1e9;
+    bool cutShort = false;
+    for (QTovelMixer::Source *source : m_engine->activeSources()) {
+        auto *file = qobject_cast<FileSource *>(source);
+        cutShort = cutShort || (file && file->wasCutShort());
+    }
+    m_engine->deactivate(QTovelMixer::UserStopAction);
+    if (cutShort)
+        fail(Failed, "a file stopped delivering before its end; nothing was written");
+    else if (!m_writer->commit())
+        fail(Failed, m_writer->error());
+    Q_EMIT finished();
+}
+
+void Rendering::interrupt()
+{
+    if (m_over)
+        return;
+    m_over = true;
+    m_ended = true;
+    m_engine->deactivate(QTovelMixer::UserStopAction);
+    fail(Failed, "interrupted; nothing was written");
+    Q_EMIT finished();
+}
+
+const Outcome &Rendering::outcome() const
+{
+    return m_outcome;
+}
+
+double Rendering::speed() const
+{
+    const double taken = m_seconds > 0.0 ? m_seconds : double(m_clock.nsecsElapsed()) / 1e9;
+    return taken > 0.0 ? double(m_frames) / m_session.rate / taken : 0.0;
+}
+
+QString Rendering::progress() const
+{
+    constexpr int width = 30;
+    const int filled = int(m_frames * width / std::max<qint64>(m_wantedFrames, 1));
+    return QString("[%1] %2 s of %3 s, %4 × real time")
+        .arg(QString(filled, '#').leftJustified(width))
+        .arg(double(m_frames) / m_session.rate, 0, 'f', 1)
+        .arg(m_session.length, 0, 'f', 1)
+        .arg(speed(), 0, 'f', 0);
+}
+
+QString Rendering::table() const
+{
+    QString text = "channel   sample peak     true peak\n";
+    for (size_t c = 0; c < size_t(m_session.channels); ++c)
+        text += QString("%1   %2 dBFS   %3 dBTP\n")
+                    .arg(c + 1, 7)
+                    .arg(decibels(m_measures->samplePeaks[c]), 6, 'f', 1)
+                    .arg(decibels(m_measures->truePeaks[c]), 6, 'f', 1);
+    return text + QString("loudness, highest: momentary %1 LUFS, short-term %2 LUFS\n"
+                          "%3: %4 frames at %5 Hz, %6 × real time\n")
+                      .arg(m_measures->momentary, 0, 'f', 1)
+                      .arg(m_measures->shortTerm, 0, 'f', 1)
+                      .arg(m_outputPath)
+                      .arg(m_wantedFrames)
+                      .arg(m_session.rate)
+                      .arg(speed(), 0, 'f', 0);
+}
+
+QByteArray Rendering::json() const
+{
+    QJsonArray channels;
+    for (size_t c = 0; c < size_t(m_session.channels); ++c)
+        channels.append(QJsonObject{{"samplePeak", decibels(m_measures->samplePeaks[c])},
+                                    {"truePeak", decibels(m_measures->truePeaks[c])}});
+    const QJsonObject object{{"file", m_outputPath},
+                             {"frames", m_wantedFrames},
+                             {"rate", m_session.rate},
+                             {"speed", speed()},
+                             {"highestMomentary", m_measures->momentary},
+                             {"highestShortTerm", m_measures->shortTerm},
+                             {"channels", channels}};
+    return QJsonDocument(object).toJson();
+}
+
+} // namespace tovelmix

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#ifndef TOVELMIX_RENDER_H
+#define TOVELMIX_RENDER_H
+
+#include <tovelmix/mix_writer.h>
+#include <tovelmix/outcome.h>
+#include <tovelmix/session_file.h>
+
+#include <dsp/statistics.h>
+#include <mixer/engine.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QObject>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+class QTovelMixerApiVirtual;
+
+namespace tovelmix {
+
+/// Mixes a session into a file, as fast as it goes.
+class Rendering : public QObject
+{
+    Q_OBJECT
+
+public:
+    Rendering(const QString &session, const QString &output);
+    ~Rendering() override;
+
+    /// Errors: false; the outcome says why, and nothing was written.
+    bool start();
+    /// Ends without a file.
+    void interrupt();
+
+    const Outcome &outcome() const;
+    /// One line: how far it is, and how fast.
+    QString progress() const;
+    /// The figures of the whole mix, for people or for machines.
+    QString table() const;
+    QByteArray json() const;
+
+Q_SIGNALS:
+    void finished();
+
+private:
+    struct Measures; ///< of what was written
+
+    bool fail(ExitStatus status, const QString &line);
+    bool addTrack(const Track &track);
+    void take(const float *samples, unsigned frames);
+    void complete();
+    double speed() const;
+
+    QString m_sessionPath;
+    QString m_outputPath;
+    SessionFile m_session;
+    qint64 m_wantedFrames = 0;
+    Outcome m_outcome;
+    bool m_over = false;
+    QElapsedTimer m_clock;
+    double m_seconds = 0.0; ///< that the rendering took
+    std::unique_ptr<MixWriter> m_writer;
+    std::unique_ptr<Measures> m_measures;
+    std::atomic<qint64> m_frames{0};
+    std::atomic<bool> m_ended{false}; ///< nothing more is taken
+    // Goes first: its thread uses what stands above.
+    std::unique_ptr<QTovelMixer::Engine> m_engine;
+};
+
+} // namespace tovelmix
+
+#endif

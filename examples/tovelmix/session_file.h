@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+#ifndef TOVELMIX_SESSION_FILE_H
+#define TOVELMIX_SESSION_FILE_H
+
+#include <tovelmix/file_source.h>
+
+#include <QtCore/QList>
+#include <QtCore/QString>
+
+namespace tovelmix {
+
+/// A gain from a channel of a file to a channel of the mix, both counted from 1.
+struct RouteCell
+{
+    int from = 1;
+    int to = 1;
+    float gain = 1.0f; ///< linear
+};
+
+/// One file of a session.
+struct Track
+{
+    QString file; ///< as a path that can be opened
+    float gain = 1.0f;
+    quint64 channelMask = ~quint64{0};
+    QList<RouteCell> route; ///< empty: as the mixer wires files by itself
+    Placement placement;
+};
+
+/// A session as docs/session-format.md describes it, read and checked, also against its files.
+struct SessionFile
+{
+    int rate = 48000; ///< Hz
+    int channels = 2;
+    float masterGain = 1.0f;
+    double length = 0.0; ///< seconds; found from the files when the session does not say
+    QList<Track> tracks;
+    QString error; ///< one line that names file and key; empty when all is in order
+};
+
+SessionFile readSession(const QString &path);
+
+} // namespace tovelmix
+
+#endif
