@@ -321,15 +321,16 @@ int Api::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16
                       unsigned int frames, double streamTime, int milliseconds) noexcept
 {
     static_assert(notReady == Engine::BlockNotReady);
-    if (!d->engine)
+    Engine *engine = d->engine;
+    if (!engine)
         return callbackAbort;
-    return d->engine.load()->mixWhenReady(input, output, frames, streamTime, milliseconds);
+    return engine->mixWhenReady(input, output, frames, streamTime, milliseconds);
 }
 
 void Api::wakeMix()
 {
-    if (d->engine)
-        d->engine.load()->wakeMix();
+    if (Engine *engine = d->engine)
+        engine->wakeMix();
 }
 
 quint64 Api::blocksDroppedByEngine() const
