@@ -32,10 +32,12 @@ constexpr int inFlightChecks = 100;      // 1 ms apart
 constexpr qint64 jackStuckTime = 10'000; // ms
 constexpr int goneTimeout = 2000;        // ms for a callback to leave a backend that is deleted
 
-RtAudioInstance::Job aborting(const std::shared_ptr<Answer> &answer)
+// The instance outlives its own jobs.
+RtAudioInstance::Job aborting(RtAudioInstance *instance, const std::shared_ptr<Answer> &answer)
 {
-    return [answer](RtAudioDriver &driver) {
-        *answer = attempt(driver, [&] { return driver.abortStream(); });
+    return [instance, answer](RtAudioDriver &driver) {
+        if (instance->awaitLife())
+            *answer = attempt(driver, [&] { return driver.abortStream(); });
     };
 }
 
@@ -218,12 +220,14 @@ void QTovelMixerApiRtAudio::RtAudioData::abortRunning()
     TraceLine("RtAudio::stop pre-abortStream").item("api", q);
     if (audio->mustBeLeft())
         audio->leave();
-    const bool back = !audio->isStuck() && call(aborting(answer), stopTimeout);
+    const bool back = !audio->isStuck() && call(aborting(audio.get(), answer), stopTimeout);
     TraceLine("RtAudio::stop post-abortStream").item("api", q);
     if (back && QTovelMixer::logFailure(*answer, "stop", "stopStream:"))
         noteError(answer->text);
     waitForCallbacks();
-    const bool wedged = !back || audio->isRunning();
+    if (back && audio->mustBeLeft())
+        audio->leave();
+    const bool wedged = audio->isStuck() || audio->isRunning();
     if (wedged)
         audio->detach(0);
     closing = 0;
@@ -242,7 +246,7 @@ void QTovelMixerApiRtAudio::RtAudioData::closeOpen()
     }
     const auto answer = std::make_shared<Answer>();
     if (audio->isRunning()) {
-        if (!call(aborting(answer), stopTimeout)) {
+        if (!call(aborting(audio.get(), answer), stopTimeout)) {
             replaceWedged();
             return;
         }
@@ -250,6 +254,11 @@ void QTovelMixerApiRtAudio::RtAudioData::closeOpen()
             noteError(answer->text);
     }
     waitForCallbacks();
+    if (audio->mustBeLeft()) {
+        audio->leave();
+        replaceWedged();
+        return;
+    }
     *answer = Answer();
     if (!call(::closing(answer), stopTimeout)) {
         replaceWedged();

@@ -113,6 +113,10 @@ public:
     int schedulingPolicy() const { return m_policy; }
     int schedulingPriority() const { return m_priority; }
 
+    /// Before a running stream is taken down: waits for a sign of life. False when the server has
+    /// died, and RtAudio has closed the stream by itself. Threads: the control thread.
+    bool awaitLife();
+
     static int streamCallback(void *output, void *input, unsigned frames, double streamTime,
                               RtAudioStreamStatus status, void *userData) noexcept;
     /// A warning from the audio thread on its way to the log. Real-time: yes.
@@ -176,7 +180,8 @@ private:
     // The stream.
     StreamWatch m_watch;
     NoteQueue m_notes;
-    std::atomic<quint64> m_blocks{0};
+    std::atomic<quint64> m_calls{0};  ///< of the callback
+    std::atomic<quint64> m_blocks{0}; ///< that reached the owner
     std::atomic<quint64> m_warnings{0};
     std::atomic<quint64> m_warningsAtBlock{0}; ///< when the last block came
     std::atomic<bool> m_failed{false};         ///< it plays silence and ends

@@ -16,9 +16,11 @@ namespace QTovelMixer {
 
 namespace {
 
-constexpr int stallTime = 500;      // ms without a block after a warning
-constexpr int disconnectTime = 200; // ms that RtAudio may need to close what has died
-constexpr int loggedNotes = 8;      // lines per look
+constexpr int stallTime = 500;       // ms without a block after a warning
+constexpr int disconnectTime = 200;  // ms that RtAudio may need to close what has died
+constexpr int lifeTimeout = 400;     // ms, longer than JACK's longest block
+constexpr int ownCloseTimeout = 500; // ms
+constexpr int loggedNotes = 8;       // lines per look
 
 } // namespace
 
@@ -61,6 +63,7 @@ int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, dou
             std::fill_n(static_cast<float *>(output), size_t(frames) * outputChannels, 0.0f);
         return abort;
     };
+    m_calls.fetch_add(1, std::memory_order_relaxed);
     const Visit visit(*this);
     if (!visit.owner || m_failed)
         return silence();
@@ -134,7 +137,7 @@ void RtAudioInstance::lookAfterStream(bool open)
     });
     if (m_policy < 0)
         readScheduling();
-    if (m_endAsked.exchange(false) && m_driver->isStreamRunning())
+    if (m_endAsked.exchange(false) && m_driver->isStreamRunning() && awaitLife())
         attempt(*m_driver, [this] { return m_driver->abortStream(); });
     if (m_reported)
         return;
@@ -185,6 +188,23 @@ void RtAudioInstance::reportDisconnect()
     m_disconnectPending = false;
     m_reported = true;
     reportLoss();
+}
+
+// RtAudio closes a JACK client by itself, from another thread, a little after its server has died:
+// who takes the client down at that moment ends the process.
+bool RtAudioInstance::awaitLife()
+{
+    if (m_api != RtAudio::UNIX_JACK)
+        return true;
+    const quint64 before = m_calls;
+    const QDeadlineTimer deadline(lifeTimeout);
+    while (m_driver->isStreamRunning() && m_calls == before && !m_disconnected &&
+           !deadline.hasExpired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const QDeadlineTimer closing(ownCloseTimeout);
+    while (m_disconnected && m_driver->isStreamOpen() && !closing.hasExpired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return !m_disconnected;
 }
 
 // Servers that change their block size say so once, and never call again.
