@@ -17,6 +17,12 @@
 
 namespace tovelmix {
 
+namespace {
+
+constexpr qint64 wavLimit = 0xffffffffLL - 4096; // headers included, the 32-bit sizes must hold
+
+} // namespace
+
 struct MixWriter::Data
 {
     QString path;
@@ -30,18 +36,18 @@ struct MixWriter::Data
             error = QString("cannot write '%1': %2").arg(path, reason);
         return false;
     }
-    bool open(int channels, int rate);
+    bool open(int channels, int rate, qint64 expectedFrames);
 };
 
-bool MixWriter::Data::open(int channels, int rate)
+bool MixWriter::Data::open(int channels, int rate, qint64 expectedFrames)
 {
     const QString suffix = QFileInfo(path).suffix().toLower();
     SF_INFO info = {};
     info.channels = channels;
     info.samplerate = rate;
-    // RF64 is written as plain WAV as long as that is large enough.
-    info.format =
-        suffix == "flac" ? SF_FORMAT_FLAC | SF_FORMAT_PCM_24 : SF_FORMAT_RF64 | SF_FORMAT_FLOAT;
+    const bool large = expectedFrames * channels * qint64(sizeof(float)) >= wavLimit;
+    info.format = suffix == "flac" ? SF_FORMAT_FLAC | SF_FORMAT_PCM_24
+                                   : (large ? SF_FORMAT_RF64 : SF_FORMAT_WAV) | SF_FORMAT_FLOAT;
     if (suffix != "flac" && suffix != "wav")
         return fail("the name must end in .wav or .flac");
     if (QFileInfo(path).isDir())
@@ -54,16 +60,17 @@ bool MixWriter::Data::open(int channels, int rate)
     sound = sf_open_fd(file.handle(), SFM_WRITE, &info, SF_FALSE);
     if (!sound)
         return fail(sf_strerror(nullptr));
-    sf_command(sound, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    // The chunk holds the time of day: equal mixes would be different files.
     sf_command(sound, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     sf_command(sound, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     return true;
 }
 
-MixWriter::MixWriter(const QString &path, int channels, int rate) : d(std::make_unique<Data>())
+MixWriter::MixWriter(const QString &path, int channels, int rate, qint64 expectedFrames)
+    : d(std::make_unique<Data>())
 {
     d->path = path;
-    d->open(channels, rate);
+    d->open(channels, rate, expectedFrames);
 }
 
 MixWriter::~MixWriter()

@@ -16,7 +16,8 @@ class MixWriter
     Q_DISABLE_COPY_MOVE(MixWriter)
 
 public:
-    MixWriter(const QString &path, int channels, int rate);
+    /// `expectedFrames` chooses the form of a .wav: beyond 4 GiB the 64-bit one (RF64).
+    MixWriter(const QString &path, int channels, int rate, qint64 expectedFrames);
     /// Without `commit` nothing remains.
     ~MixWriter();
 

@@ -79,7 +79,8 @@ bool Rendering::start()
     if (!m_session.error.isEmpty())
         return fail(Failed, m_session.error);
     m_wantedFrames = std::llround(m_session.length * m_session.rate);
-    m_writer = std::make_unique<MixWriter>(m_outputPath, m_session.channels, m_session.rate);
+    m_writer = std::make_unique<MixWriter>(m_outputPath, m_session.channels, m_session.rate,
+                                           m_wantedFrames);
     if (!m_writer->error().isEmpty())
         return fail(Failed, m_writer->error());
     m_measures = std::make_unique<Measures>(m_session.rate, m_session.channels);
