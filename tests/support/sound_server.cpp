@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <support/sound_server.h>
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -14,7 +13,8 @@
 
 namespace {
 
-constexpr int patience = 10000; // ms, for anything that a healthy server does at once
+constexpr int lockPatience = 120000; // ms
+constexpr int patience = 10000;      // ms, for anything that a healthy server does at once
 
 using namespace std::chrono_literals;
 
@@ -433,31 +433,38 @@ QStringList PipeWireServer::sinkArguments(const Sink &sink) const
             QStringLiteral("sink_properties=device.description=%1").arg(sink.description)};
 }
 
-JackServer::JackServer(int rate, int period) : m_rate(rate), m_period(period)
+// Servers share memory that knows eight of them by name, also those that were killed, until one of
+// the same name starts again; and one that starts disturbs the clients of others. So there is one
+// name, and one server at a time.
+JackServer::JackServer(int rate, int period, int ports)
+    : m_lock(QDir::temp().filePath(QStringLiteral("sound-server-jack"))), m_rate(rate),
+      m_period(period), m_ports(ports)
 {
-    static int made = 0; // one process may have several, one after the other
-    environment.set(
-        "JACK_DEFAULT_SERVER",
-        QStringLiteral("sound%1-%2").arg(QCoreApplication::applicationPid()).arg(++made));
+    m_lock.setStaleLockTime(0);
+    if (!m_lock.tryLock(lockPatience))
+        fail(QStringLiteral("another test holds its JACK server"));
+    environment.set("JACK_DEFAULT_SERVER", QStringLiteral("sound"));
     environment.set("JACK_NO_AUDIO_RESERVATION", QStringLiteral("1"));
 }
 
 JackServer::~JackServer()
 {
-    // Only after a polite end does it clear what it keeps outside the folder.
-    thaw();
-    terminate();
+    endAll();
 }
 
 bool JackServer::start()
 {
     endAll();
-    return launch(QStringLiteral("jackd"),
+    return m_lock.isLocked() &&
+           launch(QStringLiteral("jackd"),
                   {QStringLiteral("--no-realtime"), QStringLiteral("--no-mlock"),
                    QStringLiteral("--name"), qEnvironmentVariable("JACK_DEFAULT_SERVER"),
                    QStringLiteral("-d"), QStringLiteral("dummy"), QStringLiteral("-r"),
-                   QString::number(m_rate), QStringLiteral("-p"), QString::number(m_period)}) &&
-           waitFor(QStringLiteral("jack_lsp"), {}, QStringLiteral("system:playback_2"));
+                   QString::number(m_rate), QStringLiteral("-p"), QString::number(m_period),
+                   QStringLiteral("-C"), QString::number(m_ports), QStringLiteral("-P"),
+                   QString::number(m_ports)}) &&
+           waitFor(QStringLiteral("jack_lsp"), {},
+                   QStringLiteral("system:playback_%1").arg(m_ports));
 }
 
 bool JackServer::setPeriod(int frames)
@@ -484,5 +491,12 @@ QStringList JackServer::ports()
 {
     QString output;
     run(QStringLiteral("jack_lsp"), {}, &output);
+    return output.split(u'\n', Qt::SkipEmptyParts);
+}
+
+QStringList JackServer::connections()
+{
+    QString output;
+    run(QStringLiteral("jack_lsp"), {QStringLiteral("-c")}, &output);
     return output.split(u'\n', Qt::SkipEmptyParts);
 }

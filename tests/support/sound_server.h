@@ -3,6 +3,7 @@
 #define QTOVELMIXER_TESTS_SUPPORT_SOUND_SERVER_H
 
 #include <QtCore/QByteArray>
+#include <QtCore/QLockFile>
 #include <QtCore/QMap>
 #include <QtCore/QProcess>
 #include <QtCore/QString>
@@ -184,11 +185,12 @@ private:
     QList<Sink> m_sinks;
 };
 
-/// A JACK server on the dummy driver, with two capture and two playback ports.
+/// A JACK server on the dummy driver, with as many capture as playback ports. The machine runs one
+/// at a time: the constructor waits.
 class JackServer : public SoundServer
 {
 public:
-    explicit JackServer(int rate = 48000, int period = 512);
+    explicit JackServer(int rate = 48000, int period = 512, int ports = 2);
     ~JackServer() override;
 
     bool start() override;
@@ -197,10 +199,13 @@ public:
     bool connectPorts(const QString &output, const QString &input);
     bool disconnectPorts(const QString &output, const QString &input);
     QStringList ports();
+    QStringList connections(); ///< the ports, each followed by those it is connected to
 
 private:
+    QLockFile m_lock;
     int m_rate;
     int m_period;
+    int m_ports;
 };
 
 #endif

@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_TESTS_MIXER_API_RTAUDIO_FAULTS_H
+#define QTOVELMIXER_TESTS_MIXER_API_RTAUDIO_FAULTS_H
+
+#include "rtaudio_fixture.h"
+
+#include <functional>
+
+/// What may befall a stream, and what must follow. All of it is demanded of the same engine: it
+/// says what happened, never holds its thread, and plays again.
+struct Fault
+{
+    enum State { Playing, Open };
+    enum Outcome {
+        Lost,  ///< reported as a failure, once
+        Stops, ///< not reported: the watchdog stops what plays
+        GoesOn ///< blocks keep coming
+    };
+
+    QString name;
+    RtAudioSession::Direction direction = RtAudioSession::Playback;
+    State state = Playing;
+    Outcome outcome = Lost;
+    int lostWithin = 1500; ///< ms
+    std::function<void()> happen = {};
+    std::function<void()> afterwards = {}; ///< once the outcome is known
+    std::function<bool()> heal = {};       ///< brings the server back
+    int failures = 1;                      ///< reported, when lost
+    bool leavesThread = false;             ///< what is stuck for good cannot be brought back
+};
+
+constexpr qint64 longestHold = 2500; // ms
+
+inline QString directionName(RtAudioSession::Direction direction)
+{
+    return direction == RtAudioSession::Playback  ? QStringLiteral("playback")
+           : direction == RtAudioSession::Capture ? QStringLiteral("capture")
+                                                  : QStringLiteral("duplex");
+}
+
+inline void runFault(QTovelMixer::Backend backend, const Fault &fault, unsigned frames = 512)
+{
+    RtAudioSession session(backend, fault.direction, frames);
+    // Once through everything, so that what is made once is there.
+    QVERIFY(session.openDefaults());
+    QVERIFY(session.play());
+    QVERIFY(session.rest());
+    const Resources before = Resources::now();
+
+    QVERIFY(session.openDefaults());
+    if (fault.state == Fault::Playing)
+        QVERIFY(session.play());
+    QCOMPARE(session.failures, 0);
+    session.stops = 0;
+    TimedApplication::longest = 0;
+    QElapsedTimer clock;
+    clock.start();
+    fault.happen();
+
+    QString outcome;
+    switch (fault.outcome) {
+    case Fault::Lost:
+        if (fault.state == Fault::Open) {
+            // Nobody is told before the stream is used.
+            QVERIFY(!session.play() || session.failures > 0);
+            outcome = session.failures > 0 ? QStringLiteral("deviceFailed when started")
+                                           : QStringLiteral("refused to start");
+            break;
+        }
+        QVERIFY(session.wait([&] { return session.failures > 0; }));
+        outcome = QStringLiteral("deviceFailed after %1 ms").arg(clock.elapsed());
+        QVERIFY2(clock.elapsed() <= fault.lostWithin, qPrintable(outcome));
+        break;
+    case Fault::Stops:
+        if (fault.state == Fault::Playing) {
+            QVERIFY(session.wait([&] { return session.stops > 0; }));
+            outcome = QStringLiteral("stopped after %1 ms").arg(clock.elapsed());
+        } else {
+            outcome = QStringLiteral("closed in time");
+        }
+        break;
+    case Fault::GoesOn:
+        QVERIFY(session.goesOn(200));
+        outcome = QStringLiteral("goes on");
+        break;
+    }
+    if (fault.afterwards)
+        fault.afterwards();
+    // A host that asks while the server is away is not held either.
+    session.timed([&] { session.engine->doDeviceListUpdate(); });
+    QCoreApplication::processEvents();
+    session.timed([&] { session.engine->deactivate(); });
+    QVERIFY(session.wait([&] { return !session.api->isOpen(); }));
+    if (fault.heal)
+        QVERIFY(fault.heal());
+
+    QVERIFY(session.openDefaults());
+    QVERIFY(session.play());
+    QVERIFY(session.rest());
+    QCOMPARE(session.failures, fault.outcome == Fault::Lost ? fault.failures : 0);
+    QVERIFY2(TimedApplication::longest <= longestHold,
+             qPrintable(QStringLiteral("held for %1 ms").arg(TimedApplication::longest)));
+    if (!fault.leavesThread)
+        session.wait([&] { return Resources::now().within(before); });
+    const Resources after = Resources::now();
+    qInfo().noquote() << QStringLiteral("FAULT | %1 | %2 | %3 | %4 | held %5 ms | threads %6, "
+                                        "files %7 more | plays again")
+                             .arg(session.api->backendString(), fault.name,
+                                  directionName(fault.direction), outcome)
+                             .arg(TimedApplication::longest)
+                             .arg(after.threads - before.threads)
+                             .arg(after.files - before.files);
+    if (!fault.leavesThread)
+        QVERIFY2(after.within(before), "threads or files were left behind");
+}
+
+#endif

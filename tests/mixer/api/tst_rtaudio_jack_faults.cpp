@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+#include "rtaudio_faults.h"
+
+using QTovelMixer::Jack;
+
+class tst_RtAudioJackFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void fault_isSurvived_data();
+    void fault_isSurvived();
+    void engine_playsAtTheNewSize_afterAChange();
+    void engine_findsNothing_withoutServer();
+};
+
+void tst_RtAudioJackFaults::fault_isSurvived_data()
+{
+    QTest::addColumn<int>("direction");
+    QTest::addColumn<QString>("fault");
+    for (const auto direction :
+         {RtAudioSession::Playback, RtAudioSession::Capture, RtAudioSession::Duplex}) {
+        for (const char *fault : {"killed", "buffer size changed"}) {
+            QTest::addRow("%s, %s", fault, qPrintable(directionName(direction)))
+                << int(direction) << QString::fromLatin1(fault);
+        }
+    }
+    for (const char *fault : {"terminated", "frozen and thawed", "frozen, then killed",
+                              "killed while open", "frozen while open"}) {
+        QTest::addRow("%s, duplex", fault)
+            << int(RtAudioSession::Duplex) << QString::fromLatin1(fault);
+    }
+}
+
+void tst_RtAudioJackFaults::fault_isSurvived()
+{
+    QFETCH(int, direction);
+    QFETCH(QString, fault);
+    JackServer server;
+    QVERIFY2(server.start(), qPrintable(server.report()));
+    const auto restart = [&] { return server.start(); };
+    const auto kill = [&] { server.kill(); };
+    const auto freeze = [&] { server.freeze(); };
+    const auto thaw = [&] {
+        server.thaw();
+        return true;
+    };
+
+    Fault row;
+    row.name = fault;
+    row.direction = RtAudioSession::Direction(direction);
+    if (fault == QLatin1String("killed")) {
+        row.lostWithin = 300;
+        row.happen = kill;
+        row.heal = restart;
+    } else if (fault == QLatin1String("terminated")) {
+        row.lostWithin = 300;
+        row.happen = [&] { server.terminate(); };
+        row.heal = restart;
+    } else if (fault == QLatin1String("buffer size changed")) {
+        row.happen = [&] { QVERIFY2(server.setPeriod(1024), qPrintable(server.report())); };
+    } else if (fault == QLatin1String("frozen and thawed")) {
+        row.outcome = Fault::Stops;
+        row.happen = freeze;
+        row.heal = thaw;
+    } else if (fault == QLatin1String("frozen, then killed")) {
+        row.outcome = Fault::Stops;
+        row.happen = freeze;
+        row.afterwards = kill;
+        row.heal = restart;
+    } else if (fault == QLatin1String("killed while open")) {
+        row.state = Fault::Open;
+        row.happen = kill;
+        row.heal = restart;
+        row.failures = 0;
+    } else {
+        row.state = Fault::Open;
+        row.outcome = Fault::Stops;
+        row.happen = freeze;
+        row.heal = thaw;
+    }
+    runFault(Jack, row);
+}
+
+void tst_RtAudioJackFaults::engine_playsAtTheNewSize_afterAChange()
+{
+    JackServer server(48000, 512);
+    QVERIFY2(server.start(), qPrintable(server.report()));
+    RtAudioSession session(Jack, RtAudioSession::Duplex, 256);
+    QVERIFY(session.openDefaults());
+    QCOMPARE(session.engine->bufferFrames(), 512u);
+    QVERIFY(session.play());
+    QVERIFY2(server.setPeriod(128), qPrintable(server.report()));
+    QVERIFY(session.wait([&] { return session.failures == 1; }));
+    QVERIFY(session.openDefaults());
+    QCOMPARE(session.engine->bufferFrames(), 128u);
+    QVERIFY(session.play());
+    QVERIFY(session.rest());
+    QCOMPARE(session.failures, 1);
+}
+
+void tst_RtAudioJackFaults::engine_findsNothing_withoutServer()
+{
+    JackServer server;
+    RtAudioSession session(Jack, RtAudioSession::Duplex);
+    session.timed([&] { session.engine->doDeviceListUpdate(); });
+    QVERIFY(session.engine->devices().isEmpty());
+    QCoreApplication::processEvents();
+    QVERIFY(!session.api->isOpen());
+
+    QVERIFY2(server.start(), qPrintable(server.report()));
+    QVERIFY(session.openDefaults());
+    QVERIFY(session.play());
+    QVERIFY(session.rest());
+}
+
+RTAUDIO_TEST_MAIN(tst_RtAudioJackFaults)
+#include "tst_rtaudio_jack_faults.moc"
