@@ -358,12 +358,12 @@ void tst_TovelmixDevices::play_arrivesWhole_inARecordingOfTheSink()
     QVERIFY2(server.start(), qPrintable(server.report()));
     QVERIFY(writeSeconds("in.wav", 2.0));
     Program recorder(
-        {"record", "--input", "Monitor of NULL1", "--buffer", "2048", "--out", file("take.wav")});
+        {"record", "--input", "Monitor of NULL1", "--buffer", "4096", "--out", file("take.wav")});
     QVERIFY(recorder.reached(0.1));
-    const Run run = tovelmix({"play", file("in.wav"), "--buffer", "2048"});
+    const Run run = tovelmix({"play", file("in.wav"), "--buffer", "4096"});
     QCOMPARE(run.errors, QString());
     QCOMPARE(run.status, 0);
-    QVERIFY2(run.output.startsWith("NULL1 through Pulse, 48000 Hz, blocks of 2048 frames\n"),
+    QVERIFY2(run.output.startsWith("NULL1 through Pulse, 48000 Hz, blocks of 4096 frames\n"),
              qPrintable(run.output));
     QVERIFY2(run.output.contains("played 2.0 s of 2.0 s, level "), qPrintable(run.output));
     QVERIFY(recorder.reached(recorder.seconds() + 1.0));
