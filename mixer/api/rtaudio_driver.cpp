@@ -61,7 +61,11 @@ std::optional<std::vector<unsigned>> RealDriver::deviceIds()
             break;
         }
     }
-    return audio.getDeviceIds();
+    std::vector<unsigned> ids = audio.getDeviceIds();
+    // A busy JACK server refuses a client now and then.
+    if (ids.empty() && currentApi() == RtAudio::UNIX_JACK)
+        ids = audio.getDeviceIds();
+    return ids;
 }
 
 // RtAudio's own choice, the first interface that shows a device, through the guard above.
