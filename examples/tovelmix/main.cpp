@@ -112,7 +112,7 @@ int record(const QCoreApplication &app, const Options &options)
 
 int render(const QCoreApplication &app, const Options &options)
 {
-    Rendering rendering(options.session, options.mix);
+    Rendering rendering(options.session, options.mix, options.picture);
     QObject::connect(&rendering, &Rendering::finished, &app, &QCoreApplication::quit,
                      Qt::QueuedConnection);
     Interrupt interrupt;

@@ -26,6 +26,8 @@ const QCommandLineOption fileOption("in",
 const QCommandLineOption channelsOption("channels", "Channels of a raw INPUT, 1 to 128.", "N");
 const QCommandLineOption secondsOption("seconds", "Ends after so many seconds.", "S");
 const QCommandLineOption outputOption("out", "File that record or render writes.", "FILE");
+const QCommandLineOption
+    pictureOption("picture", "PNG with the waveform, true peaks and loudness of a mix.", "MIX.png");
 const QCommandLineOption takeOption("take", "WAV file that verify compares.", "TAKE.wav");
 const QCommandLineOption backendOption("backend",
                                        "Sound system: " + backendNames().join(", ") + ".", "NAME");
@@ -69,7 +71,7 @@ QList<Verb> verbs()
         {Command::Play, "play", deviceOptions() + QList{deviceOption, virtualOption}},
         {Command::RecordDevice, "record", deviceOptions() + QList{inputOption, outputOption}},
         {Command::Record, "record", {fileOption, channelsOption, secondsOption, outputOption}},
-        {Command::Render, "render", {outputOption, jsonOption}},
+        {Command::Render, "render", {outputOption, jsonOption, pictureOption}},
         {Command::Monitor, "monitor",
          deviceOptions() + QList{deviceOption, inputOption, throughOption}},
         {Command::Verify, "verify", {fileOption, channelsOption, takeOption}},
@@ -168,6 +170,7 @@ QString readNeeds(const QCommandLineParser &parser, Options &options)
         return "render needs --out MIX.wav or --out MIX.flac";
     if (options.command == Command::Render)
         options.mix = parser.value(outputOption);
+    options.picture = parser.value(pictureOption);
     if (options.command == Command::Monitor && parser.isSet(deviceOption) && !options.through)
         return "monitor plays on --device with --through only; --input names what it listens to";
     options.take = records ? parser.value(outputOption) : parser.value(takeOption);
@@ -228,7 +231,7 @@ Options parseOptions(const QStringList &arguments)
         "  tovelmix record --out TAKE.wav                records a device\n"
         "  tovelmix record --in INPUT --seconds S --out TAKE.wav\n"
         "                                                records a file, played in a loop\n"
-        "  tovelmix render SESSION.json --out MIX.wav|.flac [--json]\n"
+        "  tovelmix render SESSION.json --out MIX.wav|.flac [--json] [--picture MIX.png]\n"
         "                                                mixes files into one, without a device\n"
         "  tovelmix monitor [--through]                  shows what a device hears\n"
         "  tovelmix verify --in INPUT --take TAKE.wav    compares a take with its file\n\n"
@@ -240,8 +243,8 @@ Options parseOptions(const QStringList &arguments)
                                  "[FILES…]");
     parser.addOptions({fileOption, channelsOption, secondsOption, outputOption, takeOption,
                        backendOption, deviceOption, inputOption, rateOption, bufferOption,
-                       followOption, jsonOption, watchOption, throughOption, virtualOption,
-                       verboseOption});
+                       followOption, jsonOption, pictureOption, watchOption, throughOption,
+                       virtualOption, verboseOption});
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
 

@@ -22,6 +22,7 @@ struct Options
     QStringList files; ///< for play
     QString session;   ///< for render
     QString mix;       ///< written by render
+    QString picture;   ///< written by render, empty for none
     DeviceOptions devices;
     bool json = false;
     bool watch = false;

@@ -35,31 +35,36 @@ struct Rendering::Measures
 
     int channels;
     DSPB_Statistics *statistics;
-    std::vector<double> samplePeaks; ///< linear
-    std::vector<double> truePeaks;   ///< linear
-    double momentary = silenceDb;    ///< LUFS, the highest
-    double shortTerm = silenceDb;    ///< LUFS, the highest
+    std::vector<double> samplePeaks;  ///< linear
+    std::vector<double> truePeaks;    ///< linear
+    double blockTruePeak = 0.0;       ///< of the last block, linear
+    double blockLoudness = silenceDb; ///< short-term, LUFS, after the last block
+    double momentary = silenceDb;     ///< LUFS, the highest
+    double shortTerm = silenceDb;     ///< LUFS, the highest
 };
 
 void Rendering::Measures::add(const float *samples, int frames)
 {
     DSPB_StatisticsAddFrames(statistics, samples, frames);
+    blockTruePeak = 0.0;
     for (int c = 0; c < channels; ++c) {
         double peak = 0.0;
         DSPB_StatisticsMomentarySamplePeak(statistics, c, &peak);
         samplePeaks[size_t(c)] = std::max(samplePeaks[size_t(c)], peak);
         DSPB_StatisticsMomentaryTruePeak(statistics, c, &peak);
         truePeaks[size_t(c)] = std::max(truePeaks[size_t(c)], peak);
+        blockTruePeak = std::max(blockTruePeak, peak);
     }
     double loudness = silenceDb;
     DSPB_StatisticsMomentaryLoudness(statistics, &loudness);
     momentary = std::max(momentary, loudness);
     DSPB_StatisticsShortTermLoudness(statistics, &loudness);
     shortTerm = std::max(shortTerm, loudness);
+    blockLoudness = loudness;
 }
 
-Rendering::Rendering(const QString &session, const QString &output)
-    : m_sessionPath(session), m_outputPath(output)
+Rendering::Rendering(const QString &session, const QString &output, const QString &picture)
+    : m_sessionPath(session), m_outputPath(output), m_picturePath(picture)
 {}
 
 Rendering::~Rendering()
@@ -84,6 +89,11 @@ bool Rendering::start()
     if (!m_writer->error().isEmpty())
         return fail(Failed, m_writer->error());
     m_measures = std::make_unique<Measures>(m_session.rate, m_session.channels);
+    if (!m_picturePath.isEmpty()) {
+        m_picture = std::make_unique<Picture>(m_picturePath, m_wantedFrames, m_session.channels);
+        if (!m_picture->error().isEmpty())
+            return fail(Failed, m_picture->error());
+    }
 
     auto *api = new QTovelMixerApiVirtual(QTovelMixerApiVirtual::Pacing::FreeWheel, blockFrames);
     m_engine = std::make_unique<QTovelMixer::Engine>(api);
@@ -133,6 +143,8 @@ void Rendering::take(const float *samples, unsigned frames)
         return;
     const qint64 some = std::min<qint64>(frames, m_wantedFrames - m_frames);
     m_measures->add(samples, int(some));
+    if (m_picture)
+        m_picture->add(samples, some, m_measures->blockTruePeak, m_measures->blockLoudness);
     const bool written = m_writer->write(samples, some);
     m_frames += some;
     if (written && m_frames < m_wantedFrames)
@@ -157,6 +169,8 @@ void Rendering::complete()
         fail(Failed, "a file stopped delivering before its end; nothing was written");
     else if (!m_writer->commit())
         fail(Failed, m_writer->error());
+    else if (m_picture && !m_picture->commit())
+        fail(Failed, m_picture->error());
     Q_EMIT finished();
 }
 

@@ -4,6 +4,7 @@
 
 #include <tovelmix/mix_writer.h>
 #include <tovelmix/outcome.h>
+#include <tovelmix/picture.h>
 #include <tovelmix/session_file.h>
 
 #include <dsp/statistics.h>
@@ -26,7 +27,8 @@ class Rendering : public QObject
     Q_OBJECT
 
 public:
-    Rendering(const QString &session, const QString &output);
+    /// `picture`: empty for none.
+    Rendering(const QString &session, const QString &output, const QString &picture);
     ~Rendering() override;
 
     /// Errors: false; the outcome says why, and nothing was written.
@@ -55,6 +57,7 @@ private:
 
     QString m_sessionPath;
     QString m_outputPath;
+    QString m_picturePath;
     SessionFile m_session;
     qint64 m_wantedFrames = 0;
     Outcome m_outcome;
@@ -63,6 +66,7 @@ private:
     double m_seconds = 0.0; ///< that the rendering took
     std::unique_ptr<MixWriter> m_writer;
     std::unique_ptr<Measures> m_measures;
+    std::unique_ptr<Picture> m_picture; ///< null without one
     std::atomic<qint64> m_frames{0};
     std::atomic<bool> m_ended{false}; ///< nothing more is taken
     // Goes first: its thread uses what stands above.

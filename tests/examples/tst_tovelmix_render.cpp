@@ -7,6 +7,7 @@
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
+#include <QtCore/QtEndian>
 #include <QtTest/QTest>
 
 #include <sndfile.h>
@@ -64,6 +65,8 @@ private slots:
     void render_isTheSum_ofTenMinutesOfSixteenTracks();
     void render_repeatsItself_withThreeRates();
     void render_writesFlac();
+    void render_drawsThePicture();
+    void render_writesNothing_withoutItsPicture();
     void render_refuses_data();
     void render_refuses();
     void render_leavesNothing_whenInterrupted();
@@ -163,6 +166,57 @@ void tst_TovelmixRender::render_writesFlac()
     sf_close(sound);
     for (qint64 i = 0; i < 44100; ++i)
         QCOMPARE(samples[size_t(i)], pattern(i));
+}
+
+// Half a second of silence, half a second of noise: rows of an uncompressed picture.
+void tst_TovelmixRender::render_drawsThePicture()
+{
+    QVERIFY(save(R"({"files": [{"file": "b.wav", "start": 1}], "length": 2, "channels": 1})"));
+    const Result result = run(
+        {"render", path("session.json"), "--out", path("mix.wav"), "--picture", path("mix.png")});
+    QCOMPARE(result.err, QByteArray());
+    QCOMPARE(result.status, 0);
+    QFile file(path("mix.png"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray png = file.readAll();
+    QVERIFY(png.startsWith("\x89PNG\r\n\x1a\n"));
+    const auto number = [&png](qsizetype at) {
+        return qFromBigEndian<quint32>(png.constData() + at);
+    };
+    constexpr qsizetype width = 1200;
+    constexpr qsizetype height = 480;
+    QCOMPARE(number(16), quint32(width));
+    QCOMPARE(number(20), quint32(height));
+    QCOMPARE(png.mid(37, 4), QByteArray("IDAT"));
+    QByteArray size(4, '\0');
+    qToBigEndian(quint32(height * (1 + 3 * width)), size.data());
+    const QByteArray rows = qUncompress(size + png.mid(41, number(33)));
+    QCOMPARE(rows.size(), height * (1 + 3 * width));
+    const auto dot = [&rows](qsizetype x, qsizetype y) {
+        return rows.mid(y * (1 + 3 * width) + 1 + 3 * x, 3);
+    };
+    // The waveform's bars stand in the second half alone; full scale fills the lower part.
+    const QByteArray paper = dot(10, 170);
+    QCOMPARE(dot(500, 170), paper);
+    QVERIFY(dot(900, 170) != paper);
+    QVERIFY(dot(900, 470) != paper);
+    // Silence draws both curves at the bottom of their part, full scale at its top.
+    QVERIFY(dot(300, 159) != paper);
+    QVERIFY(dot(900, 0) != paper);
+    QCOMPARE(dot(300, 0), paper);
+    QVERIFY(png.endsWith(QByteArray("\0\0\0\0IEND\xae\x42\x60\x82", 12)));
+}
+
+void tst_TovelmixRender::render_writesNothing_withoutItsPicture()
+{
+    QVERIFY(save(R"({"files": [{"file": "b.wav"}]})"));
+    const QStringList before = QDir(m_folder->path()).entryList();
+    const Result result = run({"render", path("session.json"), "--out", path("mix.wav"),
+                               "--picture", path("none/mix.png")});
+    QCOMPARE(result.status, 1);
+    QCOMPARE(result.err.count('\n'), 1);
+    QVERIFY2(result.err.contains("none/mix.png"), result.err.constData());
+    QCOMPARE(QDir(m_folder->path()).entryList(), before);
 }
 
 void tst_TovelmixRender::render_refuses_data()
