@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The whole block callback, with everything that a device's thread does in it, and what it
 // allocates (nothing).
+#include "noise_source.h"
+
 #include <mixer/engine_p.h>
 #include <mixer/io/source.h>
 #include <mixer/io/source_p.h>
@@ -20,27 +22,6 @@ namespace {
 
 constexpr unsigned blockFrames = 256;
 thread_local long allocations = 0; // of the thread that runs the blocks
-
-/// Endless noise, so that the samples are neither denormal nor predictable.
-class NoiseSource : public Source
-{
-public:
-    explicit NoiseSource(Engine *engine) : Source(engine, 48000, 2, 5.0f) {}
-    double contentStart() const override { return 0.0; }
-    double contentDuration() const override { return 1.0e6; }
-    bool acceptPause(PauseMode) override { return true; }
-    int readSamples(float *buffer, int frames, int channels, double) override
-    {
-        for (int i = 0; i < frames * channels; ++i) {
-            m_state = m_state * 1664525u + 1013904223u;
-            buffer[i] = float(qint32(m_state)) / 2147483648.0f;
-        }
-        return frames;
-    }
-
-private:
-    quint32 m_state = 1;
-};
 
 class FixedRateEngine : public Engine
 {

@@ -389,6 +389,16 @@ PipeWireServer::PipeWireServer(const QList<Sink> &sinks) : m_sinks(sinks)
                 .arg(path(QStringLiteral("run/bus")))
                 .toUtf8());
     }
+    // No hardware, and none of the login service that bluetooth asks for: containers have neither.
+    for (const char *monitor : {"bluetooth.lua.d", "main.lua.d"}) {
+        const QString folder =
+            path(QStringLiteral("home/.config/wireplumber/") + QLatin1String(monitor));
+        QDir().mkpath(folder);
+        QFile off(folder + QStringLiteral("/60-no-hardware.lua"));
+        if (off.open(QIODevice::WriteOnly))
+            off.write(monitor[0] == 'b' ? "bluez_monitor.enabled = false\n"
+                                        : "alsa_monitor.enabled = false\n");
+    }
 }
 
 PipeWireServer::~PipeWireServer() = default;
