@@ -63,7 +63,7 @@ struct Source::Data
     std::atomic<double> pausePositionTime{-1.0};
     std::atomic<bool> pausePositionReached{false};
     std::atomic<bool> materialEnded{false}; // the last look at the material found nothing
-    bool readFailed = false; // readSamples threw; logged once
+    bool readFailed = false;                // readSamples threw; logged once
 
     // The sleep of the worker and everything that ends it, guarded by waitMutex. The atomics are
     // written under it and read without it.

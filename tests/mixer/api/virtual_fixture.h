@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_TESTS_MIXER_API_VIRTUAL_FIXTURE_H
 #define QTOVELMIXER_TESTS_MIXER_API_VIRTUAL_FIXTURE_H
 
+#include <base/trace_p.h>
 #include <mixer/api/api_virtual.h>
 #include <mixer/engine.h>
 #include <mixer/io/sink.h>
@@ -112,6 +113,14 @@ private:
 /// An engine on a virtual device "Speaker", whose output is kept up to `wanted` frames.
 class VirtualSession
 {
+    /// Lines that blocks have left behind are out before the test is over.
+    struct TraceEnd
+    {
+        ~TraceEnd() { QTovelMixer::flushTrace(); }
+    };
+
+    TraceEnd m_traceEnd; // goes after the engine
+
 public:
     using VirtualApi = QTovelMixerApiVirtual;
 
