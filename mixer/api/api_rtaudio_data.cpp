@@ -239,11 +239,8 @@ void QTovelMixerApiRtAudio::RtAudioData::closeOpen()
 {
     closing = 1;
     audio->setStarted(false);
-    if (audio->mustBeLeft()) {
-        audio->leave();
-        replaceWedged();
+    if (replaceDead())
         return;
-    }
     const auto answer = std::make_shared<Answer>();
     if (audio->isRunning()) {
         if (!call(aborting(audio.get(), answer), stopTimeout)) {
@@ -254,11 +251,8 @@ void QTovelMixerApiRtAudio::RtAudioData::closeOpen()
             noteError(answer->text);
     }
     waitForCallbacks();
-    if (audio->mustBeLeft()) {
-        audio->leave();
-        replaceWedged();
+    if (replaceDead())
         return;
-    }
     *answer = Answer();
     if (!call(::closing(answer), stopTimeout)) {
         replaceWedged();
@@ -266,6 +260,15 @@ void QTovelMixerApiRtAudio::RtAudioData::closeOpen()
     }
     if (!QTovelMixer::logFailure(*answer, "close", "closeStream :"))
         replaceUsed();
+}
+
+bool QTovelMixerApiRtAudio::RtAudioData::replaceDead()
+{
+    if (!audio->mustBeLeft())
+        return false;
+    audio->leave();
+    replaceWedged();
+    return true;
 }
 
 void QTovelMixerApiRtAudio::RtAudioData::waitForCallbacks()

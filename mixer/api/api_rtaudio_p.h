@@ -105,6 +105,8 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     /// Detaches the instance and has it deleted, or leaks it when it is wedged.
     void retire(int timeout);
     void replaceWedged();
+    /// Replaces an instance whose server has died while RtAudio still closes its stream.
+    bool replaceDead();
     void replaceUsed();
     /// Replaces an instance whose stream has closed by itself, or that could not be made.
     void refresh();

@@ -15,7 +15,7 @@ constexpr int lookInterval = 20; // ms
 // RtAudio closes a JACK stream by itself when its server dies, on a thread of its own: what is
 // deleted under it ends the process.
 constexpr int disconnectDelay = 250;  // ms that it may take to begin
-constexpr int ownCloseTimeout = 2000; // ms that it may take
+constexpr int ownCloseTimeout = 1500; // ms that it may take, less than its callers wait
 constexpr int idleInterval = 1000;    // ms, after a stream
 
 } // namespace
@@ -139,17 +139,18 @@ void RtAudioInstance::waitForOwnEnd()
     // A start that came back late: its muted callback ends the stream, but for JACK's.
     if (m_late && m_api == RtAudio::UNIX_JACK && !m_disconnected && m_driver->isStreamRunning())
         attempt(*m_driver, [this] { return m_driver->abortStream(); });
-    const QDeadlineTimer end(ownCloseTimeout);
-    while (m_late && m_driver->isStreamRunning() && !end.hasExpired())
-        std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));
+    if (m_late)
+        poll(ownCloseTimeout, [this] { return !m_driver->isStreamRunning(); });
     if (m_api != RtAudio::UNIX_JACK || !m_driver->isStreamOpen())
         return;
-    const QDeadlineTimer begin(disconnectDelay);
-    while (!m_disconnected && !begin.hasExpired())
-        std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));
-    const QDeadlineTimer close(ownCloseTimeout);
-    while (m_disconnected && m_driver->isStreamOpen() && !close.hasExpired())
-        std::this_thread::sleep_for(std::chrono::milliseconds(lookInterval));
+    poll(disconnectDelay, [this] { return m_disconnected.load(); });
+    waitForOwnClose();
+}
+
+void RtAudioInstance::waitForOwnClose()
+{
+    if (m_disconnected)
+        poll(ownCloseTimeout, [this] { return !m_driver->isStreamOpen(); });
 }
 
 bool RtAudioInstance::call(Job job, const QDeadlineTimer &deadline)
@@ -194,9 +195,7 @@ void RtAudioInstance::post(Job job)
 void RtAudioInstance::detach(int timeout)
 {
     m_owner = nullptr;
-    const QDeadlineTimer deadline(timeout);
-    while (m_inside.load() != 0 && !deadline.hasExpired())
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    poll(timeout, [this] { return m_inside.load() == 0; });
 }
 
 bool RtAudioInstance::end(const QDeadlineTimer &deadline)

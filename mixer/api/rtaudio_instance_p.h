@@ -13,6 +13,7 @@
 #include <QtCore/QWaitCondition>
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <thread>
 
@@ -130,6 +131,20 @@ public:
 private:
     static constexpr int warningNote = -1; ///< other kinds are RtAudio's error types
 
+    /// RtAudio tells of nothing that can be waited for: what it does is looked at every
+    /// millisecond, for at most `timeout` ms. Answers the condition. Threads: any but audio.
+    template <typename Condition>
+    static bool poll(int timeout, Condition condition)
+    {
+        const QDeadlineTimer deadline(timeout);
+        while (!condition()) {
+            if (deadline.hasExpired())
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
     /// Somebody is inside the owner, or there is no owner any more.
     struct Visit
     {
@@ -145,6 +160,8 @@ private:
     void work();
     void finish();
     void waitForOwnEnd();
+    /// Waits while RtAudio closes a JACK stream whose server has died.
+    void waitForOwnClose();
     void handleError(const std::string &text);
     void receiveError(RtAudioErrorType type, const std::string &text);
     int streamBlock(void *output, void *input, unsigned frames, double streamTime,

@@ -16,11 +16,10 @@ namespace QTovelMixer {
 
 namespace {
 
-constexpr int stallTime = 500;       // ms without a block after a warning
-constexpr int disconnectTime = 200;  // ms that RtAudio may need to close what has died
-constexpr int lifeTimeout = 400;     // ms, longer than JACK's longest block
-constexpr int ownCloseTimeout = 500; // ms
-constexpr int loggedNotes = 8;       // lines per look
+constexpr int stallTime = 500;      // ms without a block after a warning
+constexpr int disconnectTime = 200; // ms that RtAudio may need to close what has died
+constexpr int lifeTimeout = 400;    // ms, longer than JACK's longest block
+constexpr int loggedNotes = 8;      // lines per look
 
 } // namespace
 
@@ -197,13 +196,10 @@ bool RtAudioInstance::awaitLife()
     if (m_api != RtAudio::UNIX_JACK)
         return true;
     const quint64 before = m_calls;
-    const QDeadlineTimer deadline(lifeTimeout);
-    while (m_driver->isStreamRunning() && m_calls == before && !m_disconnected &&
-           !deadline.hasExpired())
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const QDeadlineTimer closing(ownCloseTimeout);
-    while (m_disconnected && m_driver->isStreamOpen() && !closing.hasExpired())
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    poll(lifeTimeout, [this, before] {
+        return !m_driver->isStreamRunning() || m_calls != before || m_disconnected;
+    });
+    waitForOwnClose();
     return !m_disconnected;
 }
 

@@ -38,6 +38,38 @@ inline QString directionName(RtAudioSession::Direction direction)
                                                   : QStringLiteral("duplex");
 }
 
+/// The rows that befall every kind of server: "killed", "terminated", "frozen and thawed", "frozen,
+/// then killed", "killed while open", "frozen while open". `restart` brings a dead server back.
+inline Fault serverFault(const QString &name, int direction, SoundServer &server,
+                         const std::function<bool()> &restart)
+{
+    const auto kill = [&server] { server.kill(); };
+    const auto freeze = [&server] { server.freeze(); };
+    Fault row;
+    row.name = name;
+    row.direction = RtAudioSession::Direction(direction);
+    row.state = name.endsWith(QLatin1String("while open")) ? Fault::Open : Fault::Playing;
+    if (name.startsWith(QLatin1String("frozen"))) {
+        row.outcome = Fault::Stops;
+        row.happen = freeze;
+        row.heal = [&server] {
+            server.thaw();
+            return true;
+        };
+        if (name == QLatin1String("frozen, then killed")) {
+            row.afterwards = kill;
+            row.heal = restart;
+        }
+    } else if (name.startsWith(QLatin1String("killed")) || name == QLatin1String("terminated")) {
+        row.lostWithin = 300;
+        row.happen = kill;
+        if (name == QLatin1String("terminated"))
+            row.happen = [&server] { server.terminate(); };
+        row.heal = restart;
+    }
+    return row;
+}
+
 inline void runFault(QTovelMixer::Backend backend, const Fault &fault, unsigned frames = 512)
 {
     RtAudioSession session(backend, fault.direction, frames);
