@@ -17,7 +17,7 @@ struct DSPB_Resampler
     std::vector<float> input; ///< the frames that coming output still needs, then new ones
     int64_t filled = 0;       ///< frames in `input`
     int64_t window = 0;       ///< where in `input` the next output frame's window begins
-    int64_t phase = 0;        ///< of the next output frame
+    int64_t position = 0;     ///< of the next output frame in the filter's cycle
 };
 
 namespace {
@@ -29,9 +29,9 @@ constexpr int64_t highestRatio = 256;
 void restart(DSPB_Resampler &resampler)
 {
     const ResampleFilter &filter = *resampler.filter;
-    resampler.filled = filter.taps - filter.half - 1;
-    resampler.window = 0;
-    resampler.phase = 0;
+    resampler.filled = filter.lead + filter.taps - filter.half - 1;
+    resampler.window = filter.lead;
+    resampler.position = 0;
     std::fill_n(resampler.input.begin(), resampler.filled, 0.0F);
 }
 
@@ -42,13 +42,14 @@ int64_t readyFrames(const DSPB_Resampler &resampler)
     const int64_t windows = resampler.filled - filter.taps - resampler.window + 1;
     if (windows <= 0)
         return 0;
-    return (windows * filter.phases - resampler.phase + filter.step - 1) / filter.step;
+    const int64_t phase = filter.phaseOf(resampler.position);
+    return (windows * filter.phases - phase + filter.step - 1) / filter.step;
 }
 
-/// Drops the input before the next window.
+/// Drops the input before the next window and what its row's leading zeros look at.
 void discardUsed(DSPB_Resampler &resampler)
 {
-    const int64_t used = std::min(resampler.window, resampler.filled);
+    const int64_t used = std::min(resampler.window - resampler.filter->lead, resampler.filled);
     std::copy(resampler.input.begin() + used, resampler.input.begin() + resampler.filled,
               resampler.input.begin());
     resampler.filled -= used;
@@ -63,11 +64,11 @@ int64_t processBlock(DSPB_Resampler &resampler, const float *in, float *out, int
     const int64_t ready = readyFrames(resampler);
     if (ready > 0) {
         const ResampleRun run{resampler.input.data() + resampler.window, out, ready,
-                              resampler.phase};
+                              resampler.position};
         QTovelMixer::resampleRun(filter, run);
-        const int64_t advanced = resampler.phase + ready * filter.step;
-        resampler.window += advanced / filter.phases;
-        resampler.phase = advanced % filter.phases;
+        const int64_t next = resampler.position + ready;
+        resampler.window += filter.windowOf(next) - filter.windowOf(resampler.position);
+        resampler.position = next % filter.cycle;
     }
     discardUsed(resampler);
     return ready;
@@ -87,7 +88,9 @@ DSPB_Resampler *DSPB_ResampleInit(int32_t inRate, int32_t outRate, const char * 
         return nullptr;
     auto resampler = std::make_unique<DSPB_Resampler>();
     resampler->filter = ResampleFilter::shared(inRate, outRate);
-    resampler->input.resize(size_t(resampler->filter->taps + blockFrames));
+    // Trailing zeros of rows look behind the input: at older frames, which are finite.
+    resampler->input.resize(size_t(resampler->filter->lead + resampler->filter->taps + blockFrames +
+                                   resampler->filter->depth));
     restart(*resampler);
     return resampler.release();
 }
@@ -110,7 +113,8 @@ double DSPB_ResampleWithheld(const DSPB_Resampler *resampler)
         return 0.0;
     const ResampleFilter &filter = *resampler->filter;
     const int64_t nextFrame = resampler->window + filter.taps - filter.half - 1;
-    return double(resampler->filled - nextFrame) - double(resampler->phase) / double(filter.phases);
+    return double(resampler->filled - nextFrame) -
+           double(filter.phaseOf(resampler->position)) / double(filter.phases);
 }
 
 void DSPB_ResampleRestart(DSPB_Resampler *resampler)

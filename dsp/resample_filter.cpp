@@ -91,6 +91,40 @@ FilterStore &store()
 
 } // namespace
 
+namespace {
+
+/// A row for each phase, in blocks.
+void fillBlocks(ResampleFilter &filter, double bandwidth)
+{
+    constexpr int together = ResampleFilter::rowsPerBlock;
+    filter.rows.resize(size_t(filter.blocks() * together * filter.depth), 0.0F);
+    std::vector<float> row(static_cast<size_t>(filter.taps));
+    for (int64_t position = 0; position < filter.cycle; ++position) {
+        const int64_t first = position / together * together;
+        const int64_t later = filter.windowOf(position) - filter.windowOf(first);
+        fillRow(row, filter.half, double(filter.phaseOf(position)) / double(filter.phases),
+                bandwidth);
+        float *const block = filter.rows.data() + first * filter.depth;
+        for (int tap = 0; tap < filter.taps; ++tap) {
+            const int64_t k = later + tap;
+            block[(k / 8 * together + position - first) * 8 + k % 8] = row[size_t(tap)];
+        }
+    }
+}
+
+/// One row more than there are parts.
+void fillParts(ResampleFilter &filter, double bandwidth)
+{
+    filter.rows.resize(size_t(filter.parts + 1) * size_t(filter.taps));
+    for (int64_t row = 0; row <= filter.parts; ++row) {
+        const std::span<float> coefficients(filter.rows.data() + row * filter.taps,
+                                            size_t(filter.taps));
+        fillRow(coefficients, filter.half, double(row) / double(filter.parts), bandwidth);
+    }
+}
+
+} // namespace
+
 std::shared_ptr<const ResampleFilter> ResampleFilter::build(int32_t inRate, int32_t outRate)
 {
     auto filter = std::make_shared<ResampleFilter>();
@@ -100,18 +134,21 @@ std::shared_ptr<const ResampleFilter> ResampleFilter::build(int32_t inRate, int3
     const double stretch = std::max(1.0, double(inRate) / double(outRate));
     filter->half = int(std::ceil(tapsPerSide * stretch));
     filter->taps = (2 * filter->half + 15) / 16 * 16;
+    // At least one whole block.
+    filter->cycle = filter->phases < rowsPerBlock - 1 ? rowsPerBlock : filter->phases;
 
-    const bool rowPerPhase =
-        filter->phases <= mostPhases && filter->phases * filter->taps <= mostCoefficients;
-    // A filter stretched in time is as much smoother, so it needs fewer rows.
-    filter->parts = rowPerPhase ? 0 : int64_t(std::ceil(partsPerFrame / stretch));
-    const int64_t rows = rowPerPhase ? filter->phases : filter->parts + 1;
-    const double divisions = double(rowPerPhase ? filter->phases : filter->parts);
-    filter->rows.resize(size_t(rows) * size_t(filter->taps));
-    for (int64_t row = 0; row < rows; ++row) {
-        const std::span<float> coefficients(filter->rows.data() + row * filter->taps,
-                                            size_t(filter->taps));
-        fillRow(coefficients, filter->half, double(row) / divisions, cutOff / stretch);
+    const int64_t lead = (rowsPerBlock - 1) * filter->step / filter->phases + 1;
+    const int64_t depth = (filter->taps + lead + 7) / 8 * 8;
+    const int64_t coefficients = filter->blocks() * rowsPerBlock * depth;
+    if (filter->phases <= mostPhases && coefficients <= mostCoefficients) {
+        filter->lead = int(lead);
+        filter->depth = int(depth);
+        fillBlocks(*filter, cutOff / stretch);
+    } else {
+        // A filter stretched in time is as much smoother, so it needs fewer rows.
+        filter->parts = int64_t(std::ceil(partsPerFrame / stretch));
+        filter->depth = filter->taps;
+        fillParts(*filter, cutOff / stretch);
     }
     return filter;
 }

@@ -29,7 +29,7 @@ using Wide = hn::CappedTag<float, 8>;
 
 constexpr size_t lanes = hn::MaxLanes(Wide());
 constexpr size_t vectorsPerSum = 8 / lanes;
-constexpr int groupFrames = lanes == 8 ? 8 : 4; // as many sums as the registers hold
+constexpr int blockRows = ResampleFilter::rowsPerBlock;
 
 /// Eight partial sums: the k-th adds every eighth product, beginning with the k-th.
 struct Sum
@@ -103,23 +103,29 @@ HWY_INLINE float total(const Sum &sum)
 
 #endif
 
-HWY_INLINE float one(const float *row, const float *window, int taps)
+/// One output frame: row `row` of a block whose window begins at `window`.
+HWY_INLINE float one(const float *block, int row, const float *window, int depth)
 {
     Sum sum;
     clear(sum);
-    for (int k = 0; k < taps; k += 8)
-        addProducts(sum, loadEight(row + k), window + k);
+    for (int k = 0; k < depth; k += 8)
+        addProducts(sum, loadEight(block + k * blockRows + row * 8), window + k);
     return total(sum);
 }
 
 #if HWY_TARGET == HWY_SCALAR
 
-template <int frames>
-HWY_INLINE void group(const float *row, const float *window, ptrdiff_t step, int taps, float *out,
-                      ptrdiff_t stride)
+HWY_INLINE void oneBlock(const float *block, const float *window, int depth, float *out)
 {
-    for (int i = 0; i < frames; ++i)
-        out[i * stride] = one(row, window + i * step, taps);
+    for (int row = 0; row < blockRows; ++row)
+        out[row] = one(block, row, window, depth);
+}
+
+HWY_INLINE void twoBlocks(const float *block, const float *window, const float *later, int depth,
+                          float *out, float *outLater)
+{
+    oneBlock(block, window, depth, out);
+    oneBlock(block, later, depth, outLater);
 }
 
 #else
@@ -137,99 +143,144 @@ HWY_INLINE void clear(FourSums &sums)
     clear(sums.d);
 }
 
-HWY_INLINE void addProducts(FourSums &sums, const Sum &coefficients, const float *input,
-                            ptrdiff_t step)
+HWY_INLINE void addProducts(FourSums &sums, const float *coefficients, const Sum &samples)
 {
-    addProducts(sums.a, coefficients, input);
-    addProducts(sums.b, coefficients, input + step);
-    addProducts(sums.c, coefficients, input + 2 * step);
-    addProducts(sums.d, coefficients, input + 3 * step);
+    addProducts(sums.a, samples, coefficients);
+    addProducts(sums.b, samples, coefficients + 8);
+    addProducts(sums.c, samples, coefficients + 16);
+    addProducts(sums.d, samples, coefficients + 24);
 }
 
-HWY_INLINE void storeTotals(const FourSums &sums, float *out, ptrdiff_t stride)
+/// Loads once what is used twice: left alone, g++ makes a memory operand of each use, and loads are
+/// what the loop below waits for.
+HWY_INLINE Sum loadEightOnce(const float *from)
 {
-    HWY_ALIGN float totals[4];
-    hn::Store(total(fold(sums.a.part), fold(sums.b.part), fold(sums.c.part), fold(sums.d.part)),
-              Four(), totals);
-    out[0] = totals[0];
-    out[stride] = totals[1];
-    out[2 * stride] = totals[2];
-    out[3 * stride] = totals[3];
+    Sum loaded = loadEight(from);
+#if HWY_ARCH_X86 && (HWY_COMPILER_GCC || HWY_COMPILER_CLANG)
+    for (size_t i = 0; i < vectorsPerSum; ++i)
+        asm("" : "+x"(loaded.part[i].raw));
+#endif
+    return loaded;
 }
 
-/// Several output frames of equal phase share each load of the coefficients.
-template <int frames>
-HWY_INLINE void group(const float *row, const float *window, ptrdiff_t step, int taps, float *out,
-                      ptrdiff_t stride)
+HWY_INLINE void addToBoth(Sum &first, Sum &second, const Sum &coefficients, const Sum &samples,
+                          const Sum &laterSamples)
 {
-    FourSums first;
-    clear(first);
-    if constexpr (frames == 4) {
-        for (int k = 0; k < taps; k += 16) {
-            addProducts(first, loadEight(row + k), window + k, step);
-            addProducts(first, loadEight(row + k + 8), window + k + 8, step);
-        }
-    } else {
-        FourSums second;
-        clear(second);
-        const float *const later = window + 4 * step;
-        for (int k = 0; k < taps; k += 16) {
-            const Sum coefficients = loadEight(row + k);
-            addProducts(first, coefficients, window + k, step);
-            addProducts(second, coefficients, later + k, step);
-            const Sum following = loadEight(row + k + 8);
-            addProducts(first, following, window + k + 8, step);
-            addProducts(second, following, later + k + 8, step);
-        }
-        storeTotals(second, out + 4 * stride, stride);
+    for (size_t i = 0; i < vectorsPerSum; ++i) {
+        first.part[i] = hn::Add(first.part[i], hn::Mul(coefficients.part[i], samples.part[i]));
+        second.part[i] =
+            hn::Add(second.part[i], hn::Mul(coefficients.part[i], laterSamples.part[i]));
     }
-    storeTotals(first, out, stride);
+}
+
+HWY_INLINE void storeTotals(const FourSums &sums, float *out)
+{
+    hn::StoreU(total(fold(sums.a.part), fold(sums.b.part), fold(sums.c.part), fold(sums.d.part)),
+               Four(), out);
+}
+
+/// The four output frames of a block share each load of the input.
+HWY_INLINE void oneBlock(const float *block, const float *window, int depth, float *out)
+{
+    FourSums sums;
+    clear(sums);
+    for (int k = 0; k < depth; k += 8)
+        addProducts(sums, block + k * blockRows, loadEight(window + k));
+    storeTotals(sums, out);
+}
+
+/// Two passes of the same block share each load of the coefficients, where registers suffice.
+HWY_INLINE void twoBlocks(const float *block, const float *window, const float *later, int depth,
+                          float *out, float *outLater)
+{
+    if constexpr (lanes < 8) {
+        oneBlock(block, window, depth, out);
+        oneBlock(block, later, depth, outLater);
+    } else {
+        FourSums first;
+        FourSums second;
+        clear(first);
+        clear(second);
+        for (int k = 0; k < depth; k += 8) {
+            const Sum samples = loadEight(window + k);
+            const Sum laterSamples = loadEight(later + k);
+            const float *const coefficients = block + k * blockRows;
+            addToBoth(first.a, second.a, loadEightOnce(coefficients), samples, laterSamples);
+            addToBoth(first.b, second.b, loadEightOnce(coefficients + 8), samples, laterSamples);
+            addToBoth(first.c, second.c, loadEightOnce(coefficients + 16), samples, laterSamples);
+            addToBoth(first.d, second.d, loadEightOnce(coefficients + 24), samples, laterSamples);
+        }
+        storeTotals(first, out);
+        storeTotals(second, outLater);
+    }
 }
 
 #endif
 
-/// All output frames of one phase: `count` of them, `stride` apart.
-HWY_INLINE void onePhase(const float *row, const float *window, const ResampleFilter &filter,
-                         float *out, int64_t count)
+/// Where the passes of a block lie: the first one, and from each to the next.
+struct Passes
 {
-    const ptrdiff_t step = filter.step;
-    const ptrdiff_t stride = filter.phases;
-    if (count < 4) {
-        for (int64_t i = 0; i < count; ++i)
-            out[i * stride] = one(row, window + i * step, filter.taps);
-        return;
+    const float *window;
+    float *out;
+    int64_t count;
+    int64_t windowStep;
+    int64_t outStep;
+};
+
+HWY_INLINE void wholeBlocks(const float *block, int depth, const Passes &passes)
+{
+    if (passes.count == 1)
+        return oneBlock(block, passes.window, depth, passes.out);
+    for (int64_t i = 0; i < passes.count; i += 2) {
+        // The last two may repeat one: computed twice, it comes out the same.
+        i = std::min(i, passes.count - 2);
+        const float *const window = passes.window + i * passes.windowStep;
+        float *const out = passes.out + i * passes.outStep;
+        twoBlocks(block, window, window + passes.windowStep, depth, out, out + passes.outStep);
     }
-    int64_t i = 0;
-    for (; groupFrames > 4 && count - i > 4 && count >= groupFrames; i += groupFrames) {
-        i = std::min(i, count - groupFrames);
-        group<groupFrames>(row, window + i * step, step, filter.taps, out + i * stride, stride);
-    }
-    // The last group may repeat some frames: computed twice, they come out the same.
-    for (; i < count; i += 4) {
-        i = std::min(i, count - 4);
-        group<4>(row, window + i * step, step, filter.taps, out + i * stride, stride);
+}
+
+/// Output frames of a block that the run or the cycle cuts.
+HWY_INLINE void rowByRow(const ResampleFilter &filter, const ResampleRun &run, int64_t begin,
+                         int64_t end)
+{
+    for (int64_t i = begin; i < end; ++i) {
+        const int64_t position = (run.position + i) % filter.cycle;
+        const int64_t first = position / blockRows * blockRows;
+        const int64_t ahead = filter.windowOf(run.position + i) - filter.windowOf(run.position) -
+                              (filter.windowOf(position) - filter.windowOf(first));
+        run.out[i] = one(filter.block(position / blockRows), int(position - first),
+                         run.window + ahead, filter.depth);
     }
 }
 
 void runExact(const ResampleFilter &filter, const ResampleRun &run)
 {
-    const int64_t whole = filter.step / filter.phases;
-    const int64_t part = filter.step % filter.phases;
-    const int64_t rounds = run.frames / filter.phases;
-    const int64_t rest = run.frames % filter.phases;
-    const int64_t phases = rounds > 0 ? filter.phases : rest;
-    const float *window = run.window;
-    int64_t phase = run.phase;
-    for (int64_t i = 0; i < phases; ++i) {
-        const float *row = filter.rows.data() + phase * filter.taps;
-        onePhase(row, window, filter, run.out + i, rounds + (i < rest ? 1 : 0));
-        window += whole;
-        phase += part;
-        if (phase >= filter.phases) {
-            phase -= filter.phases;
-            ++window;
+    const int64_t cycle = filter.cycle;
+    const int64_t cycleWindow = filter.windowOf(cycle);
+    const int64_t begin = run.position;
+    const int64_t end = begin + run.frames;
+    const int64_t wholeBegin =
+        std::min({(begin + blockRows - 1) / blockRows * blockRows, cycle, end});
+    rowByRow(filter, run, 0, wholeBegin - begin);
+    for (int64_t index = 0; index < filter.blocks(); ++index) {
+        const int64_t rows = std::min<int64_t>(blockRows, cycle - index * blockRows);
+        const int64_t inCycle = index * blockRows;
+        const int64_t first = inCycle >= wholeBegin ? inCycle : inCycle + cycle;
+        if (first + rows > end)
+            continue;
+        const int64_t count = (end - rows - first) / cycle + 1;
+        if (rows == blockRows) {
+            wholeBlocks(filter.block(index), filter.depth,
+                        {run.window + filter.windowOf(first) - filter.windowOf(begin),
+                         run.out + first - begin, count, cycleWindow, cycle});
+        } else {
+            for (int64_t i = 0; i < count; ++i)
+                rowByRow(filter, run, first + i * cycle - begin, first + i * cycle + rows - begin);
         }
     }
+    const int64_t cut = end % cycle % blockRows;
+    rowByRow(filter, run, std::max(end - cut, wholeBegin) - begin, run.frames);
 }
 
 void runInterpolated(const ResampleFilter &filter, const ResampleRun &run)
@@ -237,7 +288,7 @@ void runInterpolated(const ResampleFilter &filter, const ResampleRun &run)
     const int64_t whole = filter.step / filter.phases;
     const int64_t part = filter.step % filter.phases;
     const float *window = run.window;
-    int64_t phase = run.phase;
+    int64_t phase = filter.phaseOf(run.position);
     for (int64_t i = 0; i < run.frames; ++i) {
         const int64_t position = phase * filter.parts;
         const float *row = filter.rows.data() + position / filter.phases * filter.taps;

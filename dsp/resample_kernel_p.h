@@ -6,14 +6,14 @@
 
 namespace QTovelMixer {
 
-/// A run of output frames to compute. The input behind `window` must reach to the end of the last
-/// frame's window.
+/// A run of output frames to compute. The input must reach from `lead` frames before `window` to
+/// `depth` frames behind the beginning of the last frame's window.
 struct ResampleRun
 {
     const float *window; ///< first input frame under the filter of the first output frame
     float *out;
-    int64_t frames; ///< output frames
-    int64_t phase;  ///< of the first output frame
+    int64_t frames;   ///< output frames
+    int64_t position; ///< of the first output frame in the filter's cycle
 };
 
 /// Computes the run. Each output frame is summed in one fixed order (eight interleaved partial

@@ -1,12 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/resampler_bank_p.h>
 
+#include <dsp/kernels_p.h>
 #include <dsp/resample.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 namespace QTovelMixer {
+
+namespace {
+
+// Channels taken apart together: as many as one pass over the frames serves best, and few enough
+// for a small scratch.
+constexpr size_t groupChannels = 8;
+
+} // namespace
 
 ResamplerBank::ResamplerBank(int inputRate, int outputRate, int channels)
     : m_resamplers(static_cast<size_t>(std::max(channels, 0)), nullptr)
@@ -15,8 +25,10 @@ ResamplerBank::ResamplerBank(int inputRate, int outputRate, int channels)
         resampler = DSPB_ResampleInit(inputRate, outputRate, "none");
     if (!isValid())
         return;
-    m_input.resize(chunkFrames);
-    m_output.resize(static_cast<size_t>(maxOutputFrames(inputRate, outputRate)));
+    const size_t together = std::min(m_resamplers.size(), groupChannels);
+    m_outputFrames = static_cast<size_t>(maxOutputFrames(inputRate, outputRate));
+    m_input.resize(together * chunkFrames);
+    m_output.resize(together * m_outputFrames);
 }
 
 ResamplerBank::~ResamplerBank()
@@ -43,16 +55,22 @@ int ResamplerBank::process(const float *in, int frames, float *out)
     frames = std::min(frames, chunkFrames);
     if (frames <= 0 || m_input.empty())
         return 0;
+    std::array<float *, groupChannels> inputs{};
+    std::array<float *, groupChannels> outputs{};
+    for (size_t c = 0; c < std::min(m_resamplers.size(), groupChannels); ++c) {
+        inputs[c] = m_input.data() + c * chunkFrames;
+        outputs[c] = m_output.data() + c * m_outputFrames;
+    }
     int written = 0;
     const size_t channels = m_resamplers.size();
-    for (size_t c = 0; c < channels; ++c) {
-        const float *from = in + c;
-        for (int i = 0; i < frames; ++i, from += channels)
-            m_input[static_cast<size_t>(i)] = *from;
-        written = DSPB_Resample(m_resamplers[c], m_input.data(), m_output.data(), frames);
-        float *to = out + c;
-        for (int i = 0; i < written; ++i, to += channels)
-            *to = m_output[static_cast<size_t>(i)];
+    for (size_t first = 0; first < channels; first += groupChannels) {
+        const size_t count = std::min(channels - first, groupChannels);
+        Kernels::deinterleave(in + first, channels, inputs.data(), count,
+                              static_cast<size_t>(frames));
+        for (size_t c = 0; c < count; ++c)
+            written = DSPB_Resample(m_resamplers[first + c], inputs[c], outputs[c], frames);
+        Kernels::interleave(outputs.data(), out + first, channels, count,
+                            static_cast<size_t>(written));
     }
     return written;
 }

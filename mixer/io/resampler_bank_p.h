@@ -42,8 +42,9 @@ public:
 
 private:
     std::vector<DSPB_Resampler *> m_resamplers;
-    std::vector<float> m_input;  // one channel of a chunk
-    std::vector<float> m_output; // one channel of the converted chunk
+    size_t m_outputFrames = 0;   // room for a channel of the converted chunk
+    std::vector<float> m_input;  // some channels of a chunk, one after the other
+    std::vector<float> m_output; // the same, converted
 };
 
 } // namespace QTovelMixer

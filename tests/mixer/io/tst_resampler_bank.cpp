@@ -10,13 +10,13 @@ using namespace QTovelMixer;
 
 namespace {
 
-/// Interleaved frames from `first` on: channel c of frame k is k + 1000 × c.
+/// Interleaved frames from `first` on: channel c of frame k is k + 100 × c.
 std::vector<float> ramp(qint64 first, int frames, int channels)
 {
     std::vector<float> samples;
     for (qint64 k = first; k < first + frames; ++k) {
         for (int c = 0; c < channels; ++c)
-            samples.push_back(static_cast<float>(k + 1000 * c));
+            samples.push_back(static_cast<float>(k + 100 * c));
     }
     return samples;
 }
@@ -62,30 +62,35 @@ void TestResamplerBank::process_keepsChannelsApartAndAligned_data()
 {
     QTest::addColumn<int>("from");
     QTest::addColumn<int>("to");
-    QTest::newRow("44100 to 48000") << 44100 << 48000;
-    QTest::newRow("48000 to 44100") << 48000 << 44100;
-    QTest::newRow("96000 to 48000") << 96000 << 48000;
+    QTest::addColumn<int>("channels");
+    QTest::newRow("44100 to 48000") << 44100 << 48000 << 3;
+    QTest::newRow("48000 to 44100") << 48000 << 44100 << 1;
+    QTest::newRow("96000 to 48000, as many as go together") << 96000 << 48000 << 8;
+    QTest::newRow("44100 to 48000, in two parts") << 44100 << 48000 << 11;
+    QTest::newRow("48000 to 44100, as many as there may be") << 48000 << 44100 << 128;
 }
 
 void TestResamplerBank::process_keepsChannelsApartAndAligned()
 {
     QFETCH(int, from);
     QFETCH(int, to);
-    ResamplerBank bank(from, to, 3);
+    QFETCH(int, channels);
+    ResamplerBank bank(from, to, channels);
     QVERIFY(bank.isValid());
-    std::vector<float> out(static_cast<size_t>(ResamplerBank::maxOutputFrames(from, to)) * 3);
+    std::vector<float> out(static_cast<size_t>(ResamplerBank::maxOutputFrames(from, to)) *
+                           static_cast<size_t>(channels));
     qint64 done = 0;
     for (int call = 0; call < 4; ++call) {
-        const std::vector<float> in = ramp(qint64{4096} * call, 4096, 3);
+        const std::vector<float> in = ramp(qint64{4096} * call, 4096, channels);
         const int frames = bank.process(in.data(), 4096, out.data());
         QVERIFY(frames > 0 && frames <= ResamplerBank::maxOutputFrames(from, to));
         for (int i = 0; i < frames; ++i) {
             const double expected = static_cast<double>(done + i) * from / to;
             if (expected < 200.0)
                 continue; // the filter still sees the silence before the first frame
-            for (int c = 0; c < 3; ++c)
-                QVERIFY(std::abs(out[static_cast<size_t>(i * 3 + c)] - (expected + 1000.0 * c)) <
-                        0.05);
+            for (int c = 0; c < channels; ++c)
+                QVERIFY(std::abs(out[static_cast<size_t>(i * channels + c)] -
+                                 (expected + 100.0 * c)) < 0.05);
         }
         done += frames;
     }
