@@ -5,6 +5,8 @@
 
 #include <mixer/api/api_virtual.h>
 
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -133,6 +135,39 @@ bool Rendering::addTrack(const Track &track)
         m_engine->setGain(added, cell.from - 1, cell.to - 1, cell.gain * gain);
     if (track.channelMask != ~quint64{0})
         m_engine->setChannelsMask(added, track.channelMask);
+    return track.record.isEmpty() || addStem(track, added);
+}
+
+/// Records the source as it is played, before any gain.
+bool Rendering::addStem(const Track &track, FileSource *source)
+{
+    const QFileInfo mix(m_outputPath);
+    Stem stem;
+    stem.path = mix.dir().filePath(track.record);
+    const auto isStem = [path = QFileInfo(stem.path)](const QString &other) {
+        const QFileInfo file(other);
+        return file.absoluteFilePath() == path.absoluteFilePath() ||
+               (path.exists() && path == file);
+    };
+    if (isStem(m_outputPath) ||
+        std::any_of(m_session.tracks.begin(), m_session.tracks.end(),
+                    [&isStem](const Track &other) { return isStem(other.file); }))
+        return fail(Failed, QString("%1: 'record' names a file of the session or the mix, '%2'")
+                                .arg(m_sessionPath, stem.path));
+    const int channels = source->numChannels();
+    stem.writer = std::make_unique<MixWriter>(stem.path, channels, m_session.rate, m_wantedFrames);
+    if (!stem.writer->error().isEmpty())
+        return fail(Failed, stem.writer->error());
+    auto sink = std::make_unique<StemSink>(m_engine.get(), channels, m_session.rate, m_wantedFrames,
+                                           *stem.writer);
+    if (!m_engine->addSink(sink.get()))
+        return fail(Failed, QString("the mixer does not record '%1'").arg(stem.path));
+    stem.sink = sink.release();
+    for (int c = 0; c < channels; ++c)
+        m_engine->setGain(source, c, stem.sink, c, 1.0f);
+    connect(stem.sink, &StemSink::done, this, &Rendering::completeWhenWritten,
+            Qt::QueuedConnection);
+    m_stems.push_back(std::move(stem));
     return true;
 }
 
@@ -150,13 +185,31 @@ void Rendering::take(const float *samples, unsigned frames)
     if (written && m_frames < m_wantedFrames)
         return;
     m_ended = true;
-    QMetaObject::invokeMethod(this, &Rendering::complete, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, &Rendering::completeWhenWritten, Qt::QueuedConnection);
+}
+
+/// The mix is written on the audio thread, the recordings on workers that come later.
+void Rendering::completeWhenWritten()
+{
+    if (!m_over && m_ended && std::all_of(m_stems.begin(), m_stems.end(), [](const Stem &stem) {
+            return stem.sink->isDone();
+        }))
+        complete();
+}
+
+bool Rendering::commit()
+{
+    if (!m_writer->commit())
+        return fail(Failed, m_writer->error());
+    for (const Stem &stem : m_stems) {
+        if (!stem.writer->commit())
+            return fail(Failed, stem.writer->error());
+    }
+    return !m_picture || m_picture->commit() || fail(Failed, m_picture->error());
 }
 
 void Rendering::complete()
 {
-    if (m_over)
-        return;
     m_over = true;
     m_seconds = double(m_clock.nsecsElapsed()) / 1e9;
     bool cutShort = false;
@@ -167,10 +220,8 @@ void Rendering::complete()
     m_engine->deactivate(QTovelMixer::UserStopAction);
     if (cutShort)
         fail(Failed, "a file stopped delivering before its end; nothing was written");
-    else if (!m_writer->commit())
-        fail(Failed, m_writer->error());
-    else if (m_picture && !m_picture->commit())
-        fail(Failed, m_picture->error());
+    else
+        commit();
     Q_EMIT finished();
 }
 
@@ -210,19 +261,24 @@ QString Rendering::progress() const
 QString Rendering::table() const
 {
     QString text = "channel   sample peak     true peak\n";
+    QString recordings;
     for (size_t c = 0; c < size_t(m_session.channels); ++c)
         text += QString("%1   %2 dBFS   %3 dBTP\n")
                     .arg(c + 1, 7)
                     .arg(decibels(m_measures->samplePeaks[c]), 6, 'f', 1)
                     .arg(decibels(m_measures->truePeaks[c]), 6, 'f', 1);
-    return text + QString("loudness, highest: momentary %1 LUFS, short-term %2 LUFS\n"
-                          "%3: %4 frames at %5 Hz, %6 × real time\n")
-                      .arg(m_measures->momentary, 0, 'f', 1)
-                      .arg(m_measures->shortTerm, 0, 'f', 1)
-                      .arg(m_outputPath)
-                      .arg(m_wantedFrames)
-                      .arg(m_session.rate)
-                      .arg(speed(), 0, 'f', 0);
+    for (const Stem &stem : m_stems)
+        recordings += QString("%1: recorded through a sink\n").arg(stem.path);
+    return text +
+           QString("loudness, highest: momentary %1 LUFS, short-term %2 LUFS\n"
+                   "%3: %4 frames at %5 Hz, %6 × real time\n")
+               .arg(m_measures->momentary, 0, 'f', 1)
+               .arg(m_measures->shortTerm, 0, 'f', 1)
+               .arg(m_outputPath)
+               .arg(m_wantedFrames)
+               .arg(m_session.rate)
+               .arg(speed(), 0, 'f', 0) +
+           recordings;
 }
 
 QByteArray Rendering::json() const
@@ -231,13 +287,17 @@ QByteArray Rendering::json() const
     for (size_t c = 0; c < size_t(m_session.channels); ++c)
         channels.append(QJsonObject{{"samplePeak", decibels(m_measures->samplePeaks[c])},
                                     {"truePeak", decibels(m_measures->truePeaks[c])}});
+    QJsonArray recordings;
+    for (const Stem &stem : m_stems)
+        recordings.append(stem.path);
     const QJsonObject object{{"file", m_outputPath},
                              {"frames", m_wantedFrames},
                              {"rate", m_session.rate},
                              {"speed", speed()},
                              {"highestMomentary", m_measures->momentary},
                              {"highestShortTerm", m_measures->shortTerm},
-                             {"channels", channels}};
+                             {"channels", channels},
+                             {"recordings", recordings}};
     return QJsonDocument(object).toJson();
 }
 

@@ -6,6 +6,7 @@
 #include <tovelmix/outcome.h>
 #include <tovelmix/picture.h>
 #include <tovelmix/session_file.h>
+#include <tovelmix/stem_sink.h>
 
 #include <dsp/statistics.h>
 #include <mixer/engine.h>
@@ -51,8 +52,11 @@ private:
 
     bool fail(ExitStatus status, const QString &line);
     bool addTrack(const Track &track);
+    bool addStem(const Track &track, FileSource *source);
     void take(const float *samples, unsigned frames);
+    void completeWhenWritten();
     void complete();
+    bool commit();
     double speed() const;
 
     QString m_sessionPath;
@@ -67,6 +71,13 @@ private:
     std::unique_ptr<MixWriter> m_writer;
     std::unique_ptr<Measures> m_measures;
     std::unique_ptr<Picture> m_picture; ///< null without one
+    struct Stem
+    {
+        std::unique_ptr<MixWriter> writer;
+        StemSink *sink; ///< the engine's
+        QString path;
+    };
+    std::vector<Stem> m_stems;
     std::atomic<qint64> m_frames{0};
     std::atomic<bool> m_ended{false}; ///< nothing more is taken
     // Goes first: its thread uses what stands above.

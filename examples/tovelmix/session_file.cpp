@@ -147,6 +147,27 @@ void readParts(Reader &reader, double fileLength, Placement &placement)
     }
 }
 
+/// A name without a folder: a session from elsewhere must not choose where this machine is written.
+QString readRecord(Reader &reader, const SessionFile &session)
+{
+    if (!reader.has("record"))
+        return {};
+    const QString name = reader.value("record").toString();
+    const bool audio =
+        name.endsWith(".wav", Qt::CaseInsensitive) || name.endsWith(".flac", Qt::CaseInsensitive);
+    const bool plain =
+        !name.startsWith('.') && std::none_of(name.begin(), name.end(), [](QChar letter) {
+            return QString("/\\:").contains(letter) || letter.unicode() < 0x20;
+        });
+    if (!audio || !plain)
+        reader.complain("record", "must be a name ending in .wav or .flac, without a folder");
+    for (const Track &track : session.tracks) {
+        if (track.record.compare(name, Qt::CaseInsensitive) == 0)
+            reader.complain("record", "names a file that another one records to");
+    }
+    return name;
+}
+
 double partsLength(const Placement &placement, double fileLength)
 {
     double sum = 0.0;
@@ -167,7 +188,8 @@ int readTrack(const QString &path, int index, const QJsonValue &value, SessionFi
         reader.complain("file", "must name an audio file");
         return 0;
     }
-    reader.allow({"file", "gain", "start", "channels", "route", "loop", "limits", "selections"});
+    reader.allow(
+        {"file", "gain", "start", "channels", "route", "loop", "limits", "selections", "record"});
     Track track;
     track.file = QFileInfo(path).dir().absoluteFilePath(reader.value("file").toString());
     const SoundFile sound(track.file);
@@ -181,6 +203,7 @@ int readTrack(const QString &path, int index, const QJsonValue &value, SessionFi
     track.placement.loop = reader.flag("loop");
     track.channelMask = readMask(reader, sound.channels());
     track.route = readRoute(reader, sound.channels(), session.channels);
+    track.record = readRecord(reader, session);
     readParts(reader, fileLength, track.placement);
     end = std::max(end, track.placement.start + partsLength(track.placement, fileLength));
     session.tracks.append(track);

@@ -25,6 +25,7 @@ struct Track
     quint64 channelMask = ~quint64{0};
     QList<RouteCell> route; ///< empty: as the mixer wires files by itself
     Placement placement;
+    QString record; ///< name of the file that records what is played of this one; empty for none
 };
 
 /// A session as docs/session-format.md describes it, read and checked, also against its files.

@@ -65,6 +65,7 @@ private slots:
     void render_isTheSum_ofTenMinutesOfSixteenTracks();
     void render_repeatsItself_withThreeRates();
     void render_writesFlac();
+    void render_recordsAFile_asItIsPlayed();
     void render_drawsThePicture();
     void render_writesNothing_withoutItsPicture();
     void render_refuses_data();
@@ -169,6 +170,39 @@ void tst_TovelmixRender::render_writesFlac()
 }
 
 // Half a second of silence, half a second of noise: rows of an uncompressed picture.
+void tst_TovelmixRender::render_recordsAFile_asItIsPlayed()
+{
+    QVERIFY(save(R"({"gain": 0.5, "length": 9.5, "files": [
+        {"file": "b.wav", "loop": true},
+        {"file": "a.wav", "start": 0.25, "gain": 0.125, "record": "take.wav"},
+        {"file": "b.wav", "start": 1, "record": "other.flac"}]})"));
+    const Result result = run({"render", path("session.json"), "--out", path("mix.wav"), "--json"});
+    QCOMPARE(result.err, QByteArray());
+    QCOMPARE(result.status, 0);
+    const QJsonArray recordings =
+        QJsonDocument::fromJson(result.out).object().value("recordings").toArray();
+    QCOMPARE(recordings, (QJsonArray{path("take.wav"), path("other.flac")}));
+
+    constexpr qint64 frames = 456000;
+    SF_INFO info = {};
+    SNDFILE *sound = sf_open(QFile::encodeName(path("take.wav")).constData(), SFM_READ, &info);
+    QVERIFY(sound);
+    QCOMPARE(info.frames, sf_count_t(frames));
+    QCOMPARE(info.channels, 1);
+    QCOMPARE(info.samplerate, 48000);
+    std::vector<float> take(frames);
+    const sf_count_t read = sf_readf_float(sound, take.data(), frames);
+    sf_close(sound);
+    QCOMPARE(read, sf_count_t(frames));
+    qint64 wrong = 0;
+    for (qint64 i = 0; i < frames; ++i) {
+        const qint64 frame = i - 12000;
+        const bool plays = frame >= 0 && frame < 336007;
+        wrong += take[size_t(i)] != (plays ? float(pattern(frame)) / 32768.0f : 0.0f);
+    }
+    QCOMPARE(wrong, qint64(0));
+}
+
 void tst_TovelmixRender::render_drawsThePicture()
 {
     QVERIFY(save(R"({"files": [{"file": "b.wav", "start": 1}], "length": 2, "channels": 1})"));
@@ -242,6 +276,21 @@ void tst_TovelmixRender::render_refuses_data()
         R"({"files": [{"file": "b.wav", "limits": [0, 0.5], "selections": [[0.4, 0.6]]}]})",
         {"'selections'"});
     row("a route to nowhere", R"({"files": [{"file": "b.wav", "route": [[1, 3]]}]})", {"'route'"});
+    const auto recording = [&row](const char *name, const char *record) {
+        const QByteArray session =
+            QByteArray(R"({"files": [{"file": "b.wav", "record": "r.wav"}, {"file": "a.wav", )") +
+            R"("record": )" + record + "}]}";
+        row(name, session.constData(), {"'record'"});
+    };
+    recording("a recording over an input", R"("c/../a.wav")");
+    recording("a recording over an input in the same folder", R"("a.wav")");
+    recording("a recording over the mix", R"("mix.wav")");
+    recording("a recording elsewhere", R"("../take.wav")");
+    recording("a recording at an absolute path", R"("/take.wav")");
+    recording("a hidden recording", R"(".take.wav")");
+    recording("a recording of an unknown format", R"("take.mp3")");
+    recording("two recordings in one file", R"("R.wav")");
+    recording("a recording without a name", "1");
     row("a rate of 0", R"({"rate": 0, "files": [{"file": "b.wav"}]})", {"'rate'"});
     row("129 channels", R"({"channels": 129, "files": [{"file": "b.wav"}]})", {"'channels'"});
     QByteArray many = R"({"files": [{"file": "b.wav"})";
