@@ -181,17 +181,30 @@ void Engine::Data::lockMix()
 void Engine::Data::unlockMix()
 {
     updateLock.unlock();
-    releaseSources();
+    releaseWorkers();
     decrement(holdCount);
     gate.post();
 }
 
-void Engine::Data::releaseSources()
+void Engine::Data::releaseWorkers()
 {
     if (--bracketDepth > 0)
         return;
     for (Source *source : std::exchange(lockedSources, {}))
         source->update_unlock();
+    for (Sink *sink : std::exchange(lockedSinks, {}))
+        SinkAccess::updateUnlock(*sink);
+}
+
+// A host may take long to write. Until it has, blocks are mixed and recorded as before.
+void Engine::Data::holdSinks()
+{
+    if (bracketDepth > 0)
+        return;
+    for (Sink *sink : sinks) {
+        SinkAccess::updateLock(*sink);
+        lockedSinks.push_back(sink);
+    }
 }
 
 void Engine::Data::takeSnapshot()
@@ -203,6 +216,7 @@ void Engine::Data::takeSnapshot()
 
 void Engine::Data::update_lock()
 {
+    holdSinks();
     lockMix();
     if (bracketDepth == 1)
         takeSnapshot();

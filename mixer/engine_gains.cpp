@@ -272,6 +272,7 @@ void Engine::setTime(double time)
     if (!d->requireMainThread("setTime"))
         return;
     const double t = std::isfinite(time) ? time : 0.0;
+    d->holdSinks();
     const MixHold hold(*d);
     const bool unset = d->timeline->start() < 0.0 || d->timeline->end() < 0.0;
     d->setTime(unset ? std::max(t, 0.0) : d->timeline->mixer_time(t), t);

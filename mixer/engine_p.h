@@ -59,6 +59,17 @@ struct Engine::Data
         bool outputBypass;
         bool inputBypass;
     };
+    /// What a source brings along for the timeline.
+    struct Span
+    {
+        bool follows = false;
+        bool widens = false; ///< the limits
+        double begin = 0.0;  ///< seconds
+        double end = 0.0;
+    };
+    template <typename T>
+    struct Kind; ///< of source or sink (engine_kinds_p.h)
+
     /// What the end of a bracket does with the clock.
     enum class Position {
         Keep,           ///< playback stays where it is in the material
@@ -107,7 +118,9 @@ struct Engine::Data
     /// The bracket's locks without its snapshot of the position.
     void lockMix();
     void unlockMix();
-    void releaseSources();
+    void releaseWorkers();
+    /// Holds the workers of the sinks off: the outermost bracket, while the mix goes on.
+    void holdSinks();
     void update_source_lock();
     void update_source_unlock();
     void takeSnapshot();
@@ -159,8 +172,26 @@ struct Engine::Data
     /// Takes a listed object out of the mix. Answers false when it is not listed.
     bool detach(Source *source);
     bool detach(Sink *sink);
+    template <typename T>
+    bool add(T *object, float gain, Options options);
+    template <typename T>
+    void attach(T *object, float gain, std::vector<Bus> added, const Span &span);
+    template <typename T>
+    bool takeOut(T *object);
+    template <typename T>
+    void remove(T *object, QObject *caller);
+    template <typename T>
+    void destroy(T *object);
+    Span spanOf(const Source *source, Options options) const;
+    Span spanOf(const Sink *sink, Options options) const;
+    void follow(Source *source, const Span &span);
+    void follow(Sink *sink, const Span &span);
+    void unfollow(Source *source);
+    void unfollow(Sink *sink);
     int users() const { return int(sources.size() + sinks.size()); }
     void removeUnstarted();
+    template <typename T>
+    void removeUnstarted(const std::vector<T *> &objects);
     void checkRest() const;
 
     double seconds(qint64 frames) const;
@@ -189,6 +220,7 @@ struct Engine::Data
     bool activatedEmpty = false; ///< there was no device at all
     int bracketDepth = 0;
     std::vector<Source *> lockedSources; ///< by the outermost bracket
+    std::vector<Sink *> lockedSinks;     ///< by the outermost bracket
     QString outputName;
     QString inputName;
     QTimer *deviceListTimer;

@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Sources and sinks: adding, removing, deleting.
-#include <mixer/engine_p.h>
+#include <mixer/engine_kinds_p.h>
 
 #include <base/debug.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
-#include <mixer/io/sink.h>
-#include <mixer/io/sink_p.h>
-#include <mixer/io/source.h>
-#include <mixer/io/source_p.h>
 
 #include <QtCore/QThread>
 
@@ -39,63 +35,7 @@ bool Engine::addSource(Source *source, float gain, Options options)
         return false;
     if (!source || !d->active || !canPlayback() || source->numChannels() < 1 || d->contains(source))
         return false;
-    const unsigned channels = channelsOf(source);
-    const double begin = source->contentStart();
-    const double end = begin + source->contentDuration();
-    const bool follow = !options.testFlag(NoTimeline);
-    const bool widen = follow && d->timeline->limitsExpanded(begin, end);
-    std::vector<Data::Bus> buses = Data::makeBuses(channels, bufferFrames());
-
-    // Workers read the limits, so that they are held off when the limits change.
-    if (widen)
-        d->lockMix();
-    else
-        d->updateLock.lock();
-    const auto unlock = [this, widen] {
-        if (widen)
-            d->unlockMix();
-        else
-            d->updateLock.unlock();
-    };
-
-    d->startMixerApi();
-    if (d->inputBuses.size() + channels > Data::maxChannels) {
-        BLDEBUG_Error(-1, "QTovelMixer::addSource: Unable to add source (%p)!!",
-                      static_cast<void *>(source));
-        unlock();
-        d->stopMixerApi();
-        return false;
-    }
-    Data::Link &link = d->sourceLinks[source];
-    link.gain = gain;
-    link.holdsStream = source->isContinuous();
-    if (link.holdsStream)
-        d->streamUsers.fetch_add(1);
-    {
-        const QMutexLocker locker(&d->listLock);
-        d->sources.push_back(source);
-    }
-    const unsigned row = unsigned(d->inputBuses.size());
-    std::move(buses.begin(), buses.end(), std::back_inserter(d->inputBuses));
-    d->writeSourceGains(source, row, currentDevice(DeviceKind::Output), gain);
-    d->planMix();
-    if (follow) {
-        source->setTimeline(d->timeline);
-        if (widen)
-            d->timeline->setLimits(begin, end);
-    }
-    link.connections[0] =
-        connect(source, &Source::sourceStateChanged, this, &Engine::sourceStateChanged);
-    link.connections[1] = connect(source, &Source::sourceFinished, this, &Engine::sourceFinished);
-    link.connections[2] =
-        connect(source, &QThread::finished, this, qOverload<>(&Engine::removeSource));
-    d->on_add(source, this);
-    d->sourceCount.fetch_add(1);
-    d->raiseApiRefs(d->users());
-    unlock();
-    if (!options.testFlag(NoAddedSignal))
-        emit sourceAdded(source);
-    return true;
+    return d->add(source, gain, options);
 }
 
 bool Engine::addSink(Sink *sink, float gain, Options options)
@@ -106,45 +46,84 @@ bool Engine::addSink(Sink *sink, float gain, Options options)
     if (!sink || !d->active || !(canPlayback() || canCapture()) || sink->numChannels() < 1 ||
         d->contains(sink))
         return false;
-    const unsigned channels = channelsOf(sink);
-    std::vector<Data::Bus> buses = Data::makeBuses(channels, bufferFrames());
-    {
-        const QMutexLocker locker(&d->updateLock);
-        d->startMixerApi();
-        if (d->outputBuses.size() + channels <= Data::maxChannels) {
-            Data::Link &link = d->sinkLinks[sink];
-            link.gain = gain;
-            link.holdsStream = true;
-            d->streamUsers.fetch_add(1);
-            {
-                const QMutexLocker listLocker(&d->listLock);
-                d->sinks.push_back(sink);
-            }
-            const unsigned column = unsigned(d->outputBuses.size());
-            std::move(buses.begin(), buses.end(), std::back_inserter(d->outputBuses));
-            d->writeSinkGains(sink, column, currentDevice(DeviceKind::Input), gain);
-            d->planMix();
-            link.connections[0] =
-                connect(sink, &Sink::sinkStateChanged, this, &Engine::sinkStateChanged);
-            link.connections[1] = connect(sink, &Sink::sinkFinished, this, &Engine::sinkFinished);
-            link.connections[2] =
-                connect(sink, &QThread::finished, this, qOverload<>(&Engine::removeSink));
-            d->on_add(sink, this);
-            d->sinkCount.fetch_add(1);
-            d->raiseApiRefs(d->users());
-        } else {
-            BLDEBUG_Error(-1, "QTovelMixer::addSink: Unable to add sink (%p)!!",
-                          static_cast<void *>(sink));
-        }
-    }
-    if (!d->contains(sink)) {
-        d->stopMixerApi();
-        return false;
-    }
-    if (!options.testFlag(NoAddedSignal))
-        emit sinkAdded(sink);
-    return true;
+    return d->add(sink, gain, options);
 }
+
+template <typename T>
+bool Engine::Data::add(T *object, float gain, Options options)
+{
+    std::vector<Bus> buses = makeBuses(channelsOf(object), engine->bufferFrames());
+    const Span span = spanOf(object, options);
+    // Workers read the limits, so that they are held off when the limits change.
+    if (span.widens)
+        lockMix();
+    else
+        updateLock.lock();
+    startMixerApi();
+    const bool fits = Kind<T>::buses(*this).size() + buses.size() <= maxChannels;
+    if (fits)
+        attach(object, gain, std::move(buses), span);
+    else
+        BLDEBUG_Error(-1, Kind<T>::noRoom, static_cast<void *>(object));
+    if (span.widens)
+        unlockMix();
+    else
+        updateLock.unlock();
+    if (!fits)
+        stopMixerApi();
+    else if (!options.testFlag(NoAddedSignal))
+        Kind<T>::announce(engine, object);
+    return fits;
+}
+
+Engine::Data::Span Engine::Data::spanOf(const Source *source, Options options) const
+{
+    Span span;
+    span.follows = !options.testFlag(NoTimeline);
+    span.begin = source->contentStart();
+    span.end = span.begin + source->contentDuration();
+    span.widens = span.follows && timeline->limitsExpanded(span.begin, span.end);
+    return span;
+}
+
+Engine::Data::Span Engine::Data::spanOf(const Sink *, Options) const
+{
+    return {};
+}
+
+template <typename T>
+void Engine::Data::attach(T *object, float gain, std::vector<Bus> added, const Span &span)
+{
+    Link &link = Kind<T>::links(*this)[object];
+    link.gain = gain;
+    link.holdsStream = Kind<T>::holdsStream(object);
+    if (link.holdsStream)
+        streamUsers.fetch_add(1);
+    {
+        const QMutexLocker locker(&listLock);
+        Kind<T>::list(*this).push_back(object);
+    }
+    std::vector<Bus> &buses = Kind<T>::buses(*this);
+    const unsigned first = unsigned(buses.size());
+    std::move(added.begin(), added.end(), std::back_inserter(buses));
+    Kind<T>::writeGains(*this, object, first, gain);
+    planMix();
+    follow(object, span);
+    Kind<T>::connectTo(engine, object, link);
+    on_add(object, engine);
+    Kind<T>::count(*this).fetch_add(1);
+    raiseApiRefs(users());
+}
+
+void Engine::Data::follow(Source *source, const Span &span)
+{
+    if (span.follows)
+        source->setTimeline(timeline);
+    if (span.widens)
+        timeline->setLimits(span.begin, span.end);
+}
+
+void Engine::Data::follow(Sink *, const Span &) {}
 
 bool Engine::play(Source *source, float gain)
 {
@@ -173,62 +152,55 @@ bool Engine::play(Source *source, float gain)
 
 bool Engine::Data::detach(Source *source)
 {
-    std::vector<Bus> removed;
-    const QMutexLocker locker(&updateLock);
-    const auto position = std::find(sources.begin(), sources.end(), source);
-    if (position == sources.end())
-        return false;
-    const unsigned row = rowOf(source);
-    const unsigned count = std::min(channelsOf(source), unsigned(inputBuses.size()) - row);
-    {
-        const QMutexLocker listLocker(&listLock);
-        sources.erase(position);
-    }
-    const auto locked = std::find(lockedSources.begin(), lockedSources.end(), source);
-    if (locked != lockedSources.end()) {
-        lockedSources.erase(locked);
-        source->update_unlock();
-    }
-    const Link link = std::move(sourceLinks[source]);
-    sourceLinks.erase(source);
-    for (const QMetaObject::Connection &connection : link.connections)
-        QObject::disconnect(connection);
-    const auto first = inputBuses.begin() + row;
-    std::move(first, first + count, std::back_inserter(removed));
-    inputBuses.erase(first, first + count);
-    remove_input_gains(row, count);
-    if (link.holdsStream)
-        decrement(streamUsers);
-    source->setTimeline(nullptr);
-    sourceCount.fetch_sub(1);
-    gate.post();
-    return true;
+    return takeOut(source);
 }
 
 bool Engine::Data::detach(Sink *sink)
 {
+    return takeOut(sink);
+}
+
+void Engine::Data::unfollow(Source *source)
+{
+    source->setTimeline(nullptr);
+}
+
+void Engine::Data::unfollow(Sink *) {}
+
+template <typename T>
+bool Engine::Data::takeOut(T *object)
+{
     std::vector<Bus> removed;
     const QMutexLocker locker(&updateLock);
-    const auto position = std::find(sinks.begin(), sinks.end(), sink);
-    if (position == sinks.end())
+    auto &objects = Kind<T>::list(*this);
+    const auto position = std::find(objects.begin(), objects.end(), object);
+    if (position == objects.end())
         return false;
-    const unsigned column = columnOf(sink);
-    const unsigned count = std::min(channelsOf(sink), unsigned(outputBuses.size()) - column);
+    auto &buses = Kind<T>::buses(*this);
+    const unsigned bus = Kind<T>::firstBus(*this, object);
+    const unsigned count = std::min(channelsOf(object), unsigned(buses.size()) - bus);
     {
         const QMutexLocker listLocker(&listLock);
-        sinks.erase(position);
+        objects.erase(position);
     }
-    const Link link = std::move(sinkLinks[sink]);
-    sinkLinks.erase(sink);
+    auto &held = Kind<T>::locked(*this);
+    const auto locked = std::find(held.begin(), held.end(), object);
+    if (locked != held.end()) {
+        held.erase(locked);
+        Kind<T>::updateUnlock(object);
+    }
+    const Link link = std::move(Kind<T>::links(*this)[object]);
+    Kind<T>::links(*this).erase(object);
     for (const QMetaObject::Connection &connection : link.connections)
         QObject::disconnect(connection);
-    const auto first = outputBuses.begin() + column;
+    const auto first = buses.begin() + bus;
     std::move(first, first + count, std::back_inserter(removed));
-    outputBuses.erase(first, first + count);
-    remove_output_gains(column, count);
+    buses.erase(first, first + count);
+    Kind<T>::removeGains(*this, bus, count);
     if (link.holdsStream)
         decrement(streamUsers);
-    sinkCount.fetch_sub(1);
+    unfollow(object);
+    Kind<T>::count(*this).fetch_sub(1);
     gate.post();
     return true;
 }
@@ -245,79 +217,48 @@ void Engine::removeSink()
 
 void Engine::removeSource(Source *source)
 {
-    QObject *const caller = sender();
-    StopReason reason = StopReason::NoReason;
-    {
-        const QMutexLocker locker(&d->updateLock);
-        TraceLine("Engine::removeSource")
-            .item("source", source)
-            .item("sender", caller)
-            .item("sources", quint64(d->sources.size()))
-            .item("sinks", quint64(d->sinks.size()));
-        const char *refusal = nullptr;
-        if (!d->contains(source))
-            refusal = "QTovelMixer::removeSource: invalid source pointer (%p)!!";
-        else if (!d->onMainThread())
-            refusal = "QTovelMixer::removeSource: cannot remove source outside main thread!!";
-        else if (source->isRunning())
-            refusal = "QTovelMixer::removeSource: cannot remove source in running state!!";
-        if (refusal) {
-            BLDEBUG_Error(-1, refusal, static_cast<void *>(source));
-            return;
-        }
-        reason = source->stopReason();
-    }
-    // A slot of `stopped` may delete it first.
-    const QPointer<Source> guarded(source);
-    d->detach(source);
-    d->retiredSources.push_back(guarded);
-    const unsigned generation = d->streamGeneration;
-    if (d->users() == 0)
-        emit stopped(reason);
-    // A slot of `stopped` may have closed the stream, and opened another one since.
-    if (generation == d->streamGeneration)
-        d->stopMixerApi();
-    d->checkRest();
-    QMetaObject::invokeMethod(
-        this, [this, guarded] { deleteSource(guarded); }, Qt::QueuedConnection);
+    d->remove(source, sender());
 }
 
 void Engine::removeSink(Sink *sink)
 {
-    QObject *const caller = sender();
+    d->remove(sink, sender());
+}
+
+template <typename T>
+void Engine::Data::remove(T *object, QObject *caller)
+{
     StopReason reason = StopReason::NoReason;
     {
-        const QMutexLocker locker(&d->updateLock);
-        TraceLine("Engine::removeSink")
-            .item("sink", sink)
+        const QMutexLocker locker(&updateLock);
+        TraceLine(Kind<T>::removeEvent)
+            .item(Kind<T>::item, object)
             .item("sender", caller)
-            .item("sources", quint64(d->sources.size()))
-            .item("sinks", quint64(d->sinks.size()));
-        const char *refusal = nullptr;
-        if (!d->contains(sink))
-            refusal = "QTovelMixer::removeSink: invalid sink pointer (%p)!!";
-        else if (!d->onMainThread())
-            refusal = "QTovelMixer::removeSink: cannot remove sink outside main thread!!";
-        else if (sink->isRunning())
-            refusal = "QTovelMixer::removeSink: cannot remove sink in running state!!";
+            .item("sources", quint64(sources.size()))
+            .item("sinks", quint64(sinks.size()));
+        const char *const refusal = !contains(object)     ? Kind<T>::unknown
+                                    : !onMainThread()     ? Kind<T>::wrongThread
+                                    : object->isRunning() ? Kind<T>::stillRunning
+                                                          : nullptr;
         if (refusal) {
-            BLDEBUG_Error(-1, refusal, static_cast<void *>(sink));
+            BLDEBUG_Error(-1, refusal, static_cast<void *>(object));
             return;
         }
-        reason = sink->stopReason();
+        reason = object->stopReason();
     }
     // A slot of `stopped` may delete it first.
-    const QPointer<Sink> guarded(sink);
-    d->detach(sink);
-    d->retiredSinks.push_back(guarded);
-    const unsigned generation = d->streamGeneration;
-    if (d->users() == 0)
-        emit stopped(reason);
-    if (generation == d->streamGeneration)
-        d->stopMixerApi();
-    d->checkRest();
+    const QPointer<T> guarded(object);
+    detach(object);
+    Kind<T>::retired(*this).push_back(guarded);
+    const unsigned generation = streamGeneration;
+    if (users() == 0)
+        emit engine->stopped(reason);
+    // A slot of `stopped` may have closed the stream, and opened another one since.
+    if (generation == streamGeneration)
+        stopMixerApi();
+    checkRest();
     QMetaObject::invokeMethod(
-        this, [this, guarded] { deleteSink(guarded); }, Qt::QueuedConnection);
+        engine, [this, guarded] { Kind<T>::destroy(engine, guarded); }, Qt::QueuedConnection);
 }
 
 // Two counters that know nothing of each other: the users of the device stream, and those that
@@ -331,25 +272,22 @@ void Engine::Data::checkRest() const
 // Objects that were told to stop before they were ever started have no thread that could end.
 void Engine::Data::removeUnstarted()
 {
-    for (Source *source : sources) {
-        if (!source->wasStoped() || SourceAccess::threadStarted(*source))
+    removeUnstarted(sources);
+    removeUnstarted(sinks);
+}
+
+template <typename T>
+void Engine::Data::removeUnstarted(const std::vector<T *> &objects)
+{
+    using Access = typename Kind<T>::Access;
+    for (T *object : objects) {
+        if (!Kind<T>::wasStopped(object) || Access::threadStarted(*object))
             continue;
         QMetaObject::invokeMethod(
             engine,
-            [this, guarded = QPointer<Source>(source)] {
-                if (guarded && contains(guarded) && !SourceAccess::threadStarted(*guarded))
-                    engine->removeSource(guarded);
-            },
-            Qt::QueuedConnection);
-    }
-    for (Sink *sink : sinks) {
-        if (SinkAccess::data(*sink).stopRequested == 0 || SinkAccess::threadStarted(*sink))
-            continue;
-        QMetaObject::invokeMethod(
-            engine,
-            [this, guarded = QPointer<Sink>(sink)] {
-                if (guarded && contains(guarded) && !SinkAccess::threadStarted(*guarded))
-                    engine->removeSink(guarded);
+            [this, guarded = QPointer<T>(object)] {
+                if (guarded && contains(guarded) && !Access::threadStarted(*guarded))
+                    Kind<T>::remove(engine, guarded);
             },
             Qt::QueuedConnection);
     }
@@ -357,22 +295,23 @@ void Engine::Data::removeUnstarted()
 
 void Engine::deleteSource(Source *source)
 {
-    if (!source)
-        return;
-    d->detach(source);
-    forget(d->retiredSources, source);
-    SourceAccess::endAndWait(*source);
-    delete source;
+    d->destroy(source);
 }
 
 void Engine::deleteSink(Sink *sink)
 {
-    if (!sink)
+    d->destroy(sink);
+}
+
+template <typename T>
+void Engine::Data::destroy(T *object)
+{
+    if (!object)
         return;
-    d->detach(sink);
-    forget(d->retiredSinks, sink);
-    SinkAccess::endAndWait(*sink);
-    delete sink;
+    detach(object);
+    forget(Kind<T>::retired(*this), static_cast<const T *>(object));
+    Kind<T>::Access::endAndWait(*object);
+    delete object;
 }
 
 bool Engine::isValid(Source *source) const

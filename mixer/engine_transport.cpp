@@ -59,13 +59,14 @@ bool Engine::start(double time)
     }
     const double begin = std::isfinite(time) ? time : 0.0;
     // Under the update lock too: a block that began before the hold may still be inside a source.
+    d->holdSinks();
     d->lockMix();
     d->setTime(mixerTimeToStart(*d->timeline, begin), begin);
     d->updateLock.unlock();
     d->forEachSource([](Source *source) { source->start(QThread::InheritPriority); });
     d->forEachSink([](Sink *sink) { sink->start(QThread::InheritPriority); });
     // All are let go before the first is waited for.
-    d->releaseSources();
+    d->releaseWorkers();
     d->prime();
     d->running = true;
     decrement(d->holdCount);

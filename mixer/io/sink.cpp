@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/sink.h>
 
+#include <base/debug.h>
 #include <base/trace_p.h>
 #include <mixer/engine.h> // a sink asks its engine for the clock, the rate and the start time
 #include <mixer/io/sink_p.h>
@@ -34,6 +35,17 @@ void Sink::Data::sleep(int milliseconds)
     if (!wakePending && stopRequested.load(std::memory_order_relaxed) == 0)
         wakeCondition.wait(&waitMutex, static_cast<unsigned long>(milliseconds));
     wakePending = false;
+}
+
+/// Lets whoever wants the ring mutex have it: an unfair mutex would give it back to the worker,
+/// which asks for it again at once while it drains the ring.
+void Sink::Data::waitForUpdates()
+{
+    if (updateWaiters == 0)
+        return;
+    QMutexLocker lock(&waitMutex);
+    while (updateWaiters > 0 && stopRequested == 0)
+        wakeCondition.wait(&waitMutex);
 }
 
 void Sink::Data::wakeMix() const
@@ -79,6 +91,21 @@ void SinkAccess::endAndWait(Sink &sink)
 {
     sink.d->requestEnd(NoReason);
     sink.wait();
+}
+
+void SinkAccess::updateLock(Sink &sink)
+{
+    ++sink.d->updateWaiters;
+    sink.d->ringMutex.lock();
+}
+
+void SinkAccess::updateUnlock(Sink &sink)
+{
+    sink.d->ringMutex.unlock();
+    const QMutexLocker lock(&sink.d->waitMutex);
+    --sink.d->updateWaiters;
+    sink.d->wakePending = true;
+    sink.d->wakeCondition.wakeAll();
 }
 
 void SinkAccess::shiftFrameBase(Sink &sink, qint64 frames)
@@ -167,6 +194,12 @@ double Sink::recordedTime() const
 
 void Sink::setTime(double time)
 {
+    if (QThread::currentThread() == this) {
+        // A chunk is being handed over: what is flushed now would be consumed a second time.
+        BLDEBUG_Error(-1, "QTovelMixer::Sink::setTime: refused on the sink's own thread (%p)!!",
+                      static_cast<void *>(this));
+        return;
+    }
     const int rate = d->mixerRate();
     const double position = representableTime(time, rate);
     const QMutexLocker lock(&d->ringMutex);

@@ -113,7 +113,9 @@ public:
 
     /// Drops what is not handed over yet and goes on at `time` seconds, of the mixer's clock and
     /// of the recording. A time that is not finite counts as 0. Waits for a `writeSamples` under
-    /// way. Call it before `start`; afterwards the engine calls it, between two blocks.
+    /// way. Call it before `start`; afterwards the engine calls it, between two blocks and after
+    /// it has waited while the mix went on. Errors: logged, and nothing happens, on the sink's own
+    /// thread.
     /// Threads: main.
     virtual void setTime(double time);
 

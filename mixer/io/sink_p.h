@@ -7,6 +7,7 @@
 #include <mixer/io/sink.h>
 
 #include <QtCore/QMutex>
+#include <QtCore/QRecursiveMutex>
 #include <QtCore/QWaitCondition>
 
 #include <atomic>
@@ -22,8 +23,9 @@ struct Sink::Data
     std::atomic<bool> started{false};
     std::atomic<double> skipTime{0.0}; // seconds
 
-    // Draining, guarded by ringMutex: the worker's, and the main thread's in setTime.
-    QMutex ringMutex;
+    // Draining, guarded by ringMutex: the worker's, and the main thread's in setTime, which it may
+    // call inside a change of the mix that holds the worker off.
+    QRecursiveMutex ringMutex;
     double recordTime = 0.0; // seconds, of the next chunk handed over
 
     // Raised when what the resamplers hold back is void. Guarded by ringMutex.
@@ -36,6 +38,7 @@ struct Sink::Data
     bool wakePending = false;
     std::atomic<int> stopRequested{0};
     std::atomic<int> stopReason{UserStopAction};
+    std::atomic<int> updateWaiters{0}; // update locks held or waited for
     std::atomic<bool> finished{false};
 
     // Shared with the audio thread. The ring is complete before running becomes 1 (release,
@@ -54,6 +57,7 @@ struct Sink::Data
     int mixerRate() const; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
     void sleep(int milliseconds);
+    void waitForUpdates();
     void wakeMix() const;
     qint64 takeLeadIn(qint64 blockFrames) noexcept;
     void countRecorded(qint64 frames) noexcept;
@@ -79,6 +83,13 @@ struct SinkAccess
 
     /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
     static void endAndWait(Sink &sink);
+
+    /// Waits for a `writeSamples` under way and holds the worker off, so that `setTime` does not
+    /// wait. Blocks are taken meanwhile. Nestable. Threads: main.
+    static void updateLock(Sink &sink);
+
+    /// Ends `updateLock`.
+    static void updateUnlock(Sink &sink);
 
     /// Moves the sink along when the mixer's clock is set to other numbers of the same moment:
     /// the recording goes on without a gap. Under the engine's update lock.

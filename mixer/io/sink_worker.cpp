@@ -76,6 +76,7 @@ void Sink::Data::Worker::drainRing()
     const int milliseconds = waitMilliseconds();
     try {
         while (d.stopRequested.load(std::memory_order_acquire) == 0) {
+            d.waitForUpdates();
             if (!pass())
                 d.sleep(milliseconds);
         }

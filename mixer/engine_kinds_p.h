@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_ENGINE_KINDS_P_H
+#define QTOVELMIXER_MIXER_ENGINE_KINDS_P_H
+
+#include <mixer/engine_p.h>
+#include <mixer/io/sink.h>
+#include <mixer/io/sink_p.h>
+#include <mixer/io/source.h>
+#include <mixer/io/source_p.h>
+
+namespace QTovelMixer {
+
+/// What differs between sources and sinks on their way into the mix and out of it.
+template <>
+struct Engine::Data::Kind<Source>
+{
+    using Access = SourceAccess;
+    static constexpr const char *noRoom = "QTovelMixer::addSource: Unable to add source (%p)!!";
+    static constexpr const char *unknown =
+        "QTovelMixer::removeSource: invalid source pointer (%p)!!";
+    static constexpr const char *wrongThread =
+        "QTovelMixer::removeSource: cannot remove source outside main thread!!";
+    static constexpr const char *stillRunning =
+        "QTovelMixer::removeSource: cannot remove source in running state!!";
+    static constexpr const char *item = "source";
+    static constexpr const char *removeEvent = "Engine::removeSource";
+
+    static auto &list(Data &d) { return d.sources; }
+    static auto &links(Data &d) { return d.sourceLinks; }
+    static auto &locked(Data &d) { return d.lockedSources; }
+    static auto &retired(Data &d) { return d.retiredSources; }
+    static auto &buses(Data &d) { return d.inputBuses; }
+    static auto &count(Data &d) { return d.sourceCount; }
+    static unsigned firstBus(const Data &d, const Source *source) { return d.rowOf(source); }
+    static bool holdsStream(const Source *source) { return source->isContinuous(); }
+    static bool wasStopped(const Source *source) { return source->wasStoped(); }
+    static void updateUnlock(Source *source) { source->update_unlock(); }
+    static void removeGains(Data &d, unsigned first, unsigned channels)
+    {
+        d.remove_input_gains(first, channels);
+    }
+    static void writeGains(Data &d, Source *source, unsigned bus, float gain)
+    {
+        d.writeSourceGains(source, bus, d.engine->currentDevice(DeviceKind::Output), gain);
+    }
+    static void connectTo(Engine *engine, Source *source, Link &link)
+    {
+        link.connections[0] =
+            connect(source, &Source::sourceStateChanged, engine, &Engine::sourceStateChanged);
+        link.connections[1] =
+            connect(source, &Source::sourceFinished, engine, &Engine::sourceFinished);
+        link.connections[2] =
+            connect(source, &QThread::finished, engine, qOverload<>(&Engine::removeSource));
+    }
+    static void announce(Engine *engine, Source *source) { emit engine->sourceAdded(source); }
+    static void remove(Engine *engine, Source *source) { engine->removeSource(source); }
+    static void destroy(Engine *engine, Source *source) { engine->deleteSource(source); }
+};
+
+template <>
+struct Engine::Data::Kind<Sink>
+{
+    using Access = SinkAccess;
+    static constexpr const char *noRoom = "QTovelMixer::addSink: Unable to add sink (%p)!!";
+    static constexpr const char *unknown = "QTovelMixer::removeSink: invalid sink pointer (%p)!!";
+    static constexpr const char *wrongThread =
+        "QTovelMixer::removeSink: cannot remove sink outside main thread!!";
+    static constexpr const char *stillRunning =
+        "QTovelMixer::removeSink: cannot remove sink in running state!!";
+    static constexpr const char *item = "sink";
+    static constexpr const char *removeEvent = "Engine::removeSink";
+
+    static auto &list(Data &d) { return d.sinks; }
+    static auto &links(Data &d) { return d.sinkLinks; }
+    static auto &locked(Data &d) { return d.lockedSinks; }
+    static auto &retired(Data &d) { return d.retiredSinks; }
+    static auto &buses(Data &d) { return d.outputBuses; }
+    static auto &count(Data &d) { return d.sinkCount; }
+    static unsigned firstBus(const Data &d, const Sink *sink) { return d.columnOf(sink); }
+    static bool holdsStream(const Sink *) { return true; }
+    static bool wasStopped(const Sink *sink) { return SinkAccess::isOver(*sink); }
+    static void updateUnlock(Sink *sink) { SinkAccess::updateUnlock(*sink); }
+    static void removeGains(Data &d, unsigned first, unsigned channels)
+    {
+        d.remove_output_gains(first, channels);
+    }
+    static void writeGains(Data &d, Sink *sink, unsigned bus, float gain)
+    {
+        d.writeSinkGains(sink, bus, d.engine->currentDevice(DeviceKind::Input), gain);
+    }
+    static void connectTo(Engine *engine, Sink *sink, Link &link)
+    {
+        link.connections[0] =
+            connect(sink, &Sink::sinkStateChanged, engine, &Engine::sinkStateChanged);
+        link.connections[1] = connect(sink, &Sink::sinkFinished, engine, &Engine::sinkFinished);
+        link.connections[2] =
+            connect(sink, &QThread::finished, engine, qOverload<>(&Engine::removeSink));
+    }
+    static void announce(Engine *engine, Sink *sink) { emit engine->sinkAdded(sink); }
+    static void remove(Engine *engine, Sink *sink) { engine->removeSink(sink); }
+    static void destroy(Engine *engine, Sink *sink) { engine->deleteSink(sink); }
+};
+
+} // namespace QTovelMixer
+
+#endif

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: MIT
+// Hosts whose writeSamples blocks, throws or lags.
+#include "faulty_hosts.h"
+
+#include <mixer/io/sink_p.h>
+#include <support/log_capture.h>
+
+#include <thread>
+
+using namespace QTovelMixer;
+
+class tst_FaultySinks : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { Engine::Initialize(); }
+    void seek_letsTheMixGoOn_whileAHostWrites();
+    void start_letsTheMixGoOn_whileAHostWrites();
+    void seek_reachesASink_thatNeverRests();
+    void setTime_isRefused_onTheSinksOwnThread();
+
+private:
+    FaultySink *addSink(Session &session);
+    void mixesWhileMainWaits(Session &session, FaultySink *sink,
+                             const std::function<void()> &operation);
+};
+
+FaultySink *tst_FaultySinks::addSink(Session &session)
+{
+    auto *sink = new FaultySink(&session.engine, 2);
+    if (session.engine.addSink(sink))
+        return sink;
+    delete sink;
+    return nullptr;
+}
+
+// The operation runs on this thread while the host is inside writeSamples; another one sees what
+// becomes of the blocks meanwhile.
+void tst_FaultySinks::mixesWhileMainWaits(Session &session, FaultySink *sink,
+                                          const std::function<void()> &operation)
+{
+    sink->barrier.close();
+    session.runWithoutWaiting(4);
+    QVERIFY(sink->barrier.waitUntilReached());
+    session.api->startThread();
+    const quint64 dropped = session.engine.droppedBlocks();
+    bool waited = false;
+    bool mixed = false;
+    std::thread observer([&] {
+        const double begin = session.engine.time();
+        waited = waitUntil([&] { return SinkAccess::data(*sink).updateWaiters > 0; });
+        const quint64 first = session.api->blocks;
+        mixed = waitUntil([&] { return session.api->blocks > first + 200; });
+        mixed = mixed && session.engine.time() > begin;
+        sink->barrier.open();
+    });
+    operation();
+    observer.join();
+    const quint64 droppedAfter = session.engine.droppedBlocks();
+    session.api->stopThread();
+    QVERIFY(waited);
+    QVERIFY(mixed);
+    // The change itself is short: a block may meet it, not the two hundred of the wait.
+    QVERIFY(droppedAfter - dropped < 100);
+}
+
+void tst_FaultySinks::seek_letsTheMixGoOn_whileAHostWrites()
+{
+    const LogCapture quiet;
+    Session session(2, 2);
+    FaultySink *sink = addSink(session);
+    QVERIFY(sink);
+    QVERIFY(session.addRamp(48000, 60.0));
+    QVERIFY(session.startRecording());
+    mixesWhileMainWaits(session, sink, [&] { session.engine.setTime(30.0); });
+    QVERIFY(session.engine.time() >= 30.0);
+    const size_t before = sink->pieces().size();
+    session.run(4);
+    QTRY_VERIFY_WITH_TIMEOUT(sink->pieces().size() > before, longest);
+    QVERIFY(sink->pieces().back().time >= 30.0);
+    playsAgain(session);
+}
+
+void tst_FaultySinks::start_letsTheMixGoOn_whileAHostWrites()
+{
+    const LogCapture quiet;
+    Session session(2, 2);
+    FaultySink *sink = addSink(session);
+    QVERIFY(sink);
+    QVERIFY(session.addRamp(48000, 60.0));
+    QVERIFY(session.startRecording());
+    mixesWhileMainWaits(session, sink, [&] { QVERIFY(session.engine.start(0.0)); });
+    playsAgain(session);
+}
+
+// A worker that drains a backlog asks for its mutex again at once; whoever seeks gets it all the
+// same.
+void tst_FaultySinks::seek_reachesASink_thatNeverRests()
+{
+    const LogCapture quiet;
+    Session session(2, 2);
+    FaultySink *sink = addSink(session);
+    QVERIFY(sink);
+    QVERIFY(session.addRamp(48000, 60.0));
+    QVERIFY(session.startRecording());
+    session.api->startThread();
+    for (int i = 0; i < 50; ++i) {
+        session.engine.setTime(i % 2 ? 10.0 : 40.0);
+        QCOMPARE(SinkAccess::data(*sink).updateWaiters.load(), 0);
+    }
+    session.api->stopThread();
+    playsAgain(session);
+}
+
+void tst_FaultySinks::setTime_isRefused_onTheSinksOwnThread()
+{
+    class Seeker : public TakeSink
+    {
+    public:
+        explicit Seeker(Engine *engine) : TakeSink(engine, 48000, 2) {}
+        ~Seeker() override
+        {
+            stop(NoReason);
+            wait();
+        }
+        void writeSamples(float *buffer, int frames, int channels, double time) override
+        {
+            setTime(5.0);
+            TakeSink::writeSamples(buffer, frames, channels, time);
+        }
+    };
+    const LogCapture log;
+    Session session(2, 2);
+    auto *sink = new Seeker(&session.engine);
+    QVERIFY(session.engine.addSink(sink));
+    QVERIFY(session.startRecording());
+    session.run(2);
+    QTRY_COMPARE_WITH_TIMEOUT(sink->frames(), qint64(512), longest);
+    QCOMPARE(sink->pieces().front().time, 0.0);
+    QVERIFY(log.contains(QString("QTovelMixer::Sink::setTime: refused on the sink's own thread "
+                                 "(0x%1)!!")
+                             .arg(quintptr(static_cast<void *>(sink)), 0, 16)));
+    playsAgain(session);
+}
+
+QTEST_GUILESS_MAIN(tst_FaultySinks)
+#include "tst_faulty_sinks.moc"
