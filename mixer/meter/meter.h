@@ -130,6 +130,7 @@ protected:
     void timerEvent(QTimerEvent *event) override;
 
 private:
+    friend struct MeterAccess;
     struct Data;
     std::unique_ptr<Data> d;
 };

@@ -98,6 +98,12 @@ struct Meter::Data
     bool publishedHasTruePeak = false;
 };
 
+/// The benchmarks' way to the private record.
+struct MeterAccess
+{
+    static Meter::Data &data(Meter &meter) { return *meter.d; }
+};
+
 } // namespace QTovelMixer
 
 #endif

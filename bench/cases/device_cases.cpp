@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 // What a block costs on its way through the backend for real devices, beside the engine's part.
+#include "cases/cases.h"
+
+#ifdef QTOVELMIXER_WITH_RTAUDIO
+
 #include <mixer/api/api_rtaudio.h>
 #include <mixer/api/rtaudio_driver_p.h>
 #include <mixer/engine.h>
 
-#include <benchmark/benchmark.h>
-
-#include <QtCore/QCoreApplication>
-
-#include <array>
+#include <memory>
 #include <vector>
 
 using namespace QTovelMixer;
+
+namespace Bench {
 
 namespace {
 
@@ -99,43 +101,42 @@ struct Hardware
     bool ready = false;
 };
 
-void deviceBlock(benchmark::State &state)
+Case throughDevice()
 {
-    Hardware hardware;
-    if (!hardware.ready)
-        return state.SkipWithError("the stream does not open");
-    BenchDriver *driver = BenchDriver::current;
-    for (auto _ : state)
-        driver->stream(hardware.output.data(), hardware.input.data(), blockFrames, 0.0, 0,
+    const auto hardware = std::make_shared<Hardware>();
+    Case result(QStringLiteral("F. Callback"),
+                QStringLiteral("no sources, stereo in and out, through the hardware backend"));
+    if (!hardware->ready)
+        return result;
+    result.ours([hardware] {
+        BenchDriver *const driver = BenchDriver::current;
+        driver->stream(hardware->output.data(), hardware->input.data(), blockFrames, 0.0, 0,
                        driver->data);
-    state.SetItemsProcessed(state.iterations() * blockFrames);
+    });
+    const auto input = std::make_shared<aligned_vector<float, 16>>(blockFrames * 2);
+    const auto output = std::make_shared<aligned_vector<float, 16>>(blockFrames * 2);
+    return result.add(QStringLiteral("the engine alone"), [hardware, input, output] {
+        input->zero();
+        output->zero();
+        hardware->api->mixerCallback(*input, *output, blockFrames, 0.0, 4);
+    });
 }
-
-void engineBlock(benchmark::State &state)
-{
-    Hardware hardware;
-    if (!hardware.ready)
-        return state.SkipWithError("the stream does not open");
-    aligned_vector<float, 16> input(blockFrames * 2);
-    aligned_vector<float, 16> output(blockFrames * 2);
-    for (auto _ : state) {
-        input.zero();
-        output.zero();
-        hardware.api->mixerCallback(input, output, blockFrames, 0.0, 4);
-    }
-    state.SetItemsProcessed(state.iterations() * blockFrames);
-}
-
-BENCHMARK(deviceBlock)->Name("callback/through_hardware_backend");
-BENCHMARK(engineBlock)->Name("callback/same_block_engine_alone");
 
 } // namespace
 
-int main(int argc, char **argv)
+void addDeviceCases(Suite &suite)
 {
-    QCoreApplication application(argc, argv);
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    suite.add(QStringLiteral("F. Callback"), throughDevice);
 }
+
+} // namespace Bench
+
+#else
+
+namespace Bench {
+
+void addDeviceCases(Suite &) {}
+
+} // namespace Bench
+
+#endif

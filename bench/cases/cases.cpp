@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+#include "cases/cases.h"
+
+namespace Bench {
+
+Suite allCases()
+{
+    Suite suite;
+    addMatrixCases(suite);
+    addMixerCases(suite);
+    addLayoutCases(suite);
+    addRingCases(suite);
+    addResampleCases(suite);
+    addMeterCases(suite);
+    addCallbackCases(suite);
+    addDeviceCases(suite);
+    addWorkerFigures(suite);
+    addLockFigures(suite);
+    return suite;
+}
+
+} // namespace Bench
