@@ -6,9 +6,9 @@
 
 /// The vector loops, dispatched at run time to the best instructions of the machine.
 ///
-/// All take samples at any address and touch exactly the samples named. Multiplications and
-/// additions are rounded one by one and in the same order on every machine, so that results do not
-/// depend on it. Sources and destinations are the same place or do not overlap.
+/// All take samples at any address and touch exactly the samples named, where nothing else is said.
+/// Multiplications and additions are rounded one by one and in the same order on every machine, so
+/// that results do not depend on it. Sources and destinations are the same place or do not overlap.
 /// Threads: any. Real-time: yes.
 namespace QTovelMixer::Kernels {
 
@@ -56,6 +56,7 @@ void mixDense(float *const *out, std::size_t groups, const float *const *in, con
               std::size_t groupStride, std::size_t inputs, std::size_t frames) noexcept;
 
 /// True when the first `columns` floats of `rows` rows, `stride` floats apart, hold the same bits.
+/// A stride is a whole number of vectors (8 floats do), so that rows are read in whole vectors.
 bool sameBits(const float *a, const float *b, std::size_t stride, std::size_t rows,
               std::size_t columns) noexcept;
 

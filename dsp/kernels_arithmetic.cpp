@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: MIT
+#include <dsp/kernels_p.h>
+
+#include <dsp/vector_targets_p.h>
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "dsp/kernels_arithmetic.cpp"
+#include <hwy/foreach_target.h>
+#include <hwy/highway.h>
+
+#include <dsp/vector_loop_p.h>
+
+HWY_BEFORE_NAMESPACE();
+namespace QTovelMixer::Kernels::HWY_NAMESPACE {
+namespace {
+
+struct Fill
+{
+    float *x;
+    float value;
+
+    template <class D>
+    HWY_INLINE void operator()(D d, std::size_t i) const
+    {
+        hn::StoreU(hn::Set(d, value), d, x + i);
+    }
+};
+
+struct AddValue
+{
+    float *x;
+    float value;
+
+    template <class D>
+    HWY_INLINE void operator()(D d, std::size_t i) const
+    {
+        hn::StoreU(hn::Add(hn::LoadU(d, x + i), hn::Set(d, value)), d, x + i);
+    }
+};
+
+struct MultiplyValue
+{
+    float *x;
+    float value;
+
+    template <class D>
+    HWY_INLINE void operator()(D d, std::size_t i) const
+    {
+        hn::StoreU(hn::Mul(hn::LoadU(d, x + i), hn::Set(d, value)), d, x + i);
+    }
+};
+
+struct AddVector
+{
+    float *x;
+    const float *y;
+
+    template <class D>
+    HWY_INLINE void operator()(D d, std::size_t i) const
+    {
+        hn::StoreU(hn::Add(hn::LoadU(d, x + i), hn::LoadU(d, y + i)), d, x + i);
+    }
+};
+
+struct MultiplyVector
+{
+    float *x;
+    const float *y;
+
+    template <class D>
+    HWY_INLINE void operator()(D d, std::size_t i) const
+    {
+        hn::StoreU(hn::Mul(hn::LoadU(d, x + i), hn::LoadU(d, y + i)), d, x + i);
+    }
+};
+
+struct MultiplyAdd
+{
+    float *x;
+    const float *y;
+    float gain;
+
+    template <class D>
+    HWY_INLINE void operator()(D d, std::size_t i) const
+    {
+        const auto product = hn::Mul(hn::Set(d, gain), hn::LoadU(d, y + i));
+        hn::StoreU(hn::Add(hn::LoadU(d, x + i), product), d, x + i);
+    }
+};
+
+void fillLanes(float *x, std::size_t count, float value)
+{
+    forEach(count, Fill{x, value});
+}
+
+void addValue(float *x, std::size_t count, float value)
+{
+    forEach(count, AddValue{x, value});
+}
+
+void multiplyValue(float *x, std::size_t count, float value)
+{
+    forEach(count, MultiplyValue{x, value});
+}
+
+void addVector(float *x, const float *y, std::size_t count)
+{
+    forEach(count, AddVector{x, y});
+}
+
+void multiplyVector(float *x, const float *y, std::size_t count)
+{
+    forEach(count, MultiplyVector{x, y});
+}
+
+void multiplyAddVector(float *x, float gain, const float *y, std::size_t count)
+{
+    forEach(count, MultiplyAdd{x, y, gain});
+}
+
+/// The bits that differ in a vector of cells.
+template <class D>
+HWY_INLINE auto differences(D d, const float *a, const float *b)
+{
+    const hn::RebindToUnsigned<D> bits;
+    return hn::Xor(hn::BitCast(bits, hn::LoadU(d, a)), hn::BitCast(bits, hn::LoadU(d, b)));
+}
+
+/// The last columns of all rows, fewer than a vector holds, of which the rows have room for one.
+HWY_INLINE auto differencesOfRest(const float *a, const float *b, std::size_t stride,
+                                  std::size_t rows, std::size_t columns)
+{
+    const Lanes d;
+    const hn::RebindToUnsigned<Lanes> bits;
+    auto even = hn::Zero(bits);
+    auto odd = even;
+    std::size_t r = 0;
+    for (; r + 2 <= rows; r += 2, a += 2 * stride, b += 2 * stride) {
+        even = hn::Or(even, differences(d, a, b));
+        odd = hn::Or(odd, differences(d, a + stride, b + stride));
+    }
+    if (r < rows)
+        even = hn::Or(even, differences(d, a, b));
+    return hn::IfThenElseZero(hn::FirstN(bits, columns), hn::Or(even, odd));
+}
+
+bool sameCells(const float *a, const float *b, std::size_t stride, std::size_t rows,
+               std::size_t columns)
+{
+    const hn::RebindToUnsigned<Lanes> bits;
+    const std::size_t whole = columns / lanes * lanes;
+    auto differing = hn::Zero(bits);
+    if (whole < columns)
+        differing = differencesOfRest(a + whole, b + whole, stride, rows, columns - whole);
+    for (std::size_t r = 0; whole > 0 && r < rows; ++r, a += stride, b += stride) {
+        for (std::size_t c = 0; c < whole; c += lanes)
+            differing = hn::Or(differing, differences(Lanes(), a + c, b + c));
+    }
+    return hn::AllTrue(bits, hn::Eq(differing, hn::Zero(bits)));
+}
+
+void cleanState()
+{
+#if HWY_TARGET == HWY_AVX2
+    _mm256_zeroupper();
+#endif
+}
+
+} // namespace
+} // namespace QTovelMixer::Kernels::HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+
+namespace QTovelMixer::Kernels {
+
+namespace {
+
+HWY_EXPORT(fillLanes);
+HWY_EXPORT(addValue);
+HWY_EXPORT(multiplyValue);
+HWY_EXPORT(addVector);
+HWY_EXPORT(multiplyVector);
+HWY_EXPORT(multiplyAddVector);
+HWY_EXPORT(sameCells);
+HWY_EXPORT(cleanState);
+
+// Looks at the machine while the library is loaded, not in the first audio callback.
+[[maybe_unused]] const bool chosen = (hwy::GetChosenTarget().Update(hwy::SupportedTargets()), true);
+
+} // namespace
+
+void fill(float *x, std::size_t count, float value) noexcept
+{
+    HWY_DYNAMIC_DISPATCH(fillLanes)(x, count, value);
+}
+
+void add(float *x, std::size_t count, float value) noexcept
+{
+    HWY_DYNAMIC_DISPATCH(addValue)(x, count, value);
+}
+
+void multiply(float *x, std::size_t count, float value) noexcept
+{
+    HWY_DYNAMIC_DISPATCH(multiplyValue)(x, count, value);
+}
+
+void add(float *x, const float *y, std::size_t count) noexcept
+{
+    HWY_DYNAMIC_DISPATCH(addVector)(x, y, count);
+}
+
+void multiply(float *x, const float *y, std::size_t count) noexcept
+{
+    HWY_DYNAMIC_DISPATCH(multiplyVector)(x, y, count);
+}
+
+void multiplyAdd(float *x, float gain, const float *y, std::size_t count) noexcept
+{
+    HWY_DYNAMIC_DISPATCH(multiplyAddVector)(x, gain, y, count);
+}
+
+void rampGain(float *block, std::size_t frames, std::size_t channels, float applied,
+              float target) noexcept
+{
+    const double step = (double(applied) - double(target)) / double(frames);
+    for (std::size_t i = 0; i < frames; ++i, block += channels) {
+        for (std::size_t c = 0; c < channels; ++c)
+            block[c] *= applied;
+        applied = float(double(applied) - step);
+    }
+}
+
+bool sameBits(const float *a, const float *b, std::size_t stride, std::size_t rows,
+              std::size_t columns) noexcept
+{
+    return HWY_DYNAMIC_DISPATCH(sameCells)(a, b, stride, rows, columns);
+}
+
+void cleanVectorState() noexcept
+{
+    HWY_DYNAMIC_DISPATCH(cleanState)();
+}
+
+} // namespace QTovelMixer::Kernels
+
+#endif
