@@ -3,6 +3,7 @@
 
 #include <mixer/api/pulse_server_p.h>
 
+#include <thread>
 #include <utility>
 
 namespace QTovelMixer {
@@ -21,7 +22,14 @@ std::vector<RtAudio::Api> compiledApis()
 class RealDriver : public RtAudioDriver
 {
 public:
-    RealDriver(RtAudio::Api api, RtAudioErrorCallback callback) : audio(api, std::move(callback)) {}
+    RealDriver(RtAudio::Api api, RtAudioErrorCallback callback)
+        : audio(api, [this, callback = std::move(callback)](RtAudioErrorType type,
+                                                            const std::string &message) {
+              if (std::this_thread::get_id() == user)
+                  text = message;
+              callback(type, message);
+          })
+    {}
 
     RtAudio::Api currentApi() override { return audio.getCurrentApi(); }
     std::optional<std::vector<unsigned>> deviceIds() override;
@@ -39,9 +47,13 @@ public:
     bool isStreamOpen() const override { return audio.isStreamOpen(); }
     bool isStreamRunning() const override { return audio.isStreamRunning(); }
     long latency() override { return audio.getStreamLatency(); }
-    std::string errorText() override { return audio.getErrorText(); }
+    std::string errorText() override { return text; }
 
 private:
+    // RtAudio's own text of the last error may be written by its audio thread at any time. A call
+    // that fails tells its error on the thread that made it.
+    const std::thread::id user = std::this_thread::get_id();
+    std::string text;
     RtAudio audio;
 };
 

@@ -35,6 +35,7 @@ public:
     virtual bool isStreamRunning() const = 0;
     /// Frames, input and output together; 0 where the interface does not tell.
     virtual long latency() = 0;
+    /// Of the last call that failed.
     virtual std::string errorText() = 0;
 };
 
