@@ -14,7 +14,6 @@ namespace QTovelMixer {
 namespace {
 
 constexpr double ticksPerSecond = 192000.0;
-constexpr double roundingError = 1e-8; // seconds, far above that of sums, far below a frame
 
 /// The nearest whole number of units; 0 for a time that has none.
 qint64 unitsOf(double seconds, double unitsPerSecond) noexcept
@@ -73,16 +72,9 @@ Timeline::Data::Position Timeline::Data::positionAt(double mixerTime) const noex
         position.rel = mixerTime - timeOffset;
     }
     if (!chunks.empty()) {
-        // What misses the end of a chunk for rounding alone stands at the beginning of the next
-        // one: else a frame of it would be lost.
-        const double slack = looping ? 0.5 / ticksPerSecond : roundingError;
         auto chunk = chunks.begin();
-        for (; chunk != chunks.end() && position.rel > length(*chunk) - slack; ++chunk)
-            position.rel = std::max(position.rel - length(*chunk), 0.0);
-        if (looping && chunk == chunks.end()) {
-            chunk = chunks.begin();
-            position.rel = 0.0;
-        }
+        for (; chunk != chunks.end() && position.rel >= length(*chunk); ++chunk)
+            position.rel -= length(*chunk);
         if (chunk == chunks.end()) {
             position.outside = true;
             return position;
@@ -202,22 +194,25 @@ std::pair<double, double> Timeline::nextChunk(double mixerTime, double span, int
         if (position.outside || where > d->limits.end || where < 0.0)
             return nothing;
 
-        const double rel = position.rel;
-        double rest = (position.chunk ? position.chunk->end : duration()) - rel;
-        if (std::abs(rest) < roundingError)
-            rest = 0.0;
-        double len = std::min(rest, wanted);
+        const double rel = where - d->limits.start;
+        double len = 0.0;
+        if (d->chunks.empty()) {
+            len = std::min(duration() - rel, wanted);
+        } else {
+            const Range &chunk = d->chunks[size_t(searchRanges(d->chunks, rel))];
+            len = std::min(contains(chunk, rel) ? chunk.end - rel : 0.0, wanted);
+        }
         if (len <= 0.0 && d->playDuration <= 0.0)
             return nothing;
 
         if (d->looping) {
             if (unitsOf(len, rate) > 0)
-                return {where, len};
+                return {rel + d->limits.start, len};
         } else {
             if (len > 0.0)
                 len = std::max(len, 1.0 / rate);
             if (len != 0.0)
-                return {where, len};
+                return {rel + d->limits.start, len};
         }
         time = double(unitsOf(time, rate) + 1) / rate;
     }

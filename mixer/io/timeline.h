@@ -56,7 +56,9 @@ public:
 
     /// Selects a stretch, given in positions of the material in either order. Slices that the
     /// stretch touches become one with it. A stretch that starts in a gap and ends beyond the
-    /// next slice's start is joined with the slice before the gap as well.
+    /// next slice's start is joined with the slice before the gap as well. At an end that sums of
+    /// seconds reach only nearly, a source reads one frame too many or steps over one; ends on
+    /// quarter seconds are exact at all usual rates.
     void addSlice(double start, double end);
 
     /// Takes a stretch out of the selection. A stretch that shares exactly one bound with the

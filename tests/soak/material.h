@@ -12,8 +12,9 @@
 namespace Material {
 
 inline constexpr int mixerRate = 48000; // Hz
-/// Frames of the mixer on which the frames of all rates meet: every position is a multiple.
-inline constexpr qint64 grid = 160;
+/// Every position is a multiple of a quarter second: whole frames at all rates, and exact in
+/// seconds. Where a bound is not, reading steps over a frame or repeats one.
+inline constexpr qint64 grid = mixerRate / 4;
 inline constexpr qint64 length = qint64{3600} * mixerRate; // frames of the mixer
 
 /// At the mixer's rate: source and frame (modulo 2^16), exactly, in (0, 1).
