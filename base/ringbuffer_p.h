@@ -3,7 +3,52 @@
 #define QTOVELMIXER_BASE_RINGBUFFER_P_H
 
 #include <base/mirrored_memory_p.h>
+#include <base/ring_counters_p.h>
 #include <base/ringbuffer.h>
+
+namespace QTovelMixer {
+
+/// A base, since the counters begin with its size.
+struct RingMemory
+{
+    RingMemory(size_t bytes, MirroredMemory::Way preferred) : memory(bytes, preferred) {}
+
+    const MirroredMemory memory;
+};
+
+} // namespace QTovelMixer
+
+/// The counters and the memory that they count.
+struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
+{
+    BLRINGBUFFER(size_t bytes, QTovelMixer::MirroredMemory::Way preferred)
+        : RingMemory(bytes, preferred), RingCounters(bytes, memory.size())
+    {}
+
+    BLRINGBUFFER_Slice writeSlice()
+    {
+        const auto length = static_cast<qint32>(writable());
+        return {writePosition(), memory.data() + writePlace(), length};
+    }
+    BLRINGBUFFER_Slice readSlice()
+    {
+        const auto length = static_cast<qint32>(readable());
+        return {readPosition(), memory.data() + readPlace(), length};
+    }
+    void produce(quint64 bytes)
+    {
+        bytes = roomFor(bytes);
+        if (bytes == 0)
+            return;
+        if (!memory.isMirrored()) [[unlikely]]
+            mirror(writePlace(), bytes);
+        RingCounters::produce(bytes);
+    }
+
+private:
+    /// Copies fresh bytes to their other place where the system does not do it.
+    void mirror(quint64 place, quint64 bytes);
+};
 
 namespace QTovelMixer {
 
