@@ -314,17 +314,23 @@ bool SoakSession::pauseAndResume()
 
 bool SoakSession::seek()
 {
-    for (std::atomic<qint64> &joined : ledger.joined)
-        joined = -Material::length;
     m_engine.setTime(anyPosition());
+    forgetJoins();
     return true;
 }
 
 bool SoakSession::startAgain()
 {
+    const bool started = m_engine.start(anyPosition());
+    forgetJoins();
+    return started || failed("start again");
+}
+
+/// Only now: until the jump, frames are verified that lie near the place where a source came in.
+void SoakSession::forgetJoins()
+{
     for (std::atomic<qint64> &joined : ledger.joined)
         joined = -Material::length;
-    return m_engine.start(anyPosition()) || failed("start again");
 }
 
 bool SoakSession::replaceSource()

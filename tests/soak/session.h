@@ -90,6 +90,7 @@ private:
 
     bool route(SoakSink *sink, int channel, const Expectation::Route &wanted);
     bool setCell(SoakSink *sink, int channel, int slot, float gain);
+    void forgetJoins();
     double anyPosition();
     qint64 clock() const;
     int pick(int count) { return int(m_random() % unsigned(count)); }
