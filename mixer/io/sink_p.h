@@ -7,6 +7,7 @@
 #include <mixer/io/sink.h>
 
 #include <QtCore/QMutex>
+#include <QtCore/QPointer>
 #include <QtCore/QRecursiveMutex>
 #include <QtCore/QWaitCondition>
 
@@ -18,7 +19,7 @@ namespace QTovelMixer {
 struct Sink::Data
 {
     // Main thread.
-    Engine *engine = nullptr; // not owned
+    QPointer<Engine> engine; // may go before an object that was never added
     float bufferSeconds = 5.0f;
     std::atomic<bool> started{false};
     std::atomic<double> skipTime{0.0}; // seconds

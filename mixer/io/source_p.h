@@ -7,6 +7,7 @@
 #include <mixer/io/source.h>
 
 #include <QtCore/QMutex>
+#include <QtCore/QPointer>
 #include <QtCore/QSemaphore>
 #include <QtCore/QWaitCondition>
 
@@ -38,7 +39,7 @@ private:
 struct Source::Data
 {
     // Main thread.
-    Engine *engine = nullptr; // not owned
+    QPointer<Engine> engine; // may go before an object that was never added
     float bufferSeconds = 5.0f;
     std::atomic<bool> started{false};
     std::atomic<bool> primed{false};

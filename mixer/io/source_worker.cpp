@@ -175,8 +175,8 @@ void Source::Data::Worker::announceEnd()
         reason = source.stopReason();
     }
     // Only posted: the engine's state belongs to its own thread, which may be waiting for us.
-    if (reason == PausePositionReached) {
-        Engine *const mixer = d.engine;
+    Engine *const mixer = d.engine;
+    if (mixer && reason == PausePositionReached) {
         QMetaObject::invokeMethod(
             mixer, [mixer] { mixer->pause(); }, Qt::QueuedConnection);
     }

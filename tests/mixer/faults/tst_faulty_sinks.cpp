@@ -19,6 +19,9 @@ private slots:
     void start_letsTheMixGoOn_whileAHostWrites();
     void seek_reachesASink_thatNeverRests();
     void setTime_isRefused_onTheSinksOwnThread();
+    void blocking_overflowsTheRing_andTheTakeStaysInPlace();
+    void throwing_endsTheTake_data();
+    void throwing_endsTheTake();
 
 private:
     FaultySink *addSink(Session &session);
@@ -141,6 +144,76 @@ void tst_FaultySinks::setTime_isRefused_onTheSinksOwnThread()
     QVERIFY(log.contains(QString("QTovelMixer::Sink::setTime: refused on the sink's own thread "
                                  "(0x%1)!!")
                              .arg(quintptr(static_cast<void *>(sink)), 0, 16)));
+    playsAgain(session);
+}
+
+// The device input carries its frame number: a frame of the take is that of its place, or silence
+// where the ring had no room.
+void tst_FaultySinks::blocking_overflowsTheRing_andTheTakeStaysInPlace()
+{
+    const LogCapture log;
+    Session session(2, 2);
+    FaultySink *sink = addSink(session);
+    QVERIFY(sink);
+    QVERIFY(session.startRecording());
+    sink->barrier.close();
+    constexpr int blocks = 1500; // 8 s into a ring of 5 s
+    session.run(blocks);
+    QVERIFY(sink->barrier.waitUntilReached());
+    QCOMPARE(session.engine.droppedBlocks(), 0u);
+    sink->barrier.open();
+    QTRY_COMPARE_WITH_TIMEOUT(sink->freeFrames(), SinkAccess::data(*sink).ring->capacity(),
+                              longest);
+    constexpr int later = 100;
+    session.run(later);
+    constexpr qint64 all = qint64(blocks + later) * Session::blockFrames;
+    QTRY_COMPARE_WITH_TIMEOUT(sink->frames(), all, longest);
+    const std::vector<float> take = sink->samples();
+    qint64 lost = 0;
+    for (qint64 frame = 1; frame < all; ++frame) {
+        const float sample = take[size_t(frame) * 2];
+        if (sample == 0.0f)
+            ++lost;
+        else
+            QCOMPARE(sample, float(frame));
+    }
+    const qint64 room = SinkAccess::data(*sink).ring->capacity();
+    QVERIFY(lost > 0);
+    QVERIFY(lost <= qint64(blocks) * Session::blockFrames - room);
+    for (qint64 frame = all - qint64(later - 1) * Session::blockFrames; frame < all; ++frame)
+        QCOMPARE(take[size_t(frame) * 2], float(frame));
+    QVERIFY(log.contains("Sink::mixer_callback frame-offset"));
+    QVERIFY(log.contains("Frame Offset = "));
+    playsAgain(session);
+}
+
+void tst_FaultySinks::throwing_endsTheTake_data()
+{
+    QTest::addColumn<int>("fault");
+    QTest::addColumn<QString>("what");
+    QTest::newRow("exception") << int(FaultySink::ThrowsException) << "disk full";
+    QTest::newRow("number") << int(FaultySink::ThrowsNumber) << "unknown";
+}
+
+void tst_FaultySinks::throwing_endsTheTake()
+{
+    QFETCH(int, fault);
+    QFETCH(QString, what);
+    const LogCapture log;
+    Session session(2, 2);
+    FaultySink *sink = addSink(session);
+    QVERIFY(sink);
+    QVERIFY(session.startRecording());
+    session.run(4);
+    QTRY_COMPARE_WITH_TIMEOUT(sink->frames(), qint64(4 * Session::blockFrames), longest);
+    sink->fault = FaultySink::Fault(fault);
+    session.run(1);
+    QTRY_COMPARE_WITH_TIMEOUT(session.count("stopped"), 1, longest);
+    QCOMPARE(session.count("sinkFinished"), 1);
+    QCOMPARE(
+        log.countStarting(QString("QTovelMixer::writeSamples: Exception (%1) in sink (").arg(what)),
+        1);
+    QCOMPARE(session.engine.numActiveSinks(), 0);
     playsAgain(session);
 }
 
