@@ -150,6 +150,7 @@ struct Engine::Data
     void deleteMeters();
     /// Keeps the stream alive for every user, also after it was reopened under them.
     void raiseApiRefs(int users);
+    void releaseStream();
     bool apiRunning() const;
     bool apiOpen() const;
     void stopWatchdog();

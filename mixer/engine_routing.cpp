@@ -308,10 +308,27 @@ void Engine::Data::destroy(T *object)
 {
     if (!object)
         return;
-    detach(object);
+    const bool listed = detach(object);
     forget(Kind<T>::retired(*this), static_cast<const T *>(object));
     Kind<T>::Access::endAndWait(*object);
     delete object;
+    if (listed)
+        releaseStream();
+}
+
+/// Takes one use of the stream back. A block that waits for a change of the mix to end cannot end
+/// before: the stream is then stopped afterwards.
+void Engine::Data::releaseStream()
+{
+    if (bracketDepth == 0) {
+        stopMixerApi();
+        return;
+    }
+    const auto later = [this, generation = streamGeneration] {
+        if (generation == streamGeneration)
+            stopMixerApi();
+    };
+    QMetaObject::invokeMethod(engine, later, Qt::QueuedConnection);
 }
 
 bool Engine::isValid(Source *source) const

@@ -154,16 +154,21 @@ void Source::pause(PauseMode mode)
         if (!acceptPause(mode))
             return;
     }
+    // A slot on the main thread may delete the source.
+    const QPointer<Source> guarded(this);
     if (mode == PauseKeepState) {
         state_change(Paused, {time(false), configScale(), std::as_const(*this).range(),
                               configFlags(), channelMask()});
+        if (!guarded)
+            return;
         d->endForPause();
     } else if (mode == PauseSoft) {
         state_change(Paused, Config());
     } else {
         return;
     }
-    onPause();
+    if (guarded)
+        onPause();
 }
 
 void Source::resume()

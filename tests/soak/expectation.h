@@ -38,7 +38,7 @@ constexpr int sourceSlots = 32;
 struct Ledger
 {
     Score score;
-    /// Where on the clock the source of a slot has come in, since the last jump.
+    /// Where on the clock the source of a slot has come in, or was moved to.
     std::array<std::atomic<qint64>, sourceSlots> joined;
     std::atomic<qint64> patience{0}; ///< frames that may be silent after a jump
 

@@ -15,8 +15,8 @@
 class SoakSource : public QTovelMixer::Source
 {
 public:
-    SoakSource(QTovelMixer::Engine *engine, int slot, const Score &score)
-        : Source(engine, Material::rateOf(slot), 1, 5.0f), m_slot(slot), m_score(score)
+    SoakSource(QTovelMixer::Engine *engine, int slot, Ledger &ledger)
+        : Source(engine, Material::rateOf(slot), 1, 5.0f), m_slot(slot), m_ledger(ledger)
     {}
     ~SoakSource() override
     {
@@ -26,15 +26,22 @@ public:
 
     double contentStart() const override
     {
-        return double(m_score.stretches.front().begin) / Material::mixerRate;
+        return double(m_ledger.score.stretches.front().begin) / Material::mixerRate;
     }
     double contentDuration() const override
     {
-        return double(m_score.stretches.back().end) / Material::mixerRate - contentStart();
+        return double(m_ledger.score.stretches.back().end) / Material::mixerRate - contentStart();
     }
     bool acceptPause(QTovelMixer::PauseMode mode) override
     {
         return mode == QTovelMixer::PauseSoft;
+    }
+
+    // Between two blocks, and before any of them has reached a sink.
+    void setTime(double time) override
+    {
+        Source::setTime(time);
+        m_ledger.joined[size_t(m_slot)] = std::llround(time * Material::mixerRate);
     }
 
     int readSamples(float *buffer, int frames, int, double time) override
@@ -60,7 +67,7 @@ private:
     using Tones = Material::Tones;
 
     const int m_slot;
-    const Score &m_score;
+    Ledger &m_ledger;
 };
 
 /// Compares what it records with what each of its channels expects.

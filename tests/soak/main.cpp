@@ -111,7 +111,7 @@ bool run(SoakSession &session, const Plan &plan, Memory &memory)
             seen = frames;
             moving.start();
         } else if (moving.elapsed() > 20000) {
-            std::fprintf(stderr, "failed: no block for 20 s\n");
+            std::fprintf(stderr, "failed: no block for 20 s: %s\n", qPrintable(session.describe()));
             return false;
         }
     }

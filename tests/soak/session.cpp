@@ -73,6 +73,30 @@ SoakSession::SoakSession(const Setup &setup)
         m_mixed += frames;
     });
     m_api->updateDeviceList();
+    QObject::connect(&m_engine, &Engine::stopped, &m_engine, [this](StopReason reason) {
+        m_stopped = QStringLiteral(", stopped for reason %1").arg(int(reason));
+    });
+    QObject::connect(&m_engine, &Engine::started, &m_engine, [this] { m_stopped.clear(); });
+}
+
+QString SoakSession::describe() const
+{
+    qint64 buffered = std::numeric_limits<qint64>::max();
+    qint64 room = std::numeric_limits<qint64>::max();
+    for (const QPointer<SoakSource> &source : m_sources)
+        buffered = std::min(buffered, source ? source->bufferedFrames() : -1);
+    for (const QPointer<SoakSink> &sink : m_sinks)
+        room = std::min(room, sink ? sink->freeFrames() : -1);
+    return QStringLiteral("%1 sources (least buffered %2), %3 sinks (least room %4), running %5, "
+                          "paused %6, clock %7, after \"%8\"%9")
+        .arg(m_engine.numActiveSources())
+        .arg(buffered)
+        .arg(m_engine.numActiveSinks())
+        .arg(room)
+        .arg(m_engine.isRunning())
+        .arg(m_engine.isPaused())
+        .arg(clock())
+        .arg(QLatin1String(ledger.operation.load()), m_stopped);
 }
 
 bool SoakSession::failed(const char *what) const
@@ -183,9 +207,8 @@ bool SoakSession::leave()
 
 bool SoakSession::addSource(int slot, bool playing)
 {
-    auto *source = new SoakSource(&m_engine, slot, ledger.score);
+    auto *source = new SoakSource(&m_engine, slot, ledger);
     m_sources[size_t(slot)] = source;
-    ledger.joined[size_t(slot)] = playing ? clock() : -Material::length;
     if (playing)
         return m_engine.play(source, 0.0f) || failed("play");
     if (m_engine.addSource(source, 0.0f))
@@ -315,22 +338,12 @@ bool SoakSession::pauseAndResume()
 bool SoakSession::seek()
 {
     m_engine.setTime(anyPosition());
-    forgetJoins();
     return true;
 }
 
 bool SoakSession::startAgain()
 {
-    const bool started = m_engine.start(anyPosition());
-    forgetJoins();
-    return started || failed("start again");
-}
-
-/// Only now: until the jump, frames are verified that lie near the place where a source came in.
-void SoakSession::forgetJoins()
-{
-    for (std::atomic<qint64> &joined : ledger.joined)
-        joined = -Material::length;
+    return m_engine.start(anyPosition()) || failed("start again");
 }
 
 bool SoakSession::replaceSource()

@@ -58,6 +58,8 @@ public:
     /// Stops everything. Errors: false, reported.
     bool end();
 
+    /// What the mixer is doing, for whoever wonders why it does nothing.
+    QString describe() const;
     /// Frames that the device has played.
     qint64 mixedFrames() const { return m_mixed; }
 
@@ -90,7 +92,6 @@ private:
 
     bool route(SoakSink *sink, int channel, const Expectation::Route &wanted);
     bool setCell(SoakSink *sink, int channel, int slot, float gain);
-    void forgetJoins();
     double anyPosition();
     qint64 clock() const;
     int pick(int count) { return int(m_random() % unsigned(count)); }
@@ -102,6 +103,7 @@ private:
     const Setup m_setup;
     std::mt19937 m_random;
     std::atomic<qint64> m_mixed{0};
+    QString m_stopped; ///< when the mixer has come to an end by itself
     std::array<QPointer<SoakSource>, sourceSlots> m_sources;
     std::array<QPointer<SoakSink>, sinkCount> m_sinks;
     QTovelMixerApiVirtual *m_api;
