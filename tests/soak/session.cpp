@@ -60,7 +60,7 @@ qint64 CallbackTimes::percentile(double p) const
 SoakSession::SoakSession(const Setup &setup)
     : m_setup(setup), m_random(setup.seed),
       m_api(new QTovelMixerApiVirtual(setup.pacing, blockFrames(setup.pacing, setup.seed))),
-      m_engine(m_api)
+      m_engine(m_api, setup.pacing)
 {
     ledger.patience = setup.pacing == Pacing::RealTime ? patienceFrames : 0;
     m_api->plug({.name = QStringLiteral("Soak"),
