@@ -10,13 +10,15 @@
 
 using QTovelMixer::MirroredMemory;
 
-void BLRINGBUFFER::mirror(quint64 place, quint64 bytes)
+void BLRINGBUFFER::mirrorAndProduce(quint64 bytes)
 {
+    const quint64 place = writePlace();
     const quint64 half = memory.size();
     const quint64 first = std::min(bytes, half - place);
     char *const data = memory.data();
     std::memcpy(data + place + half, data + place, first);
     std::memcpy(data, data + half, bytes - first);
+    RingCounters::produce(bytes);
 }
 
 namespace QTovelMixer {

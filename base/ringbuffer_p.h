@@ -40,14 +40,16 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
         bytes = roomFor(bytes);
         if (bytes == 0)
             return;
-        if (!memory.isMirrored()) [[unlikely]]
-            mirror(writePlace(), bytes);
-        RingCounters::produce(bytes);
+        if (memory.isMirrored()) [[likely]]
+            RingCounters::produce(bytes);
+        else
+            mirrorAndProduce(bytes);
     }
 
 private:
-    /// Copies fresh bytes to their other place where the system does not do it.
-    void mirror(quint64 place, quint64 bytes);
+    /// Copies fresh bytes to their other place where the system does not do it. Out of the way of
+    /// nearly all rings.
+    void mirrorAndProduce(quint64 bytes);
 };
 
 namespace QTovelMixer {

@@ -175,8 +175,10 @@ HWY_INLINE void splitStereo(const float *in, float *left, float *right, std::siz
 {
     std::size_t i = 0;
     for (; i + 4 * lanes <= frames; i += 4 * lanes) {
-        for (std::size_t part = i; part < i + 4 * lanes; part += lanes)
-            splitPairs(in + 2 * part, left + part, right + part, scale);
+        splitPairs(in + 2 * i, left + i, right + i, scale);
+        splitPairs(in + 2 * i + 2 * lanes, left + i + lanes, right + i + lanes, scale);
+        splitPairs(in + 2 * i + 4 * lanes, left + i + 2 * lanes, right + i + 2 * lanes, scale);
+        splitPairs(in + 2 * i + 6 * lanes, left + i + 3 * lanes, right + i + 3 * lanes, scale);
     }
     for (; i + lanes <= frames; i += lanes)
         splitPairs(in + 2 * i, left + i, right + i, scale);
@@ -223,10 +225,6 @@ template <class Scale>
 HWY_INLINE void split(const float *in, std::size_t stride, float *const *out, std::size_t channels,
                       std::size_t frames, const Scale &scale)
 {
-    if (channels == 2 && stride == 2) {
-        splitStereo(in, out[0], out[1], frames, scale);
-        return;
-    }
     std::size_t i = 0;
     if (channels >= quad)
         i = splitMany(in, stride, out, channels, frames, scale);
@@ -234,6 +232,18 @@ HWY_INLINE void split(const float *in, std::size_t stride, float *const *out, st
         for (std::size_t c = 0; c < channels; ++c)
             out[c][i] = scale(in[i * stride + c]);
     }
+}
+
+// Two channels are what nearly all material has: a way of their own, without detours.
+
+void splitTwo(const float *in, float *left, float *right, std::size_t frames)
+{
+    splitStereo(in, left, right, frames, Unscaled{});
+}
+
+void splitTwoScaled(const float *in, float *left, float *right, std::size_t frames, float gain)
+{
+    splitStereo(in, left, right, frames, Scaled{gain});
 }
 
 void splitFrames(const float *in, std::size_t stride, float *const *out, std::size_t channels,
@@ -264,12 +274,14 @@ HWY_INLINE void mergePairs(const float *left, const float *right, float *out)
 #endif
 }
 
-HWY_INLINE void mergeStereo(const float *left, const float *right, float *out, std::size_t frames)
+void mergeTwo(const float *left, const float *right, float *out, std::size_t frames)
 {
     std::size_t i = 0;
     for (; i + 4 * lanes <= frames; i += 4 * lanes) {
-        for (std::size_t part = i; part < i + 4 * lanes; part += lanes)
-            mergePairs(left + part, right + part, out + 2 * part);
+        mergePairs(left + i, right + i, out + 2 * i);
+        mergePairs(left + i + lanes, right + i + lanes, out + 2 * i + 2 * lanes);
+        mergePairs(left + i + 2 * lanes, right + i + 2 * lanes, out + 2 * i + 4 * lanes);
+        mergePairs(left + i + 3 * lanes, right + i + 3 * lanes, out + 2 * i + 6 * lanes);
     }
     for (; i + lanes <= frames; i += lanes)
         mergePairs(left + i, right + i, out + 2 * i);
@@ -330,10 +342,6 @@ HWY_INLINE std::size_t mergeMany(const float *const *in, float *out, std::size_t
 void mergeFrames(const float *const *in, float *out, std::size_t stride, std::size_t channels,
                  std::size_t frames)
 {
-    if (channels == 2 && stride == 2) {
-        mergeStereo(in[0], in[1], out, frames);
-        return;
-    }
     std::size_t i = 0;
     if (channels >= quad)
         i = mergeMany(in, out, stride, channels, frames);
@@ -368,10 +376,18 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
+// As HWY_DYNAMIC_DISPATCH, without a call of its library for every call of a kernel.
+#define QTOVELMIXER_CHOOSE(kernel) (HWY_DISPATCH_TABLE(kernel)[chosen.GetIndex()])
+
 namespace QTovelMixer::Kernels {
 
 namespace {
 
+hwy::ChosenTarget &chosen = hwy::GetChosenTarget();
+
+HWY_EXPORT(splitTwo);
+HWY_EXPORT(splitTwoScaled);
+HWY_EXPORT(mergeTwo);
 HWY_EXPORT(splitFrames);
 HWY_EXPORT(splitFramesScaled);
 HWY_EXPORT(mergeFrames);
@@ -387,17 +403,21 @@ void deinterleave(const float *in, std::size_t stride, float *const *out, std::s
             std::memmove(out[0], in, frames * sizeof(float));
         return;
     }
-    HWY_DYNAMIC_DISPATCH(splitFrames)(in, stride, out, channels, frames);
+    if (channels == 2 && stride == 2)
+        return QTOVELMIXER_CHOOSE(splitTwo)(in, out[0], out[1], frames);
+    QTOVELMIXER_CHOOSE(splitFrames)(in, stride, out, channels, frames);
 }
 
 void deinterleave(const float *in, std::size_t stride, float *const *out, std::size_t channels,
                   std::size_t frames, float gain) noexcept
 {
     if (channels == 1 && stride == 1) {
-        HWY_DYNAMIC_DISPATCH(scaleFrames)(in, out[0], frames, gain);
+        QTOVELMIXER_CHOOSE(scaleFrames)(in, out[0], frames, gain);
         return;
     }
-    HWY_DYNAMIC_DISPATCH(splitFramesScaled)(in, stride, out, channels, frames, gain);
+    if (channels == 2 && stride == 2)
+        return QTOVELMIXER_CHOOSE(splitTwoScaled)(in, out[0], out[1], frames, gain);
+    QTOVELMIXER_CHOOSE(splitFramesScaled)(in, stride, out, channels, frames, gain);
 }
 
 void interleave(const float *const *in, float *out, std::size_t stride, std::size_t channels,
@@ -408,7 +428,9 @@ void interleave(const float *const *in, float *out, std::size_t stride, std::siz
             std::memmove(out, in[0], frames * sizeof(float));
         return;
     }
-    HWY_DYNAMIC_DISPATCH(mergeFrames)(in, out, stride, channels, frames);
+    if (channels == 2 && stride == 2)
+        return QTOVELMIXER_CHOOSE(mergeTwo)(in[0], in[1], out, frames);
+    QTOVELMIXER_CHOOSE(mergeFrames)(in, out, stride, channels, frames);
 }
 
 } // namespace QTovelMixer::Kernels

@@ -18,13 +18,23 @@ namespace {
 
 constexpr std::size_t tileFrames = 16;
 
-/// Up to four inputs on their way into one output. The first batch begins at zero.
-template <int Count, bool First>
+constexpr std::size_t batch = 8; // inputs whose gains stay in registers
+
+/// Some inputs on their way into one output. The first batch begins at zero.
+template <std::size_t Count, bool First>
 struct Batch
 {
     float *out;
-    const float *x0, *x1, *x2, *x3;
-    float g0, g1, g2, g3;
+    const float *in[Count];
+    float gains[Count];
+
+    Batch(float *to, const float *const *from, const float *by) : out(to)
+    {
+        for (std::size_t j = 0; j < Count; ++j) {
+            in[j] = from[j];
+            gains[j] = by[j];
+        }
+    }
 
     template <class D>
     HWY_INLINE void operator()(D d, std::size_t i) const
@@ -32,31 +42,30 @@ struct Batch
         Vector<D> sum = hn::Zero(d);
         if constexpr (!First)
             sum = hn::LoadU(d, out + i);
-        if constexpr (Count > 0)
-            sum = hn::Add(sum, hn::Mul(hn::Set(d, g0), hn::LoadU(d, x0 + i)));
-        if constexpr (Count > 1)
-            sum = hn::Add(sum, hn::Mul(hn::Set(d, g1), hn::LoadU(d, x1 + i)));
-        if constexpr (Count > 2)
-            sum = hn::Add(sum, hn::Mul(hn::Set(d, g2), hn::LoadU(d, x2 + i)));
-        if constexpr (Count > 3)
-            sum = hn::Add(sum, hn::Mul(hn::Set(d, g3), hn::LoadU(d, x3 + i)));
+        addFrom<0>(d, sum, i);
         hn::StoreU(sum, d, out + i);
+    }
+
+    template <std::size_t J, class D>
+    HWY_INLINE void addFrom(D d, Vector<D> &sum, std::size_t i) const
+    {
+        if constexpr (J < Count) {
+            sum = hn::Add(sum, hn::Mul(hn::Set(d, gains[J]), hn::LoadU(d, in[J] + i)));
+            addFrom<J + 1>(d, sum, i);
+        }
     }
 };
 
-template <int Count, bool First>
-HWY_INLINE void runBatch(float *out, const float *const *in, const float *gains, std::size_t frames)
+template <std::size_t Count, bool First>
+void runBatch(float *out, const float *const *in, const float *gains, std::size_t frames)
 {
-    constexpr int second = Count > 1 ? 1 : 0;
-    constexpr int third = Count > 2 ? 2 : 0;
-    constexpr int fourth = Count > 3 ? 3 : 0;
-    forEach(frames, Batch<Count, First>{out, in[0], in[second], in[third], in[fourth], gains[0],
-                                        gains[second], gains[third], gains[fourth]});
+    forEach(frames, Batch<Count, First>(out, in, gains));
 }
 
+/// As many of the inputs as make one batch.
 template <bool First>
-HWY_INLINE void runRest(float *out, const float *const *in, const float *gains, std::size_t inputs,
-                        std::size_t frames)
+void runSome(float *out, const float *const *in, const float *gains, std::size_t inputs,
+             std::size_t frames)
 {
     switch (inputs) {
     case 1:
@@ -65,8 +74,16 @@ HWY_INLINE void runRest(float *out, const float *const *in, const float *gains, 
         return runBatch<2, First>(out, in, gains, frames);
     case 3:
         return runBatch<3, First>(out, in, gains, frames);
-    default:
+    case 4:
         return runBatch<4, First>(out, in, gains, frames);
+    case 5:
+        return runBatch<5, First>(out, in, gains, frames);
+    case 6:
+        return runBatch<6, First>(out, in, gains, frames);
+    case 7:
+        return runBatch<7, First>(out, in, gains, frames);
+    default:
+        return runBatch<batch, First>(out, in, gains, frames);
     }
 }
 
@@ -77,9 +94,9 @@ void mixOne(float *out, const float *const *in, const float *gains, std::size_t 
         std::memset(out, 0, frames * sizeof(float));
         return;
     }
-    runRest<true>(out, in, gains, inputs, frames);
-    for (std::size_t j = 4; j < inputs; j += 4)
-        runRest<false>(out, in + j, gains + j, inputs - j, frames);
+    runSome<true>(out, in, gains, inputs, frames);
+    for (std::size_t j = batch; j < inputs; j += batch)
+        runSome<false>(out, in + j, gains + j, inputs - j, frames);
 }
 
 /// Two outputs of the same inputs, over some vectors of frames at a time.
@@ -247,9 +264,14 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
+// As HWY_DYNAMIC_DISPATCH, without a call of its library for every call of a kernel.
+#define QTOVELMIXER_CHOOSE(kernel) (HWY_DISPATCH_TABLE(kernel)[chosen.GetIndex()])
+
 namespace QTovelMixer::Kernels {
 
 namespace {
+
+hwy::ChosenTarget &chosen = hwy::GetChosenTarget();
 
 HWY_EXPORT(mixOne);
 HWY_EXPORT(mixTwo);
@@ -260,19 +282,19 @@ HWY_EXPORT(mixSixes);
 void mix(float *out, const float *const *in, const float *gains, std::size_t inputs,
          std::size_t frames) noexcept
 {
-    HWY_DYNAMIC_DISPATCH(mixOne)(out, in, gains, inputs, frames);
+    QTOVELMIXER_CHOOSE(mixOne)(out, in, gains, inputs, frames);
 }
 
 void mixPair(float *out0, float *out1, const float *const *in, const float *gains0,
              const float *gains1, std::size_t inputs, std::size_t frames) noexcept
 {
-    HWY_DYNAMIC_DISPATCH(mixTwo)(out0, out1, in, gains0, gains1, inputs, frames);
+    QTOVELMIXER_CHOOSE(mixTwo)(out0, out1, in, gains0, gains1, inputs, frames);
 }
 
 void mixDense(float *const *out, std::size_t groups, const float *const *in, const float *gains,
               std::size_t groupStride, std::size_t inputs, std::size_t frames) noexcept
 {
-    HWY_DYNAMIC_DISPATCH(mixSixes)(out, groups, in, gains, groupStride, inputs, frames);
+    QTOVELMIXER_CHOOSE(mixSixes)(out, groups, in, gains, groupStride, inputs, frames);
 }
 
 } // namespace QTovelMixer::Kernels

@@ -3,12 +3,14 @@
 // update lock, no log, no signal.
 #include <mixer/engine_p.h>
 
+#include <base/denormals_p.h>
 #include <dsp/kernels_p.h>
 #include <mixer/buffer_access_p.h>
 #include <mixer/buffer_ops.h>
 #include <mixer/io/effect.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
+#include <mixer/io/source_p.h>
 #include <mixer/meter/meter.h>
 
 #include <algorithm>
@@ -94,6 +96,7 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
     QElapsedTimer stopwatch;
     stopwatch.start();
     Kernels::cleanVectorState();
+    const DenormalsAsZero fast;
     {
         const BlockLock lock(updateLock, (status & 0x4) == 0);
         if (!lock.locked) {
@@ -166,10 +169,20 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
 // sources render and what the clock advances are the same number of frames.
 void Engine::Data::setBlockLength(unsigned frames) noexcept
 {
-    for (Bus &bus : inputBuses)
-        BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
-    for (Bus &bus : outputBuses)
-        BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
+    for (std::vector<Bus> *buses : {&inputBuses, &outputBuses}) {
+        for (Bus &bus : *buses) {
+            if (bus.size() != frames)
+                BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
+        }
+    }
+}
+
+void Engine::Data::setBlockClock(qint64 frame) noexcept
+{
+    const double time = engine->time();
+    blockClock.frame = frame;
+    blockClock.isStarted = time >= 0.0;
+    blockClock.inside = timeline->time(time, false, 0.0, -1.0) >= 0.0 ? timeline : nullptr;
 }
 
 unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frames,
@@ -182,11 +195,13 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
         return mixing ? firstBus : 0;
     }
     unsigned busCount = firstBus;
+    setBlockClock(now);
     for (Source *source : sources) {
         const int channels = source->numChannels();
         // A source for which the device left no room has no buses.
         if (channels < 0 || busCount + unsigned(channels) > inputBuses.size())
             continue;
+        SourceAccess::setBlockClock(*source, &blockClock);
         source->mixer_callback(inputBuses.data() + busCount, channels, now, effect);
         effect = nullptr;
         busCount += unsigned(channels);

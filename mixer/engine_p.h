@@ -5,6 +5,7 @@
 #include <mixer/block_gate_p.h>
 #include <mixer/engine.h>
 #include <mixer/gain_matrix_p.h>
+#include <mixer/io/source_p.h>
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QElapsedTimer>
@@ -84,6 +85,7 @@ struct Engine::Data
     int mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status,
                       bool onlyWhenReady = false) noexcept;
     void setBlockLength(unsigned frames) noexcept;
+    void setBlockClock(qint64 frame) noexcept;
     unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames, qint64 now) noexcept;
     void mixMatrix(unsigned busCount) noexcept;
     void feedSinks(unsigned firstBus, qint64 now) noexcept;
@@ -280,6 +282,7 @@ struct Engine::Data
 
     // Audio thread --------------------------------------------------------------------------
     std::atomic<qint64> mixTime{0}; ///< frames
+    BlockClock blockClock;
     float masterOutputGainApplied = 1.0f;
     float masterInputGainApplied = 1.0f;
     std::atomic<quint64> callbackCount{0};

@@ -53,13 +53,13 @@ void count([[maybe_unused]] const Case &work)
     for (const Contestant &who : work.contestants) {
         who.run(1);
         const long calls = callsToCount(who);
-        CALLGRIND_START_INSTRUMENTATION;
-        CALLGRIND_ZERO_STATS;
-        who.run(calls);
         const QByteArray label = QStringLiteral("%1/%2")
                                      .arg(double(calls) * work.unitsPerCall)
                                      .arg(keyOf(work, who))
                                      .toUtf8();
+        CALLGRIND_START_INSTRUMENTATION;
+        CALLGRIND_ZERO_STATS;
+        who.run(calls);
         CALLGRIND_STOP_INSTRUMENTATION;
         CALLGRIND_DUMP_STATS_AT(label.constData());
     }

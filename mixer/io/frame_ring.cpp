@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/frame_ring_p.h>
 
-#include <base/ringbuffer.h>
-
 #include <algorithm>
+#include <bit>
 #include <limits>
 
 namespace QTovelMixer {
@@ -11,6 +10,8 @@ namespace QTovelMixer {
 FrameRing::FrameRing(qint64 frames, int channels)
     : m_channels(std::clamp(channels, 0, maxChannels)), m_frameBytes(frameBytes(m_channels))
 {
+    if (std::has_single_bit(unsigned(m_frameBytes)))
+        m_shift = std::countr_zero(unsigned(m_frameBytes));
     const qint64 fitting = fittingFrames(frames, channels);
     m_ring = BLRINGBUFFER_NewEx(static_cast<qint32>(fitting * m_frameBytes), 1);
     m_capacity = writeSlice().frames;
@@ -32,26 +33,14 @@ FrameRing::~FrameRing()
     BLRINGBUFFER_Destroy(&m_ring);
 }
 
-FrameRing::Slice FrameRing::readSlice() const noexcept
-{
-    const BLRINGBUFFER_Slice bytes = BLRINGBUFFER_GetReadSlice(m_ring);
-    return inFrames(bytes.position, bytes.data, bytes.length);
-}
-
 FrameRing::Slice FrameRing::writeSlice() noexcept
 {
-    const BLRINGBUFFER_Slice bytes = BLRINGBUFFER_GetWriteSlice(m_ring);
-    return inFrames(bytes.position, bytes.data, bytes.length);
+    return inFrames(BLRINGBUFFER_GetWriteSlice(m_ring));
 }
 
 void FrameRing::produce(qint64 frames) noexcept
 {
     BLRINGBUFFER_Produce(m_ring, static_cast<qint32>(frames * m_frameBytes));
-}
-
-void FrameRing::consume(qint64 frames) noexcept
-{
-    BLRINGBUFFER_Consume(m_ring, static_cast<qint32>(frames * m_frameBytes));
 }
 
 void FrameRing::flush() noexcept
@@ -67,12 +56,6 @@ bool FrameRing::isEmpty() const noexcept
 qint64 FrameRing::fillFrames() const noexcept
 {
     return BLRINGBUFFER_FillCount(m_ring) / m_frameBytes;
-}
-
-FrameRing::Slice FrameRing::inFrames(quint64 position, char *data, qint32 length) const noexcept
-{
-    return {static_cast<qint64>(position / static_cast<quint64>(m_frameBytes)),
-            reinterpret_cast<float *>(data), length / m_frameBytes};
 }
 
 } // namespace QTovelMixer

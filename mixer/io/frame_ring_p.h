@@ -2,9 +2,9 @@
 #ifndef QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
 #define QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
 
-#include <QtCore/QtGlobal>
+#include <base/ringbuffer_p.h>
 
-struct BLRINGBUFFER;
+#include <QtCore/QtGlobal>
 
 namespace QTovelMixer {
 
@@ -62,13 +62,34 @@ private:
     static constexpr int maxChannels = 1 << 20;
 
     static int frameBytes(int channels) noexcept;
-    Slice inFrames(quint64 position, char *data, qint32 length) const noexcept;
+    Slice inFrames(const BLRINGBUFFER_Slice &bytes) const noexcept;
 
     BLRINGBUFFER *m_ring = nullptr;
     int m_channels = 0;
     int m_frameBytes = 4;
+    int m_shift = -1; // log2 of m_frameBytes, where it is a power of two: divisions take long
     qint64 m_capacity = 0;
 };
+
+inline FrameRing::Slice FrameRing::inFrames(const BLRINGBUFFER_Slice &bytes) const noexcept
+{
+    auto *const data = reinterpret_cast<float *>(bytes.data);
+    if (m_shift >= 0)
+        return {static_cast<qint64>(bytes.position >> m_shift), data, bytes.length >> m_shift};
+    return {static_cast<qint64>(bytes.position / static_cast<quint64>(m_frameBytes)), data,
+            bytes.length / m_frameBytes};
+}
+
+inline FrameRing::Slice FrameRing::readSlice() const noexcept
+{
+    return m_ring ? inFrames(m_ring->readSlice()) : Slice();
+}
+
+inline void FrameRing::consume(qint64 frames) noexcept
+{
+    if (m_ring && frames > 0)
+        m_ring->consume(static_cast<quint64>(frames * m_frameBytes));
+}
 
 } // namespace QTovelMixer
 

@@ -14,20 +14,6 @@
 
 namespace QTovelMixer {
 
-Range SharedRange::load() const noexcept
-{
-    // The writer returns to a slot only after the version has moved on: whoever saw one of its
-    // later values sees the new version as well.
-    for (;;) {
-        const unsigned version = m_version.load(std::memory_order_acquire);
-        const Slot &slot = m_slots[version & 1];
-        const Range range{slot.start.load(std::memory_order_acquire),
-                          slot.end.load(std::memory_order_acquire)};
-        if (m_version.load(std::memory_order_acquire) == version)
-            return range;
-    }
-}
-
 void SharedRange::store(const Range &range) noexcept
 {
     const unsigned next = m_version.load(std::memory_order_relaxed) + 1;

@@ -8,90 +8,99 @@
 #include <mixer/io/source_p.h>
 
 #include <algorithm>
-#include <array>
 
 namespace QTovelMixer {
 namespace {
 
 using Bus = aligned_vector<float, 16>;
 
-void clear(Bus *outputs, int channels) noexcept
+[[gnu::cold]] void clear(Bus *outputs, int channels) noexcept
 {
     for (int c = 0; c < channels; ++c)
         outputs[c].zero();
 }
 
-/// Frames of `width` interleaved channels into the buses; a gain of 1 copies bit for bit.
-void render(const float *frames, int width, qint64 count, float gain, Bus *outputs,
-            int channels) noexcept
+[[gnu::cold]] void traceRest(const Source &source, const FrameRing *ring, bool isRunning,
+                             qint64 mixerFrame) noexcept
 {
-    constexpr int group = 32;
-    const bool unity = qFuzzyCompare(gain, 1.0f);
-    for (int first = 0; first < channels; first += group) {
-        const int some = std::min(channels - first, group);
-        std::array<float *, group> to;
-        for (int c = 0; c < some; ++c)
-            to[static_cast<size_t>(c)] = outputs[first + c].data();
-        if (unity)
-            Kernels::deinterleave(frames + first, static_cast<size_t>(width), to.data(),
-                                  static_cast<size_t>(some), static_cast<size_t>(count));
-        else
-            Kernels::deinterleave(frames + first, static_cast<size_t>(width), to.data(),
-                                  static_cast<size_t>(some), static_cast<size_t>(count), gain);
+    TraceLine("Source::mixer_callback early-return")
+        .item("source", &source)
+        .item("buffer", ring ? ring->handle() : nullptr)
+        .item("isRunning", isRunning)
+        .item("isPaused", source.isPaused())
+        .item("mixerFrame", mixerFrame);
+}
+
+[[gnu::cold]] void traceOutside(const Source &source, double now, qint64 mixerFrame) noexcept
+{
+    TraceLine("Source::mixer_callback negative mixer_time")
+        .item("source", &source)
+        .item("mixer_time", now)
+        .item("mixerFrame", mixerFrame);
+}
+
+/// Interleaved frames, and how much of each is wanted.
+struct Rendering
+{
+    const float *frames;
+    size_t width;
+    size_t channels;
+    size_t count;
+    float gain;
+};
+
+void render(const Rendering &what, float *const *to, size_t first, size_t some) noexcept
+{
+    const float *const from = what.frames + first;
+    if (qFuzzyCompare(what.gain, 1.0f))
+        Kernels::deinterleave(from, what.width, to, some, what.count);
+    else
+        Kernels::deinterleave(from, what.width, to, some, what.count, what.gain);
+}
+
+void renderMany(const Rendering &what, Bus *outputs) noexcept
+{
+    constexpr size_t group = 32;
+    for (size_t first = 0; first < what.channels; first += group) {
+        const size_t some = std::min(what.channels - first, group);
+        float *to[group];
+        for (size_t c = 0; c < some; ++c)
+            to[c] = outputs[first + c].data();
+        render(what, to, first, some);
     }
+}
+
+/// Into the buses; a gain of 1 copies bit for bit.
+void render(const Rendering &what, Bus *outputs) noexcept
+{
+    if (what.channels != 2)
+        return renderMany(what, outputs);
+    float *const to[] = {outputs[0].data(), outputs[1].data()};
+    render(what, to, 0, 2);
 }
 
 } // namespace
 
-void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Effect *effect)
+/// True when the engine found that this block begins inside the material: a pause position cannot
+/// move the time out of it. Otherwise the source has to look for itself.
+inline bool Source::Data::isInside(qint64 mixerFrame) const noexcept
 {
-    if (channels < 1)
-        return;
-    const bool isRunningNow = d->running.load(std::memory_order_acquire) != 0;
-    FrameRing *ring = d->ring.load(std::memory_order_acquire);
-    if (!ring || !isRunningNow || d->pendingUpdates.load() != 0) {
-        TraceLine("Source::mixer_callback early-return")
-            .item("source", this)
-            .item("buffer", ring ? ring->handle() : nullptr)
-            .item("isRunning", isRunningNow)
-            .item("isPaused", isPaused())
-            .item("mixerFrame", qint64{mixerFrame});
-        clear(outputs, channels);
-        return;
-    }
-    const double now = time(false);
-    FrameRing::Slice slice = ring->readSlice();
-    if (now < 0.0) {
-        TraceLine("Source::mixer_callback negative mixer_time")
-            .item("source", this)
-            .item("mixer_time", now)
-            .item("mixerFrame", qint64{mixerFrame});
-        // Consumed, not flushed: the worker may be writing, and the frame base must stay true.
-        ring->consume(slice.frames);
-        clear(outputs, channels);
-        return;
-    }
-    const bool followsClock = timeline() && !d->range.load().isValid();
-    if (followsClock && !d->alignBlock(*ring, slice, mixerFrame)) {
-        clear(outputs, channels);
-        return;
-    }
+    if (!blockClock || blockClock->frame != mixerFrame)
+        return false;
+    const Timeline *const line = timeline.load(std::memory_order_acquire);
+    return line ? line == blockClock->inside : blockClock->isStarted;
+}
 
-    const qint64 length = static_cast<qint64>(outputs[0].size());
-    const qint64 frames = std::min(slice.frames, length);
-    const int width = ring->channels();
-    if (effect && width == channels && effect->numChannels() == static_cast<unsigned>(channels))
-        effect->process(slice.data, channels, static_cast<int>(frames));
-    const int rendered = std::min(channels, width);
-    render(slice.data, width, frames, d->gain.load(std::memory_order_relaxed), outputs, rendered);
-    for (int c = 0; c < channels; ++c)
-        outputs[c].zero(c < rendered ? static_cast<size_t>(frames) : 0, outputs[c].size());
-    ring->consume(frames);
-    d->consumedFrames.fetch_add(frames, std::memory_order_relaxed);
+/// Only this thread writes the count: it needs no locked instruction.
+inline void Source::Data::countConsumed(qint64 frames) noexcept
+{
+    consumedFrames.store(consumedFrames.load(std::memory_order_relaxed) + frames,
+                         std::memory_order_relaxed);
 }
 
 /// Brings the ring's next frame to the block's first one. False when the block has to be silent.
-bool Source::Data::alignBlock(FrameRing &from, FrameRing::Slice &slice, qint64 mixerFrame) noexcept
+inline bool Source::Data::alignBlock(FrameRing &from, FrameRing::Slice &slice,
+                                     qint64 mixerFrame) noexcept
 {
     const qint64 expected = frameBase.load(std::memory_order_relaxed) + slice.position;
     const qint64 ahead = mixerFrame - expected;
@@ -100,13 +109,60 @@ bool Source::Data::alignBlock(FrameRing &from, FrameRing::Slice &slice, qint64 m
     const qint64 skipped = std::min(ahead, slice.frames);
     if (skipped > 0) {
         from.consume(skipped);
-        consumedFrames.fetch_add(skipped, std::memory_order_relaxed);
+        countConsumed(skipped);
     }
     if (ahead > slice.frames)
         return false;
     slice.data += skipped * from.channels();
     slice.frames -= skipped;
     return true;
+}
+
+void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Effect *effect)
+{
+    if (channels < 1)
+        return;
+    Data &data = *d;
+    const bool isRunningNow = data.running.load(std::memory_order_acquire) != 0;
+    FrameRing *const ring = data.ring.load(std::memory_order_acquire);
+    if (!ring || !isRunningNow || data.pendingUpdates.load() != 0) [[unlikely]] {
+        traceRest(*this, ring, isRunningNow, mixerFrame);
+        clear(outputs, channels);
+        return;
+    }
+    if (!data.isInside(mixerFrame)) [[unlikely]] {
+        const double now = time(false);
+        if (now < 0.0) {
+            traceOutside(*this, now, mixerFrame);
+            // Consumed, not flushed: the worker may be writing, and the frame base must stay true.
+            ring->consume(ring->readSlice().frames);
+            clear(outputs, channels);
+            return;
+        }
+    }
+    FrameRing::Slice slice = ring->readSlice();
+    const bool followsClock =
+        data.timeline.load(std::memory_order_acquire) && !data.range.isValid();
+    if (followsClock && !data.alignBlock(*ring, slice, mixerFrame)) [[unlikely]] {
+        clear(outputs, channels);
+        return;
+    }
+
+    const qint64 frames = std::min(slice.frames, static_cast<qint64>(outputs[0].size()));
+    const int width = ring->channels();
+    if (effect && width == channels && effect->numChannels() == static_cast<unsigned>(channels))
+        effect->process(slice.data, channels, static_cast<int>(frames));
+    const int rendered = std::min(channels, width);
+    render({slice.data, static_cast<size_t>(width), static_cast<size_t>(rendered),
+            static_cast<size_t>(frames), data.gain.load(std::memory_order_relaxed)},
+           outputs);
+    for (int c = 0; c < channels; ++c) {
+        const size_t done = c < rendered ? static_cast<size_t>(frames) : 0;
+        if (done < outputs[c].size()) [[unlikely]]
+            outputs[c].zero(done, outputs[c].size());
+    }
+    ring->consume(frames);
+    data.countConsumed(frames);
 }
 
 } // namespace QTovelMixer

@@ -17,11 +17,20 @@
 
 namespace QTovelMixer {
 
+/// Where a block begins: the same for all sources, so that the engine looks once for all.
+struct BlockClock
+{
+    qint64 frame = -1;                ///< mixer frame
+    bool isStarted = false;           ///< not before the beginning
+    const Timeline *inside = nullptr; ///< the timeline, when the block begins inside its material
+};
+
 /// A range that one thread writes and others, the audio thread too, read without waiting.
 class SharedRange
 {
 public:
     Range load() const noexcept;
+    bool isValid() const noexcept { return load().isValid(); }
     void store(const Range &range) noexcept;
 
 private:
@@ -35,6 +44,20 @@ private:
     std::array<Slot, 2> m_slots;
     std::atomic<unsigned> m_version{0};
 };
+
+inline Range SharedRange::load() const noexcept
+{
+    // The writer returns to a slot only after the version has moved on: whoever saw one of its
+    // later values sees the new version as well.
+    for (;;) {
+        const unsigned version = m_version.load(std::memory_order_acquire);
+        const Slot &slot = m_slots[version & 1];
+        const Range range{slot.start.load(std::memory_order_acquire),
+                          slot.end.load(std::memory_order_acquire)};
+        if (m_version.load(std::memory_order_acquire) == version)
+            return range;
+    }
+}
 
 struct Source::Data
 {
@@ -88,7 +111,8 @@ struct Source::Data
     std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush
 
     // Audio thread.
-    std::atomic<qint64> consumedFrames{0}; // mixer frames
+    std::atomic<qint64> consumedFrames{0};  // mixer frames
+    const BlockClock *blockClock = nullptr; // the engine's, not owned
 
     int mixerRate() const; // Hz, 0 without an engine
     void clearPausePosition();
@@ -108,6 +132,8 @@ struct Source::Data
     void logReadFailure(const Source &source, const char *what);
 
     // The audio thread (source_block.cpp).
+    bool isInside(qint64 mixerFrame) const noexcept;
+    void countConsumed(qint64 frames) noexcept;
     bool alignBlock(FrameRing &from, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
 
     struct Worker; // one run of the thread (source_worker.cpp)
@@ -117,6 +143,12 @@ struct Source::Data
 struct SourceAccess
 {
     static Source::Data &data(Source &source) { return *source.d; }
+
+    /// What holds for the blocks to come; has to outlive them. Threads: audio. Real-time: yes.
+    static void setBlockClock(Source &source, const BlockClock *clock) noexcept
+    {
+        source.d->blockClock = clock;
+    }
 
     /// True once `start` was called.
     static bool threadStarted(const Source &source);

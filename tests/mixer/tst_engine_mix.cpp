@@ -2,6 +2,7 @@
 // The block callback and the private record's own operations, without a device.
 #include <mixer/engine_p.h>
 
+#include <base/denormals_p.h>
 #include <mixer/gains.h>
 #include <mixer/io/effect.h>
 #include <mixer/io/source.h>
@@ -11,6 +12,7 @@
 #include <QtTest/QTest>
 
 #include <cstring>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -48,6 +50,20 @@ public:
     int replaced = 0;
 };
 
+/// Notes what the processor does with the smallest of numbers.
+class TinyEffect : public CountingEffect
+{
+public:
+    using CountingEffect::CountingEffect;
+    int process(float *buffer, int channels, int count) override
+    {
+        asZero = DenormalsAsZero::isSet();
+        return CountingEffect::process(buffer, channels, count);
+    }
+
+    bool asZero = false;
+};
+
 Bus filled(size_t size, float value)
 {
     Bus bus(size);
@@ -75,6 +91,7 @@ private slots:
     void matrix_seesAPokedCell();
     void matrix_equalsThePlainLoops();
     void inputEffect_runsUnlessBypassed();
+    void callback_takesDenormalsForZero_andLeavesTheThreadAsItWas();
     void outputEffect_getsNoSamples_withoutSources();
     void effect_isLetGo_whenDestroyedOrReplaced();
     void setMixerGains_withoutTable_usesTheDefaults();
@@ -313,6 +330,30 @@ void tst_EngineMix::inputEffect_runsUnlessBypassed()
     QCOMPARE(output[0], 1.0f);
     QCOMPARE(engine->replaceInputEffect(nullptr), &effect);
     QCOMPARE(effect.replaced, 1);
+}
+
+void tst_EngineMix::callback_takesDenormalsForZero_andLeavesTheThreadAsItWas()
+{
+#if !defined(__SSE2__) && !defined(__aarch64__)
+    return; // no such setting
+#endif
+    openChannels(1, 1);
+    data().gainMatrix[0][0] = 1.0f;
+    TinyEffect effect(2);
+    engine->replaceInputEffect(&effect);
+    QVERIFY(!DenormalsAsZero::isSet());
+    input = std::numeric_limits<float>::denorm_min();
+    call();
+    QVERIFY(effect.asZero);
+    QVERIFY(!DenormalsAsZero::isSet());
+    QCOMPARE(output[0], 0.0f);
+    {
+        const DenormalsAsZero hostsOwn;
+        call();
+        QVERIFY(DenormalsAsZero::isSet());
+    }
+    QVERIFY(!DenormalsAsZero::isSet());
+    engine->replaceInputEffect(nullptr);
 }
 
 void tst_EngineMix::outputEffect_getsNoSamples_withoutSources()
