@@ -71,12 +71,24 @@ private:
     std::thread m_thread;
 };
 
+/// Until the workers rest: as long as they all work, whoever holds the lock may have to wait for a
+/// processor, which says nothing of the operation.
+void waitForWorkers(const Engine::Data &data)
+{
+    constexpr qint64 nearlyFull = qint64(48000) * 4;
+    for (const Source *source : data.sources) {
+        for (int i = 0; i < 2000 && source->bufferedFrames() < nearlyFull; ++i)
+            QThread::msleep(1);
+    }
+}
+
 /// The median over the repetitions of the longest hold in each.
-double holdOf(Probe &probe, const std::function<void()> &operation,
+double holdOf(Probe &probe, const Engine::Data &data, const std::function<void()> &operation,
               const std::function<void()> &undo)
 {
     std::vector<double> longest;
     for (int i = 0; i < repetitions; ++i) {
+        waitForWorkers(data);
         probe.takeLongest();
         operation();
         longest.push_back(double(probe.takeLongest()));
@@ -102,7 +114,8 @@ std::vector<Figure> holds()
     const auto add = [&](
                          const char *name, const std::function<void()> &operation,
                          const std::function<void()> &undo = [] {}) {
-        figures.push_back({section, QString::fromUtf8(name), holdOf(probe, operation, undo),
+        figures.push_back({section, QString::fromUtf8(name),
+                           holdOf(probe, EngineAccess::data(engine), operation, undo),
                            QStringLiteral("ns"), oneBlock});
     };
     add("nothing (the device's own blocks)", [] { QThread::msleep(20); });
