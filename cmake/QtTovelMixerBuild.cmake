@@ -22,6 +22,23 @@ if(PROJECT_IS_TOP_LEVEL)
 endif()
 set_target_properties(qttovelmixer_warnings PROPERTIES EXPORT_NAME warnings)
 
+# What an attacker would find in the way. The checks need an optimiser, and a program without
+# sanitizers, which have their own. Lazy binding would also resolve symbols, that is take locks, on
+# the audio thread.
+add_library(qttovelmixer_hardening INTERFACE)
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  target_link_options(qttovelmixer_hardening INTERFACE
+    -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+  if(NOT QTTOVELMIXER_SANITIZE)
+    target_compile_options(qttovelmixer_hardening INTERFACE
+      "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3;-fstack-protector-strong;-fstack-clash-protection>")
+    if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+      target_compile_options(qttovelmixer_hardening INTERFACE
+        "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-fcf-protection>")
+    endif()
+  endif()
+endif()
+
 if(QTTOVELMIXER_SANITIZE)
   add_compile_options(-fsanitize=${QTTOVELMIXER_SANITIZE} -fno-omit-frame-pointer
     -fno-sanitize-recover=all)
