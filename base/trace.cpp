@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <base/trace_p.h>
 
+#include <base/nonblocking_p.h>
 #include <base/trace_queue_p.h>
 
 #include <QtCore/QtGlobal>
@@ -19,7 +20,13 @@ namespace {
 #else
 #define QTOVELMIXER_STATIC_TLS
 #endif
-thread_local int audioMarks QTOVELMIXER_STATIC_TLS = 0;
+thread_local int audioMarksOfThread QTOVELMIXER_STATIC_TLS = 0;
+
+int &audioMarks() noexcept QTOVELMIXER_NONBLOCKING
+{
+    // It lies at a fixed place of the thread's memory.
+    return assumeNonblocking([]() -> int & { return audioMarksOfThread; });
+}
 
 // Formats on the stack, and the same in every locale.
 class LineBuffer
@@ -116,12 +123,12 @@ TraceLine::TraceLine(const char *event) noexcept
     record.items = 0;
 }
 
-TraceLine::~TraceLine()
+TraceLine::~TraceLine() noexcept
 {
     if (isAudioThread())
         queueRecord(record);
     else
-        writeRecord(record);
+        outsideCallback([this] { writeRecord(record); });
 }
 
 TraceLine &TraceLine::item(const char *key, bool value) noexcept
@@ -195,17 +202,17 @@ void writeRecord(const TraceRecord &record)
 
 AudioThreadMark::AudioThreadMark() noexcept
 {
-    ++audioMarks;
+    ++audioMarks();
 }
 
-AudioThreadMark::~AudioThreadMark()
+AudioThreadMark::~AudioThreadMark() noexcept
 {
-    --audioMarks;
+    --audioMarks();
 }
 
 bool isAudioThread() noexcept
 {
-    return audioMarks > 0;
+    return audioMarks() > 0;
 }
 
 } // namespace QTovelMixer

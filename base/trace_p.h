@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_BASE_TRACE_P_H
 #define QTOVELMIXER_BASE_TRACE_P_H
 
+#include <base/nonblocking.h>
 #include <base/trace_record_p.h>
 
 #include <QtCore/QtGlobal>
@@ -19,20 +20,20 @@ namespace QTovelMixer {
 class TraceLine
 {
 public:
-    explicit TraceLine(const char *event) noexcept;
+    explicit TraceLine(const char *event) noexcept QTOVELMIXER_NONBLOCKING;
     /// Writes, or queues, the line.
-    ~TraceLine();
+    ~TraceLine() noexcept QTOVELMIXER_NONBLOCKING;
     Q_DISABLE_COPY_MOVE(TraceLine)
 
-    TraceLine &item(const char *key, bool value) noexcept;
-    TraceLine &item(const char *key, int value) noexcept;
-    TraceLine &item(const char *key, long value) noexcept;
-    TraceLine &item(const char *key, qint64 value) noexcept;
-    TraceLine &item(const char *key, unsigned value) noexcept;
-    TraceLine &item(const char *key, unsigned long value) noexcept;
-    TraceLine &item(const char *key, quint64 value) noexcept;
-    TraceLine &item(const char *key, double value) noexcept;
-    TraceLine &item(const char *key, const void *value) noexcept;
+    TraceLine &item(const char *key, bool value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, int value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, long value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, qint64 value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, unsigned value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, unsigned long value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, quint64 value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, double value) noexcept QTOVELMIXER_NONBLOCKING;
+    TraceLine &item(const char *key, const void *value) noexcept QTOVELMIXER_NONBLOCKING;
     /// Text has no fixed size.
     TraceLine &item(const char *key, const char *value) = delete;
 
@@ -45,14 +46,14 @@ private:
 class AudioThreadMark
 {
 public:
-    AudioThreadMark() noexcept;
-    ~AudioThreadMark();
+    AudioThreadMark() noexcept QTOVELMIXER_NONBLOCKING;
+    ~AudioThreadMark() noexcept QTOVELMIXER_NONBLOCKING;
     Q_DISABLE_COPY_MOVE(AudioThreadMark)
 };
 
 /// Whether the calling thread is inside an audio callback.
 /// Real-time: yes.
-bool isAudioThread() noexcept;
+bool isAudioThread() noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Takes the queue's memory and starts the thread that writes queued lines, if that has not
 /// happened yet. Until then queued lines wait. Call before the first audio callback.

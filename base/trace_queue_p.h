@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_BASE_TRACE_QUEUE_P_H
 #define QTOVELMIXER_BASE_TRACE_QUEUE_P_H
 
+#include <base/nonblocking.h>
 #include <base/trace_record_p.h>
 
 #include <array>
@@ -19,11 +20,11 @@ public:
 
     /// Copies the record in, or answers false when there is no room.
     /// Threads: any. Real-time: yes.
-    bool push(const TraceRecord &record) noexcept;
+    bool push(const TraceRecord &record) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Copies the oldest record out, or answers false when there is none that is complete.
     /// Threads: one at a time. Real-time: yes.
-    bool pop(TraceRecord &record) noexcept;
+    bool pop(TraceRecord &record) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// The number of records ever pushed, or ever popped.
     quint64 pushed() const noexcept { return tail.load(std::memory_order_relaxed); }
@@ -47,7 +48,7 @@ private:
 
 /// Queues a record for the writing thread; counts it as lost when there is no room.
 /// Threads: any. Real-time: yes.
-void queueRecord(const TraceRecord &record) noexcept;
+void queueRecord(const TraceRecord &record) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Writes the record to the log.
 /// Threads: any. Real-time: no.

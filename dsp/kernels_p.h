@@ -2,6 +2,8 @@
 #ifndef QTOVELMIXER_DSP_KERNELS_P_H
 #define QTOVELMIXER_DSP_KERNELS_P_H
 
+#include <base/nonblocking.h>
+
 #include <cstddef>
 
 /// The vector loops, dispatched at run time to the best instructions of the machine.
@@ -12,57 +14,60 @@
 /// Threads: any. Real-time: yes.
 namespace QTovelMixer::Kernels {
 
-void fill(float *x, std::size_t count, float value) noexcept;
-void add(float *x, std::size_t count, float value) noexcept;
-void multiply(float *x, std::size_t count, float value) noexcept;
-void add(float *x, const float *y, std::size_t count) noexcept;
-void multiply(float *x, const float *y, std::size_t count) noexcept;
+void fill(float *x, std::size_t count, float value) noexcept QTOVELMIXER_NONBLOCKING;
+void add(float *x, std::size_t count, float value) noexcept QTOVELMIXER_NONBLOCKING;
+void multiply(float *x, std::size_t count, float value) noexcept QTOVELMIXER_NONBLOCKING;
+void add(float *x, const float *y, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
+void multiply(float *x, const float *y, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
 /// x[i] += gain × y[i]
-void multiplyAdd(float *x, float gain, const float *y, std::size_t count) noexcept;
+void multiplyAdd(float *x, float gain, const float *y,
+                 std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// out[c][i] = in[i × stride + c] for the `channels` first channels of frames of `stride` samples.
 void deinterleave(const float *in, std::size_t stride, float *const *out, std::size_t channels,
-                  std::size_t frames) noexcept;
+                  std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 /// out[c][i] = in[i × stride + c] × gain
 void deinterleave(const float *in, std::size_t stride, float *const *out, std::size_t channels,
-                  std::size_t frames, float gain) noexcept;
+                  std::size_t frames, float gain) noexcept QTOVELMIXER_NONBLOCKING;
 /// out[i × stride + c] = in[c][i]; the other samples of a frame stay.
 void interleave(const float *const *in, float *out, std::size_t stride, std::size_t channels,
-                std::size_t frames) noexcept;
+                std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Nearest integer of f × 32768, ties to even, within −32768 … 32767; NaN becomes 0.
-void toShort(const float *in, short *out, std::size_t count) noexcept;
+void toShort(const float *in, short *out, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
 /// s / 32768
-void toFloat(const short *in, float *out, std::size_t count) noexcept;
+void toFloat(const short *in, float *out, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Multiplies every sample of frame i by the gain as it stands, which begins at `applied` and drops
 /// by (applied − target) / frames after each frame: the step is a double, the running gain a float.
 /// The caller's next block begins at `target`.
 void rampGain(float *block, std::size_t frames, std::size_t channels, float applied,
-              float target) noexcept;
+              float target) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// out[i] = 0 + gains[0] × in[0][i] + gains[1] × in[1][i] + …, in this order.
 void mix(float *out, const float *const *in, const float *gains, std::size_t inputs,
-         std::size_t frames) noexcept;
+         std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 /// The same for two outputs of the same inputs.
 void mixPair(float *out0, float *out1, const float *const *in, const float *gains0,
-             const float *gains1, std::size_t inputs, std::size_t frames) noexcept;
+             const float *gains1, std::size_t inputs,
+             std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 
 inline constexpr std::size_t denseOutputs = 6;
 inline constexpr std::size_t denseInputs = 128; // at most
 /// The same for `groups` × `denseOutputs` outputs of the same inputs; gains are in the order group,
 /// input, output, and every group's begin `groupStride` floats after those of the one before.
 void mixDense(float *const *out, std::size_t groups, const float *const *in, const float *gains,
-              std::size_t groupStride, std::size_t inputs, std::size_t frames) noexcept;
+              std::size_t groupStride, std::size_t inputs,
+              std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// True when the first `columns` floats of `rows` rows, `stride` floats apart, hold the same bits.
 /// A stride is a whole number of vectors (8 floats do), so that rows are read in whole vectors.
 bool sameBits(const float *a, const float *b, std::size_t stride, std::size_t rows,
-              std::size_t columns) noexcept;
+              std::size_t columns) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Cleans the upper halves of the vector registers, which another program part may have left
 /// dirty: older instructions run several times slower then. For the entry of a device callback.
-void cleanVectorState() noexcept;
+void cleanVectorState() noexcept QTOVELMIXER_NONBLOCKING;
 
 } // namespace QTovelMixer::Kernels
 

@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_ALIGNED_VECTOR_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 
 #include <cstddef>
 #include <memory>
@@ -61,27 +62,27 @@ public:
     const T &operator[](int index) const noexcept { return block->data[index]; }
 
     /// Clears exactly `size()` samples.
-    void zero() noexcept;
+    void zero() noexcept QTOVELMIXER_NONBLOCKING;
     /// Clears the samples from `from` up to but not including min(size, `to`). Does nothing when
     /// `from` is not below the size or `to` is below `from`.
-    void zero(std::size_t from, std::size_t to) noexcept;
+    void zero(std::size_t from, std::size_t to) noexcept QTOVELMIXER_NONBLOCKING;
     /// Copies the samples of `other`, as many as it has, whatever the size of this vector; stops at
     /// the capacity.
-    void copyContents(const aligned_vector &other) noexcept;
+    void copyContents(const aligned_vector &other) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Sets every sample.
-    aligned_vector &operator=(T value) noexcept;
+    aligned_vector &operator=(T value) noexcept QTOVELMIXER_NONBLOCKING;
     /// Adds to every sample.
-    aligned_vector &operator+=(T value) noexcept;
+    aligned_vector &operator+=(T value) noexcept QTOVELMIXER_NONBLOCKING;
     /// Multiplies every sample.
-    aligned_vector &operator*=(T value) noexcept;
+    aligned_vector &operator*=(T value) noexcept QTOVELMIXER_NONBLOCKING;
     /// Adds element by element over the smaller size of the two.
-    aligned_vector &operator+=(const aligned_vector &other) noexcept;
+    aligned_vector &operator+=(const aligned_vector &other) noexcept QTOVELMIXER_NONBLOCKING;
     /// Multiplies element by element over the smaller size of the two.
-    aligned_vector &operator*=(const aligned_vector &other) noexcept;
+    aligned_vector &operator*=(const aligned_vector &other) noexcept QTOVELMIXER_NONBLOCKING;
     /// Adds `gain` × `x`, element by element over the size of this vector. Multiplies and adds in
     /// two roundings, so that the result is the same on every machine.
-    void madd(T gain, const aligned_vector &x) noexcept;
+    void madd(T gain, const aligned_vector &x) noexcept QTOVELMIXER_NONBLOCKING;
 
 private:
     friend struct BufferAccess;
@@ -102,7 +103,7 @@ private:
     };
 
     /// `count` rounded up to whole groups of four, within the capacity.
-    std::size_t groups(std::size_t count) const noexcept;
+    std::size_t groups(std::size_t count) const noexcept QTOVELMIXER_NONBLOCKING;
 
     std::shared_ptr<Block> block;
 };

@@ -2,8 +2,9 @@
 #ifndef QTOVELMIXER_MIXER_BLOCK_GATE_P_H
 #define QTOVELMIXER_MIXER_BLOCK_GATE_P_H
 
+#include <base/lock_rank_p.h>
+
 #include <QtCore/QDeadlineTimer>
-#include <QtCore/QMutex>
 #include <QtCore/QWaitCondition>
 
 #include <atomic>
@@ -54,7 +55,7 @@ public:
 
 private:
     std::atomic<int> m_waiting{0};
-    QMutex m_mutex;
+    RankedMutex<LockRank::Gate> m_mutex;
     QWaitCondition m_posted;
     unsigned m_posts = 0; ///< guarded by m_mutex
 };

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_BUFFER_ACCESS_P_H
 #define QTOVELMIXER_MIXER_BUFFER_ACCESS_P_H
 
+#include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>
 
 #include <algorithm>
@@ -13,7 +14,8 @@ namespace QTovelMixer {
 struct BufferAccess
 {
     /// Sets the number of samples in use, at most the capacity. Real-time: yes.
-    static void setSize(aligned_vector<float, 16> &buffer, std::size_t size) noexcept
+    static void setSize(aligned_vector<float, 16> &buffer,
+                        std::size_t size) noexcept QTOVELMIXER_NONBLOCKING
     {
         buffer.block->size = std::min(size, buffer.block->capacity);
     }

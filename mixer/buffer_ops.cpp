@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/buffer_ops.h>
 
+#include <base/nonblocking.h>
 #include <dsp/kernels_p.h>
 
 #include <algorithm>
@@ -42,13 +43,15 @@ void merge(const aligned_vector<float, 16> *in, aligned_vector<float, 16> &out,
 } // namespace
 
 template <>
-void de_interleave<2u>(const aligned_vector<float, 16> &in, aligned_vector<float, 16> *out) noexcept
+void de_interleave<2u>(const aligned_vector<float, 16> &in,
+                       aligned_vector<float, 16> *out) noexcept QTOVELMIXER_NONBLOCKING
 {
     split(in, out, 2);
 }
 
 template <>
-void interleave<2u>(const aligned_vector<float, 16> *in, aligned_vector<float, 16> &out) noexcept
+void interleave<2u>(const aligned_vector<float, 16> *in,
+                    aligned_vector<float, 16> &out) noexcept QTOVELMIXER_NONBLOCKING
 {
     merge(in, out, 2);
 }

@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_ENGINE_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>
 #include <mixer/types.h>
 
@@ -62,7 +63,7 @@ public:
     /// The name of the open device of this kind, "null" without one.
     virtual QString currentDeviceName(DeviceKind kind) const;
     /// The rate of the mix in Hz; 0 without a backend. Threads: any. Real-time: yes.
-    virtual unsigned int sampleRate() const;
+    virtual unsigned int sampleRate() const QTOVELMIXER_NONBLOCKING;
     /// The frames of one device block; 0 without a backend.
     virtual unsigned int bufferFrames() const;
 
@@ -170,20 +171,20 @@ public:
     bool stop(Source *source, bool force = false, StopReason reason = NoReason);
 
     /// The clock in seconds; 0.0 when not active. Threads: any. Real-time: yes.
-    double time() const;
+    double time() const QTOVELMIXER_NONBLOCKING;
     /// Where playback last started, seconds in the material. Threads: any. Real-time: yes.
-    double startTime() const;
+    double startTime() const QTOVELMIXER_NONBLOCKING;
     /// Blocks that were not mixed because the mix was being changed, or because their size was
     /// not that of the open stream. Threads: any. Real-time: yes.
-    quint64 droppedBlocks() const;
+    quint64 droppedBlocks() const QTOVELMIXER_NONBLOCKING;
     /// Between `activate` and `deactivate`. Threads: any. Real-time: yes.
-    bool isActive() const;
+    bool isActive() const QTOVELMIXER_NONBLOCKING;
     /// Active, started, and with a source or a sink. Threads: any. Real-time: yes.
-    bool isRunning() const;
+    bool isRunning() const QTOVELMIXER_NONBLOCKING;
     /// Active, started, and with a source. Threads: any. Real-time: yes.
-    bool isPlaying() const;
+    bool isPlaying() const QTOVELMIXER_NONBLOCKING;
     /// Active, started and suspended. Threads: any. Real-time: yes.
-    bool isPaused() const;
+    bool isPaused() const QTOVELMIXER_NONBLOCKING;
     /// The device input is heard on the device output. Threads: any.
     bool isMonitoring() const;
     /// The open output device can play back. The argument goes to the device.
@@ -289,7 +290,8 @@ public:
     /// wait for the update lock. Answers 0. A block that is too small, or that finds the lock
     /// busy, leaves everything as it is. Threads: audio. Real-time: yes.
     int mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
-                      unsigned int frames, double streamTime, unsigned int status) noexcept;
+                      unsigned int frames, double streamTime,
+                      unsigned int status) noexcept QTOVELMIXER_NONBLOCKING;
     /// What `mixWhenReady` answers for a block that was not mixed.
     static constexpr int BlockNotReady = 3;
     /// As `mixerCallback`, for a backend that no device paces: the block is mixed when every

@@ -170,8 +170,10 @@ void Engine::Data::update_source_unlock()
 // back exactly the locks that it took, whatever happens to the list inside the bracket.
 void Engine::Data::lockMix()
 {
+    Q_ASSERT(bracketDepth >= 0);
     raiseHold();
     if (bracketDepth++ == 0) {
+        Q_ASSERT(lockedSources.empty());
         update_source_lock();
         lockedSources = sources;
     }
@@ -180,6 +182,7 @@ void Engine::Data::lockMix()
 
 void Engine::Data::unlockMix()
 {
+    Q_ASSERT(bracketDepth > 0);
     updateLock.unlock();
     releaseWorkers();
     decrement(holdCount);
@@ -190,6 +193,7 @@ void Engine::Data::releaseWorkers()
 {
     if (--bracketDepth > 0)
         return;
+    Q_ASSERT(bracketDepth == 0);
     for (Source *source : std::exchange(lockedSources, {}))
         source->update_unlock();
     for (Sink *sink : std::exchange(lockedSinks, {}))

@@ -3,8 +3,10 @@
 // update lock, no log, no signal.
 #include <mixer/engine_p.h>
 
+#include <base/clock_p.h>
 #include <base/denormals_p.h>
 #include <dsp/kernels_p.h>
+#include <mixer/block_lock_p.h>
 #include <mixer/buffer_access_p.h>
 #include <mixer/buffer_ops.h>
 #include <mixer/io/effect.h>
@@ -14,37 +16,12 @@
 #include <mixer/meter/meter.h>
 
 #include <algorithm>
-#include <mutex>
 
 namespace QTovelMixer {
 
 namespace {
 
 using Bus = aligned_vector<float, 16>;
-
-/// The update lock for one block: the only lock that the audio thread takes. The main thread
-/// holds it for changes of the mix only; a backend that must not wait asks for one try.
-class BlockLock
-{
-public:
-    BlockLock(QRecursiveMutex &updateLock, bool wait) noexcept : mutex(updateLock)
-    {
-        if (wait)
-            mutex.lock();
-        locked = wait || mutex.tryLock();
-    }
-    ~BlockLock()
-    {
-        if (locked)
-            mutex.unlock();
-    }
-    Q_DISABLE_COPY_MOVE(BlockLock)
-
-    bool locked;
-
-private:
-    QRecursiveMutex &mutex;
-};
 
 /// Gives a block of the backend's the size that this callback asks for, for its duration: a
 /// device may deliver less than the block was made for, and meters take whole blocks.
@@ -93,19 +70,15 @@ void runWithoutSamples(Effect *effect, unsigned frames) noexcept
 int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status,
                                 bool onlyWhenReady) noexcept
 {
-    QElapsedTimer stopwatch;
-    stopwatch.start();
+    const qint64 begin = monotonicNanoseconds();
     Kernels::cleanVectorState();
     const DenormalsAsZero fast;
     {
-        const BlockLock lock(updateLock, (status & 0x4) == 0);
-        if (!lock.locked) {
+        const BlockLock lock(updateLock, (status & 0x4) == 0, onlyWhenReady ? &holdLock : nullptr);
+        if (!lock.isLocked()) {
             droppedBlocks.fetch_add(1, std::memory_order_relaxed);
             return 0;
         }
-        std::unique_lock<QMutex> hold(holdLock, std::defer_lock);
-        if (onlyWhenReady)
-            hold.lock();
         if (onlyWhenReady && !blockReady(frames)) {
             // For the watchdog: the backend is alive.
             callbackCount.fetch_add(1, std::memory_order_relaxed);
@@ -155,7 +128,7 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
             mixTime.store(now + frames, std::memory_order_relaxed);
         callbackCount.fetch_add(1, std::memory_order_relaxed);
     }
-    const qint64 load = stopwatch.nsecsElapsed() / 100000;
+    const qint64 load = (monotonicNanoseconds() - begin) / 100000;
     lastCallbackLoad.store(load, std::memory_order_relaxed);
     peakCallbackLoad.store(std::max(peakCallbackLoad.load(std::memory_order_relaxed), load),
                            std::memory_order_relaxed);

@@ -2,16 +2,16 @@
 #ifndef QTOVELMIXER_MIXER_ENGINE_P_H
 #define QTOVELMIXER_MIXER_ENGINE_P_H
 
+#include <base/nonblocking.h>
 #include <mixer/block_gate_p.h>
+#include <mixer/block_lock_p.h>
 #include <mixer/engine.h>
 #include <mixer/gain_matrix_p.h>
 #include <mixer/io/source_p.h>
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QMutex>
 #include <QtCore/QPointer>
-#include <QtCore/QRecursiveMutex>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -83,17 +83,18 @@ struct Engine::Data
 
     // The block callback (engine_mix.cpp).
     int mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status,
-                      bool onlyWhenReady = false) noexcept;
-    void setBlockLength(unsigned frames) noexcept;
-    void setBlockClock(qint64 frame) noexcept;
-    unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames, qint64 now) noexcept;
-    void mixMatrix(unsigned busCount) noexcept;
-    void feedSinks(unsigned firstBus, qint64 now) noexcept;
+                      bool onlyWhenReady = false) noexcept QTOVELMIXER_NONBLOCKING;
+    void setBlockLength(unsigned frames) noexcept QTOVELMIXER_NONBLOCKING;
+    void setBlockClock(qint64 frame) noexcept QTOVELMIXER_NONBLOCKING;
+    unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames,
+                        qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
+    void mixMatrix(unsigned busCount) noexcept QTOVELMIXER_NONBLOCKING;
+    void feedSinks(unsigned firstBus, qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
 
     // Blocks at the pace of the workers (engine_freewheel.cpp).
     /// No source would lack a frame and no sink room. Under the update lock.
-    bool blockReady(unsigned frames) const noexcept;
-    bool hasMore() const noexcept;
+    bool blockReady(unsigned frames) const noexcept QTOVELMIXER_NONBLOCKING;
+    bool hasMore() const noexcept QTOVELMIXER_NONBLOCKING;
     void wakeWorkers();
     /// Suspends the mix, between two free-wheeling blocks.
     void raiseHold();
@@ -197,8 +198,8 @@ struct Engine::Data
     void removeUnstarted(const std::vector<T *> &objects);
     void checkRest() const;
 
-    double seconds(qint64 frames) const;
-    unsigned rate() const;
+    double seconds(qint64 frames) const QTOVELMIXER_NONBLOCKING;
+    unsigned rate() const QTOVELMIXER_NONBLOCKING;
     /// The engine's thread, or the host's main thread.
     bool onMainThread() const;
     /// True on a thread that the main thread may be waiting for.
@@ -256,14 +257,14 @@ struct Engine::Data
 
     /// Lets any thread ask what is attached. Beside it the main thread holds updateLock to change
     /// the lists; whoever holds this one takes no other lock but those that workers sleep under.
-    mutable QMutex listLock;
+    mutable RankedMutex<LockRank::List> listLock;
     std::vector<const QThread *> meterThreads; ///< until they have ended
 
     BlockGate gate;
-    QMutex holdLock; ///< taken under updateLock or alone
+    HoldLock holdLock; ///< taken under updateLock or alone
 
     // Guarded by updateLock -----------------------------------------------------------------
-    mutable QRecursiveMutex updateLock;
+    mutable UpdateLock updateLock;
     unsigned numInputChannels = 0;
     unsigned numOutputChannels = 0;
     Meter *inputMeter = nullptr;

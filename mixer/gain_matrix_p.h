@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_GAIN_MATRIX_P_H
 #define QTOVELMIXER_MIXER_GAIN_MATRIX_P_H
 
+#include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>
 
 #include <QtCore/QtGlobal>
@@ -44,18 +45,19 @@ class MixPlan
 {
 public:
     /// Plans the first rows × columns cells (each at most 128).
-    void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept;
+    void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// True while the plan stands for the first rows × columns cells of `matrix`. Cheap enough to
     /// be asked in every block.
-    bool matches(const GainMatrix &matrix, int rows, int columns) const noexcept;
+    bool matches(const GainMatrix &matrix, int rows,
+                 int columns) const noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Overwrites `frames` samples of every output with the sum of its inputs, to the bit what
     /// clearing it and a `madd` per input in ascending order gives. Inputs behind a zero cell are
     /// not read. Samples past `frames` up to a whole group of four may be touched. `rows` and
     /// `columns` are those of the plan, or `rows` is 0: then every output is cleared.
     void mix(const aligned_vector<float, 16> *inputs, int rows, aligned_vector<float, 16> *outputs,
-             int columns, qsizetype frames) const noexcept;
+             int columns, qsizetype frames) const noexcept QTOVELMIXER_NONBLOCKING;
 
 private:
     static constexpr int limit = int(GainMatrix::size);
@@ -72,13 +74,14 @@ private:
         quint8 inputs[limit];
     };
 
-    void addSet(int column, const quint64 (*used)[2]) noexcept;
+    void addSet(int column, const quint64 (*used)[2]) noexcept QTOVELMIXER_NONBLOCKING;
     bool fits(const aligned_vector<float, 16> *inputs, const aligned_vector<float, 16> *outputs,
-              std::size_t frames) const noexcept;
+              std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
     void mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
-                aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept;
+                aligned_vector<float, 16> *outputs,
+                std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
     void mixPlainly(const aligned_vector<float, 16> *inputs, aligned_vector<float, 16> *outputs,
-                    std::size_t frames) const noexcept;
+                    std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
 
     int plannedRows = 0;
     int plannedColumns = 0;

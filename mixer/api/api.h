@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_API_API_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>
 #include <mixer/types.h>
 
@@ -45,9 +46,9 @@ public:
     /// The current list, unavailable devices included.
     virtual const QList<Device *> &devices() const;
     /// Frames of one block. Threads: any. Real-time: yes.
-    virtual unsigned int bufferFrames() const;
+    virtual unsigned int bufferFrames() const QTOVELMIXER_NONBLOCKING;
     /// Hz of the open stream; 48000 before the first one. Threads: any. Real-time: yes.
-    virtual unsigned int sampleRate() const;
+    virtual unsigned int sampleRate() const QTOVELMIXER_NONBLOCKING;
     /// Channels of the open input device, 0 without one.
     virtual unsigned int numInputChannels() const;
     /// Channels of the open output device, 0 without one.
@@ -83,7 +84,7 @@ public:
     virtual bool isOpen() const = 0;
     virtual bool isRunning() const = 0;
     /// True for a backend that pauses by itself, beside the engine. Threads: any. Real-time: yes.
-    virtual bool mayPauseAgain() const;
+    virtual bool mayPauseAgain() const QTOVELMIXER_NONBLOCKING;
     virtual void setBufferFrames(unsigned int frames);
 
 protected:
@@ -129,7 +130,8 @@ public:
     /// Hands one block to the engine; see `Engine::mixerCallback`. Answers 0 to go on, 1 to stop
     /// after draining, 2 to abort; 2 without an engine. Threads: audio. Real-time: yes.
     int mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
-                      unsigned int frames, double streamTime, unsigned int status) noexcept;
+                      unsigned int frames, double streamTime,
+                      unsigned int status) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Reports a broken device, once until `rearmDeviceFailure`. Threads: any.
     void reportDeviceFailure();

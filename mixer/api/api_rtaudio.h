@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_API_API_RTAUDIO_H
 #define QTOVELMIXER_MIXER_API_API_RTAUDIO_H
 
+#include <base/nonblocking.h>
 #include <mixer/api/api.h>
 
 #include <QtCore/QFlags>
@@ -98,7 +99,8 @@ public:
     /// RtAudio's stream callback, with the backend as `userData`: interleaved floats, `frames`
     /// frames, on both sides. Threads: audio. Real-time: yes.
     static int MixerCallback(void *outputBuffer, void *inputBuffer, unsigned int frames,
-                             double streamTime, unsigned int status, void *userData) noexcept;
+                             double streamTime, unsigned int status,
+                             void *userData) noexcept QTOVELMIXER_NONBLOCKING;
 
 private:
     friend struct QTovelMixer::RtAudioAccess;

@@ -2,12 +2,15 @@
 // One block, on the audio thread.
 #include <mixer/api/api_rtaudio_p.h>
 
+#include <base/clock_p.h>
 #include <base/trace_p.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 
+using QTovelMixer::assumeNonblocking;
+using QTovelMixer::monotonicNanoseconds;
+using QTovelMixer::outsideCallback;
 using QTovelMixer::TraceLine;
 
 namespace {
@@ -27,11 +30,6 @@ public:
 private:
     std::atomic<qint32> &m_counter;
 };
-
-qint64 nanoseconds() noexcept
-{
-    return std::chrono::steady_clock::now().time_since_epoch().count();
-}
 
 } // namespace
 
@@ -86,8 +84,9 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
     if (in->size() < inputSamples || out->size() < outputSamples) {
         constexpr const char *differs = "QTovelMixerApiRtAudio::MixerCallback: callback buffer "
                                         "size differs from stream buffer size";
-        if (std::this_thread::get_id() == maker)
-            qWarning("%s", differs);
+        // Asking for the thread reads a register.
+        if (assumeNonblocking([this] { return std::this_thread::get_id() == maker; }))
+            outsideCallback([] { qWarning("%s", differs); });
         else if (Instance *instance = streaming.load(std::memory_order_acquire))
             instance->warn(differs);
         TraceLine("RtAudio::MixerCallback size-mismatch")
@@ -100,7 +99,7 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
         return silence(callbackGoOn);
     }
 
-    const qint64 begin = nanoseconds();
+    const qint64 begin = monotonicNanoseconds();
     if (input)
         std::memcpy(in->data(), input, inputSamples * sizeof(float));
     else
@@ -112,7 +111,7 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
     const int answer =
         q->mixerCallback(*in, *out, frames, streamTime, (status & 3) | hardwareCallback);
     ++blocks;
-    if (nanoseconds() - begin >
+    if (monotonicNanoseconds() - begin >
         qint64(1e9 * frames / std::max(streamRate.load(std::memory_order_relaxed), 1u)))
         ++lateBlocks;
 

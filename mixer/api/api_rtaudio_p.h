@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_API_API_RTAUDIO_P_H
 #define QTOVELMIXER_MIXER_API_API_RTAUDIO_P_H
 
+#include <base/nonblocking.h>
 #include <mixer/api/api_rtaudio.h>
 #include <mixer/api/rtaudio_answer_p.h>
 #include <mixer/api/rtaudio_instance_p.h>
@@ -115,11 +116,11 @@ struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
     StreamStatus status() const;
 
     int streamBlock(void *output, void *input, unsigned frames, double streamTime,
-                    unsigned status) noexcept override;
+                    unsigned status) noexcept QTOVELMIXER_NONBLOCKING override;
     void streamError(const std::string &text) override;
     void streamLost(Instance &instance) override;
     int runBlock(float *output, const float *input, unsigned frames, double streamTime,
-                 unsigned status) noexcept;
+                 unsigned status) noexcept QTOVELMIXER_NONBLOCKING;
 };
 
 namespace QTovelMixer {

@@ -2,6 +2,8 @@
 #ifndef QTOVELMIXER_MIXER_API_NOTE_QUEUE_P_H
 #define QTOVELMIXER_MIXER_API_NOTE_QUEUE_P_H
 
+#include <base/nonblocking.h>
+
 #include <QtCore/QtGlobal>
 
 #include <array>
@@ -29,7 +31,7 @@ public:
     };
 
     NoteQueue() noexcept;
-    bool push(int kind, std::string_view text) noexcept;
+    bool push(int kind, std::string_view text) noexcept QTOVELMIXER_NONBLOCKING;
     bool pop(Note &note) noexcept;
     quint64 takeLost() noexcept { return m_lost.exchange(0); }
 

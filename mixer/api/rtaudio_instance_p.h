@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_API_RTAUDIO_INSTANCE_P_H
 #define QTOVELMIXER_MIXER_API_RTAUDIO_INSTANCE_P_H
 
+#include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>
 #include <mixer/api/note_queue_p.h>
 #include <mixer/api/rtaudio_driver_p.h>
@@ -27,7 +28,7 @@ class RtAudioOwner
 public:
     /// One block. Threads: audio. Real-time: yes.
     virtual int streamBlock(void *output, void *input, unsigned frames, double streamTime,
-                            unsigned status) noexcept = 0;
+                            unsigned status) noexcept QTOVELMIXER_NONBLOCKING = 0;
     /// RtAudio reported an error. Threads: the control thread, or main.
     virtual void streamError(const std::string &text) = 0;
     /// The device has failed. Threads: the control thread, or main.
@@ -119,9 +120,13 @@ public:
     bool awaitLife();
 
     static int streamCallback(void *output, void *input, unsigned frames, double streamTime,
-                              RtAudioStreamStatus status, void *userData) noexcept;
+                              RtAudioStreamStatus status,
+                              void *userData) noexcept QTOVELMIXER_NONBLOCKING;
     /// A warning from the audio thread on its way to the log. Real-time: yes.
-    void warn(std::string_view text) noexcept { m_notes.push(warningNote, text); }
+    void warn(std::string_view text) noexcept QTOVELMIXER_NONBLOCKING
+    {
+        m_notes.push(warningNote, text);
+    }
 
     unsigned outputChannels = 0; ///< of the open stream
     /// The stream's blocks: they live until no callback can reach them.
@@ -148,7 +153,7 @@ private:
     /// Somebody is inside the owner, or there is no owner any more.
     struct Visit
     {
-        explicit Visit(RtAudioInstance &visited) noexcept;
+        explicit Visit(RtAudioInstance &visited) noexcept QTOVELMIXER_NONBLOCKING;
         ~Visit() { --instance.m_inside; }
         Q_DISABLE_COPY_MOVE(Visit)
 
@@ -165,7 +170,7 @@ private:
     void handleError(const std::string &text);
     void receiveError(RtAudioErrorType type, const std::string &text);
     int streamBlock(void *output, void *input, unsigned frames, double streamTime,
-                    unsigned status) noexcept;
+                    unsigned status) noexcept QTOVELMIXER_NONBLOCKING;
     void lookAfterStream(bool open);
     void writeNotes();
     void readScheduling();

@@ -3,10 +3,11 @@
 #include <mixer/api/rtaudio_answer_p.h>
 #include <mixer/api/rtaudio_instance_p.h>
 
+#include <base/clock_p.h>
+
 #include <QtCore/QDebug>
 
 #include <algorithm>
-#include <chrono>
 
 #if defined(__unix__) || defined(__APPLE__)
 #include <pthread.h>
@@ -67,9 +68,11 @@ int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, dou
     if (!visit.owner || m_failed)
         return silence();
 #if defined(__unix__) || defined(__APPLE__)
-    m_audioThread.store(quintptr(pthread_self()), std::memory_order_relaxed);
+    // It reads a register.
+    m_audioThread.store(assumeNonblocking([] { return quintptr(pthread_self()); }),
+                        std::memory_order_relaxed);
 #endif
-    const qint64 now = std::chrono::steady_clock::now().time_since_epoch().count();
+    const qint64 now = monotonicNanoseconds();
     const quint64 warnings = m_warnings.load(std::memory_order_relaxed);
     m_warningsAtBlock.store(warnings, std::memory_order_relaxed);
     if (!m_watch.block(frames, now, warnings)) {

@@ -2,6 +2,8 @@
 #ifndef QTOVELMIXER_MIXER_API_STREAM_WATCH_P_H
 #define QTOVELMIXER_MIXER_API_STREAM_WATCH_P_H
 
+#include <base/nonblocking.h>
+
 #include <QtCore/QtGlobal>
 
 namespace QTovelMixer {
@@ -24,7 +26,7 @@ public:
 
     /// One block at `now` (ns, monotonic), with the number of warnings since the stream began.
     /// False when the device has failed.
-    bool block(unsigned frames, qint64 now, quint64 warnings) noexcept;
+    bool block(unsigned frames, qint64 now, quint64 warnings) noexcept QTOVELMIXER_NONBLOCKING;
 
 private:
     bool tooFast(unsigned frames, qint64 now) noexcept;

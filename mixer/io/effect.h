@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_IO_EFFECT_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 
 #include <QtCore/QObject>
 #include <QtCore/QString>
@@ -33,13 +34,14 @@ public:
     /// Runs `processBuffers` with `buffer` as input and output, and returns its answer.
     /// Errors: 0 for a null buffer; nothing is processed.
     /// Threads: audio. Real-time: yes.
-    virtual int process(float *buffer, int channels, int frames);
+    virtual int process(float *buffer, int channels, int frames) QTOVELMIXER_NONBLOCKING;
 
     /// Processes `frames` (0 or more) interleaved frames of `channels` channels. `input` and
     /// `output` are the same memory when the mixer calls, valid during the call only.
     /// Returns non-zero on success. Must not block, lock, allocate or throw.
     /// Threads: audio. Real-time: yes.
-    virtual int processBuffers(const float *input, float *output, int channels, int frames) = 0;
+    virtual int processBuffers(const float *input, float *output, int channels,
+                               int frames) QTOVELMIXER_NONBLOCKING = 0;
 
     /// Forgets what the effect remembers of earlier audio. Threads: main.
     virtual void reset();
@@ -52,10 +54,10 @@ public:
     virtual void onReplaced();
 
     /// The constructor's channel count. Threads: any. Real-time: yes.
-    virtual unsigned int numChannels() const;
+    virtual unsigned int numChannels() const QTOVELMIXER_NONBLOCKING;
 
     /// The constructor's rate, Hz. Threads: any. Real-time: yes.
-    virtual int sampleRate() const;
+    virtual int sampleRate() const QTOVELMIXER_NONBLOCKING;
 
 private:
     struct Data;

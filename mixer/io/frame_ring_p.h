@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
 #define QTOVELMIXER_MIXER_IO_FRAME_RING_P_H
 
+#include <base/nonblocking.h>
 #include <base/ringbuffer_p.h>
 
 #include <QtCore/QtGlobal>
@@ -31,28 +32,28 @@ public:
     ~FrameRing();
 
     /// As many of `frames` frames as a ring can hold.
-    static qint64 fittingFrames(qint64 frames, int channels) noexcept;
+    static qint64 fittingFrames(qint64 frames, int channels) noexcept QTOVELMIXER_NONBLOCKING;
 
     int channels() const noexcept { return m_channels; }
 
     /// What the ring holds at most, in frames.
     qint64 capacity() const noexcept { return m_capacity; }
 
-    Slice readSlice() const noexcept;
-    Slice writeSlice() noexcept;
+    Slice readSlice() const noexcept QTOVELMIXER_NONBLOCKING;
+    Slice writeSlice() noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Commits frames written at the last write slice. A negative count withdraws that many of
     /// the newest frames; neither side may be at work meanwhile.
-    void produce(qint64 frames) noexcept;
-    void consume(qint64 frames) noexcept;
+    void produce(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
+    void consume(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Discards everything; both sides' positions restart at 0. Neither side may be at work.
-    void flush() noexcept;
+    void flush() noexcept QTOVELMIXER_NONBLOCKING;
 
-    bool isEmpty() const noexcept;
+    bool isEmpty() const noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Frames in the ring at this moment.
-    qint64 fillFrames() const noexcept;
+    qint64 fillFrames() const noexcept QTOVELMIXER_NONBLOCKING;
 
     /// The byte ring's identity, for trace lines.
     const void *handle() const noexcept { return m_ring; }
@@ -61,8 +62,8 @@ private:
     // Arbitrary; keeps the bytes of a frame within an int.
     static constexpr int maxChannels = 1 << 20;
 
-    static int frameBytes(int channels) noexcept;
-    Slice inFrames(const BLRINGBUFFER_Slice &bytes) const noexcept;
+    static int frameBytes(int channels) noexcept QTOVELMIXER_NONBLOCKING;
+    Slice inFrames(const BLRINGBUFFER_Slice &bytes) const noexcept QTOVELMIXER_NONBLOCKING;
 
     BLRINGBUFFER *m_ring = nullptr;
     int m_channels = 0;
@@ -71,7 +72,8 @@ private:
     qint64 m_capacity = 0;
 };
 
-inline FrameRing::Slice FrameRing::inFrames(const BLRINGBUFFER_Slice &bytes) const noexcept
+inline FrameRing::Slice
+FrameRing::inFrames(const BLRINGBUFFER_Slice &bytes) const noexcept QTOVELMIXER_NONBLOCKING
 {
     auto *const data = reinterpret_cast<float *>(bytes.data);
     if (m_shift >= 0)

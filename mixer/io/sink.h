@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_IO_SINK_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 #include <mixer/types.h>
 
 #include <QtCore/QThread>
@@ -49,7 +50,7 @@ protected:
 
 public:
     /// True while the worker's loop runs. Threads: any. Real-time: yes.
-    virtual bool isRunning() const;
+    virtual bool isRunning() const QTOVELMIXER_NONBLOCKING;
 
     /// The engine's start time, seconds; 0 without an engine. Threads: any.
     virtual double start_time() const;
@@ -58,7 +59,7 @@ public:
     virtual double time() const;
 
     /// Channels that the host wants, read when the worker starts. Threads: any.
-    virtual int numChannels() const = 0;
+    virtual int numChannels() const QTOVELMIXER_NONBLOCKING = 0;
 
     /// The host's rate in Hz, read when the worker starts. Threads: any.
     virtual int sampleRate() const = 0;
@@ -105,7 +106,7 @@ public:
 
     /// Room for frames of the mix, at the mixer's rate; 0 unless the worker runs. To wait for it,
     /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
-    qint64 freeFrames() const;
+    qint64 freeFrames() const QTOVELMIXER_NONBLOCKING;
 
     /// Frames taken from the mix, with the silence between them, in seconds of the mixer's
     /// clock. Threads: any.
@@ -125,7 +126,7 @@ public:
     /// Takes one block of `channels` vectors of equal length that begins at `mixerFrame`.
     /// Threads: audio. Real-time: yes.
     virtual void mixer_callback(aligned_vector<float, 16> *inputs, int channels,
-                                long long mixerFrame);
+                                long long mixerFrame) QTOVELMIXER_NONBLOCKING;
 
     /// The owning engine. Threads: any.
     virtual Engine *mixerEngine() const;

@@ -2,6 +2,7 @@
 #include <mixer/io/sink.h>
 
 #include <base/debug.h>
+#include <base/nonblocking_p.h>
 #include <base/trace_p.h>
 #include <mixer/aligned_vector.h>
 #include <mixer/io/sink_p.h>
@@ -53,9 +54,12 @@ bool Sink::Data::fillGap(const Sink *sink, FrameRing::Slice &slice, qint64 mixer
         .item("mixer_frame", mixerFrame)
         .item("buffer_frame", expected)
         .item("frames_in_slice", slice.frames);
-    BLDEBUG_Message(-1, "Frame Offset = %d (mixer = %d, buffer_frame = %d)",
-                    static_cast<int>(offset), static_cast<int>(mixerFrame),
-                    static_cast<int>(expected));
+    // Inside a callback it goes the way of trace lines.
+    assumeNonblocking([=] {
+        BLDEBUG_Message(-1, "Frame Offset = %d (mixer = %d, buffer_frame = %d)",
+                        static_cast<int>(offset), static_cast<int>(mixerFrame),
+                        static_cast<int>(expected));
+    });
     if (offset < 0)
         return false;
     const qint64 gap = std::min(offset, slice.frames);

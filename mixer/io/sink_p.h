@@ -2,13 +2,13 @@
 #ifndef QTOVELMIXER_MIXER_IO_SINK_P_H
 #define QTOVELMIXER_MIXER_IO_SINK_P_H
 
+#include <base/lock_rank_p.h>
+#include <base/nonblocking.h>
 #include <mixer/io/frame_ring_p.h>
 #include <mixer/io/resampler_bank_p.h>
 #include <mixer/io/sink.h>
 
-#include <QtCore/QMutex>
 #include <QtCore/QPointer>
-#include <QtCore/QRecursiveMutex>
 #include <QtCore/QWaitCondition>
 
 #include <atomic>
@@ -26,7 +26,7 @@ struct Sink::Data
 
     // Draining, guarded by ringMutex: the worker's, and the main thread's in setTime, which it may
     // call inside a change of the mix that holds the worker off.
-    QRecursiveMutex ringMutex;
+    RankedRecursiveMutex<LockRank::SinkRing> ringMutex;
     double recordTime = 0.0; // seconds, of the next chunk handed over
 
     // Raised when what the resamplers hold back is void. Guarded by ringMutex.
@@ -34,7 +34,7 @@ struct Sink::Data
 
     // The sleep of the worker and what ends it. The atomics are written under waitMutex, so that
     // no wake-up is lost, and read without it.
-    QMutex waitMutex;
+    RankedMutex<LockRank::Sleep> waitMutex;
     QWaitCondition wakeCondition;
     bool wakePending = false;
     std::atomic<int> stopRequested{0};
@@ -55,14 +55,15 @@ struct Sink::Data
 
     struct Worker;
 
-    int mixerRate() const; // Hz, 0 without an engine
+    int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
     void sleep(int milliseconds);
     void waitForUpdates();
     void wakeMix() const;
-    qint64 takeLeadIn(qint64 blockFrames) noexcept;
-    void countRecorded(qint64 frames) noexcept;
-    bool fillGap(const Sink *sink, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
+    qint64 takeLeadIn(qint64 blockFrames) noexcept QTOVELMIXER_NONBLOCKING;
+    void countRecorded(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
+    bool fillGap(const Sink *sink, FrameRing::Slice &slice,
+                 qint64 mixerFrame) noexcept QTOVELMIXER_NONBLOCKING;
 };
 
 /// The engine's and the tests' way to the private record.
@@ -74,10 +75,10 @@ struct SinkAccess
     static bool threadStarted(const Sink &sink);
 
     /// The sink can take `frames` frames of the mix and lose none. Real-time: yes.
-    static bool isReady(const Sink &sink, qint64 frames) noexcept;
+    static bool isReady(const Sink &sink, qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// The sink was asked to end. Real-time: yes.
-    static bool isOver(const Sink &sink) noexcept;
+    static bool isOver(const Sink &sink) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Lets the worker look at its ring.
     static void wake(Sink &sink);

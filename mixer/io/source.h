@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_IO_SOURCE_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 #include <mixer/types.h>
 
 #include <QtCore/QThread>
@@ -72,7 +73,7 @@ public:
     /// The play position in seconds: of the timeline, bounded to its limits when `clamp`, else
     /// −1 outside them; without a timeline the engine's time, up to a pause position reached.
     /// Threads: any. Real-time: yes.
-    virtual double time(bool clamp) const;
+    virtual double time(bool clamp) const QTOVELMIXER_NONBLOCKING;
 
     /// Bit c stands for output channel c. Threads: any.
     virtual quint64 channelMask() const;
@@ -87,19 +88,19 @@ public:
     virtual double configScale() const;
 
     /// Linear. Threads: any. Real-time: yes.
-    virtual float gain() const;
+    virtual float gain() const QTOVELMIXER_NONBLOCKING;
 
     /// Interleaved channels that the host delivers. Threads: any.
-    virtual int numChannels() const;
+    virtual int numChannels() const QTOVELMIXER_NONBLOCKING;
 
     /// The source's own rate, Hz. Threads: any.
     virtual int sampleRate() const;
 
     /// True while the worker's loop runs. Threads: any. Real-time: yes.
-    virtual bool isRunning() const;
+    virtual bool isRunning() const QTOVELMIXER_NONBLOCKING;
 
     /// The engine's answer, false without an engine. Threads: any.
-    virtual bool isPaused() const;
+    virtual bool isPaused() const QTOVELMIXER_NONBLOCKING;
 
     /// The engine's answer, false without an engine. Threads: any.
     virtual bool isLooping() const;
@@ -119,7 +120,7 @@ public:
     virtual bool acceptPause(PauseMode mode) = 0;
 
     /// Why the source ended; `UserStopAction` as long as nothing set it. Threads: any.
-    virtual StopReason stopReason() const;
+    virtual StopReason stopReason() const QTOVELMIXER_NONBLOCKING;
 
     /// Sets the playback range; reading and playing start at its start.
     /// Errors: logs a warning and changes nothing once a timeline is set. Threads: main.
@@ -191,7 +192,7 @@ public:
 
     /// Frames ready for the mix, at the mixer's rate; 0 before the worker runs. To wait for them,
     /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
-    qint64 bufferedFrames() const;
+    qint64 bufferedFrames() const QTOVELMIXER_NONBLOCKING;
 
     /// Frames taken by the mix, counted at the mixer's rate, divided by the source's own rate.
     /// Threads: any.
@@ -228,17 +229,17 @@ public:
     /// equal length, through `effect` when it is given and has as many channels.
     /// Threads: audio. Real-time: yes.
     void mixer_callback(aligned_vector<float, 16> *outputs, int channels, long long mixerFrame,
-                        Effect *effect);
+                        Effect *effect) QTOVELMIXER_NONBLOCKING;
 
     /// Reads what follows `time` (seconds), at most `maxFrames` frames at `rate` Hz, from the
     /// host. Returns the frames read, 0 or less when there are none. Threads: worker.
     int fill_production_buffer(float *buffer, int maxFrames, int rate, int channels, double time);
 
     /// The constructor's engine. Threads: any.
-    Engine *mixerEngine() const;
+    Engine *mixerEngine() const QTOVELMIXER_NONBLOCKING;
 
     /// The timeline that is followed, null for none. Threads: any.
-    Timeline *timeline() const;
+    Timeline *timeline() const QTOVELMIXER_NONBLOCKING;
 
 Q_SIGNALS:
     /// Emitted on the thread that announced the state.

@@ -2,11 +2,12 @@
 #ifndef QTOVELMIXER_MIXER_IO_SOURCE_P_H
 #define QTOVELMIXER_MIXER_IO_SOURCE_P_H
 
+#include <base/lock_rank_p.h>
+#include <base/nonblocking.h>
 #include <mixer/io/frame_ring_p.h>
 #include <mixer/io/resampler_bank_p.h>
 #include <mixer/io/source.h>
 
-#include <QtCore/QMutex>
 #include <QtCore/QPointer>
 #include <QtCore/QSemaphore>
 #include <QtCore/QWaitCondition>
@@ -29,7 +30,7 @@ struct BlockClock
 class SharedRange
 {
 public:
-    Range load() const noexcept;
+    Range load() const noexcept QTOVELMIXER_NONBLOCKING;
     bool isValid() const noexcept { return load().isValid(); }
     void store(const Range &range) noexcept;
 
@@ -45,7 +46,7 @@ private:
     std::atomic<unsigned> m_version{0};
 };
 
-inline Range SharedRange::load() const noexcept
+inline Range SharedRange::load() const noexcept QTOVELMIXER_NONBLOCKING
 {
     // The writer returns to a slot only after the version has moved on: whoever saw one of its
     // later values sees the new version as well.
@@ -77,7 +78,7 @@ struct Source::Data
 
     // Reading, guarded by ringMutex: the worker's and, under update_lock, the main thread's.
     // Those that other threads look at are atomic.
-    QMutex ringMutex;
+    RankedMutex<LockRank::SourceRing> ringMutex;
     double readTime = 0.0;                 // seconds, of the next chunk
     double withheld = 0.0;                 // source frames that the resamplers hold back
     double pauseCut = -1.0;                // seconds, where reading was cut since the last setTime
@@ -91,7 +92,7 @@ struct Source::Data
 
     // The sleep of the worker and everything that ends it, guarded by waitMutex. The atomics are
     // written under it and read without it.
-    QMutex waitMutex;
+    RankedMutex<LockRank::Sleep> waitMutex;
     QWaitCondition wakeCondition;
     bool wakePending = false;
     bool keepStateOnStop = false;
@@ -114,7 +115,7 @@ struct Source::Data
     std::atomic<qint64> consumedFrames{0};  // mixer frames
     const BlockClock *blockClock = nullptr; // the engine's, not owned
 
-    int mixerRate() const; // Hz, 0 without an engine
+    int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void clearPausePosition();
 
     // The hand-over between the threads (source_transport.cpp).
@@ -132,9 +133,10 @@ struct Source::Data
     void logReadFailure(const Source &source, const char *what);
 
     // The audio thread (source_block.cpp).
-    bool isInside(qint64 mixerFrame) const noexcept;
-    void countConsumed(qint64 frames) noexcept;
-    bool alignBlock(FrameRing &from, FrameRing::Slice &slice, qint64 mixerFrame) noexcept;
+    bool isInside(qint64 mixerFrame) const noexcept QTOVELMIXER_NONBLOCKING;
+    void countConsumed(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
+    bool alignBlock(FrameRing &from, FrameRing::Slice &slice,
+                    qint64 mixerFrame) noexcept QTOVELMIXER_NONBLOCKING;
 
     struct Worker; // one run of the thread (source_worker.cpp)
 };
@@ -154,10 +156,10 @@ struct SourceAccess
     static bool threadStarted(const Source &source);
 
     /// The mix can take `frames` frames and lose none. Real-time: yes.
-    static bool isReady(const Source &source, qint64 frames) noexcept;
+    static bool isReady(const Source &source, qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Nothing more comes from the source, not from its ring either. Real-time: yes.
-    static bool isOver(const Source &source) noexcept;
+    static bool isOver(const Source &source) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Lets the worker look at its ring.
     static void wake(Source &source);
@@ -167,10 +169,10 @@ struct SourceAccess
 };
 
 /// Frames (to the nearest) of a time; 0 for a time that is not finite or beyond 64 bits.
-qint64 framesOfTime(double seconds, double rate) noexcept;
+qint64 framesOfTime(double seconds, double rate) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// The time itself, or 0 when it is not finite or has no frame number at `rate`.
-double representableTime(double seconds, double rate) noexcept;
+double representableTime(double seconds, double rate) noexcept QTOVELMIXER_NONBLOCKING;
 
 } // namespace QTovelMixer
 

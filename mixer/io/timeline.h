@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_IO_TIMELINE_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 
 #include <QtCore/QString>
 #include <QtCore/QtGlobal>
@@ -37,11 +38,11 @@ public:
     void reset();
 
     /// The limits.
-    double start() const;
-    double end() const;
+    double start() const QTOVELMIXER_NONBLOCKING;
+    double end() const QTOVELMIXER_NONBLOCKING;
 
     /// The length between the limits, 0 when they are reversed.
-    double duration() const;
+    double duration() const QTOVELMIXER_NONBLOCKING;
 
     bool isLooping() const;
 
@@ -80,7 +81,8 @@ public:
     /// The position at a mixer time. Outside the material: the nearest limit when `clamp`,
     /// else −1. A `pausePosition` of 0 or more bounds the position, if `playStart` does not lie
     /// beyond it or lies beyond the position.
-    double time(double mixerTime, bool clamp, double playStart, double pausePosition) const;
+    double time(double mixerTime, bool clamp, double playStart,
+                double pausePosition) const QTOVELMIXER_NONBLOCKING;
 
     /// The mixer time of the first pass at a position, between 0 and the distance of the limits;
     /// 0 for a position outside every chunk.

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_TIMELINE_P_H
 #define QTOVELMIXER_MIXER_IO_TIMELINE_P_H
 
+#include <base/nonblocking.h>
 #include <mixer/io/timeline.h>
 #include <mixer/types.h>
 
@@ -25,7 +26,7 @@ struct Timeline::Data
         const Range *chunk = nullptr; // the chunk reached, null without chunks
         bool outside = false;
     };
-    Position positionAt(double mixerTime) const noexcept;
+    Position positionAt(double mixerTime) const noexcept QTOVELMIXER_NONBLOCKING;
 };
 
 /// The tests' way to the private record.
@@ -36,10 +37,10 @@ struct TimelineAccess
 
 /// Index of the range that contains x, else of the one before x, else 0. `ranges` is not empty,
 /// sorted and disjoint.
-int searchRanges(const std::vector<Range> &ranges, double x) noexcept;
+int searchRanges(const std::vector<Range> &ranges, double x) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// The time itself, or 0 when it is not finite.
-double finiteTime(double seconds) noexcept;
+double finiteTime(double seconds) noexcept QTOVELMIXER_NONBLOCKING;
 
 } // namespace QTovelMixer
 

@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_METER_METER_H
 
 #include <base/export.h>
+#include <base/nonblocking.h>
 #include <mixer/types.h>
 
 #include <QtCore/QObject>
@@ -57,10 +58,10 @@ public:
     /// Takes a block of interleaved frames. An idle meter takes nothing and answers true.
     /// Errors: false when the ring has no room for the whole block, which is then dropped.
     /// Threads: audio. Real-time: yes.
-    bool fill(const aligned_vector<float, 16> &samples) noexcept;
+    bool fill(const aligned_vector<float, 16> &samples) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// True from `start` to the end of a stop. Threads: any. Real-time: yes.
-    bool isRunning() const;
+    bool isRunning() const QTOVELMIXER_NONBLOCKING;
 
     /// The ends of the host's scale, -120.0 and 0.0 unless set; only kept for the host.
     /// Units: dB. Threads: any. Real-time: yes.

@@ -2,12 +2,12 @@
 #ifndef QTOVELMIXER_MIXER_METER_METER_P_H
 #define QTOVELMIXER_MIXER_METER_METER_P_H
 
+#include <base/lock_rank_p.h>
 #include <base/ringbuffer.h>
 #include <dsp/statistics.h>
 #include <mixer/meter/meter.h>
 
 #include <QtCore/QBasicTimer>
-#include <QtCore/QMutex>
 #include <QtCore/QPointer>
 #include <QtCore/QThread>
 
@@ -69,7 +69,7 @@ struct Meter::Data
 
     // Guarded by statsMutex, which is taken before valuesMutex. Levels are linear, by channel;
     // holds count blocks. The true-peak vectors are empty while true peaks are not wanted.
-    QBasicMutex statsMutex;
+    RankedMutex<LockRank::Measurement> statsMutex;
     Statistics levelStats;
     Statistics truePeakStats;
     double momentaryLoudness = -120.0;
@@ -87,7 +87,7 @@ struct Meter::Data
     bool rebuildNeeded = true;
 
     // Guarded by valuesMutex.
-    mutable QBasicMutex valuesMutex;
+    mutable RankedMutex<LockRank::Values> valuesMutex;
     double publishedMomentary = -120.0;
     double publishedShortTerm = -120.0;
     std::vector<double> publishedLevel;

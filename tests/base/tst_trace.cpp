@@ -90,6 +90,7 @@ private slots:
     void queuedLines_areComplete_fromSeveralThreads();
     void queuedLine_isWritten_withoutFlush();
     void lostLines_areCountedAndLogged();
+    void lines_areInOrder_andAccountedFor_underLoad();
     void audioSide_isRealTimeSafe();
     void audioSide_isRealTimeSafe_whenTheQueueIsFull();
     void flush_returns_insideAMessageHandler();
@@ -281,6 +282,51 @@ void tst_Trace::lostLines_areCountedAndLogged()
     for (int i = 0; i < int(TraceQueue::capacity); ++i)
         QCOMPARE(texts[1 + i], prefix + QStringLiteral("Test::flood number=%1").arg(i));
     QCOMPARE(texts.last(), prefix + QStringLiteral("Trace overflow lost=37"));
+}
+
+// Faster than any log can be written, beside a thread that writes lines of its own.
+void tst_Trace::lines_areInOrder_andAccountedFor_underLoad()
+{
+    constexpr int lines = 200000;
+    LogCapture log;
+    std::atomic<bool> over{false};
+    const std::unique_ptr<QThread> ordinary(QThread::create([&over] {
+        while (!over)
+            TraceLine("Test::ordinary");
+    }));
+    ordinary->start();
+    int violations = -1;
+    onAudioThread([&violations] {
+        RealtimeGuard guard;
+        for (int i = 0; i < lines; ++i)
+            TraceLine("Test::load").item("number", i);
+        guard.end();
+        violations = guard.violations();
+    });
+    over = true;
+    QVERIFY(ordinary->wait(60000));
+    flushTrace();
+
+    QVERIFY2(violations == 0, qPrintable(RealtimeGuard::first()));
+    const QString beginning = prefix + QStringLiteral("Test::load number=");
+    const QString loss = prefix + QStringLiteral("Trace overflow lost=");
+    int seen = 0;
+    int lost = 0;
+    int last = -1;
+    for (const QString &text : log.texts()) {
+        if (text.startsWith(beginning)) {
+            const int number = text.mid(beginning.size()).toInt();
+            QVERIFY2(number > last, qPrintable(text));
+            last = number;
+            ++seen;
+        } else if (text.startsWith(loss)) {
+            lost += text.mid(loss.size()).toInt();
+        } else {
+            QCOMPARE(text, prefix + QStringLiteral("Test::ordinary"));
+        }
+    }
+    QVERIFY(seen >= int(TraceQueue::capacity));
+    QCOMPARE(seen + lost, lines);
 }
 
 void tst_Trace::audioSide_isRealTimeSafe()

@@ -456,7 +456,7 @@ void tst_EngineDevices::defaults_areSharedAndChecked()
         QCOMPARE(QString(error.what()),
                  QString("QTovelMixer::Engine::getDefault invalid device kind"));
     }
-    QVERIFY_EXCEPTION_THROWN(Engine::setDefault(DeviceKind(5), "default"), std::logic_error);
+    QVERIFY_THROWS_EXCEPTION(std::logic_error, Engine::setDefault(DeviceKind(5), "default"));
 }
 
 void tst_EngineDevices::showControlPanel_knowsTwoKinds()

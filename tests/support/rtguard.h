@@ -8,7 +8,15 @@
 // What the build can see is a table, not a question to the machine. Under the sanitizers nothing is
 // watched: they own the allocator, and their checks make system calls of their own (the one of a
 // virtual call opens a pipe).
+#if defined(__has_feature)
+#if __has_feature(realtime_sanitizer) || __has_feature(address_sanitizer)
+#define QTOVELMIXER_GUARD_LEFT_OUT
+#endif
+#endif
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QTOVELMIXER_GUARD_LEFT_OUT
+#endif
+#if defined(QTOVELMIXER_GUARD_LEFT_OUT)
 #define QTOVELMIXER_GUARD_LIBRARY_CALLS 0
 #define QTOVELMIXER_GUARD_SYSTEM_CALLS 0
 #else

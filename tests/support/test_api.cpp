@@ -103,7 +103,11 @@ void TestApi::onResume()
 
 int TestApi::callEngine(unsigned status)
 {
-    const int result = mixerCallback(input, output, bufferFrames(), m_streamTime, status);
+    int result = 0;
+    {
+        const AudioThreadMark mark;
+        result = mixerCallback(input, output, bufferFrames(), m_streamTime, status);
+    }
     m_streamTime += double(bufferFrames()) / sampleRate();
     ++blocks;
     return result;
@@ -111,7 +115,11 @@ int TestApi::callEngine(unsigned status)
 
 int TestApi::runBlock(unsigned status)
 {
-    return m_running ? callEngine(status) : -1;
+    const int result = m_running ? callEngine(status) : -1;
+    // A test may look at the block's trace lines at once.
+    if (!isAudioThread())
+        flushTrace();
+    return result;
 }
 
 void TestApi::startThread()
@@ -119,7 +127,6 @@ void TestApi::startThread()
     stopThread();
     m_threadWanted = true;
     m_thread = std::thread([this] {
-        const AudioThreadMark mark;
         while (m_threadWanted) {
             if (m_running)
                 callEngine(0x4);

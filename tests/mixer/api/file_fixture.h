@@ -13,7 +13,10 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QTest>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <vector>
 
 inline constexpr int blockSamples = 1024 * 2;
 inline constexpr int blockBytes = blockSamples * 2;
@@ -27,13 +30,42 @@ public:
 
     int processBuffers(const float *input, float *output, int channels, int frames) override
     {
-        blocks.append(QList<float>(input, input + channels * frames));
-        std::copy(replacement.begin(), replacement.end(), output);
+        const size_t count = size_t(channels) * size_t(frames);
+        if (m_blocks < int(m_ends.size()) && m_kept + count <= m_samples.size()) {
+            std::copy_n(input, count, m_samples.data() + m_kept);
+            m_kept += count;
+            m_ends[size_t(m_blocks++)] = m_kept;
+        }
+        std::copy_n(m_replacement.data(), m_replaced, output);
         return 1;
     }
 
-    QList<QList<float>> blocks;
-    QList<float> replacement;
+    /// The first blocks, as many as there is room for.
+    QList<QList<float>> blocks() const
+    {
+        QList<QList<float>> all;
+        size_t begin = 0;
+        for (int i = 0; i < m_blocks; ++i) {
+            const size_t end = m_ends[size_t(i)];
+            all.append(QList<float>(m_samples.data() + begin, m_samples.data() + end));
+            begin = end;
+        }
+        return all;
+    }
+
+    void setReplacement(const QList<float> &samples)
+    {
+        m_replacement.assign(samples.begin(), samples.end());
+        m_replaced = m_replacement.size();
+    }
+
+private:
+    std::vector<float> m_samples = std::vector<float>(16 * 8192);
+    std::array<size_t, 16> m_ends{};
+    size_t m_kept = 0;
+    int m_blocks = 0;
+    std::vector<float> m_replacement;
+    size_t m_replaced = 0;
 };
 
 /// An engine with two inputs, heard one to one on as many outputs.

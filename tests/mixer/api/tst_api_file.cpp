@@ -213,7 +213,7 @@ void tst_ApiFile::open_dropsAFileThatCannotBeOpened()
     Desk desk;
     api.setEngine(&desk);
     api.mixerTimeout();
-    QCOMPARE(desk.probe.blocks.size(), 1);
+    QCOMPARE(desk.probe.blocks().size(), 1);
     api.setEngine(nullptr);
 }
 
@@ -294,7 +294,7 @@ void tst_ApiFile::start_firesEvery23Milliseconds()
     const TimerWatch watch;
     QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
     QVERIFY(api.start());
-    QTRY_VERIFY(desk.probe.blocks.size() >= 2);
+    QTRY_VERIFY(desk.probe.blocks().size() >= 2);
     QVERIFY(watch.intervals.contains(1024 * 1000 / 44100));
     QVERIFY(watch.intervals.contains(23));
     QVERIFY(api.isRunning());

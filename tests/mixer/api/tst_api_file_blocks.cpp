@@ -61,9 +61,10 @@ void tst_ApiFileBlocks::mixerTimeout_playsTheInputInALoop()
     QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
     api.mixerTimeout();
     api.mixerTimeout();
-    QCOMPARE(desk.probe.blocks.size(), 2);
+    QCOMPARE(desk.probe.blocks().size(), 2);
     int position = 0;
-    for (const QList<float> &block : std::as_const(desk.probe.blocks)) {
+    const QList<QList<float>> blocks = desk.probe.blocks();
+    for (const QList<float> &block : blocks) {
         QCOMPARE(block.size(), blockSamples);
         for (const float sample : block)
             QCOMPARE(sample, scaled(qint16(position++ % 1500 + 1)));
@@ -84,7 +85,7 @@ void tst_ApiFileBlocks::mixerTimeout_readsAgainOnce()
     api.mixerTimeout();
     const int wholes[] = {200, 100};
     for (int block = 0; block < 2; ++block) {
-        const QList<float> &samples = desk.probe.blocks.at(block);
+        const QList<float> samples = desk.probe.blocks().at(block);
         QCOMPARE(samples.size(), blockSamples);
         for (int i = 0; i < blockSamples; ++i)
             QCOMPARE(samples.at(i), i < wholes[block] ? scaled(qint16(i % 100 + 1)) : 0.0f);
@@ -104,7 +105,7 @@ void tst_ApiFileBlocks::mixerTimeout_swapsBytes_afterAnOddEnd()
     const QList<qint16> expected =
         samplesOf(QByteArray("\x01\x02\x03\x04\x05\x01\x02\x03\x04\x05\0\0", 12));
     for (int i = 0; i < expected.size(); ++i)
-        QCOMPARE(desk.probe.blocks.at(0).at(i), scaled(expected.at(i)));
+        QCOMPARE(desk.probe.blocks().at(0).at(i), scaled(expected.at(i)));
 }
 
 void tst_ApiFileBlocks::mixerTimeout_isSilent_forAnEmptyFile()
@@ -117,7 +118,7 @@ void tst_ApiFileBlocks::mixerTimeout_isSilent_forAnEmptyFile()
     api.updateDeviceList();
     QVERIFY(api.open(nullptr, api.devices().at(0), 44100));
     api.mixerTimeout();
-    QCOMPARE(desk.probe.blocks, QList<QList<float>>{QList<float>(blockSamples, 0.0f)});
+    QCOMPARE(desk.probe.blocks(), QList<QList<float>>{QList<float>(blockSamples, 0.0f)});
 }
 
 void tst_ApiFileBlocks::mixerTimeout_scalesTheInput()
@@ -134,7 +135,7 @@ void tst_ApiFileBlocks::mixerTimeout_scalesTheInput()
     api.mixerTimeout();
     const QList<float> expected{-1.0f,           32767.0f / 32768.0f, 0.0f,
                                 1.0f / 32768.0f, -1.0f / 32768.0f,    0.5f};
-    QCOMPARE(desk.probe.blocks.at(0).mid(0, expected.size()), expected);
+    QCOMPARE(desk.probe.blocks().at(0).mid(0, expected.size()), expected);
 }
 
 void tst_ApiFileBlocks::mixerTimeout_scalesAndLimitsTheOutput()
@@ -147,7 +148,7 @@ void tst_ApiFileBlocks::mixerTimeout_scalesAndLimitsTheOutput()
     const QList<float> played{1.0f,  -1.5f,        0.5f,         -1.0f,         32767.9f / 32768.0f,
                               -2.0f, 1.0e9f,       1.9f / 32768, -1.9f / 32768, 0.9f / 32768,
                               0.0f,  -0.9f / 32768};
-    desk.probe.replacement = played;
+    desk.probe.setReplacement(played);
     QVERIFY(api.open(api.output, api.input, 44100));
     api.mixerTimeout();
     QVERIFY(api.close());
@@ -168,7 +169,7 @@ void tst_ApiFileBlocks::mixerTimeout_writesSilence_forWhatIsNoNumber()
     Desk desk(2);
     api.setEngine(&desk);
     constexpr float infinity = std::numeric_limits<float>::infinity();
-    desk.probe.replacement = {std::numeric_limits<float>::quiet_NaN(), infinity, 0.5f, -infinity};
+    desk.probe.setReplacement({std::numeric_limits<float>::quiet_NaN(), infinity, 0.5f, -infinity});
     QVERIFY(api.open(api.output, api.input, 44100));
     api.mixerTimeout();
     QVERIFY(api.close());
@@ -203,8 +204,8 @@ void tst_ApiFileBlocks::mixerTimeout_followsTheBufferSize()
         api.mixerTimeout();
     }
     QVERIFY(api.close());
-    QCOMPARE(desk.probe.blocks.at(0).size(), 4096);
-    QCOMPARE(desk.probe.blocks.at(1).size(), 1024);
+    QCOMPARE(desk.probe.blocks().at(0).size(), 4096);
+    QCOMPARE(desk.probe.blocks().at(1).size(), 1024);
     QCOMPARE(samplesOf(read(out)), counting(4096 + 1024));
 }
 
@@ -219,10 +220,10 @@ void tst_ApiFileBlocks::start_rewindsBothFiles_withoutEmptyingThem()
     api.mixerTimeout();
     api.mixerTimeout();
     QVERIFY(api.start());
-    desk.probe.replacement = QList<float>(blockSamples, 0.5f);
+    desk.probe.setReplacement(QList<float>(blockSamples, 0.5f));
     api.mixerTimeout();
     QVERIFY(api.close());
-    QCOMPARE(desk.probe.blocks.at(2), desk.probe.blocks.at(0));
+    QCOMPARE(desk.probe.blocks().at(2), desk.probe.blocks().at(0));
     const QList<qint16> written = samplesOf(read(out));
     QCOMPARE(written.size() * qsizetype(sizeof(qint16)), 2 * blockBytes);
     QCOMPARE(written.mid(0, blockSamples), QList<qint16>(blockSamples, 16384));

@@ -15,12 +15,25 @@ namespace {
 
 /// The place of a virtual function in its class's table (Itanium C++ ABI).
 template <typename Function>
-qintptr slotOf(Function function)
+qintptr firstWord(Function function)
 {
     qintptr words[2] = {};
     static_assert(sizeof(function) == sizeof(words));
     std::memcpy(words, &function, sizeof(words));
     return words[0];
+}
+
+// Attributes of a function's type are not part of a template's name: here they fall off.
+template <typename Result, typename... Arguments>
+qintptr slotOf(Result (Source::*function)(Arguments...))
+{
+    return firstWord(function);
+}
+
+template <typename Result, typename... Arguments>
+qintptr slotOf(Result (Source::*function)(Arguments...) const)
+{
+    return firstWord(function);
 }
 
 } // namespace

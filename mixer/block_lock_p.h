@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_MIXER_BLOCK_LOCK_P_H
+#define QTOVELMIXER_MIXER_BLOCK_LOCK_P_H
+
+#include <base/lock_rank_p.h>
+#include <base/nonblocking.h>
+
+namespace QTovelMixer {
+
+/// Held for a block, and for a change of the mix.
+class UpdateLock : public RankedRecursiveMutex<LockRank::Update>
+{};
+
+/// Held for a free-wheeling block, and to raise the engine's hold.
+class HoldLock : public RankedMutex<LockRank::Hold>
+{};
+
+/// The engine's update lock for one block: the only lock that the audio thread takes, and the one
+/// place where it may wait. The main thread holds it for changes of the mix only; a backend that
+/// must not wait asks for one try. A block that no device paces takes the hold lock as well.
+class BlockLock
+{
+public:
+    /// `hold` is null for a device's block.
+    BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept QTOVELMIXER_NONBLOCKING;
+    ~BlockLock() noexcept QTOVELMIXER_NONBLOCKING;
+    Q_DISABLE_COPY_MOVE(BlockLock)
+
+    bool isLocked() const noexcept { return m_locked; }
+
+private:
+    UpdateLock &m_updateLock;
+    HoldLock *m_hold;
+    bool m_locked;
+};
+
+} // namespace QTovelMixer
+
+#endif
