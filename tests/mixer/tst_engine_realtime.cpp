@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 // What the block callback must never do, watched over everything that it reaches.
 #include <base/trace_p.h>
+#include <support/callback_watch.h>
 #include <support/rtguard.h>
 #include <support/session.h>
 
 #include <mixer/io/effect.h>
+#include <mixer/io/sink_p.h>
 #include <mixer/io/source_p.h>
 #include <mixer/meter/meter.h>
 
@@ -52,6 +54,8 @@ private slots:
     void block_isClean_withTraceLines();
     void block_isClean_whenTheMixChanges();
     void thread_mixes_whileTheMainThreadChangesEverything();
+    void block_isClean_whenRingsRunOver_andDry();
+    void block_takesNoPageFault_afterItsWarmUp();
 };
 
 void tst_EngineRealtime::cleanup()
@@ -159,6 +163,52 @@ void tst_EngineRealtime::thread_mixes_whileTheMainThreadChangesEverything()
     QTRY_COMPARE(session.count("stopped"), 1);
     QVERIFY(!session.api->isRunning());
     session.checkAtRest();
+    QCOMPARE(CallbackWatch::counts().callbacks > 0, CallbackWatch::isOn());
+}
+
+// More blocks than any ring holds, while nobody takes or delivers a frame.
+void tst_EngineRealtime::block_isClean_whenRingsRunOver_andDry()
+{
+    Session session(2, 2);
+    session.addRamp(48000, 1.0);
+    auto *sink = new TakeSink(&session.engine, 44100, 2);
+    session.engine.addSink(sink);
+    QVERIFY(session.startRecording());
+    {
+        // The sink's worker waits for the end of this, with everything that has arrived since.
+        const QMutexLocker locker(&SinkAccess::data(*sink).ringMutex);
+        const int blocks = 8 * 48000 / Session::blockFrames;
+        runWatched(session, blocks);
+        QVERIFY(sink->freeFrames() == 0);
+    }
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+void tst_EngineRealtime::block_takesNoPageFault_afterItsWarmUp()
+{
+    Session session(2, 2);
+    Halver effect;
+    session.engine.replaceOutputEffect(&effect);
+    session.engine.outputMeter()->start();
+    for (int i = 0; i < 16; ++i)
+        session.addRamp(i % 2 ? 44100 : 48000, 60.0);
+    auto *sink = new TakeSink(&session.engine, 48000, 2);
+    session.engine.addSink(sink);
+    QVERIFY(session.startRecording());
+    runWatched(session, int(CallbackWatch::warmUp));
+    const CallbackWatch::Counts before = CallbackWatch::counts();
+    for (int i = 0; i < 500; ++i) {
+        // What a host does meanwhile must not make fresh memory meet the audio thread.
+        session.engine.setGain(session.engine.activeSources().at(i % 16), 0, 1, float(i));
+        runWatched(session, 2);
+    }
+    const CallbackWatch::Counts after = CallbackWatch::counts();
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+    session.engine.replaceOutputEffect(nullptr);
+    QCOMPARE(after.callbacks - before.callbacks, quint64(CallbackWatch::isOn() ? 1000 : 0));
+    QCOMPARE(after.pageFaults, before.pageFaults);
 }
 
 QTEST_GUILESS_MAIN(tst_EngineRealtime)

@@ -4,6 +4,7 @@
 
 #include <mixer/api/device.h>
 #include <mixer/api/virtual_stream_p.h>
+#include <support/callback_watch.h>
 #include <support/log_capture.h>
 
 #include <QtTest/QSignalSpy>
@@ -405,6 +406,8 @@ void tst_ApiVirtual::handler_thatThrows_isAFailure()
     QTRY_COMPARE(failed.count(), 1);
     QCOMPARE(log.count(QtCriticalMsg, "QTovelMixerApiVirtual: Exception (disk full) in a device!!"),
              1);
+    // To throw is to allocate.
+    QCOMPARE(CallbackWatch::forgive() > 0, CallbackWatch::isOn());
 }
 
 void tst_ApiVirtual::destruction_inEveryState_data()

@@ -4,6 +4,8 @@
 #include <mixer/meter/meter.h>
 #include <mixer/meter/meter_values.h>
 
+#include <support/callback_watch.h>
+
 #include <jack/jack.h>
 
 #include <functional>
@@ -138,6 +140,7 @@ class tst_RtAudioJackFreewheel : public QObject
 
 private slots:
     void mixer_isExact_overHours();
+    void audioThread_isClean_overAMillionCallbacks();
 };
 
 void tst_RtAudioJackFreewheel::mixer_isExact_overHours()
@@ -213,6 +216,44 @@ void tst_RtAudioJackFreewheel::mixer_isExact_overHours()
         QVERIFY(values->hold_level(1) > -60.0);
     }
     QVERIFY(session.goesOn());
+    QVERIFY(session.rest());
+    QCOMPARE(session.failures, 0);
+}
+
+// The watch over the callbacks ends the program with a failure when one of them does what it must
+// not.
+void tst_RtAudioJackFreewheel::audioThread_isClean_overAMillionCallbacks()
+{
+    constexpr int shortest = 32;
+    const quint64 wanted = CallbackWatch::isOn() ? 1000000 : 20000;
+    JackServer server(rate, shortest);
+    QVERIFY2(server.start(), qPrintable(server.report()));
+    RtAudioSession session(Jack, RtAudioSession::Duplex, shortest);
+    QVERIFY(session.openDefaults());
+    QVERIFY(session.play());
+    const CallbackWatch::Counts before = CallbackWatch::counts();
+    const quint64 blocksBefore = session.api->streamStatus().blocks;
+    QVERIFY2(server.setFreewheel(true), qPrintable(server.report()));
+    QElapsedTimer clock;
+    clock.start();
+    quint64 blocks = 0;
+    const bool done = session.wait(
+        [&] {
+            blocks = session.api->streamStatus().blocks - blocksBefore;
+            return blocks >= wanted;
+        },
+        240000);
+    QVERIFY2(server.setFreewheel(false), qPrintable(server.report()));
+    const CallbackWatch::Counts after = CallbackWatch::counts();
+    qInfo("FREEWHEEL | %llu blocks of %d frames in %.1f s | %llu watched, %llu page faults",
+          static_cast<unsigned long long>(blocks), shortest, double(clock.elapsed()) / 1000.0,
+          static_cast<unsigned long long>(after.callbacks - before.callbacks),
+          static_cast<unsigned long long>(after.pageFaults - before.pageFaults));
+    QVERIFY(done);
+    if (CallbackWatch::isOn()) {
+        QVERIFY(after.callbacks - before.callbacks >= wanted);
+        QCOMPARE(after.pageFaults, before.pageFaults);
+    }
     QVERIFY(session.rest());
     QCOMPARE(session.failures, 0);
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "rtaudio_fixture.h"
 
+#include <support/callback_watch.h>
+
 #include <mixer/api/rtaudio_device.h>
 
 using QTovelMixer::DeviceKind;
@@ -98,10 +100,14 @@ void tst_RtAudioPulse::ramp_arrivesWhole_fromTheMonitor()
     RtAudioSession session(Pulse, RtAudioSession::Duplex, unsigned(frames));
     QVERIFY(session.openDefaults());
     QCOMPARE(session.engine->sampleRate(), unsigned(rate));
+    const CallbackWatch::Counts before = CallbackWatch::counts();
     QVERIFY(session.play(channels));
     const qint64 wanted = 2 * rate;
     QVERIFY(session.wait([&] { return session.take->frames() > wanted; }));
     const auto status = session.api->streamStatus();
+    const CallbackWatch::Counts after = CallbackWatch::counts();
+    QCOMPARE(after.callbacks > before.callbacks, CallbackWatch::isOn());
+    QCOMPARE(after.pageFaults, before.pageFaults);
 
     const Arrival arrival(session.take->samples(), channels);
     QVERIFY2(arrival.mismatch.isEmpty(), qPrintable(arrival.mismatch));
