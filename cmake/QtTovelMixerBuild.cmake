@@ -16,7 +16,9 @@ endif()
 add_library(qttovelmixer_warnings INTERFACE)
 target_compile_options(qttovelmixer_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
-  -ffp-contract=off)
+  -ffp-contract=off
+  # Not every one of the processors that vector code is compiled for needs all its functions.
+  $<$<CXX_COMPILER_ID:Clang>:-Wno-unneeded-internal-declaration>)
 if(PROJECT_IS_TOP_LEVEL)
   target_compile_options(qttovelmixer_warnings INTERFACE -Werror)
 endif()

@@ -19,8 +19,32 @@ using QTovelMixer::Range;
 
 namespace {
 
+using Look = std::function<SoundFacts(const QString &)>;
+
+SoundFacts lookAt(const QString &path)
+{
+    const SoundFile sound(path);
+    if (!sound.error().isEmpty())
+        return {.error = sound.error()};
+    return {.channels = sound.channels(), .rate = sound.rate(), .frames = sound.frames()};
+}
+
 constexpr double longestSession = 24.0 * 3600.0; // s
 constexpr double largestGain = 1000.0;
+
+/// What would break a line, or steer the terminal that shows it.
+bool isControl(QChar letter)
+{
+    const QChar::Category category = letter.category();
+    return category == QChar::Other_Control || category == QChar::Separator_Line ||
+           category == QChar::Separator_Paragraph;
+}
+
+QString oneLine(QString text)
+{
+    std::replace_if(text.begin(), text.end(), isControl, QLatin1Char('?'));
+    return text;
+}
 
 /// Reads keys of one object; the first complaint stays.
 class Reader
@@ -80,7 +104,7 @@ public:
     void complain(const QString &key, const QString &reason)
     {
         if (m_error.isEmpty())
-            m_error = QString("%1: '%2' %3").arg(m_where, key, reason);
+            m_error = oneLine(QString("%1: '%2' %3").arg(m_where, key, reason));
     }
 
 private:
@@ -157,7 +181,7 @@ QString readRecord(Reader &reader, const SessionFile &session)
         name.endsWith(".wav", Qt::CaseInsensitive) || name.endsWith(".flac", Qt::CaseInsensitive);
     const bool plain =
         !name.startsWith('.') && std::none_of(name.begin(), name.end(), [](QChar letter) {
-            return QString("/\\:").contains(letter) || letter.unicode() < 0x20;
+            return QString("/\\:").contains(letter) || isControl(letter);
         });
     if (!audio || !plain)
         reader.complain("record", "must be a name ending in .wav or .flac, without a folder");
@@ -179,10 +203,10 @@ double partsLength(const Placement &placement, double fileLength)
 }
 
 /// Answers the channels of the file.
-int readTrack(const QString &path, int index, const QJsonValue &value, SessionFile &session,
-              double &end)
+int readTrack(const QString &path, const Look &look, int index, const QJsonValue &value,
+              SessionFile &session, double &end)
 {
-    const QString where = QString("%1: files[%2]").arg(path).arg(index);
+    const QString where = QString("%1: files[%2]").arg(path, QString::number(index));
     Reader reader(value.toObject(), where, session.error);
     if (!value.isObject() || !reader.value("file").isString()) {
         reader.complain("file", "must name an audio file");
@@ -192,25 +216,25 @@ int readTrack(const QString &path, int index, const QJsonValue &value, SessionFi
         {"file", "gain", "start", "channels", "route", "loop", "limits", "selections", "record"});
     Track track;
     track.file = QFileInfo(path).dir().absoluteFilePath(reader.value("file").toString());
-    const SoundFile sound(track.file);
-    if (!sound.error().isEmpty()) {
-        reader.complain("file", sound.error());
+    const SoundFacts sound = look(track.file);
+    if (!sound.error.isEmpty()) {
+        reader.complain("file", sound.error);
         return 0;
     }
-    const double fileLength = double(sound.frames()) / sound.rate();
+    const double fileLength = double(sound.frames) / sound.rate;
     track.gain = float(reader.number("gain", -largestGain, largestGain, 1.0));
     track.placement.start = reader.number("start", 0.0, longestSession, 0.0);
     track.placement.loop = reader.flag("loop");
-    track.channelMask = readMask(reader, sound.channels());
-    track.route = readRoute(reader, sound.channels(), session.channels);
+    track.channelMask = readMask(reader, sound.channels);
+    track.route = readRoute(reader, sound.channels, session.channels);
     track.record = readRecord(reader, session);
     readParts(reader, fileLength, track.placement);
     end = std::max(end, track.placement.start + partsLength(track.placement, fileLength));
     session.tracks.append(track);
-    return sound.channels();
+    return sound.channels;
 }
 
-void readTracks(const QString &path, Reader &reader, SessionFile &session)
+void readTracks(const QString &path, const Look &look, Reader &reader, SessionFile &session)
 {
     const QJsonArray files = reader.list("files");
     if (files.isEmpty())
@@ -218,7 +242,7 @@ void readTracks(const QString &path, Reader &reader, SessionFile &session)
     int channels = 0;
     double end = 0.0;
     for (int i = 0; i < files.size() && session.error.isEmpty(); ++i) {
-        channels += readTrack(path, i, files.at(i), session, end);
+        channels += readTrack(path, look, i, files.at(i), session, end);
         if (channels > maxChannels)
             reader.complain(
                 "files",
@@ -239,8 +263,20 @@ SessionFile readSession(const QString &path)
         session.error = QString("cannot read '%1': %2").arg(path, file.errorString());
         return session;
     }
+    const QByteArray text = file.read(mostSessionBytes + 1);
+    if (text.size() > mostSessionBytes) {
+        session.error = QString("%1: no session: more than %2 bytes")
+                            .arg(path, QString::number(mostSessionBytes));
+        return session;
+    }
+    return parseSession(text, path, lookAt);
+}
+
+SessionFile parseSession(const QByteArray &text, const QString &path, const Look &look)
+{
+    SessionFile session;
     QJsonParseError parsing;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parsing);
+    const QJsonDocument document = QJsonDocument::fromJson(text, &parsing);
     if (!document.isObject()) {
         session.error =
             QString("%1: no session: %2")
@@ -252,7 +288,7 @@ SessionFile readSession(const QString &path)
     session.rate = reader.whole("rate", 8000, 192000, session.rate);
     session.channels = reader.whole("channels", 1, maxChannels, session.channels);
     session.masterGain = float(reader.number("gain", -largestGain, largestGain, 1.0));
-    readTracks(path, reader, session);
+    readTracks(path, look, reader, session);
     return session;
 }
 

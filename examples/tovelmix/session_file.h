@@ -4,8 +4,11 @@
 
 #include <tovelmix/file_source.h>
 
+#include <QtCore/QByteArray>
 #include <QtCore/QList>
 #include <QtCore/QString>
+
+#include <functional>
 
 namespace tovelmix {
 
@@ -39,7 +42,24 @@ struct SessionFile
     QString error; ///< one line that names file and key; empty when all is in order
 };
 
+/// What a session is checked against of an audio file.
+struct SoundFacts
+{
+    int channels = 0;
+    int rate = 0; ///< Hz
+    qint64 frames = 0;
+    QString error = {}; ///< as `SoundFile::error`
+};
+
+/// Largest session file that is read.
+inline constexpr qint64 mostSessionBytes = qint64{1} << 24;
+
 SessionFile readSession(const QString &path);
+
+/// Reads the text of a session that lies at `path`, where its files are looked for; `look` tells
+/// about each of them.
+SessionFile parseSession(const QByteArray &text, const QString &path,
+                         const std::function<SoundFacts(const QString &)> &look);
 
 } // namespace tovelmix
 

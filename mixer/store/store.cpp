@@ -11,6 +11,28 @@ namespace QTovelMixer {
 
 namespace {
 
+constexpr qint64 mostElements = qint64{1} << 22; // what a damaged file may cost in memory
+
+qint64 elementsOf(const Route &route)
+{
+    return qint64(route.numInputs()) * route.numOutputs();
+}
+
+qint64 elementsOf(const MeterConfig &config)
+{
+    return config.numMeters();
+}
+
+QString idOf(const Route &route)
+{
+    return route.routeId();
+}
+
+QString idOf(const MeterConfig &config)
+{
+    return config.meterConfigId();
+}
+
 template <typename T>
 const T &find(const QMap<QString, T> &table, const QString &key)
 {
@@ -38,6 +60,29 @@ std::optional<QJsonArray> parse(const QByteArray &data, const char *place)
         return std::nullopt;
     }
     return document.array();
+}
+
+// A few characters of text can ask for a large matrix, so the sum is bounded too.
+template <typename T>
+QMap<QString, T> usable(const QJsonArray &array)
+{
+    QMap<QString, T> table;
+    qint64 elements = 0;
+    for (const auto &value : array) {
+        if (!value.isObject())
+            continue;
+        const T entry(value.toObject());
+        if (!entry.isValid())
+            continue;
+        const auto former = table.constFind(idOf(entry));
+        const qint64 replaced = former != table.constEnd() ? elementsOf(*former) : 0;
+        const qint64 sum = elements - replaced + elementsOf(entry);
+        if (sum > mostElements)
+            continue;
+        elements = sum;
+        table.insert(idOf(entry), entry);
+    }
+    return table;
 }
 
 } // namespace
@@ -89,11 +134,7 @@ bool Store::restoreRoutes(const QByteArray &data)
     const std::optional<QJsonArray> array = parse(data, ") in mixer routes");
     if (!array)
         return false;
-    d->routes.clear();
-    for (const auto &value : *array) {
-        if (value.isObject())
-            addRoute(Route(value.toObject()));
-    }
+    d->routes = usable<Route>(*array);
     return true;
 }
 
@@ -128,11 +169,7 @@ bool Store::restoreMeterConfigs(const QByteArray &data)
     const std::optional<QJsonArray> array = parse(data, ") in mixer meter configs");
     if (!array)
         return false;
-    d->meterConfigs.clear();
-    for (const auto &value : *array) {
-        if (value.isObject())
-            addMeterConfig(MeterConfig(value.toObject()));
-    }
+    d->meterConfigs = usable<MeterConfig>(*array);
     return true;
 }
 

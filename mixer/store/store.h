@@ -43,7 +43,8 @@ public:
     /// All routes as a JSON array in the order of their ids: compact UTF-8, `[]` without any.
     QByteArray saveRoutes() const;
     /// Replaces all routes by those of a JSON array. What is no usable route is left out, of two
-    /// with one id the later one counts, and a JSON object counts as an empty array.
+    /// with one id the later one counts, and a JSON object counts as an empty array. Routes that
+    /// would bring the sum of all gains above 2^22 are left out too.
     /// Errors: false, with one critical line, for text that is no JSON; nothing changes.
     bool restoreRoutes(const QByteArray &data);
 
@@ -60,7 +61,8 @@ public:
 
     /// All configurations, as `saveRoutes` does.
     QByteArray saveMeterConfigs() const;
-    /// Replaces all configurations, as `restoreRoutes` does.
+    /// Replaces all configurations, as `restoreRoutes` does; those that would bring the sum of all
+    /// flags above 2^22 are left out.
     bool restoreMeterConfigs(const QByteArray &data);
 
 private:

@@ -290,7 +290,14 @@ void tst_TovelmixRender::render_refuses_data()
     recording("a hidden recording", R"(".take.wav")");
     recording("a recording of an unknown format", R"("take.mp3")");
     recording("two recordings in one file", R"("R.wav")");
+    recording("a recording whose name is two lines", R"("a\u2028b.wav")");
+    recording("a recording whose name steers terminals", R"("a\u009bb.wav")");
     recording("a recording without a name", "1");
+    row("a key that would break the line", "{\"new\\nline\\u001b\": 1}", {"'new?line?'"});
+    row("a file name that would break the line", "{\"files\": [{\"file\": \"x\\n.wav\"}]}",
+        {"'file'", "x?.wav"});
+    QTest::newRow("a file without end") << QByteArray((1 << 24) + 1, ' ') << "mix.wav"
+                                        << QStringList{"session.json", "16777216 bytes"};
     row("a rate of 0", R"({"rate": 0, "files": [{"file": "b.wav"}]})", {"'rate'"});
     row("129 channels", R"({"channels": 129, "files": [{"file": "b.wav"}]})", {"'channels'"});
     QByteArray many = R"({"files": [{"file": "b.wav"})";

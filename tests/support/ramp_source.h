@@ -15,12 +15,13 @@ class RampSource : public QTovelMixer::Source
 public:
     static constexpr double unit = 48000.0;
 
-    RampSource(QTovelMixer::Engine *engine, int rate, int channels, double seconds)
-        : Source(engine, rate, channels, 5.0f), m_seconds(seconds)
+    RampSource(QTovelMixer::Engine *engine, int rate, int channels, double seconds,
+               float bufferSeconds = 5.0f)
+        : Source(engine, rate, channels, bufferSeconds), m_seconds(seconds)
     {}
     RampSource(QTovelMixer::Engine *engine, int rate, int channels, double seconds,
-               const QTovelMixer::Range &range)
-        : Source(engine, rate, channels, range, 5.0f), m_seconds(seconds)
+               const QTovelMixer::Range &range, float bufferSeconds = 5.0f)
+        : Source(engine, rate, channels, range, bufferSeconds), m_seconds(seconds)
     {}
 
     double contentStart() const override { return 0.0; }

@@ -161,24 +161,36 @@ bool Session::waitForBlock()
     });
 }
 
+QString Session::restFault()
+{
+    const Engine::Data &data = EngineAccess::data(engine);
+    const std::pair<bool, const char *> counters[] = {
+        {data.holdCount.load() == 0, "the mix is held"},
+        {data.bracketDepth == 0, "a bracket is open"},
+        {data.streamUsers.load() == 0, "the stream is used"},
+        {data.sourceCount.load() == 0, "sources are counted"},
+        {data.sinkCount.load() == 0, "sinks are counted"},
+        {data.apiRefs == 0, "the backend is referred to"},
+        {data.lockedSources.empty(), "sources are locked"},
+        {data.sourceLinks.empty(), "sources are linked"},
+        {data.sinkLinks.empty(), "sinks are linked"},
+    };
+    for (const auto &[rests, fault] : counters) {
+        if (!rests)
+            return QString::fromLatin1(fault);
+    }
+    return mappingFault();
+}
+
 void Session::checkAtRest()
 {
     const Engine::Data &data = EngineAccess::data(engine);
-    QCOMPARE(data.holdCount.load(), 0);
-    QCOMPARE(data.bracketDepth, 0);
-    QCOMPARE(data.streamUsers.load(), 0);
-    QCOMPARE(data.sourceCount.load(), 0u);
-    QCOMPARE(data.sinkCount.load(), 0u);
-    QCOMPARE(data.apiRefs, 0);
-    QVERIFY(data.lockedSources.empty());
-    QVERIFY(data.sourceLinks.empty());
-    QVERIFY(data.sinkLinks.empty());
-    checkMapping();
+    QCOMPARE(restFault(), QString());
     QTRY_VERIFY(data.retiredSources.empty());
     QTRY_VERIFY(data.retiredSinks.empty());
 }
 
-void Session::checkMapping()
+QString Session::mappingFault()
 {
     const Engine::Data &data = EngineAccess::data(engine);
     size_t inputs = data.numInputChannels;
@@ -187,6 +199,16 @@ void Session::checkMapping()
     size_t outputs = data.numOutputChannels;
     for (const Sink *sink : data.sinks)
         outputs += size_t(sink->numChannels());
-    QCOMPARE(data.inputBuses.size(), inputs);
-    QCOMPARE(data.outputBuses.size(), outputs);
+    const auto fault = [](const char *side, size_t buses, size_t wanted) {
+        return buses == wanted ? QString()
+                               : QString("%1 %2 buses instead of %3")
+                                     .arg(QString::number(buses), side, QString::number(wanted));
+    };
+    const QString input = fault("input", data.inputBuses.size(), inputs);
+    return input.isEmpty() ? fault("output", data.outputBuses.size(), outputs) : input;
+}
+
+void Session::checkMapping()
+{
+    QCOMPARE(mappingFault(), QString());
 }

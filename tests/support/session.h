@@ -52,8 +52,12 @@ public:
     /// How often a signal of the engine was emitted.
     int count(const QString &signal) const { return m_counts.value(signal); }
 
+    /// Which counter has not come back to rest; empty when all have.
+    QString restFault();
     /// Fails the test unless every counter has come back to rest.
     void checkAtRest();
+    /// What of buses and matrices does not fit what is attached; empty when all does.
+    QString mappingFault();
     /// Fails the test unless buses and matrices fit what is attached.
     void checkMapping();
 

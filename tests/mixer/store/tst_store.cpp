@@ -48,6 +48,8 @@ private Q_SLOTS:
     void restore_otherTopLevel_empties();
     void restore_skipsWhatIsUnusable();
     void restore_laterWins();
+    void restore_keepsNoMoreThanTheBound();
+    void restore_refuses_whatIsNestedTooDeep();
 };
 
 void tst_Store::init()
@@ -332,6 +334,40 @@ void tst_Store::restore_laterWins()
                                        R"({"id":"x","numMeters":2,"meters":[false]}])"));
     QCOMPARE(store->meterConfigs().size(), 1);
     QCOMPARE(store->meterConfigs().first().numMeters(), 2);
+}
+
+// 2^20 elements each for a few characters: without a bound on their sum a small file would take all
+// memory.
+void tst_Store::restore_keepsNoMoreThanTheBound()
+{
+    const auto texts = [](const char *form) {
+        QByteArray array = "[";
+        for (const char *id : {"a", "b", "c", "c", "d", "e", "f"})
+            array += QString(form).arg(id).toUtf8() + ',';
+        array.back() = ']';
+        return array;
+    };
+    Store *store = Store::store();
+    LogCapture log;
+    QVERIFY(
+        store->restoreRoutes(texts(R"({"id":"%1","numInputChannels":1024,"numOutputChannels":1024,)"
+                                   R"("numAudioChannels":0,"gains":[]})")));
+    QCOMPARE(store->routes().keys(), (QStringList{"a", "b", "c", "d"}));
+    QVERIFY(store->restoreMeterConfigs(texts(R"({"id":"%1","numMeters":1048576,"meters":[]})")));
+    QCOMPARE(store->meterConfigs().keys(), (QStringList{"a", "b", "c", "d"}));
+    QCOMPARE(log.count(), 0);
+}
+
+void tst_Store::restore_refuses_whatIsNestedTooDeep()
+{
+    const auto nested = [](int depth) { return QByteArray(depth, '[') + QByteArray(depth, ']'); };
+    Store *store = Store::store();
+    LogCapture log;
+    QVERIFY(store->restoreRoutes(nested(1024)));
+    QCOMPARE(log.count(), 0);
+    QVERIFY(!store->restoreRoutes(nested(1025)));
+    QVERIFY(!store->restoreMeterConfigs(nested(100000)));
+    QCOMPARE(log.texts(QtCriticalMsg).size(), 2);
 }
 
 QTEST_GUILESS_MAIN(tst_Store)
