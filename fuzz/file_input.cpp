@@ -83,8 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     Player player(content);
     for (int block = 0; block < blocks; ++block) {
         api.mixerTimeout();
-        Fuzz::require(desk.probe.blocks.size() == block + 1, "every block is mixed");
-        Fuzz::require(desk.probe.blocks.last() == player.block(), "the file plays in a loop");
+        Fuzz::require(desk.probe.blocks().size() == block + 1, "every block is mixed");
+        Fuzz::require(desk.probe.blocks().last() == player.block(), "the file plays in a loop");
     }
     return 0;
 }
