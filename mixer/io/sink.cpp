@@ -74,6 +74,7 @@ void SinkAccess::wake(Sink &sink)
 Sink::Sink(Engine *engine, float bufferSeconds) : d(new Data)
 {
     d->engine = engine;
+    d->self = this;
     d->bufferSeconds = std::fmax(bufferSeconds, 5.0f); // fmax: a NaN becomes 5 as well
 }
 

@@ -20,6 +20,7 @@ struct Sink::Data
 {
     // Main thread.
     QPointer<Engine> engine; // may go before an object that was never added
+    QPointer<Sink> self;     // the first one: Qt does not make it safely on two threads at once
     float bufferSeconds = 5.0f;
     std::atomic<bool> started{false};
     std::atomic<double> skipTime{0.0}; // seconds

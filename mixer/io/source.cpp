@@ -56,6 +56,7 @@ Source::Source(Engine *engine, int sampleRate, int numChannels, const Range &ran
     : d(new Data)
 {
     d->engine = engine;
+    d->self = this;
     d->sampleRate = sampleRate;
     d->numChannels = numChannels;
     d->range.store(range);

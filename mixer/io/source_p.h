@@ -64,6 +64,7 @@ struct Source::Data
 {
     // Main thread.
     QPointer<Engine> engine; // may go before an object that was never added
+    QPointer<Source> self;   // the first one: Qt does not make it safely on two threads at once
     float bufferSeconds = 5.0f;
     std::atomic<bool> started{false};
     std::atomic<bool> primed{false};
