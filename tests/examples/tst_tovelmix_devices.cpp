@@ -77,7 +77,7 @@ public:
         all();
         run.status = m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
         run.output = m_output;
-        run.errors = m_errors;
+        run.errors = ownErrors(m_errors);
         return run;
     }
 
@@ -86,12 +86,12 @@ private:
     {
         m_output += m_process.readAllStandardOutput();
         m_errors += m_process.readAllStandardError();
-        return m_output + m_errors;
+        return m_output + QString(m_errors);
     }
 
     QProcess m_process;
     QString m_output;
-    QString m_errors;
+    QByteArray m_errors;
 };
 
 /// Where `part` begins in `whole`, −1 when it does not.
