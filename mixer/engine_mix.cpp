@@ -12,7 +12,6 @@
 #include <mixer/io/effect.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
-#include <mixer/io/source_p.h>
 #include <mixer/meter/meter.h>
 
 #include <algorithm>
@@ -150,14 +149,6 @@ void Engine::Data::setBlockLength(unsigned frames) noexcept
     }
 }
 
-void Engine::Data::setBlockClock(qint64 frame) noexcept
-{
-    const double time = engine->time();
-    blockClock.frame = frame;
-    blockClock.isStarted = time >= 0.0;
-    blockClock.inside = timeline->time(time, false, 0.0, -1.0) >= 0.0 ? timeline : nullptr;
-}
-
 unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frames,
                                   qint64 now) noexcept
 {
@@ -168,13 +159,11 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
         return mixing ? firstBus : 0;
     }
     unsigned busCount = firstBus;
-    setBlockClock(now);
     for (Source *source : sources) {
         const int channels = source->numChannels();
         // A source for which the device left no room has no buses.
         if (channels < 0 || busCount + unsigned(channels) > inputBuses.size())
             continue;
-        SourceAccess::setBlockClock(*source, &blockClock);
         source->mixer_callback(inputBuses.data() + busCount, channels, now, effect);
         effect = nullptr;
         busCount += unsigned(channels);

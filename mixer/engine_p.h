@@ -7,7 +7,6 @@
 #include <mixer/block_lock_p.h>
 #include <mixer/engine.h>
 #include <mixer/gain_matrix_p.h>
-#include <mixer/io/source_p.h>
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QElapsedTimer>
@@ -85,7 +84,6 @@ struct Engine::Data
     int mixerCallback(Bus &input, Bus &output, unsigned frames, unsigned status,
                       bool onlyWhenReady = false) noexcept QTOVELMIXER_NONBLOCKING;
     void setBlockLength(unsigned frames) noexcept QTOVELMIXER_NONBLOCKING;
-    void setBlockClock(qint64 frame) noexcept QTOVELMIXER_NONBLOCKING;
     unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames,
                         qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
     void mixMatrix(unsigned busCount) noexcept QTOVELMIXER_NONBLOCKING;
@@ -283,7 +281,6 @@ struct Engine::Data
 
     // Audio thread --------------------------------------------------------------------------
     std::atomic<qint64> mixTime{0}; ///< frames
-    BlockClock blockClock;
     float masterOutputGainApplied = 1.0f;
     float masterInputGainApplied = 1.0f;
     std::atomic<quint64> callbackCount{0};

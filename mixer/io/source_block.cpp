@@ -81,16 +81,6 @@ void render(const Rendering &what, Bus *outputs) noexcept
 
 } // namespace
 
-/// True when the engine found that this block begins inside the material: a pause position cannot
-/// move the time out of it. Otherwise the source has to look for itself.
-inline bool Source::Data::isInside(qint64 mixerFrame) const noexcept
-{
-    if (!blockClock || blockClock->frame != mixerFrame)
-        return false;
-    const Timeline *const line = timeline.load(std::memory_order_acquire);
-    return line ? line == blockClock->inside : blockClock->isStarted;
-}
-
 /// Only this thread writes the count: it needs no locked instruction.
 inline void Source::Data::countConsumed(qint64 frames) noexcept
 {
@@ -130,15 +120,13 @@ void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Ef
         clear(outputs, channels);
         return;
     }
-    if (!data.isInside(mixerFrame)) [[unlikely]] {
-        const double now = time(false);
-        if (now < 0.0) {
-            traceOutside(*this, now, mixerFrame);
-            // Consumed, not flushed: the worker may be writing, and the frame base must stay true.
-            ring->consume(ring->readSlice().frames);
-            clear(outputs, channels);
-            return;
-        }
+    const double now = time(false);
+    if (now < 0.0) [[unlikely]] {
+        traceOutside(*this, now, mixerFrame);
+        // Consumed, not flushed: the worker may be writing, and the frame base must stay true.
+        ring->consume(ring->readSlice().frames);
+        clear(outputs, channels);
+        return;
     }
     FrameRing::Slice slice = ring->readSlice();
     const bool followsClock =

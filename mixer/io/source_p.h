@@ -18,14 +18,6 @@
 
 namespace QTovelMixer {
 
-/// Where a block begins: the same for all sources, so that the engine looks once for all.
-struct BlockClock
-{
-    qint64 frame = -1;                ///< mixer frame
-    bool isStarted = false;           ///< not before the beginning
-    const Timeline *inside = nullptr; ///< the timeline, when the block begins inside its material
-};
-
 /// A range that one thread writes and others, the audio thread too, read without waiting.
 class SharedRange
 {
@@ -113,8 +105,7 @@ struct Source::Data
     std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush
 
     // Audio thread.
-    std::atomic<qint64> consumedFrames{0};  // mixer frames
-    const BlockClock *blockClock = nullptr; // the engine's, not owned
+    std::atomic<qint64> consumedFrames{0}; // mixer frames
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void clearPausePosition();
@@ -134,7 +125,6 @@ struct Source::Data
     void logReadFailure(const Source &source, const char *what);
 
     // The audio thread (source_block.cpp).
-    bool isInside(qint64 mixerFrame) const noexcept QTOVELMIXER_NONBLOCKING;
     void countConsumed(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
     bool alignBlock(FrameRing &from, FrameRing::Slice &slice,
                     qint64 mixerFrame) noexcept QTOVELMIXER_NONBLOCKING;
@@ -146,12 +136,6 @@ struct Source::Data
 struct SourceAccess
 {
     static Source::Data &data(Source &source) { return *source.d; }
-
-    /// What holds for the blocks to come; has to outlive them. Threads: audio. Real-time: yes.
-    static void setBlockClock(Source &source, const BlockClock *clock) noexcept
-    {
-        source.d->blockClock = clock;
-    }
 
     /// True once `start` was called.
     static bool threadStarted(const Source &source);

@@ -7,10 +7,13 @@
 #include <mixer/io/effect.h>
 #include <mixer/io/source.h>
 #include <support/log_capture.h>
+#include <support/session.h>
 #include <support/take_sink.h>
 
 #include <QtTest/QTest>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -93,6 +96,7 @@ private slots:
     void inputEffect_runsUnlessBypassed();
     void callback_takesDenormalsForZero_andLeavesTheThreadAsItWas();
     void outputEffect_getsNoSamples_withoutSources();
+    void block_asksEverySourceForItsTime();
     void effect_isLetGo_whenDestroyedOrReplaced();
     void setMixerGains_withoutTable_usesTheDefaults();
     void setMixerGains_withoutChannels_changesNothing();
@@ -470,6 +474,35 @@ void tst_EngineMix::load_isAccountedFor()
     QCOMPARE(data().peakCallbackLoad.load(), 1000000);
     const double expected = 100.0 * 0.999 + double(data().lastCallbackLoad) * 0.001;
     QCOMPARE(data().averageCallbackLoad.load(), expected);
+}
+
+// A host may override it, whatever clock and timeline say.
+void tst_EngineMix::block_asksEverySourceForItsTime()
+{
+    class Absent : public RampSource
+    {
+    public:
+        using RampSource::RampSource;
+        ~Absent() override
+        {
+            stop(NoReason);
+            wait();
+        }
+        double time(bool clamp) const override { return away ? -1.0 : RampSource::time(clamp); }
+        std::atomic<bool> away{false};
+    };
+    const LogCapture quiet;
+    Session session;
+    auto *source = new Absent(&session.engine, 48000, 2, 60.0);
+    QVERIFY(session.engine.addSource(source));
+    QVERIFY(session.engine.start(0.0));
+    std::vector<float> heard = session.run(2);
+    QCOMPARE(heard.front(), 0.0f);
+    QCOMPARE(heard.back(), 511.0f);
+    source->away = true;
+    heard = session.run(1);
+    QVERIFY(std::all_of(heard.begin(), heard.end(), [](float sample) { return sample == 0.0f; }));
+    session.stopAll();
 }
 
 QTEST_GUILESS_MAIN(tst_EngineMix)
