@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/store/store.h>
 
+#include <base/debug.h>
+
 #include <QtCore/QDebug>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
@@ -64,10 +66,11 @@ std::optional<QJsonArray> parse(const QByteArray &data, const char *place)
 
 // A few characters of text can ask for a large matrix, so the sum is bounded too.
 template <typename T>
-QMap<QString, T> usable(const QJsonArray &array)
+QMap<QString, T> usable(const QJsonArray &array, const char *place)
 {
     QMap<QString, T> table;
     qint64 elements = 0;
+    int tooMany = 0;
     for (const auto &value : array) {
         if (!value.isObject())
             continue;
@@ -77,11 +80,15 @@ QMap<QString, T> usable(const QJsonArray &array)
         const auto former = table.constFind(idOf(entry));
         const qint64 replaced = former != table.constEnd() ? elementsOf(*former) : 0;
         const qint64 sum = elements - replaced + elementsOf(entry);
-        if (sum > mostElements)
+        if (sum > mostElements) {
+            ++tooMany;
             continue;
+        }
         elements = sum;
         table.insert(idOf(entry), entry);
     }
+    if (tooMany > 0)
+        BLDEBUG_Error(-1, "QTovelMixer::Store: left out %d %s, too large in sum!!", tooMany, place);
     return table;
 }
 
@@ -134,7 +141,7 @@ bool Store::restoreRoutes(const QByteArray &data)
     const std::optional<QJsonArray> array = parse(data, ") in mixer routes");
     if (!array)
         return false;
-    d->routes = usable<Route>(*array);
+    d->routes = usable<Route>(*array, "routes");
     return true;
 }
 
@@ -169,7 +176,7 @@ bool Store::restoreMeterConfigs(const QByteArray &data)
     const std::optional<QJsonArray> array = parse(data, ") in mixer meter configs");
     if (!array)
         return false;
-    d->meterConfigs = usable<MeterConfig>(*array);
+    d->meterConfigs = usable<MeterConfig>(*array, "meter configs");
     return true;
 }
 

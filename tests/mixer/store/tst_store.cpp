@@ -355,7 +355,10 @@ void tst_Store::restore_keepsNoMoreThanTheBound()
     QCOMPARE(store->routes().keys(), (QStringList{"a", "b", "c", "d"}));
     QVERIFY(store->restoreMeterConfigs(texts(R"({"id":"%1","numMeters":1048576,"meters":[]})")));
     QCOMPARE(store->meterConfigs().keys(), (QStringList{"a", "b", "c", "d"}));
-    QCOMPARE(log.count(), 0);
+    // What is lost is told, once for each.
+    QCOMPARE(log.count(), 2);
+    QVERIFY(log.contains("QTovelMixer::Store: left out 2 routes, too large in sum!!"));
+    QVERIFY(log.contains("QTovelMixer::Store: left out 2 meter configs, too large in sum!!"));
 }
 
 void tst_Store::restore_refuses_whatIsNestedTooDeep()
