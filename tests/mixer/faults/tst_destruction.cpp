@@ -78,9 +78,11 @@ private:
         std::unique_ptr<Session> session = std::make_unique<Session>(2, 2);
         FaultySource *source = nullptr;
         FaultySink *sink = nullptr;
-        std::thread opener; ///< lets blocked hosts go on once their end is asked for
+        std::jthread opener; ///< lets blocked hosts go on once their end is asked for
     };
     void bring(Setting &setting, State state);
+    template <typename Erase>
+    void eraseInEveryState(Erase erase);
 
     std::unique_ptr<LogCapture> m_quiet;
 };
@@ -108,7 +110,7 @@ void tst_Destruction::bring(Setting &setting, State state)
         QVERIFY(setting.source->barrier.waitUntilReached());
         QVERIFY(setting.sink->barrier.waitUntilReached());
         // Both are reached: a deletion can only wait for the one that it deletes.
-        setting.opener = std::thread([source = setting.source, sink = setting.sink] {
+        setting.opener = std::jthread([source = setting.source, sink = setting.sink] {
             waitUntil([=] { return source->wasStoped() || SinkAccess::isOver(*sink); });
             source->barrier.open();
             sink->barrier.open();
@@ -138,7 +140,9 @@ void tst_Destruction::bring(Setting &setting, State state)
     }
 }
 
-void tst_Destruction::source_inEveryState()
+/// Deletes one of the two, which must be gone at once, while the other stays.
+template <typename Erase>
+void tst_Destruction::eraseInEveryState(Erase erase)
 {
     QFETCH(int, state);
     Setting setting;
@@ -146,44 +150,45 @@ void tst_Destruction::source_inEveryState()
     if (QTest::currentTestFailed())
         return;
     Session &session = *setting.session;
-    const QPointer<Source> gone(setting.source);
-    session.engine.deleteSource(setting.source);
-    QVERIFY(gone.isNull());
-    QVERIFY(session.engine.activeSources().isEmpty());
+    QObject *const other = erase(setting);
+    if (QTest::currentTestFailed())
+        return;
     if (setting.opener.joinable())
         setting.opener.join();
     if (State(state) == State::Held)
         EngineAccess::data(session.engine).update_unlock();
     if (State(state) == State::Created)
-        delete setting.sink;
+        delete other;
     session.api->stopThread();
     if (State(state) != State::Created)
         session.checkMapping();
     playsAgain(session);
 }
 
+void tst_Destruction::source_inEveryState()
+{
+    eraseInEveryState([](Setting &setting) -> QObject * {
+        const QPointer<Source> gone(setting.source);
+        setting.session->engine.deleteSource(setting.source);
+        [&] {
+            QVERIFY(gone.isNull());
+            QVERIFY(setting.session->engine.activeSources().isEmpty());
+        }();
+        return setting.sink;
+    });
+}
+
 void tst_Destruction::sink_inEveryState()
 {
-    QFETCH(int, state);
-    Setting setting;
-    bring(setting, State(state));
-    if (QTest::currentTestFailed())
-        return;
-    Session &session = *setting.session;
-    const QPointer<Sink> gone(setting.sink);
-    session.engine.deleteSink(setting.sink);
-    QVERIFY(gone.isNull());
-    QVERIFY(session.engine.activeSinks().isEmpty());
-    if (setting.opener.joinable())
-        setting.opener.join();
-    if (State(state) == State::Held)
-        EngineAccess::data(session.engine).update_unlock();
-    if (State(state) == State::Created)
-        delete setting.source;
-    session.api->stopThread();
-    if (State(state) != State::Created)
-        session.checkMapping();
-    playsAgain(session);
+    eraseInEveryState([](Setting &setting) -> QObject * {
+        const QPointer<Sink> gone(setting.sink);
+        setting.session->engine.deleteSink(setting.sink);
+        [&] {
+            QVERIFY(gone.isNull());
+            QVERIFY(setting.session->engine.activeSinks().isEmpty());
+        }();
+        return setting.source;
+    });
 }
 
 void tst_Destruction::engine_inEveryState()

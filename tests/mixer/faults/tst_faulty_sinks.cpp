@@ -25,6 +25,7 @@ private slots:
 
 private:
     FaultySink *addSink(Session &session);
+    FaultySink *startRecording(Session &session);
     void mixesWhileMainWaits(Session &session, FaultySink *sink,
                              const std::function<void()> &operation);
 };
@@ -36,6 +37,13 @@ FaultySink *tst_FaultySinks::addSink(Session &session)
         return sink;
     delete sink;
     return nullptr;
+}
+
+/// A minute of material beside a sink that takes blocks. Null when anything fails.
+FaultySink *tst_FaultySinks::startRecording(Session &session)
+{
+    FaultySink *const sink = addSink(session);
+    return sink && session.addRamp(48000, 60.0) && session.startRecording() ? sink : nullptr;
 }
 
 // The operation runs on this thread while the host is inside writeSamples; another one sees what
@@ -72,10 +80,8 @@ void tst_FaultySinks::seek_letsTheMixGoOn_whileAHostWrites()
 {
     const LogCapture quiet;
     Session session(2, 2);
-    FaultySink *sink = addSink(session);
+    FaultySink *const sink = startRecording(session);
     QVERIFY(sink);
-    QVERIFY(session.addRamp(48000, 60.0));
-    QVERIFY(session.startRecording());
     mixesWhileMainWaits(session, sink, [&] { session.engine.setTime(30.0); });
     QVERIFY(session.engine.time() >= 30.0);
     const size_t before = sink->pieces().size();
@@ -89,10 +95,8 @@ void tst_FaultySinks::start_letsTheMixGoOn_whileAHostWrites()
 {
     const LogCapture quiet;
     Session session(2, 2);
-    FaultySink *sink = addSink(session);
+    FaultySink *const sink = startRecording(session);
     QVERIFY(sink);
-    QVERIFY(session.addRamp(48000, 60.0));
-    QVERIFY(session.startRecording());
     mixesWhileMainWaits(session, sink, [&] { QVERIFY(session.engine.start(0.0)); });
     playsAgain(session);
 }
@@ -103,10 +107,8 @@ void tst_FaultySinks::seek_reachesASink_thatNeverRests()
 {
     const LogCapture quiet;
     Session session(2, 2);
-    FaultySink *sink = addSink(session);
+    FaultySink *const sink = startRecording(session);
     QVERIFY(sink);
-    QVERIFY(session.addRamp(48000, 60.0));
-    QVERIFY(session.startRecording());
     session.api->startThread();
     for (int i = 0; i < 50; ++i) {
         session.engine.setTime(i % 2 ? 10.0 : 40.0);
