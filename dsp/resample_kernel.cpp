@@ -153,7 +153,7 @@ HWY_INLINE void addProducts(FourSums &sums, const float *coefficients, const Sum
 
 /// Loads once what is used twice: left alone, g++ makes a memory operand of each use, and loads are
 /// what the loop below waits for.
-HWY_INLINE Sum loadEightOnce(const float *from)
+[[maybe_unused]] HWY_INLINE Sum loadEightOnce(const float *from)
 {
     Sum loaded = loadEight(from);
 #if HWY_ARCH_X86 && (HWY_COMPILER_GCC || HWY_COMPILER_CLANG)
@@ -163,8 +163,8 @@ HWY_INLINE Sum loadEightOnce(const float *from)
     return loaded;
 }
 
-HWY_INLINE void addToBoth(Sum &first, Sum &second, const Sum &coefficients, const Sum &samples,
-                          const Sum &laterSamples)
+[[maybe_unused]] HWY_INLINE void addToBoth(Sum &first, Sum &second, const Sum &coefficients,
+                                           const Sum &samples, const Sum &laterSamples)
 {
     for (size_t i = 0; i < vectorsPerSum; ++i) {
         first.part[i] = hn::Add(first.part[i], hn::Mul(coefficients.part[i], samples.part[i]));

@@ -116,7 +116,7 @@ private:
 QList<RouteCell> readRoute(Reader &reader, int fileChannels, int mixChannels)
 {
     QList<RouteCell> route;
-    for (const QJsonValue &entry : reader.list("route")) {
+    for (const QJsonValue entry : reader.list("route")) {
         const QJsonArray cell = entry.toArray();
         const RouteCell read{cell.at(0).toInt(), cell.at(1).toInt(),
                              float(cell.at(2).toDouble(1.0))};
@@ -138,7 +138,7 @@ quint64 readMask(Reader &reader, int fileChannels)
     if (!reader.has("channels"))
         return ~quint64{0};
     quint64 mask = 0;
-    for (const QJsonValue &entry : reader.list("channels")) {
+    for (const QJsonValue entry : reader.list("channels")) {
         const int channel = entry.toInt();
         if (channel < 1 || channel > std::min(fileChannels, 32))
             reader.complain(
@@ -161,7 +161,7 @@ void readParts(Reader &reader, double fileLength, Placement &placement)
                                           .arg(fileLength));
     }
     const Range limits = placement.limits.isValid() ? placement.limits : all;
-    for (const QJsonValue &entry : reader.list("selections")) {
+    for (const QJsonValue entry : reader.list("selections")) {
         const Range selection = reader.range("selections", entry);
         if (selection.start < limits.start || selection.end > limits.end)
             reader.complain(

@@ -128,7 +128,7 @@ QTovelMixerApiRtAudio::QTovelMixerApiRtAudio(QTovelMixer::Backend backend,
 QTovelMixerApiRtAudio::~QTovelMixerApiRtAudio()
 {
     if (isOpen())
-        close();
+        QTovelMixerApiRtAudio::close();
     if (r->audio)
         r->retire(stopTimeout);
     r->waitForOrphans();

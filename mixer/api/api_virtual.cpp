@@ -117,6 +117,7 @@ bool QTovelMixerApiVirtual::unplug(const QString &name)
     const auto entry = v->find(name);
     if (entry == v->plugged.end())
         return false;
+    // cppcheck-suppress iterators1; find() searches plugged
     v->plugged.erase(entry);
     if (v->isOpenDevice(name))
         v->breakStream(*this);

@@ -13,6 +13,13 @@ using namespace QTovelMixer;
 namespace {
 constexpr int maxChunk = 512; // words: many cache lines
 
+// The words of a long stream, each a frame of stereo; QTTOVELMIXER_RING_FRAMES asks for more.
+quint64 streamWords()
+{
+    const quint64 asked = qEnvironmentVariable("QTTOVELMIXER_RING_FRAMES").toULongLong();
+    return asked > 0 ? asked : 1000000;
+}
+
 // The word at a place of the stream, from a seed.
 quint64 wordAt(quint64 seed, quint64 place)
 {
@@ -111,7 +118,7 @@ void tst_RingBufferThreads::stream_arrivesWhole()
 {
     QFETCH(int, capacity);
     QFETCH(bool, mapped);
-    const quint64 words = capacity < 4096 ? 20000 : 1000000;
+    const quint64 words = capacity < 4096 ? 20000 : streamWords();
     const quint64 seed = 20240229;
     BLRINGBUFFER *ring =
         createRing(capacity, mapped ? MirroredMemory::Mapped : MirroredMemory::Copied);
