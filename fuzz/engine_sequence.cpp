@@ -10,7 +10,8 @@
 namespace {
 
 constexpr int mostOperations = 60;
-constexpr float bufferSeconds = 0.1F; // short: filling the rings is most of the work
+constexpr float bufferSeconds =
+    0.4F; // short, since filling rings is most of the work; priming waits for 0.2 s
 
 void startApplication()
 {

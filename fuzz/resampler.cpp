@@ -115,7 +115,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         checkCounts(cut.get(), rates, taken, out.size());
     }
     Fuzz::require(out.size() == expected.size() &&
-                      std::memcmp(out.data(), expected.data(), out.size() * sizeof(float)) == 0,
+                      (out.empty() ||
+                       std::memcmp(out.data(), expected.data(), out.size() * sizeof(float)) == 0),
                   "the output does not depend on how the input is cut");
     return 0;
 }

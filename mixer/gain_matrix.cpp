@@ -51,7 +51,8 @@ void GainMatrix::removeRows(unsigned first, unsigned count) noexcept
     count = inside(first, count);
     const unsigned moved = size - first - count;
     std::memmove(gain + first, gain + first + count, moved * sizeof gain[0]);
-    std::fill_n(gain[0] + std::size_t(size - count) * size, std::size_t(count) * size, 0.0f);
+    for (unsigned row = size - count; row < size; ++row)
+        std::ranges::fill(gain[row], 0.0f);
 }
 
 void GainMatrix::removeColumns(unsigned first, unsigned count) noexcept

@@ -14,14 +14,14 @@ class RampSource : public QTovelMixer::Source
 {
 public:
     static constexpr double unit = 48000.0;
+    static constexpr float ringSeconds = 5.0f; // no source gets less
 
-    RampSource(QTovelMixer::Engine *engine, int rate, int channels, double seconds,
-               float bufferSeconds = 5.0f)
-        : Source(engine, rate, channels, bufferSeconds), m_seconds(seconds)
+    RampSource(QTovelMixer::Engine *engine, int rate, int channels, double seconds)
+        : Source(engine, rate, channels, ringSeconds), m_seconds(seconds)
     {}
     RampSource(QTovelMixer::Engine *engine, int rate, int channels, double seconds,
-               const QTovelMixer::Range &range, float bufferSeconds = 5.0f)
-        : Source(engine, rate, channels, range, bufferSeconds), m_seconds(seconds)
+               const QTovelMixer::Range &range)
+        : Source(engine, rate, channels, range, ringSeconds), m_seconds(seconds)
     {}
 
     double contentStart() const override { return 0.0; }
@@ -32,9 +32,10 @@ public:
 
     int readSamples(float *buffer, int frames, int channels, double time) override
     {
-        const double first = std::floor(time * sampleRate() + 0.5);
+        const double rate = sampleRate();
+        const double first = std::floor(time * rate + 0.5);
         for (int frame = 0; frame < frames; ++frame) {
-            const double value = (first + frame) / sampleRate() * unit;
+            const double value = (first + frame) / rate * unit;
             for (int channel = 0; channel < channels; ++channel)
                 buffer[frame * channels + channel] = float(value + channel * 0.25);
         }

@@ -45,6 +45,12 @@ double RandomOperations::seconds(double most)
     return most * m_draw(65536) / 65535.0;
 }
 
+RampSource *RandomOperations::withShortRing(RampSource *source)
+{
+    SourceAccess::data(*source).bufferSeconds = m_bufferSeconds;
+    return source;
+}
+
 Source *RandomOperations::anySource()
 {
     const QList<Source *> sources = engine().activeSources();
@@ -68,8 +74,7 @@ void RandomOperations::operate()
     case 2: {
         if (data().sources.size() >= mostSources)
             break;
-        auto *source =
-            new RampSource(&engine(), rates[pick(3)], 1 + pick(3), 30.0, m_bufferSeconds);
+        auto *source = withShortRing(new RampSource(&engine(), rates[pick(3)], 1 + pick(3), 30.0));
         source->acceptsPause = pick(4) != 0;
         source->pauseAt = pick(5) == 0 ? seconds(30.0) : -1.0;
         if (!engine().addSource(source, 1.0f, pick(4) == 0 ? NoTimeline : Options()))
@@ -88,7 +93,7 @@ void RandomOperations::operate()
         if (data().sources.size() >= mostSources || !engine().isActive())
             break;
         const Range range = pick(2) ? Range{1.0, 1.0 + seconds(4.0)} : Range();
-        engine().play(new RampSource(&engine(), rates[pick(3)], 2, 30.0, range, m_bufferSeconds));
+        engine().play(withShortRing(new RampSource(&engine(), rates[pick(3)], 2, 30.0, range)));
         break;
     }
     case 5:

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_TESTS_SUPPORT_RANDOM_OPERATIONS_H
 #define QTOVELMIXER_TESTS_SUPPORT_RANDOM_OPERATIONS_H
 
+#include <support/ramp_source.h>
 #include <support/session.h>
 
 #include <mixer/io/effect.h>
@@ -16,6 +17,7 @@ public:
     /// Answers a number below its argument, which is at most 65536.
     using Draw = std::function<int(int)>;
 
+    /// Rings shorter than any host gets them take less time to fill.
     explicit RandomOperations(Draw draw, float bufferSeconds = 5.0f);
 
     /// Does one operation that `draw` chooses.
@@ -37,6 +39,7 @@ private:
 
     int pick(int count) { return m_draw(count); }
     double seconds(double most);
+    RampSource *withShortRing(RampSource *source);
     QTovelMixer::Source *anySource();
     QTovelMixer::Sink *anySink();
     QString stateFault();
