@@ -264,14 +264,11 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
-// As HWY_DYNAMIC_DISPATCH, without a call of its library for every call of a kernel.
-#define QTOVELMIXER_CHOOSE(kernel) (HWY_DISPATCH_TABLE(kernel)[chosen.GetIndex()])
+#include <dsp/choose_kernel_p.h>
 
 namespace QTovelMixer::Kernels {
 
 namespace {
-
-hwy::ChosenTarget &chosen = hwy::GetChosenTarget();
 
 HWY_EXPORT(mixOne);
 HWY_EXPORT(mixTwo);
