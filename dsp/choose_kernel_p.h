@@ -2,8 +2,6 @@
 #ifndef QTOVELMIXER_DSP_CHOOSE_KERNEL_P_H
 #define QTOVELMIXER_DSP_CHOOSE_KERNEL_P_H
 
-#include <hwy/highway.h>
-
 /// As HWY_DYNAMIC_DISPATCH, without a call of its library for every call of a kernel. A build for
 /// one kind of processor has no table to look into.
 #if (HWY_TARGETS & (HWY_TARGETS - 1)) == 0
