@@ -127,32 +127,33 @@ HWY_INLINE auto differences(D d, const float *a, const float *b)
 }
 
 /// The last columns of all rows, fewer than a vector holds, of which the rows have room for one.
-HWY_INLINE auto differencesOfRest(const float *a, const float *b, std::size_t stride,
-                                  std::size_t rows, std::size_t columns)
+HWY_INLINE auto differencesOfRest(const float *a, std::size_t strideA, const float *b,
+                                  std::size_t strideB, std::size_t rows, std::size_t columns)
 {
     const Lanes d;
     const hn::RebindToUnsigned<Lanes> bits;
     auto even = hn::Zero(bits);
     auto odd = even;
     std::size_t r = 0;
-    for (; r + 2 <= rows; r += 2, a += 2 * stride, b += 2 * stride) {
+    for (; r + 2 <= rows; r += 2, a += 2 * strideA, b += 2 * strideB) {
         even = hn::Or(even, differences(d, a, b));
-        odd = hn::Or(odd, differences(d, a + stride, b + stride));
+        odd = hn::Or(odd, differences(d, a + strideA, b + strideB));
     }
     if (r < rows)
         even = hn::Or(even, differences(d, a, b));
     return hn::IfThenElseZero(hn::FirstN(bits, columns), hn::Or(even, odd));
 }
 
-bool sameCells(const float *a, const float *b, std::size_t stride, std::size_t rows,
-               std::size_t columns)
+bool sameCells(const float *a, std::size_t strideA, const float *b, std::size_t strideB,
+               std::size_t rows, std::size_t columns)
 {
     const hn::RebindToUnsigned<Lanes> bits;
     const std::size_t whole = columns / lanes * lanes;
     auto differing = hn::Zero(bits);
     if (whole < columns)
-        differing = differencesOfRest(a + whole, b + whole, stride, rows, columns - whole);
-    for (std::size_t r = 0; whole > 0 && r < rows; ++r, a += stride, b += stride) {
+        differing =
+            differencesOfRest(a + whole, strideA, b + whole, strideB, rows, columns - whole);
+    for (std::size_t r = 0; whole > 0 && r < rows; ++r, a += strideA, b += strideB) {
         for (std::size_t c = 0; c < whole; c += lanes)
             differing = hn::Or(differing, differences(Lanes(), a + c, b + c));
     }
@@ -231,10 +232,10 @@ void rampGain(float *block, std::size_t frames, std::size_t channels, float appl
     }
 }
 
-bool sameBits(const float *a, const float *b, std::size_t stride, std::size_t rows,
-              std::size_t columns) noexcept
+bool sameBits(const float *a, std::size_t strideA, const float *b, std::size_t strideB,
+              std::size_t rows, std::size_t columns) noexcept
 {
-    return HWY_DYNAMIC_DISPATCH(sameCells)(a, b, stride, rows, columns);
+    return HWY_DYNAMIC_DISPATCH(sameCells)(a, strideA, b, strideB, rows, columns);
 }
 
 void cleanVectorState() noexcept

@@ -392,6 +392,17 @@ HWY_EXPORT(scaleFrames);
 
 } // namespace
 
+void deinterleave(const float *in, float *left, float *right, std::size_t frames) noexcept
+{
+    QTOVELMIXER_CHOOSE(splitTwo)(in, left, right, frames);
+}
+
+void deinterleave(const float *in, float *left, float *right, std::size_t frames,
+                  float gain) noexcept
+{
+    QTOVELMIXER_CHOOSE(splitTwoScaled)(in, left, right, frames, gain);
+}
+
 void deinterleave(const float *in, std::size_t stride, float *const *out, std::size_t channels,
                   std::size_t frames) noexcept
 {
@@ -401,7 +412,7 @@ void deinterleave(const float *in, std::size_t stride, float *const *out, std::s
         return;
     }
     if (channels == 2 && stride == 2)
-        return QTOVELMIXER_CHOOSE(splitTwo)(in, out[0], out[1], frames);
+        return deinterleave(in, out[0], out[1], frames);
     QTOVELMIXER_CHOOSE(splitFrames)(in, stride, out, channels, frames);
 }
 
@@ -413,7 +424,7 @@ void deinterleave(const float *in, std::size_t stride, float *const *out, std::s
         return;
     }
     if (channels == 2 && stride == 2)
-        return QTOVELMIXER_CHOOSE(splitTwoScaled)(in, out[0], out[1], frames, gain);
+        return deinterleave(in, out[0], out[1], frames, gain);
     QTOVELMIXER_CHOOSE(splitFramesScaled)(in, stride, out, channels, frames, gain);
 }
 

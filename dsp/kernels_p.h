@@ -29,6 +29,11 @@ void deinterleave(const float *in, std::size_t stride, float *const *out, std::s
 /// out[c][i] = in[i × stride + c] × gain
 void deinterleave(const float *in, std::size_t stride, float *const *out, std::size_t channels,
                   std::size_t frames, float gain) noexcept QTOVELMIXER_NONBLOCKING;
+/// The same for frames of two samples.
+void deinterleave(const float *in, float *left, float *right,
+                  std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
+void deinterleave(const float *in, float *left, float *right, std::size_t frames,
+                  float gain) noexcept QTOVELMIXER_NONBLOCKING;
 /// out[i × stride + c] = in[c][i]; the other samples of a frame stay.
 void interleave(const float *const *in, float *out, std::size_t stride, std::size_t channels,
                 std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
@@ -60,10 +65,11 @@ void mixDense(float *const *out, std::size_t groups, const float *const *in, con
               std::size_t groupStride, std::size_t inputs,
               std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 
-/// True when the first `columns` floats of `rows` rows, `stride` floats apart, hold the same bits.
-/// A stride is a whole number of vectors (8 floats do), so that rows are read in whole vectors.
-bool sameBits(const float *a, const float *b, std::size_t stride, std::size_t rows,
-              std::size_t columns) noexcept QTOVELMIXER_NONBLOCKING;
+/// True when the first `columns` floats of `rows` rows, each `stride` floats apart, hold the same
+/// bits. A stride is a whole number of vectors (8 floats do), so that rows are read in whole
+/// vectors.
+bool sameBits(const float *a, std::size_t strideA, const float *b, std::size_t strideB,
+              std::size_t rows, std::size_t columns) noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Cleans the upper halves of the vector registers, which another program part may have left
 /// dirty: older instructions run several times slower then. For the entry of a device callback.

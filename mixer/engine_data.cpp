@@ -63,17 +63,6 @@ Engine::Data::~Data()
     delete deviceListTimer;
 }
 
-unsigned Engine::Data::rate() const
-{
-    return engine->sampleRate();
-}
-
-double Engine::Data::seconds(qint64 frames) const
-{
-    const unsigned sampleRate = rate();
-    return sampleRate > 0 ? double(frames) / sampleRate : 0.0;
-}
-
 bool Engine::Data::onMainThread() const
 {
     return QThread::currentThread() == engine->thread() || IsRunningInMainThread();

@@ -158,13 +158,15 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
         runWithoutSamples(effect, frames);
         return mixing ? firstBus : 0;
     }
+    Bus *const buses = inputBuses.data();
+    const size_t room = inputBuses.size();
     unsigned busCount = firstBus;
     for (Source *source : sources) {
         const int channels = source->numChannels();
         // A source for which the device left no room has no buses.
-        if (channels < 0 || busCount + unsigned(channels) > inputBuses.size())
+        if (channels < 0 || busCount + unsigned(channels) > room)
             continue;
-        source->mixer_callback(inputBuses.data() + busCount, channels, now, effect);
+        source->mixer_callback(buses + busCount, channels, now, effect);
         effect = nullptr;
         busCount += unsigned(channels);
     }

@@ -196,8 +196,12 @@ struct Engine::Data
     void removeUnstarted(const std::vector<T *> &objects);
     void checkRest() const;
 
-    double seconds(qint64 frames) const QTOVELMIXER_NONBLOCKING;
-    unsigned rate() const QTOVELMIXER_NONBLOCKING;
+    unsigned rate() const QTOVELMIXER_NONBLOCKING { return engine->sampleRate(); }
+    double seconds(qint64 frames) const QTOVELMIXER_NONBLOCKING
+    {
+        const unsigned sampleRate = rate();
+        return sampleRate > 0 ? double(frames) / sampleRate : 0.0;
+    }
     /// The engine's thread, or the host's main thread.
     bool onMainThread() const;
     /// True on a thread that the main thread may be waiting for.

@@ -91,8 +91,10 @@ private:
     bool planned[limit];                   // while rebuilding: the output has its set
     alignas(64) float gains[limit][limit]; // by output, then by place among its inputs
     alignas(64) float packed[limit / groupWidth][limit][groupWidth];
-    alignas(64) float shadowGain[limit][limit];
-    alignas(64) float shadowEnable[limit][limit];
+    // What was planned, in rows as short as can be: they are compared in every block.
+    std::size_t shadowStride = 0;
+    alignas(64) float shadowGain[limit * limit];
+    alignas(64) float shadowEnable[limit * limit];
 };
 
 } // namespace QTovelMixer

@@ -29,9 +29,10 @@ void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
 
     quint64 used[limit][2] = {}; // by output: bit j stands for input j
     const std::size_t rowBytes = std::size_t(plannedColumns) * sizeof(float);
+    shadowStride = (std::size_t(plannedColumns) + 7) / 8 * 8;
     for (int j = 0; j < plannedRows; ++j) {
-        std::memcpy(shadowGain[j], matrix.gain[j], rowBytes);
-        std::memcpy(shadowEnable[j], matrix.enable[j], rowBytes);
+        std::memcpy(shadowGain + std::size_t(j) * shadowStride, matrix.gain[j], rowBytes);
+        std::memcpy(shadowEnable + std::size_t(j) * shadowStride, matrix.enable[j], rowBytes);
         for (int k = 0; k < plannedColumns; ++k) {
             if (matrix.gain[j][k] * matrix.enable[j][k] != 0.0f)
                 used[k][j / 64] |= quint64(1) << (j % 64);
@@ -62,7 +63,8 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
         set.outputs[set.outputCount++] = quint8(k);
         for (int i = 0; i < set.inputCount; ++i) {
             const int j = set.inputs[i];
-            gains[k][i] = shadowGain[j][k] * shadowEnable[j][k];
+            const std::size_t cell = std::size_t(j) * shadowStride + std::size_t(k);
+            gains[k][i] = shadowGain[cell] * shadowEnable[cell];
         }
     }
 
@@ -80,9 +82,9 @@ bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noe
 {
     if (rows != plannedRows || columns != plannedColumns)
         return false;
-    return Kernels::sameBits(matrix.gain[0], shadowGain[0], limit, std::size_t(rows),
+    return Kernels::sameBits(matrix.gain[0], limit, shadowGain, shadowStride, std::size_t(rows),
                              std::size_t(columns)) &&
-           Kernels::sameBits(matrix.enable[0], shadowEnable[0], limit, std::size_t(rows),
+           Kernels::sameBits(matrix.enable[0], limit, shadowEnable, shadowStride, std::size_t(rows),
                              std::size_t(columns));
 }
 

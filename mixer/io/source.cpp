@@ -109,10 +109,12 @@ double Source::currentChunkEnd(double position) const
 
 double Source::time(bool clamp) const
 {
-    const double now = d->engine ? d->engine->time() : 0.0;
-    const double pausePosition = d->pausePositionTime.load(std::memory_order_relaxed);
-    if (const Timeline *line = timeline())
-        return line->time(now, clamp, d->playStartTime.load(std::memory_order_relaxed),
+    const Data &data = *d;
+    const Engine *const engine = data.engine;
+    const double now = engine ? engine->time() : 0.0;
+    const double pausePosition = data.pausePositionTime.load(std::memory_order_relaxed);
+    if (const Timeline *line = data.timeline.load(std::memory_order_acquire))
+        return line->time(now, clamp, data.playStartTime.load(std::memory_order_relaxed),
                           pausePosition);
     return pausePosition >= 0.0 ? std::min(now, pausePosition) : now;
 }

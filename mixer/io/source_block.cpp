@@ -14,14 +14,14 @@ namespace {
 
 using Bus = aligned_vector<float, 16>;
 
-[[gnu::cold]] void clear(Bus *outputs, int channels) noexcept
+[[gnu::cold, gnu::noinline]] void clear(Bus *outputs, int channels) noexcept
 {
     for (int c = 0; c < channels; ++c)
         outputs[c].zero();
 }
 
-[[gnu::cold]] void traceRest(const Source &source, const FrameRing *ring, bool isRunning,
-                             qint64 mixerFrame) noexcept
+[[gnu::cold, gnu::noinline]] void traceRest(const Source &source, const FrameRing *ring,
+                                            bool isRunning, qint64 mixerFrame) noexcept
 {
     TraceLine("Source::mixer_callback early-return")
         .item("source", &source)
@@ -31,7 +31,8 @@ using Bus = aligned_vector<float, 16>;
         .item("mixerFrame", mixerFrame);
 }
 
-[[gnu::cold]] void traceOutside(const Source &source, double now, qint64 mixerFrame) noexcept
+[[gnu::cold, gnu::noinline]] void traceOutside(const Source &source, double now,
+                                               qint64 mixerFrame) noexcept
 {
     TraceLine("Source::mixer_callback negative mixer_time")
         .item("source", &source)
@@ -39,44 +40,44 @@ using Bus = aligned_vector<float, 16>;
         .item("mixerFrame", mixerFrame);
 }
 
-/// Interleaved frames, and how much of each is wanted.
-struct Rendering
+void zeroFrom(size_t first, Bus &output) noexcept
 {
-    const float *frames;
-    size_t width;
-    size_t channels;
-    size_t count;
-    float gain;
-};
-
-void render(const Rendering &what, float *const *to, size_t first, size_t some) noexcept
-{
-    const float *const from = what.frames + first;
-    if (qFuzzyCompare(what.gain, 1.0f))
-        Kernels::deinterleave(from, what.width, to, some, what.count);
-    else
-        Kernels::deinterleave(from, what.width, to, some, what.count, what.gain);
+    if (first < output.size()) [[unlikely]]
+        output.zero(first, output.size());
 }
 
-void renderMany(const Rendering &what, Bus *outputs) noexcept
+/// The first frames of `width` interleaved samples into the buses, and silence behind them; a gain
+/// of 1 copies bit for bit.
+[[gnu::noinline]] void render(const float *in, int width, size_t frames, float gain, Bus *outputs,
+                              int channels) noexcept
 {
-    constexpr size_t group = 32;
-    for (size_t first = 0; first < what.channels; first += group) {
-        const size_t some = std::min(what.channels - first, group);
+    constexpr int group = 32;
+    const int shared = std::min(channels, width);
+    for (int done = 0; done < shared; done += group) {
+        const int some = std::min(shared - done, group);
         float *to[group];
-        for (size_t c = 0; c < some; ++c)
-            to[c] = outputs[first + c].data();
-        render(what, to, first, some);
+        for (int c = 0; c < some; ++c)
+            to[c] = outputs[done + c].data();
+        if (qFuzzyCompare(gain, 1.0f))
+            Kernels::deinterleave(in + done, size_t(width), to, size_t(some), frames);
+        else
+            Kernels::deinterleave(in + done, size_t(width), to, size_t(some), frames, gain);
     }
+    for (int c = 0; c < channels; ++c)
+        zeroFrom(c < shared ? frames : 0, outputs[c]);
 }
 
-/// Into the buses; a gain of 1 copies bit for bit.
-void render(const Rendering &what, Bus *outputs) noexcept
+/// The same for two channels, as nearly all material has.
+inline void renderStereo(const float *in, size_t frames, float gain, Bus *outputs) noexcept
 {
-    if (what.channels != 2)
-        return renderMany(what, outputs);
-    float *const to[] = {outputs[0].data(), outputs[1].data()};
-    render(what, to, 0, 2);
+    float *const left = outputs[0].data();
+    float *const right = outputs[1].data();
+    if (qFuzzyCompare(gain, 1.0f))
+        Kernels::deinterleave(in, left, right, frames);
+    else
+        Kernels::deinterleave(in, left, right, frames, gain);
+    zeroFrom(frames, outputs[0]);
+    zeroFrom(frames, outputs[1]);
 }
 
 } // namespace
@@ -88,24 +89,19 @@ inline void Source::Data::countConsumed(qint64 frames) noexcept
                          std::memory_order_relaxed);
 }
 
-/// Brings the ring's next frame to the block's first one. False when the block has to be silent.
-inline bool Source::Data::alignBlock(FrameRing &from, FrameRing::Slice &slice,
-                                     qint64 mixerFrame) noexcept
+/// Brings the ring's next frame forward to the block's first one, `ahead` frames off. Answers the
+/// frames skipped of the `readable` ones, or -1 when the block has to be silent.
+[[gnu::noinline]] qint64 Source::Data::alignBlock(FrameRing &from, qint64 readable,
+                                                  qint64 ahead) noexcept
 {
-    const qint64 expected = frameBase.load(std::memory_order_relaxed) + slice.position;
-    const qint64 ahead = mixerFrame - expected;
     if (ahead < 0)
-        return false;
-    const qint64 skipped = std::min(ahead, slice.frames);
+        return -1;
+    const qint64 skipped = std::min(ahead, readable);
     if (skipped > 0) {
         from.consume(skipped);
         countConsumed(skipped);
     }
-    if (ahead > slice.frames)
-        return false;
-    slice.data += skipped * from.channels();
-    slice.frames -= skipped;
-    return true;
+    return ahead > readable ? -1 : skipped;
 }
 
 void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Effect *effect)
@@ -129,26 +125,27 @@ void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Ef
         return;
     }
     FrameRing::Slice slice = ring->readSlice();
-    const bool followsClock =
-        data.timeline.load(std::memory_order_acquire) && !data.range.isValid();
-    if (followsClock && !data.alignBlock(*ring, slice, mixerFrame)) [[unlikely]] {
-        clear(outputs, channels);
-        return;
+    // A source with a range has no timeline: it plays through, wherever the clock stands.
+    if (data.timeline.load(std::memory_order_acquire)) {
+        const qint64 next = data.frameBase.load(std::memory_order_relaxed) + slice.position;
+        if (mixerFrame != next) [[unlikely]] {
+            const qint64 skipped = data.alignBlock(*ring, slice.frames, mixerFrame - next);
+            if (skipped < 0)
+                return clear(outputs, channels);
+            slice.data += skipped * ring->channels();
+            slice.frames -= skipped;
+        }
     }
 
     const qint64 frames = std::min(slice.frames, static_cast<qint64>(outputs[0].size()));
     const int width = ring->channels();
     if (effect && width == channels && effect->numChannels() == static_cast<unsigned>(channels))
         effect->process(slice.data, channels, static_cast<int>(frames));
-    const int rendered = std::min(channels, width);
-    render({slice.data, static_cast<size_t>(width), static_cast<size_t>(rendered),
-            static_cast<size_t>(frames), data.gain.load(std::memory_order_relaxed)},
-           outputs);
-    for (int c = 0; c < channels; ++c) {
-        const size_t done = c < rendered ? static_cast<size_t>(frames) : 0;
-        if (done < outputs[c].size()) [[unlikely]]
-            outputs[c].zero(done, outputs[c].size());
-    }
+    const float gain = data.gain.load(std::memory_order_relaxed);
+    if (channels == 2 && width == 2) [[likely]]
+        renderStereo(slice.data, static_cast<size_t>(frames), gain, outputs);
+    else
+        render(slice.data, width, static_cast<size_t>(frames), gain, outputs, channels);
     ring->consume(frames);
     data.countConsumed(frames);
 }

@@ -54,9 +54,23 @@ inline Range SharedRange::load() const noexcept QTOVELMIXER_NONBLOCKING
 
 struct Source::Data
 {
+    // What the audio thread looks at in every block stands together, apart from what others write:
+    // with many sources it would else wait for its caches more than it calculates.
+    alignas(64) QPointer<Engine> engine;       // may go before an object that was never added
+    std::atomic<Timeline *> timeline{nullptr}; // not owned
+    std::atomic<FrameRing *> ring{nullptr};    // published before running becomes 1, never changed
+    std::atomic<double> playStartTime{-1.0};   // seconds
+    std::atomic<double> pausePositionTime{-1.0};
+    std::atomic<float> gain{1.0f}; // linear
+    std::atomic<int> running{0};
+    std::atomic<int> pendingUpdates{0};
+    std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush;
+                                      // moves only while pendingUpdates keeps the audio thread off
+    std::atomic<qint64> consumedFrames{0}; // mixer frames; written by the audio thread
+
     // Main thread.
-    QPointer<Engine> engine; // may go before an object that was never added
-    QPointer<Source> self;   // the first one: Qt does not make it safely on two threads at once
+    alignas(64)
+        QPointer<Source> self; // the first one: Qt does not make it safely on two threads at once
     float bufferSeconds = 5.0f;
     std::atomic<bool> started{false};
     std::atomic<bool> primed{false};
@@ -65,8 +79,6 @@ struct Source::Data
     std::atomic<int> sampleRate{0}; // Hz
     std::atomic<int> numChannels{0};
     SharedRange range;
-    std::atomic<Timeline *> timeline{nullptr}; // not owned
-    std::atomic<float> gain{1.0f};             // linear
     std::atomic<quint64> channelMask{0xff};
 
     // Reading, guarded by ringMutex: the worker's and, under update_lock, the main thread's.
@@ -77,8 +89,6 @@ struct Source::Data
     double pauseCut = -1.0;                // seconds, where reading was cut since the last setTime
     unsigned generation = 0;               // raised when what the resamplers hold back is void
     std::atomic<double> rangeCursor{-1.0}; // seconds, of the next chunk inside the range
-    std::atomic<double> playStartTime{-1.0};
-    std::atomic<double> pausePositionTime{-1.0};
     std::atomic<bool> pausePositionReached{false};
     std::atomic<bool> materialEnded{false}; // the last look at the material found nothing
     bool readFailed = false;                // readSamples threw; logged once
@@ -96,16 +106,7 @@ struct Source::Data
     std::atomic<bool> finished{false};
     QSemaphore primedSemaphore;
 
-    // Shared with the audio thread. The ring is published before running becomes 1 and stays
-    // until the destructor; frameBase moves only while pendingUpdates keeps the audio thread off.
-    std::unique_ptr<FrameRing> ringOwner;
-    std::atomic<FrameRing *> ring{nullptr};
-    alignas(64) std::atomic<int> pendingUpdates{0};
-    std::atomic<int> running{0};
-    std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush
-
-    // Audio thread.
-    std::atomic<qint64> consumedFrames{0}; // mixer frames
+    std::unique_ptr<FrameRing> ringOwner; // as long as this record
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void clearPausePosition();
@@ -126,8 +127,8 @@ struct Source::Data
 
     // The audio thread (source_block.cpp).
     void countConsumed(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
-    bool alignBlock(FrameRing &from, FrameRing::Slice &slice,
-                    qint64 mixerFrame) noexcept QTOVELMIXER_NONBLOCKING;
+    qint64 alignBlock(FrameRing &from, qint64 readable,
+                      qint64 ahead) noexcept QTOVELMIXER_NONBLOCKING;
 
     struct Worker; // one run of the thread (source_worker.cpp)
 };

@@ -86,6 +86,26 @@ Timeline::Data::Position Timeline::Data::positionAt(double mixerTime) const noex
     return position;
 }
 
+inline double Timeline::Data::timeOf(double rel, bool outside, bool clamp, double playStart,
+                                     double pausePosition) const noexcept
+{
+    if (outside)
+        return clamp ? limits.start : -1.0;
+    double time = rel + limits.start;
+    if (pausePosition >= 0.0 && (playStart <= pausePosition || playStart > time))
+        time = std::min(time, pausePosition);
+    if (time > limits.end)
+        return clamp ? limits.end : -1.0;
+    return time;
+}
+
+[[gnu::noinline]] double Timeline::Data::windingTime(double mixerTime, bool clamp, double playStart,
+                                                     double pausePosition) const noexcept
+{
+    const Position position = positionAt(mixerTime);
+    return timeOf(position.rel, position.outside, clamp, playStart, pausePosition);
+}
+
 Timeline::Timeline() : d(std::make_unique<Data>())
 {
     reset();
@@ -151,15 +171,12 @@ bool Timeline::limitsCollapsed(double start, double end) const
 
 double Timeline::time(double mixerTime, bool clamp, double playStart, double pausePosition) const
 {
-    const Data::Position position = d->positionAt(finiteTime(mixerTime));
-    if (position.outside)
-        return clamp ? d->limits.start : -1.0;
-    double time = position.rel + d->limits.start;
-    if (pausePosition >= 0.0 && (playStart <= pausePosition || playStart > time))
-        time = std::min(time, pausePosition);
-    if (time > d->limits.end)
-        return clamp ? d->limits.end : -1.0;
-    return time;
+    const Data &data = *d;
+    const double now = finiteTime(mixerTime);
+    if (data.looping || !data.chunks.empty())
+        return data.windingTime(now, clamp, playStart, pausePosition);
+    const double rel = now - data.timeOffset;
+    return data.timeOf(rel, rel < 0.0, clamp, playStart, pausePosition);
 }
 
 double Timeline::mixer_time(double position) const

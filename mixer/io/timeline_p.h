@@ -27,6 +27,13 @@ struct Timeline::Data
         bool outside = false;
     };
     Position positionAt(double mixerTime) const noexcept QTOVELMIXER_NONBLOCKING;
+
+    /// What `Timeline::time` answers of a position.
+    double timeOf(double rel, bool outside, bool clamp, double playStart,
+                  double pausePosition) const noexcept QTOVELMIXER_NONBLOCKING;
+    /// `Timeline::time` with a loop or with selections.
+    double windingTime(double mixerTime, bool clamp, double playStart,
+                       double pausePosition) const noexcept QTOVELMIXER_NONBLOCKING;
 };
 
 /// The tests' way to the private record.

@@ -587,6 +587,7 @@ void tst_Kernels::sameBits_seesEveryCellAndNoOther()
 {
     useTarget();
     constexpr std::size_t stride = 24;
+    constexpr std::size_t wider = 32;
     constexpr std::size_t rows = 5;
     Samples samples(13);
     std::vector<float> a(stride * rows);
@@ -594,11 +595,17 @@ void tst_Kernels::sameBits_seesEveryCellAndNoOther()
         x = samples.any();
     for (std::size_t columns = 0; columns <= stride; ++columns) {
         for (std::size_t i = 0; i < a.size(); ++i) {
-            std::vector<float> b = a;
-            QVERIFY(Kernels::sameBits(a.data(), b.data(), stride, rows, columns));
-            b[i] = std::bit_cast<float>(std::bit_cast<std::uint32_t>(b[i]) ^ 0x80000000u);
+            std::vector<float> b(wider * rows);
+            for (std::size_t r = 0; r < rows; ++r)
+                std::copy_n(a.data() + r * stride, stride, b.data() + r * wider);
+            const auto same = [&] {
+                return Kernels::sameBits(a.data(), stride, b.data(), wider, rows, columns);
+            };
+            QVERIFY(same());
+            float &cell = b[i / stride * wider + i % stride];
+            cell = std::bit_cast<float>(std::bit_cast<std::uint32_t>(cell) ^ 0x80000000u);
             const bool watched = i % stride < columns;
-            QCOMPARE(Kernels::sameBits(a.data(), b.data(), stride, rows, columns), !watched);
+            QCOMPARE(same(), !watched);
         }
     }
 }
