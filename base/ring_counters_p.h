@@ -35,77 +35,77 @@ class RingCounters
 
 public:
     /// Bytes that may be readable, and bytes after which a place repeats, at least as many.
-    RingCounters(quint64 most, quint64 places) : capacity(most), size(places) {}
+    RingCounters(quint64 most, quint64 places)
+        : producer{.capacity = most, .size = std::max(places, quint64{1})}, consumer{
+                                                                                .size =
+                                                                                    producer.size}
+    {}
+
+    /// What a side may work on: bytes counted since the start or the last flush, the place in the
+    /// memory that they begin at, and how many there are.
+    struct Look
+    {
+        quint64 position;
+        quint64 place;
+        quint64 bytes;
+    };
 
     // The producer's side.
 
-    quint64 writable()
+    Look lookToWrite()
     {
-        const quint64 consumed = consumer.consumed.load(Policy::seeConsumed);
-        producer.consumed.store(consumed, std::memory_order_relaxed);
-        return capacity - (producer.produced.load(std::memory_order_relaxed) - consumed);
+        const quint64 produced = producer.produced.load(std::memory_order_relaxed);
+        const quint64 limit = consumer.consumed.load(Policy::seeConsumed) + producer.capacity;
+        producer.limit.store(limit, std::memory_order_relaxed);
+        const quint64 base = consumer.base.load(std::memory_order_relaxed);
+        return {produced - base, place(produced, producer), limit - produced};
     }
-    quint64 writePosition() const
-    {
-        return producer.produced.load(std::memory_order_relaxed) -
-               consumer.base.load(std::memory_order_relaxed);
-    }
-    quint64 writePlace() const { return producer.offset.load(std::memory_order_relaxed); }
     /// As many of the bytes as there is room for.
     quint64 roomFor(quint64 bytes)
     {
         const quint64 produced = producer.produced.load(std::memory_order_relaxed);
-        const quint64 seen = producer.consumed.load(std::memory_order_relaxed);
-        if (bytes > capacity - (produced - seen)) [[unlikely]]
-            bytes = std::min(bytes, writable());
+        if (bytes > producer.limit.load(std::memory_order_relaxed) - produced) [[unlikely]]
+            bytes = std::min(bytes, lookToWrite().bytes);
         return bytes;
     }
-    /// Hands over bytes that there is room for.
+    /// Hands over bytes, as many of them as there is room for.
     void produce(quint64 bytes)
     {
-        const quint64 place = producer.offset.load(std::memory_order_relaxed);
-        producer.offset.store(advanced(place, bytes), std::memory_order_relaxed);
-        producer.produced.store(producer.produced.load(std::memory_order_relaxed) + bytes,
-                                Policy::publishProduced);
+        const quint64 produced = producer.produced.load(std::memory_order_relaxed);
+        if (bytes > producer.limit.load(std::memory_order_relaxed) - produced) [[unlikely]]
+            bytes = std::min(bytes, lookToWrite().bytes);
+        producer.produced.store(produced + bytes, Policy::publishProduced);
     }
     /// Takes the bytes produced last back, as far as they are not consumed. Both sides rest.
     void withdraw(quint64 bytes)
     {
-        bytes = std::min(bytes, readable());
+        bytes = std::min(bytes, lookToRead().bytes);
         if (bytes == 0)
             return;
         const quint64 produced = producer.produced.load(std::memory_order_relaxed) - bytes;
-        const quint64 place = producer.offset.load(std::memory_order_relaxed);
-        producer.offset.store(place >= bytes ? place - bytes : place + size - bytes,
-                              std::memory_order_relaxed);
+        const quint64 lap = producer.lap.load(std::memory_order_relaxed);
+        if (produced < lap)
+            producer.lap.store(lap - producer.size, std::memory_order_relaxed);
         consumer.produced.store(produced, std::memory_order_relaxed);
         producer.produced.store(produced, Policy::publishProduced);
     }
 
     // The consumer's side.
 
-    quint64 readable()
+    Look lookToRead()
     {
         const quint64 produced = producer.produced.load(Policy::seeProduced);
         consumer.produced.store(produced, std::memory_order_relaxed);
-        return produced - consumer.consumed.load(std::memory_order_relaxed);
+        const quint64 consumed = consumer.consumed.load(std::memory_order_relaxed);
+        const quint64 base = consumer.base.load(std::memory_order_relaxed);
+        return {consumed - base, place(consumed, consumer), produced - consumed};
     }
-    quint64 readPosition() const
-    {
-        return consumer.consumed.load(std::memory_order_relaxed) -
-               consumer.base.load(std::memory_order_relaxed);
-    }
-    quint64 readPlace() const { return consumer.offset.load(std::memory_order_relaxed); }
     /// Gives bytes back, as many of them as are readable.
     void consume(quint64 bytes)
     {
         const quint64 consumed = consumer.consumed.load(std::memory_order_relaxed);
         if (bytes > consumer.produced.load(std::memory_order_relaxed) - consumed) [[unlikely]]
-            bytes = std::min(bytes, readable());
-        if (bytes == 0)
-            return;
-        const quint64 place = consumer.offset.load(std::memory_order_relaxed);
-        consumer.offset.store(advanced(place, bytes), std::memory_order_relaxed);
+            bytes = std::min(bytes, lookToRead().bytes);
         consumer.consumed.store(consumed + bytes, Policy::publishConsumed);
     }
     /// Touches nothing of the producer's, which may be between its look and its hand-over: the
@@ -113,10 +113,10 @@ public:
     /// producer that sees the new room sees the new base too.
     void flush()
     {
-        const quint64 discarded = readable();
-        const quint64 consumed = consumer.consumed.load(std::memory_order_relaxed) + discarded;
-        consumer.base.store(consumed, std::memory_order_relaxed);
-        consume(discarded);
+        const quint64 produced = producer.produced.load(Policy::seeProduced);
+        consumer.produced.store(produced, std::memory_order_relaxed);
+        consumer.base.store(produced, std::memory_order_relaxed);
+        consumer.consumed.store(produced, Policy::publishConsumed);
     }
 
     /// Any thread. The consumer's counter first: it can only fall behind, and a fill below 0 cannot
@@ -125,36 +125,43 @@ public:
     {
         const quint64 consumed = consumer.consumed.load(Policy::seeConsumed);
         const quint64 produced = producer.produced.load(Policy::seeProduced);
-        return std::min(produced - consumed, capacity);
+        return std::min(produced - consumed, producer.capacity);
     }
 
 protected:
     static constexpr size_t cacheLine = 64;
 
+    // What a side needs beside the other's counter lies in one line.
     struct alignas(cacheLine) Producer
     {
+        const quint64 capacity; ///< bytes that may be readable
+        const quint64 size;     ///< bytes after which a place repeats
         Count produced{0};
-        Count offset{0};   ///< produced, modulo the size
-        Count consumed{0}; ///< as last seen: saves handing over the other side's line
+        Count lap{0};   ///< a count at which the memory began anew, not far behind
+        Count limit{0}; ///< the most that may be produced, as last seen
     } producer;
 
     struct alignas(cacheLine) Consumer
     {
+        const quint64 size;
         Count consumed{0};
-        Count offset{0};   ///< consumed, modulo the size
-        Count produced{0}; ///< as last seen
+        Count lap{0};
+        Count produced{0}; ///< as last seen: saves handing over the other side's line
         Count base{0};     ///< the counters' value at the last flush
     } consumer;
 
 private:
-    quint64 advanced(quint64 place, quint64 bytes) const
+    /// The place of a count. Moves the lap on, once in a while.
+    template <typename Side>
+    static quint64 place(quint64 count, Side &side)
     {
-        const quint64 next = place + bytes;
-        return next < size ? next : next - size;
+        quint64 since = count - side.lap.load(std::memory_order_relaxed);
+        if (since >= side.size) [[unlikely]] {
+            since %= side.size;
+            side.lap.store(count - since, std::memory_order_relaxed);
+        }
+        return since;
     }
-
-    const quint64 capacity;
-    const quint64 size;
 };
 
 } // namespace QTovelMixer

@@ -12,7 +12,10 @@ using QTovelMixer::MirroredMemory;
 
 void BLRINGBUFFER::mirrorAndProduce(quint64 bytes)
 {
-    const quint64 place = writePlace();
+    bytes = roomFor(bytes);
+    if (bytes == 0)
+        return;
+    const quint64 place = lookToWrite().place;
     const quint64 half = memory.size();
     const quint64 first = std::min(bytes, half - place);
     char *const data = memory.data();

@@ -27,19 +27,16 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
 
     BLRINGBUFFER_Slice writeSlice()
     {
-        const auto length = static_cast<qint32>(writable());
-        return {writePosition(), memory.data() + writePlace(), length};
+        const Look look = lookToWrite();
+        return {look.position, memory.data() + look.place, static_cast<qint32>(look.bytes)};
     }
     BLRINGBUFFER_Slice readSlice()
     {
-        const auto length = static_cast<qint32>(readable());
-        return {readPosition(), memory.data() + readPlace(), length};
+        const Look look = lookToRead();
+        return {look.position, memory.data() + look.place, static_cast<qint32>(look.bytes)};
     }
     void produce(quint64 bytes)
     {
-        bytes = roomFor(bytes);
-        if (bytes == 0)
-            return;
         if (memory.isMirrored()) [[likely]]
             RingCounters::produce(bytes);
         else

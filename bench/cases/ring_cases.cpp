@@ -2,7 +2,7 @@
 // Blocks of 256 stereo frames through the ring, on one thread and from one to another.
 #include "cases/cases.h"
 
-#include <base/ringbuffer.h>
+#include <base/ringbuffer_p.h>
 
 #include <jack/ringbuffer.h>
 
@@ -31,7 +31,8 @@ constexpr size_t capacity = 131072;
 // Volatile, so that copies of it are calls and no instruction made for its size.
 volatile size_t blockBytes = 256 * 2 * sizeof(float);
 
-/// Bytes in, bytes out; false when there is no room, or not enough.
+/// Bytes in, bytes out; false when there is no room, or not enough. As the library's own threads
+/// do it, without calls.
 class OurRing
 {
 public:
@@ -39,6 +40,45 @@ public:
     ~OurRing() { BLRINGBUFFER_Destroy(&m_ring); }
     OurRing(const OurRing &) = delete;
     OurRing &operator=(const OurRing &) = delete;
+
+    bool push(const char *from, size_t bytes)
+    {
+        const BLRINGBUFFER_Slice slice = m_ring->writeSlice();
+        if (size_t(slice.length) < bytes)
+            return false;
+        std::memcpy(slice.data, from, bytes);
+        m_ring->produce(bytes);
+        return true;
+    }
+    bool pop(char *to, size_t bytes)
+    {
+        const BLRINGBUFFER_Slice slice = m_ring->readSlice();
+        if (size_t(slice.length) < bytes)
+            return false;
+        std::memcpy(to, slice.data, bytes);
+        m_ring->consume(bytes);
+        return true;
+    }
+    void keepBooks(size_t bytes)
+    {
+        keep(m_ring->writeSlice().data);
+        m_ring->produce(bytes);
+        keep(m_ring->readSlice().data);
+        m_ring->consume(bytes);
+    }
+
+private:
+    BLRINGBUFFER *m_ring;
+};
+
+/// The same ring as hosts have it.
+class OurInterface
+{
+public:
+    OurInterface() : m_ring(BLRINGBUFFER_NewEx(int32_t(capacity), 1)) {}
+    ~OurInterface() { BLRINGBUFFER_Destroy(&m_ring); }
+    OurInterface(const OurInterface &) = delete;
+    OurInterface &operator=(const OurInterface &) = delete;
 
     bool push(const char *from, size_t bytes)
     {
@@ -209,6 +249,7 @@ Case pushAndPop()
         std::memcpy(shared->to(), shared->between + offset, bytes);
         offset = (offset + bytes) % capacity;
     });
+    addPushAndPop<OurInterface>(result, QStringLiteral("the C interface"));
     addPushAndPop<JackRing>(result, QStringLiteral("JACK"));
     result.mustBeat(QStringLiteral("two memcpy"), 1.0 / 1.15)
         .mustBeat(QStringLiteral("two memcpy"), 1.2 * 37.0 / 50.2, QStringLiteral("PortAudio"))
@@ -227,8 +268,10 @@ Case bookkeeping()
 {
     Case result(section, QStringLiteral("bookkeeping of a block in and out"));
     const auto ours = std::make_shared<OurRing>();
+    const auto calls = std::make_shared<OurInterface>();
     const auto jack = std::make_shared<JackRing>();
     return result.ours([ours] { ours->keepBooks(blockBytes); })
+        .add(QStringLiteral("the C interface"), [calls] { calls->keepBooks(blockBytes); })
         .add(QStringLiteral("JACK"), [jack] { jack->keepBooks(blockBytes); })
         .mustTakeAtMost(5.0)
         .mustBeat(QStringLiteral("JACK"), 2.5 * 12.3 / 9.5, QStringLiteral("PortAudio"));

@@ -33,11 +33,6 @@ FrameRing::~FrameRing()
     BLRINGBUFFER_Destroy(&m_ring);
 }
 
-FrameRing::Slice FrameRing::writeSlice() noexcept
-{
-    return inFrames(BLRINGBUFFER_GetWriteSlice(m_ring));
-}
-
 void FrameRing::produce(qint64 frames) noexcept
 {
     BLRINGBUFFER_Produce(m_ring, static_cast<qint32>(frames * m_frameBytes));

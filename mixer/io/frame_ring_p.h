@@ -87,6 +87,11 @@ inline FrameRing::Slice FrameRing::readSlice() const noexcept
     return m_ring ? inFrames(m_ring->readSlice()) : Slice();
 }
 
+inline FrameRing::Slice FrameRing::writeSlice() noexcept
+{
+    return m_ring ? inFrames(m_ring->writeSlice()) : Slice();
+}
+
 inline void FrameRing::consume(qint64 frames) noexcept
 {
     if (m_ring && frames > 0)

@@ -2,6 +2,7 @@
 // A meter's life, its transport and what it is fed.
 #include <mixer/meter/meter_p.h>
 
+#include <base/ringbuffer_p.h>
 #include <mixer/aligned_vector.h>
 
 #include <QtCore/QDebug>
@@ -63,13 +64,13 @@ bool Meter::fill(const aligned_vector<float, 16> &samples) noexcept
     if (!d->timerActive.load(std::memory_order_relaxed) || !ring)
         return true;
     const size_t bytes = samples.size() * sizeof(float);
-    const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetWriteSlice(ring);
+    const BLRINGBUFFER_Slice slice = ring->writeSlice();
     if (size_t(slice.length) < bytes)
         return false;
     if (bytes == 0)
         return true;
     std::memcpy(slice.data, samples.constData(), bytes);
-    BLRINGBUFFER_Produce(ring, int32_t(bytes));
+    ring->produce(bytes);
     return true;
 }
 

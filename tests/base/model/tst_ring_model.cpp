@@ -44,9 +44,9 @@ struct ZeroingCounters : RingCounters<Modelled>
     void flush()
     {
         producer.produced.store(0, std::memory_order_relaxed);
-        producer.offset.store(0, std::memory_order_relaxed);
+        producer.lap.store(0, std::memory_order_relaxed);
         consumer.produced.store(0, std::memory_order_relaxed);
-        consumer.offset.store(0, std::memory_order_relaxed);
+        consumer.lap.store(0, std::memory_order_relaxed);
         consumer.consumed.store(0, std::memory_order_release);
     }
 };
@@ -66,27 +66,23 @@ struct World
 
     void write(quint64 most)
     {
-        const quint64 room = counters.writable();
-        model::require(room <= capacity, "more room than the ring has");
-        model::require(counters.writePosition() <= written + 1, "a write position out of order");
-        const quint64 place = counters.writePlace();
-        const quint64 count = std::min(most, room);
+        const auto look = counters.lookToWrite();
+        model::require(look.bytes <= capacity, "more room than the ring has");
+        model::require(look.position <= written + 1, "a write position out of order");
+        const quint64 count = std::min(most, look.bytes);
         for (quint64 i = 0; i < count; ++i)
-            memory[(place + i) % places].write(++written);
-        if (const quint64 fitting = counters.roomFor(count)) {
-            model::require(fitting == count, "room that went away");
-            counters.produce(fitting);
-        }
+            memory[(look.place + i) % places].write(++written);
+        model::require(counters.roomFor(count) == count, "room that went away");
+        counters.produce(count);
     }
 
     void readAll()
     {
-        const quint64 fill = counters.readable();
-        model::require(fill <= capacity, "more to read than the ring holds");
-        const quint64 place = counters.readPlace();
-        for (quint64 i = 0; i < fill; ++i)
-            expect(memory[(place + i) % places].read());
-        counters.consume(fill);
+        const auto look = counters.lookToRead();
+        model::require(look.bytes <= capacity, "more to read than the ring holds");
+        for (quint64 i = 0; i < look.bytes; ++i)
+            expect(memory[(look.place + i) % places].read());
+        counters.consume(look.bytes);
     }
 
     void expect(quint64 value)
@@ -99,7 +95,8 @@ struct World
     {
         counters.flush();
         gaps = true;
-        model::require(counters.readPosition() == 0, "a read position that is not 0 after a flush");
+        model::require(counters.lookToRead().position == 0,
+                       "a read position that is not 0 after a flush");
     }
 };
 
@@ -170,32 +167,33 @@ model::Outcome withdrawing()
     return model::explore([] {
         auto world = std::make_shared<Shared>();
         world->gaps = true; // values are written anew after a withdrawal
-        return std::vector<std::function<void()>>{
-            [world] {
-                for (int i = 0; i < 2; ++i) {
-                    world->worker.lock();
-                    world->write(2);
-                    world->worker.unlock();
-                }
-            },
-            [world] {
-                for (int i = 0; i < 2; ++i) {
-                    world->callback.lock();
-                    world->readAll();
-                    world->callback.unlock();
-                }
-            },
-            [world] {
-                world->worker.lock();
-                if (protectedFromBoth)
-                    world->callback.lock();
-                world->counters.withdraw(1);
-                model::require(world->counters.writePosition() >= world->counters.readPosition(),
-                               "positions out of order");
-                if (protectedFromBoth)
-                    world->callback.unlock();
-                world->worker.unlock();
-            }};
+        return std::vector<std::function<void()>>{[world] {
+                                                      for (int i = 0; i < 2; ++i) {
+                                                          world->worker.lock();
+                                                          world->write(2);
+                                                          world->worker.unlock();
+                                                      }
+                                                  },
+                                                  [world] {
+                                                      for (int i = 0; i < 2; ++i) {
+                                                          world->callback.lock();
+                                                          world->readAll();
+                                                          world->callback.unlock();
+                                                      }
+                                                  },
+                                                  [world] {
+                                                      world->worker.lock();
+                                                      if (protectedFromBoth)
+                                                          world->callback.lock();
+                                                      world->counters.withdraw(1);
+                                                      model::require(
+                                                          world->counters.lookToWrite().position >=
+                                                              world->counters.lookToRead().position,
+                                                          "positions out of order");
+                                                      if (protectedFromBoth)
+                                                          world->callback.unlock();
+                                                      world->worker.unlock();
+                                                  }};
     });
 }
 
