@@ -19,6 +19,10 @@ struct KWeighting
 {
     Biquad shelf;
     Biquad lowCut;
+    double one = 1.0; ///< for multiplications that only add; no constant, so that they stay
+
+    /// What the first coefficients amplify an energy by.
+    double gain() const { return shelf.b0 * shelf.b0 * lowCut.b0 * lowCut.b0; }
 
     /// For any rate in Hz. At 48 kHz exactly the standard's tables; at other rates the digital
     /// filters of the same analogue ones. A stage that lies above what a low rate can carry is

@@ -78,7 +78,7 @@ DSPB_Statistics::DSPB_Statistics(int sampleRate, int channelCount, uint32_t meas
     channelSamplePeaks.resize(size_t(channels));
     channelTruePeaks.resize(size_t(channels));
     for (int channel = 0; channel < channels; ++channel)
-        channelWeights.push_back(loudnessWeight(channel, channels));
+        channelWeights.push_back(loudnessWeight(channel, channels) * weighting.gain());
     const int samples = (truePeakFilter.history + chunkFrames) * channels + statisticsOverread;
     scratch = hwy::AllocateAligned<float>(size_t(samples));
     if (!scratch)

@@ -31,9 +31,38 @@ using DoubleVector = hn::Vec<Doubles>;
 using Narrow = hn::Rebind<float, Doubles>;
 constexpr int doubleLanes = int(hn::MaxLanes(Doubles()));
 
+constexpr float bound = 1e30F;
+
+/// Copies samples and tells whether all are finite and within the bound. The bits of magnitudes are
+/// in the order of their values, with those that are not finite last.
+bool copyWithin(const float *in, float *out, size_t count)
+{
+    const hn::RebindToSigned<Floats> integers;
+    const auto withoutSign = hn::Set(integers, 0x7fffffff);
+    auto largest = hn::Zero(integers);
+    auto other = largest;
+    size_t i = 0;
+    for (; i + 2 * lanes <= count; i += 2 * lanes) {
+        const auto a = hn::LoadU(Floats(), in + i);
+        const auto b = hn::LoadU(Floats(), in + i + lanes);
+        hn::StoreU(a, Floats(), out + i);
+        hn::StoreU(b, Floats(), out + i + lanes);
+        largest = hn::Max(largest, hn::And(hn::BitCast(integers, a), withoutSign));
+        other = hn::Max(other, hn::And(hn::BitCast(integers, b), withoutSign));
+    }
+    const auto most = hn::BitCast(integers, hn::Set(Floats(), bound));
+    bool within = hn::AllFalse(integers, hn::Gt(hn::Max(largest, other), most));
+    for (; i < count; ++i) {
+        out[i] = in[i];
+        within = within && std::abs(in[i]) <= bound;
+    }
+    return within;
+}
+
 void copyBounded(const float *in, float *out, size_t count)
 {
-    constexpr float bound = 1e30F;
+    if (copyWithin(in, out, count))
+        return;
     const auto most = hn::Set(Floats(), std::numeric_limits<float>::max());
     size_t i = 0;
     for (; i + lanes <= count; i += lanes) {
@@ -58,32 +87,39 @@ HWY_INLINE Two loadTwo(const float *from)
     return {hn::LoadU(Floats(), from), hn::LoadU(Floats(), from + lanes)};
 }
 
-HWY_INLINE void raiseTwo(float *peaks, Two magnitudes)
+HWY_INLINE void storeTwo(Two values, float *to)
 {
-    const Two old = loadTwo(peaks);
-    hn::StoreU(hn::Max(old.a, magnitudes.a), Floats(), peaks);
-    hn::StoreU(hn::Max(old.b, magnitudes.b), Floats(), peaks + lanes);
+    hn::StoreU(values.a, Floats(), to);
+    hn::StoreU(values.b, Floats(), to + lanes);
 }
 
-/// Raises the peaks to what `magnitudes` gives for the samples of the run.
+HWY_INLINE Two maxOf(Two x, Two y)
+{
+    return {hn::Max(x.a, y.a), hn::Max(x.b, y.b)};
+}
+
+/// Raises the peaks to what `magnitudes` gives for the samples of the run. All samples of some
+/// peaks at a time, so that none waits for the store of the one before.
 template <typename Magnitudes>
 HWY_INLINE void raise(const StatisticsRun &run, FlatPeaks &peaks, const Magnitudes &magnitudes)
 {
     const size_t count = size_t(run.frames) * size_t(run.channels);
     const size_t size = peaks.size();
+    const size_t whole = count / (2 * lanes) * (2 * lanes);
     float *const first = peaks.data();
-    size_t i = 0;
-    size_t place = 0;
-    for (; i + 2 * lanes <= count; i += 2 * lanes) {
-        raiseTwo(first + place, magnitudes(run.samples + i));
-        place = place + 2 * lanes == size ? 0 : place + 2 * lanes;
+    for (size_t place = 0; place < std::min(size, whole); place += 2 * lanes) {
+        Two held = loadTwo(first + place);
+        for (size_t i = place; i < whole; i += size)
+            held = maxOf(held, magnitudes(run.samples + i));
+        storeTwo(held, first + place);
     }
-    if (i < count) {
-        const size_t rest = count - i;
-        Two last = magnitudes(run.samples + i);
+    if (whole < count) {
+        const size_t rest = count - whole;
+        Two last = magnitudes(run.samples + whole);
         last.a = hn::IfThenElseZero(hn::FirstN(Floats(), std::min(rest, lanes)), last.a);
         last.b = hn::IfThenElseZero(hn::FirstN(Floats(), rest - std::min(rest, lanes)), last.b);
-        raiseTwo(first + place, last);
+        float *const place = first + whole % size;
+        storeTwo(maxOf(loadTwo(place), last), place);
     }
 }
 
@@ -107,6 +143,24 @@ HWY_INLINE Two differenceOf(Two x, Two y)
     return {hn::Sub(x.a, y.a), hn::Sub(x.b, y.b)};
 }
 
+/// Their sum to the last bit. Where additions have units of their own and are what a loop waits
+/// for, the multipliers take some of them over.
+template <class V>
+HWY_INLINE V sumByMultipliers(V x, V y, [[maybe_unused]] V one)
+{
+#if HWY_NATIVE_FMA
+    return hn::MulAdd(x, one, y);
+#else
+    return hn::Add(x, y);
+#endif
+}
+
+HWY_INLINE Two weighted(float weight, Two values)
+{
+    const auto factor = hn::Set(Floats(), weight);
+    return {hn::Mul(factor, values.a), hn::Mul(factor, values.b)};
+}
+
 HWY_INLINE void addWeighted(Two &total, float weight, Two values)
 {
     const auto factor = hn::Set(Floats(), weight);
@@ -118,21 +172,23 @@ HWY_INLINE void addWeighted(Two &total, float weight, Two values)
 /// differences, the larger magnitude of S + D and S - D is |S| + |D|.
 HWY_INLINE Two fourTimes(const float *samples, ptrdiff_t channels, const TruePeakFilter &filter)
 {
-    const auto zero = hn::Zero(Floats());
-    Two middle{zero, zero};
-    Two sums{zero, zero};
-    Two differences{zero, zero};
-    for (int k = 0; k < 6; ++k) {
+    const auto one = hn::Set(Floats(), filter.one);
+    const Two newest = loadTwo(samples);
+    const Two oldest = loadTwo(samples - 11 * channels);
+    const Two outer = sumOf(newest, oldest);
+    Two middle = weighted(filter.middle[0], outer);
+    Two sums = weighted(filter.quarterSums[0], outer);
+    Two differences = weighted(filter.quarterDifferences[0], differenceOf(newest, oldest));
+    for (int k = 1; k < 6; ++k) {
         const Two near = loadTwo(samples - k * channels);
         const Two far = loadTwo(samples - (11 - k) * channels);
-        const Two sum = sumOf(near, far);
+        const Two sum{sumByMultipliers(near.a, far.a, one), sumByMultipliers(near.b, far.b, one)};
         addWeighted(middle, filter.middle[size_t(k)], sum);
         addWeighted(sums, filter.quarterSums[size_t(k)], sum);
         addWeighted(differences, filter.quarterDifferences[size_t(k)], differenceOf(near, far));
     }
     const Two quarters = sumOf(magnitudesOf(sums), magnitudesOf(differences));
-    const Two middles = magnitudesOf(middle);
-    return {hn::Max(middles.a, quarters.a), hn::Max(middles.b, quarters.b)};
+    return maxOf(magnitudesOf(middle), quarters);
 }
 
 HWY_INLINE Two twoTimes(const float *samples, ptrdiff_t channels, const TruePeakFilter &filter)
@@ -160,18 +216,18 @@ void truePeaks(const StatisticsRun &run, const TruePeakFilter &filter, FlatPeaks
               [&](const float *samples) HWY_ATTR { return twoTimes(samples, channels, local); });
 }
 
-/// A section with its feedback folded in, so that each state waits for one multiplication and one
-/// addition only: y = b0 x + p, p' = c1 x + q - a1 p, q' = c2 x - a2 p.
+/// A section over its b0, with its feedback folded in, so that each state waits for one
+/// multiplication and one addition only: y = x + p, p' = c1 x + q - a1 p, q' = c2 x - a2 p.
 struct Section
 {
-    DoubleVector b0, c1, c2, a1, a2;
+    DoubleVector c1, c2, a1, a2;
 };
 
 HWY_INLINE Section section(const Biquad &biquad)
 {
     const Doubles tag;
-    return {hn::Set(tag, biquad.b0), hn::Set(tag, biquad.b1 - biquad.a1 * biquad.b0),
-            hn::Set(tag, biquad.b2 - biquad.a2 * biquad.b0), hn::Set(tag, biquad.a1),
+    return {hn::Set(tag, biquad.b1 / biquad.b0 - biquad.a1),
+            hn::Set(tag, biquad.b2 / biquad.b0 - biquad.a2), hn::Set(tag, biquad.a1),
             hn::Set(tag, biquad.a2)};
 }
 
@@ -214,11 +270,11 @@ HWY_INLINE void store(const ChannelState &from, KWeightingState &state, int chan
 }
 
 HWY_INLINE void advance(ChannelState &state, const float *samples, const Section &shelf,
-                        const Section &lowCut)
+                        const Section &lowCut, DoubleVector one)
 {
     const auto x = hn::PromoteTo(Doubles(), hn::LoadU(Narrow(), samples));
-    const auto shelved = hn::Add(hn::Mul(shelf.b0, x), state.p1);
-    const auto y = hn::Add(shelved, state.p2); // the low cut's b0 is 1
+    const auto shelved = hn::Add(x, state.p1);
+    const auto y = sumByMultipliers(shelved, state.p2, one);
     next(shelf, x, state.p1, state.q1);
     next(lowCut, shelved, state.p2, state.q2);
     state.energy = hn::Add(state.energy, hn::Mul(y, y));
@@ -228,6 +284,7 @@ void weigh(const StatisticsRun &run, const KWeighting &weighting, KWeightingStat
 {
     const Section shelf = section(weighting.shelf);
     const Section lowCut = section(weighting.lowCut);
+    const auto one = hn::Set(Doubles(), weighting.one);
     int channel = 0;
     // Two vectors side by side hide how long one waits for its own last frame.
     for (; run.channels - channel > doubleLanes; channel += 2 * doubleLanes) {
@@ -235,8 +292,8 @@ void weigh(const StatisticsRun &run, const KWeighting &weighting, KWeightingStat
         ChannelState second = load(state, channel + doubleLanes);
         const float *samples = run.samples + channel;
         for (int frame = 0; frame < run.frames; ++frame, samples += run.channels) {
-            advance(first, samples, shelf, lowCut);
-            advance(second, samples + doubleLanes, shelf, lowCut);
+            advance(first, samples, shelf, lowCut, one);
+            advance(second, samples + doubleLanes, shelf, lowCut, one);
         }
         store(first, state, channel);
         store(second, state, channel + doubleLanes);
@@ -245,7 +302,7 @@ void weigh(const StatisticsRun &run, const KWeighting &weighting, KWeightingStat
         ChannelState last = load(state, channel);
         const float *samples = run.samples + channel;
         for (int frame = 0; frame < run.frames; ++frame, samples += run.channels)
-            advance(last, samples, shelf, lowCut);
+            advance(last, samples, shelf, lowCut, one);
         store(last, state, channel);
     }
 }

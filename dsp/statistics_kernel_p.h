@@ -51,7 +51,8 @@ void samplePeaks(const StatisticsRun &run, FlatPeaks &peaks) noexcept;
 /// `filter.history` frames must stand before the run.
 void truePeaks(const StatisticsRun &run, const TruePeakFilter &filter, FlatPeaks &peaks) noexcept;
 
-/// Filters the samples and adds the squares to the energies, with the same bits on every processor.
+/// Filters the samples by the two sections over their b0, and adds the squares to the energies:
+/// `weighting.gain()` times them is what the weighting gives. The same bits on every processor.
 void weigh(const StatisticsRun &run, const KWeighting &weighting, KWeightingState &state) noexcept;
 
 } // namespace QTovelMixer

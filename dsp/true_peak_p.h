@@ -24,6 +24,8 @@ struct TruePeakFilter
     std::array<float, 6> quarterSums{};
     std::array<float, 6> quarterDifferences{};
 
+    float one = 1.0F; ///< for multiplications that only add; no constant, so that they stay
+
     static TruePeakFilter forRate(int sampleRate);
 };
 

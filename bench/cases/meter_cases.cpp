@@ -9,6 +9,7 @@
 
 #include <ebur128.h>
 
+#include <algorithm>
 #include <memory>
 #include <random>
 
@@ -20,6 +21,7 @@ namespace {
 
 const QString section = QStringLiteral("E. Meters");
 const QString ebur = QStringLiteral("libebur128");
+const QString eburFeed = QStringLiteral("libebur128 without its readings");
 const QString limit = QStringLiteral("arithmetic limit");
 
 constexpr int sampleRate = 48000;
@@ -56,32 +58,51 @@ struct Work
     }
 };
 
+/// It takes 64 channels at most: more are shared out among several.
 struct Reference
 {
+    static constexpr int most = 64;
+
     std::vector<float> frames;
-    ebur128_state *state;
+    std::vector<ebur128_state *> states;
 
     Reference(int channels, bool truePeaks)
-        : frames(noise(channels)),
-          state(ebur128_init(unsigned(channels), sampleRate,
-                             EBUR128_MODE_M | EBUR128_MODE_S |
-                                 (truePeaks ? EBUR128_MODE_TRUE_PEAK : EBUR128_MODE_SAMPLE_PEAK)))
+        : frames(noise(std::min(channels, most))), states(size_t((channels + most - 1) / most))
     {
+        const int mode = EBUR128_MODE_M | EBUR128_MODE_S |
+                         (truePeaks ? EBUR128_MODE_TRUE_PEAK : EBUR128_MODE_SAMPLE_PEAK);
+        for (ebur128_state *&state : states) {
+            state = ebur128_init(unsigned(std::min(channels, most)), sampleRate, mode);
+            // On its own it leaves channels beyond the fifth out.
+            for (unsigned channel = 0; channel < state->channels; ++channel)
+                ebur128_set_channel(state, channel, EBUR128_LEFT);
+        }
         for (int blocks = 0; blocks < historyBlocks; ++blocks)
-            ebur128_add_frames_float(state, frames.data(), meterFrames);
+            feed();
     }
-    ~Reference() { ebur128_destroy(&state); }
+    ~Reference()
+    {
+        for (ebur128_state *&state : states)
+            ebur128_destroy(&state);
+    }
     Reference(const Reference &) = delete;
     Reference &operator=(const Reference &) = delete;
 
+    void feed()
+    {
+        for (ebur128_state *state : states)
+            ebur128_add_frames_float(state, frames.data(), meterFrames);
+    }
     void measure()
     {
-        ebur128_add_frames_float(state, frames.data(), meterFrames);
-        double value = 0.0;
-        ebur128_loudness_momentary(state, &value);
-        keep(value);
-        ebur128_loudness_shortterm(state, &value);
-        keep(value);
+        for (ebur128_state *state : states) {
+            ebur128_add_frames_float(state, frames.data(), meterFrames);
+            double value = 0.0;
+            ebur128_loudness_momentary(state, &value);
+            keep(value);
+            ebur128_loudness_shortterm(state, &value);
+            keep(value);
+        }
     }
 };
 
@@ -93,9 +114,12 @@ Case block(int channels, bool truePeaks)
                              .arg(truePeaks ? QStringLiteral(", with true peaks") : QString()));
     result.per(QStringLiteral("block of 42 ms"), 1.0);
     result.ours([work] { work->measure(); });
-    if (channels <= 64) {
+    // Many channels of it would take the caches from the arithmetic that we are compared with.
+    if (channels <= Reference::most || !truePeaks) {
         const auto reference = std::make_shared<Reference>(channels, truePeaks);
+        const auto fed = std::make_shared<Reference>(channels, truePeaks);
         result.add(ebur, [reference] { reference->measure(); });
+        result.add(eburFeed, [fed] { fed->feed(); });
     }
 #ifdef __x86_64__
     if (truePeaks) {
@@ -111,30 +135,33 @@ struct Demands
 {
     int channels;
     double levels;        ///< of libebur128
-    double asFilter;      ///< of libebur128, where ffmpeg's filter is meant
+    double asFilter;      ///< of its feeding, where ffmpeg's filter is meant
     double asFilterPeaks; ///< the same with true peaks
 };
 
 } // namespace
 
+// What libebur128 and ffmpeg's filter took on one machine is known. Both are arithmetic, but for
+// libebur128's readings, which wait for memory.
 void addMeterCases(Suite &suite)
 {
-    constexpr Demands demands[] = {{2, 30.0, 4.0 * 301 / 33.1, 8.0 * 414 / 121},
-                                   {8, 100.0, 10.0 * 1239 / 136, 14.0 * 1855 / 492},
-                                   {32, 100.0, 10.0 * 25600 / 497, 14.0 * 27250 / 1966}};
+    constexpr Demands demands[] = {{2, 30.0, 4.0 * 29.8 / 33.1, 8.0 * 144 / 121},
+                                   {8, 100.0, 10.0 * 121 / 136, 14.0 * 638 / 492},
+                                   {32, 100.0, 10.0 * 511 / 497, 14.0 * 2280 / 1966}};
     for (const Demands &d : demands) {
         suite.add(section, [d] {
             return block(d.channels, false)
                 .mustBeat(ebur, d.levels)
-                .mustBeat(ebur, d.asFilter, QStringLiteral("ffmpeg's filter"));
+                .mustBeat(eburFeed, d.asFilter, QStringLiteral("ffmpeg's filter"));
         });
         suite.add(section, [d] {
-            Case result = block(d.channels, true)
-                              .mustBeat(ebur, d.asFilterPeaks, QStringLiteral("ffmpeg's filter"));
+            Case result =
+                block(d.channels, true)
+                    .mustBeat(eburFeed, d.asFilterPeaks, QStringLiteral("ffmpeg's filter"));
             return d.channels < 32 ? result : result.mustBeat(limit, 0.6);
         });
     }
-    suite.add(section, [] { return block(128, false); });
+    suite.add(section, [] { return block(128, false).mustBeat(ebur, 100.0); });
     suite.add(section,
               [] { return block(128, true).mustTakeAtMost(420000.0).mustBeat(limit, 0.6); });
 }
