@@ -10,15 +10,17 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 
 namespace Bench {
 
 namespace {
 
-constexpr int labelWidth = 470;
+constexpr int labelWidth = 560;
 constexpr int barWidth = 420;
 constexpr int rowHeight = 22;
 constexpr int head = 48;
+constexpr int foot = 32;
 
 /// Bars of very different lengths share a logarithmic scale from a tenth to a thousand.
 double place(double ratio)
@@ -49,18 +51,55 @@ void drawScale(QTextStream &svg, int height)
     }
 }
 
-void drawRow(QTextStream &svg, const QJsonObject &row, int y)
+/// A row as it is drawn: how many times as fast as another, or as its bound demands.
+struct Bar
 {
-    const double ratio = row[QStringLiteral("ratio")].toDouble();
+    QString label;
+    double ratio;
+    double must; ///< 0: nothing is demanded
+    bool holds;
+};
+
+QString quantity(double value, QString unit)
+{
+    for (const char *larger : {"µs", "ms"}) {
+        if (value < 1e3 || !(unit.startsWith(u"ns") || unit.startsWith(u"µs")))
+            break;
+        value /= 1e3;
+        unit.replace(0, 2, QString::fromUtf8(larger));
+    }
+    return QString::number(value, 'g', 3) + u' ' + unit;
+}
+
+std::optional<Bar> barOf(const QJsonObject &row)
+{
+    const QString name = row[QStringLiteral("name")].toString();
     const double must = row[QStringLiteral("must")].toDouble();
     const bool holds = must == 0.0 || row[QStringLiteral("holds")].toBool();
+    if (row.contains(QStringLiteral("ratio"))) {
+        QString label = name + QLatin1String(" : ") + row[QStringLiteral("reference")].toString();
+        if (row.contains(QStringLiteral("via")))
+            label += QLatin1String(" (for ") + row[QStringLiteral("via")].toString() + u')';
+        return Bar{label, row[QStringLiteral("ratio")].toDouble(), must, holds};
+    }
+    const double ours = row[QStringLiteral("ours")].toDouble();
+    const bool bounded = must > 0.0 && ours > 0.0;
+    if (!bounded || row[QStringLiteral("atLeast")].toBool())
+        return std::nullopt;
+    const QString unit = row[QStringLiteral("unit")].toString();
+    return Bar{name + QLatin1String(" : at most ") + quantity(must, unit), must / ours, 1.0, holds};
+}
+
+void drawRow(QTextStream &svg, const Bar &bar, int y)
+{
+    const double ratio = bar.ratio;
+    const double must = bar.must;
     svg << "<text x='" << labelWidth - 8 << "' y='" << y + 15 << "' text-anchor='end'>"
-        << escaped(row[QStringLiteral("name")].toString() + QLatin1String(" : ") +
-                   row[QStringLiteral("reference")].toString())
-        << "</text>\n<rect x='" << labelWidth << "' y='" << y + 3 << "' height='" << rowHeight - 6
-        << "' width='" << place(ratio) << "' fill='" << (holds ? "#4b8bbe" : "#c0504d")
-        << "'/>\n<text x='" << labelWidth + place(ratio) + 6 << "' y='" << y + 15 << "'>"
-        << QString::number(ratio, 'g', 3) << "×</text>\n";
+        << escaped(bar.label) << "</text>\n<rect x='" << labelWidth << "' y='" << y + 3
+        << "' height='" << rowHeight - 6 << "' width='" << place(ratio) << "' fill='"
+        << (bar.holds ? "#4b8bbe" : "#c0504d") << "'/>\n<text x='" << labelWidth + place(ratio) + 6
+        << "' y='" << y + 15 << "'>" << QString::number(ratio, 'f', ratio < 10 ? 2 : 0)
+        << "×</text>\n";
     if (must == 0.0)
         return;
     const double x = labelWidth + place(must);
@@ -68,25 +107,28 @@ void drawRow(QTextStream &svg, const QJsonObject &row, int y)
         << "' stroke='#000' stroke-width='2'/>\n";
 }
 
-bool drawSection(const QString &section, const std::vector<QJsonObject> &rows, const QString &path)
+bool drawSection(const QString &section, const std::vector<Bar> &rows, const QString &origin,
+                 const QString &path)
 {
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
         return false;
-    const int height = head + int(rows.size()) * rowHeight + 12;
+    const int height = head + int(rows.size()) * rowHeight + foot;
     QTextStream svg(&file);
     svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << labelWidth + barWidth + 90
         << "' height='" << height
         << "' font-family='sans-serif' font-size='12'>\n<rect width='100%' height='100%' "
            "fill='#fff'/>\n<text x='8' y='18' font-size='14' font-weight='bold'>"
-        << escaped(section) << ": times as fast (black mark: demanded)</text>\n";
-    drawScale(svg, height);
+        << escaped(section)
+        << ": how many times as fast, or as few as allowed (black mark: demanded)</text>\n";
+    drawScale(svg, height - foot + 12);
     int y = head;
-    for (const QJsonObject &row : rows) {
+    for (const Bar &row : rows) {
         drawRow(svg, row, y);
         y += rowHeight;
     }
-    svg << "</svg>\n";
+    svg << "<text x='8' y='" << height - 8 << "' fill='#555'>" << escaped(origin)
+        << "</text>\n</svg>\n";
     return true;
 }
 
@@ -95,21 +137,24 @@ bool drawSection(const QString &section, const std::vector<QJsonObject> &rows, c
 bool plot(const QJsonObject &report, const QString &folder)
 {
     std::vector<QString> order;
-    std::map<QString, std::vector<QJsonObject>> sections;
+    std::map<QString, std::vector<Bar>> sections;
     for (const QJsonValue &item : report[QStringLiteral("rows")].toArray()) {
         const QJsonObject row = item.toObject();
-        if (!row.contains(QStringLiteral("ratio")) ||
-            !row[QStringLiteral("unit")].toString().startsWith(QLatin1String("ns")))
+        const std::optional<Bar> bar = barOf(row);
+        if (!bar)
             continue;
         const QString section = row[QStringLiteral("section")].toString();
         if (sections[section].empty())
             order.push_back(section);
-        sections[section].push_back(row);
+        sections[section].push_back(*bar);
     }
+    const QString origin = report[QStringLiteral("machine")].toString() + QLatin1String("; ") +
+                           report[QStringLiteral("date")].toString();
     bool written = QDir().mkpath(folder);
     for (const QString &section : order) {
         written =
-            drawSection(section, sections[section], folder + u'/' + fileName(section)) && written;
+            drawSection(section, sections[section], origin, folder + u'/' + fileName(section)) &&
+            written;
     }
     return written;
 }
