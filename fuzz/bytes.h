@@ -25,7 +25,8 @@ public:
     {
         T value{};
         const std::size_t taken = std::min(sizeof(T), m_left);
-        std::memcpy(&value, m_next, taken);
+        if (taken > 0)
+            std::memcpy(&value, m_next, taken);
         advance(taken);
         return value;
     }
