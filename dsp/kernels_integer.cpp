@@ -117,7 +117,7 @@ HWY_INLINE bool packShorts(const float *in, short *out)
 
 constexpr std::size_t packed = 0;
 
-HWY_INLINE bool packShorts(const float *, short *)
+[[maybe_unused]] HWY_INLINE bool packShorts(const float *, short *)
 {
     return false;
 }

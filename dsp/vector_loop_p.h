@@ -21,8 +21,8 @@ using Lanes = hn::CappedTag<float, 8>;
 using Quad = hn::CappedTag<float, 4>;
 using Single = hn::CappedTag<float, 1>;
 
-constexpr std::size_t lanes = hn::MaxLanes(Lanes());
-constexpr std::size_t quad = 4;
+inline constexpr std::size_t lanes = hn::MaxLanes(Lanes());
+inline constexpr std::size_t quad = 4;
 
 template <class D>
 using Vector = hn::VFromD<D>;
