@@ -25,17 +25,17 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
         : RingMemory(bytes, preferred), RingCounters(bytes, memory.size())
     {}
 
-    BLRINGBUFFER_Slice writeSlice()
+    BLRINGBUFFER_Slice writeSlice() QTOVELMIXER_NONBLOCKING
     {
         const Look look = lookToWrite();
         return {look.position, memory.data() + look.place, static_cast<qint32>(look.bytes)};
     }
-    BLRINGBUFFER_Slice readSlice()
+    BLRINGBUFFER_Slice readSlice() QTOVELMIXER_NONBLOCKING
     {
         const Look look = lookToRead();
         return {look.position, memory.data() + look.place, static_cast<qint32>(look.bytes)};
     }
-    void produce(quint64 bytes)
+    void produce(quint64 bytes) QTOVELMIXER_NONBLOCKING
     {
         if (memory.isMirrored()) [[likely]]
             RingCounters::produce(bytes);
@@ -46,7 +46,7 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
 private:
     /// Copies fresh bytes to their other place where the system does not do it. Out of the way of
     /// nearly all rings.
-    void mirrorAndProduce(quint64 bytes);
+    void mirrorAndProduce(quint64 bytes) QTOVELMIXER_NONBLOCKING;
 };
 
 namespace QTovelMixer {
