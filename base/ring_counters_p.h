@@ -36,9 +36,7 @@ class RingCounters
 public:
     /// Bytes that may be readable, and bytes after which a place repeats, at least as many.
     RingCounters(quint64 most, quint64 places)
-        : producer{.capacity = most, .size = std::max(places, quint64{1})}, consumer{
-                                                                                .size =
-                                                                                    producer.size}
+        : producer(most, std::max(places, quint64{1})), consumer(producer.size)
     {}
 
     /// What a side may work on: bytes counted since the start or the last flush, the place in the
@@ -63,18 +61,13 @@ public:
     /// As many of the bytes as there is room for.
     quint64 roomFor(quint64 bytes)
     {
-        const quint64 produced = producer.produced.load(std::memory_order_relaxed);
-        if (bytes > producer.limit.load(std::memory_order_relaxed) - produced) [[unlikely]]
-            bytes = std::min(bytes, lookToWrite().bytes);
-        return bytes;
+        return roomFor(bytes, producer.produced.load(std::memory_order_relaxed));
     }
     /// Hands over bytes, as many of them as there is room for.
     void produce(quint64 bytes)
     {
         const quint64 produced = producer.produced.load(std::memory_order_relaxed);
-        if (bytes > producer.limit.load(std::memory_order_relaxed) - produced) [[unlikely]]
-            bytes = std::min(bytes, lookToWrite().bytes);
-        producer.produced.store(produced + bytes, Policy::publishProduced);
+        producer.produced.store(produced + roomFor(bytes, produced), Policy::publishProduced);
     }
     /// Takes the bytes produced last back, as far as they are not consumed. Both sides rest.
     void withdraw(quint64 bytes)
@@ -134,6 +127,8 @@ protected:
     // What a side needs beside the other's counter lies in one line.
     struct alignas(cacheLine) Producer
     {
+        Producer(quint64 most, quint64 places) : capacity(most), size(places) {}
+
         const quint64 capacity; ///< bytes that may be readable
         const quint64 size;     ///< bytes after which a place repeats
         Count produced{0};
@@ -143,6 +138,8 @@ protected:
 
     struct alignas(cacheLine) Consumer
     {
+        explicit Consumer(quint64 places) : size(places) {}
+
         const quint64 size;
         Count consumed{0};
         Count lap{0};
@@ -151,6 +148,13 @@ protected:
     } consumer;
 
 private:
+    quint64 roomFor(quint64 bytes, quint64 produced)
+    {
+        if (bytes > producer.limit.load(std::memory_order_relaxed) - produced) [[unlikely]]
+            bytes = std::min(bytes, lookToWrite().bytes);
+        return bytes;
+    }
+
     /// The place of a count. Moves the lap on, once in a while.
     template <typename Side>
     static quint64 place(quint64 count, Side &side)

@@ -31,16 +31,22 @@ constexpr size_t capacity = 131072;
 // Volatile, so that copies of it are calls and no instruction made for its size.
 volatile size_t blockBytes = 256 * 2 * sizeof(float);
 
+class OwnedRing
+{
+protected:
+    OwnedRing() : m_ring(BLRINGBUFFER_NewEx(int32_t(capacity), 1)) {}
+    ~OwnedRing() { BLRINGBUFFER_Destroy(&m_ring); }
+    OwnedRing(const OwnedRing &) = delete;
+    OwnedRing &operator=(const OwnedRing &) = delete;
+
+    BLRINGBUFFER *m_ring;
+};
+
 /// Bytes in, bytes out; false when there is no room, or not enough. As the library's own threads
 /// do it, without calls.
-class OurRing
+class OurRing : OwnedRing
 {
 public:
-    OurRing() : m_ring(BLRINGBUFFER_NewEx(int32_t(capacity), 1)) {}
-    ~OurRing() { BLRINGBUFFER_Destroy(&m_ring); }
-    OurRing(const OurRing &) = delete;
-    OurRing &operator=(const OurRing &) = delete;
-
     bool push(const char *from, size_t bytes)
     {
         const BLRINGBUFFER_Slice slice = m_ring->writeSlice();
@@ -66,20 +72,12 @@ public:
         keep(m_ring->readSlice().data);
         m_ring->consume(bytes);
     }
-
-private:
-    BLRINGBUFFER *m_ring;
 };
 
 /// The same ring as hosts have it.
-class OurInterface
+class OurInterface : OwnedRing
 {
 public:
-    OurInterface() : m_ring(BLRINGBUFFER_NewEx(int32_t(capacity), 1)) {}
-    ~OurInterface() { BLRINGBUFFER_Destroy(&m_ring); }
-    OurInterface(const OurInterface &) = delete;
-    OurInterface &operator=(const OurInterface &) = delete;
-
     bool push(const char *from, size_t bytes)
     {
         const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetWriteSlice(m_ring);
@@ -105,9 +103,6 @@ public:
         keep(BLRINGBUFFER_GetReadSlice(m_ring).data);
         BLRINGBUFFER_Consume(m_ring, int32_t(bytes));
     }
-
-private:
-    BLRINGBUFFER *m_ring;
 };
 
 class JackRing

@@ -47,22 +47,18 @@ bool eventually(Condition condition)
     return true;
 }
 
-// The database in which JACK clients note properties outlives every server and client, and each one
-// that was killed leaves locks in it, until it is full and all clients complain. Whoever still maps
-// it, a server of this machine's user for one, keeps it.
-void removeLeftProperties()
+} // namespace
+
+bool removeUnlessMapped(const QString &folder)
 {
-    const QString folder = QStringLiteral("/dev/shm/jack_db-%1").arg(getuid());
     if (!QFile::exists(folder))
-        return;
+        return true;
     for (const QString &process : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
         if (contents(QStringLiteral("/proc/%1/maps").arg(process)).contains(folder + u'/'))
-            return;
+            return false;
     }
-    QDir(folder).removeRecursively();
+    return QDir(folder).removeRecursively();
 }
-
-} // namespace
 
 ScopedEnvironment::~ScopedEnvironment()
 {
@@ -182,7 +178,9 @@ SoundServer::SoundServer() : m_folder(QDir::tempPath() + QStringLiteral("/sound-
         environment.unset(name);
     environment.set("JACK_NO_START_SERVER", QStringLiteral("1"));
     environment.set("LC_ALL", QStringLiteral("C"));
-    removeLeftProperties();
+    // The database in which JACK clients note properties outlives them all, and each one that was
+    // killed leaves locks in it, until it is full and every client complains.
+    removeUnlessMapped(QStringLiteral("/dev/shm/jack_db-%1").arg(getuid()));
 }
 
 SoundServer::~SoundServer()

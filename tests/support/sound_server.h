@@ -32,6 +32,10 @@ private:
     QMap<QByteArray, std::optional<QByteArray>> m_before;
 };
 
+/// Removes a folder of files that processes share through their memory. False, and nothing is done,
+/// while one maps a file of it: then it is not a leftover.
+bool removeUnlessMapped(const QString &folder);
+
 /// A program that dies with the test, however the test ends. What it prints goes to a file.
 class ServerProcess
 {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <support/sound_server.h>
 
+#include <QtCore/QDir>
+#include <QtCore/QFile>
 #include <QtTest/QTest>
 
 #include <signal.h>
@@ -36,6 +38,7 @@ class tst_SoundServer : public QObject
 
 private slots:
     void environment_isBack_afterwards();
+    void leftovers_areRemoved_unlessMapped();
     void program_ends_withItsObject_alsoFrozen();
     void program_dies_withATestThatCrashes();
     void program_thatCannotStart_isReported();
@@ -47,6 +50,23 @@ private slots:
     void jack_connectsPorts_andChangesItsPeriod();
     void jack_startsAgain_afterAKill();
 };
+
+void tst_SoundServer::leftovers_areRemoved_unlessMapped()
+{
+    const QTemporaryDir place;
+    const QString folder = place.filePath(QStringLiteral("shared"));
+    QVERIFY(removeUnlessMapped(folder)); // there is none
+    QVERIFY(QDir().mkdir(folder));
+    QFile file(folder + QStringLiteral("/locks"));
+    QVERIFY(file.open(QIODevice::ReadWrite) && file.resize(4096));
+    uchar *const mapped = file.map(0, 4096);
+    QVERIFY(mapped);
+    QVERIFY(!removeUnlessMapped(folder));
+    QVERIFY(file.exists());
+    QVERIFY(file.unmap(mapped));
+    QVERIFY(removeUnlessMapped(folder));
+    QVERIFY(!QFile::exists(folder));
+}
 
 void tst_SoundServer::environment_isBack_afterwards()
 {
