@@ -299,9 +299,10 @@ public:
     /// until then this waits, without polling, for `milliseconds` at most. While the mixer is
     /// paused, or an attached source or sink is not started, it waits too, so that no frame is
     /// lost, and also when all that is played is over and nothing records or monitors. Errors:
-    /// `BlockNotReady` when the time is over; nothing has changed then, and the backend calls
-    /// again. Call it at least twice a second, or the mixer's watchdog stops it. Threads: the
-    /// backend's own, not one that others wait for while they hold the mix.
+    /// `BlockNotReady` when the time is over, or when something changed and that was not enough;
+    /// nothing was mixed then, and the backend calls again. Call it at least twice a second, or the
+    /// mixer's watchdog stops it. Threads: the backend's own, not one that others wait for while
+    /// they hold the mix.
     int mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
                      unsigned int frames, double streamTime, int milliseconds) noexcept;
     /// Lets `mixWhenReady` look again. Sources and sinks of this library call it; a host needs it

@@ -8,8 +8,6 @@
 #include <mixer/io/source.h>
 #include <mixer/io/source_p.h>
 
-#include <QtCore/QDeadlineTimer>
-
 #include <algorithm>
 
 namespace QTovelMixer {
@@ -61,18 +59,18 @@ int Engine::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float,
         const AudioThreadMark mark;
         return d->mixerCallback(input, output, frames, 0, true);
     };
-    const QDeadlineTimer end(milliseconds);
     int answer = mix();
-    bool posted = true;
-    while (answer == BlockNotReady && posted && !end.hasExpired()) {
-        const unsigned mark = d->gate.announce();
-        answer = mix();
-        if (answer == BlockNotReady) {
-            d->wakeWorkers();
-            posted = d->gate.wait(mark, int(end.remainingTime()));
-        }
-        d->gate.leave();
+    if (answer != BlockNotReady)
+        return answer;
+    const unsigned mark = d->gate.announce();
+    answer = mix();
+    if (answer == BlockNotReady) {
+        d->wakeWorkers();
+        // Once only: whoever wakes the backend may want it to do something else.
+        if (d->gate.wait(mark, milliseconds))
+            answer = mix();
     }
+    d->gate.leave();
     return answer;
 }
 

@@ -11,6 +11,7 @@
 #include <QtTest/QTest>
 
 #include <stdexcept>
+#include <thread>
 
 using namespace QTovelMixer;
 using VirtualApi = QTovelMixerApiVirtual;
@@ -35,6 +36,7 @@ private slots:
     void stop_fromTheHandler_doesNotWait();
     void start_startsAgain();
     void freeWheel_waits_untilSourcesAreStarted();
+    void wakeMix_endsAWait_forWhichNothingIsReady();
     void bufferedFrames_and_freeFrames_tellTheRings();
     void unplug_endsPlayback_asFailed();
     void unplug_endsRecording_asFailed();
@@ -289,6 +291,30 @@ void tst_ApiVirtual::freeWheel_waits_untilSourcesAreStarted()
     QVERIFY(session.finish());
     session.engine.deactivate(UserStopAction);
     QCOMPARE(session.kept.front(), noiseSample(1, 0, 0));
+}
+
+void tst_ApiVirtual::wakeMix_endsAWait_forWhichNothingIsReady()
+{
+    constexpr int tooLong = 60000; // ms
+    Engine engine(nullptr);
+    std::atomic<int> answer{-1};
+    QSemaphore ended;
+    std::thread backend([&] {
+        aligned_vector<float, 16> input(256);
+        aligned_vector<float, 16> output(256);
+        answer = engine.mixWhenReady(input, output, 256, 0.0, tooLong);
+        ended.release();
+    });
+    // Again and again: the wait may not have begun.
+    const QDeadlineTimer patience(10000);
+    bool hasEnded = false;
+    do {
+        engine.wakeMix();
+        hasEnded = ended.tryAcquire(1, 1);
+    } while (!hasEnded && !patience.hasExpired());
+    backend.join();
+    QVERIFY(hasEnded);
+    QCOMPARE(answer.load(), int(Engine::BlockNotReady));
 }
 
 void tst_ApiVirtual::bufferedFrames_and_freeFrames_tellTheRings()
