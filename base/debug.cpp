@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <base/debug.h>
 
+#include <base/log_line_p.h>
 #include <base/trace_p.h>
 #include <base/trace_queue_p.h>
 
@@ -16,12 +17,7 @@ void writeLong(QtMsgType type, const char *format, va_list arguments, int length
 {
     QByteArray text(length, Qt::Uninitialized);
     std::vsnprintf(text.data(), static_cast<size_t>(length) + 1, format, arguments);
-    if (type == QtCriticalMsg)
-        qCritical("%s", text.constData());
-    else if (type == QtInfoMsg)
-        qInfo("%s", text.constData());
-    else
-        qDebug("%s", text.constData());
+    writeText(type, text.constData());
 }
 
 void write(QtMsgType type, const char *format, va_list arguments)
@@ -41,7 +37,7 @@ void write(QtMsgType type, const char *format, va_list arguments)
         else if (length < TraceRecord::maxText)
             writeRecord(record);
         else
-            writeLong(type, format, again, length);
+            writeLine([&] { writeLong(type, format, again, length); });
     }
     va_end(again);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <base/trace_p.h>
 
+#include <base/log_line_p.h>
 #include <base/nonblocking_p.h>
 #include <base/trace_queue_p.h>
 
@@ -89,21 +90,6 @@ void LineBuffer::append(const TraceItem &item)
     }
 }
 
-void writeText(QtMsgType type, const char *text)
-{
-    switch (type) {
-    case QtDebugMsg:
-        qDebug("%s", text);
-        break;
-    case QtCriticalMsg:
-        qCritical("%s", text);
-        break;
-    default:
-        qInfo("%s", text);
-        break;
-    }
-}
-
 TraceItem *nextItem(TraceRecord &record, const char *key, TraceItem::Kind kind) noexcept
 {
     Q_ASSERT(record.items < TraceRecord::maxItems);
@@ -186,10 +172,28 @@ TraceLine &TraceLine::item(const char *key, const void *value) noexcept
     return *this;
 }
 
+void writeText(QtMsgType type, const char *text)
+{
+    switch (type) {
+    case QtDebugMsg:
+        qDebug("%s", text);
+        break;
+    case QtWarningMsg:
+        qWarning("%s", text);
+        break;
+    case QtCriticalMsg:
+        qCritical("%s", text);
+        break;
+    default:
+        qInfo("%s", text);
+        break;
+    }
+}
+
 void writeRecord(const TraceRecord &record)
 {
     if (!record.event) {
-        writeText(record.type, record.text);
+        writeLine([&] { writeText(record.type, record.text); });
         return;
     }
     LineBuffer line;
@@ -197,7 +201,7 @@ void writeRecord(const TraceRecord &record)
     line.append(record.event);
     for (int i = 0; i < record.items; ++i)
         line.append(record.item[i]);
-    writeText(record.type, line.text());
+    writeLine([&] { writeText(record.type, line.text()); });
 }
 
 AudioThreadMark::AudioThreadMark() noexcept

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <base/trace_queue_p.h>
 
+#include <base/log_line_p.h>
 #include <base/trace_p.h>
 
 #include <algorithm>
@@ -134,6 +135,11 @@ void queueRecord(const TraceRecord &record) noexcept
 {
     if (!queue.push(record))
         lost.fetch_add(1, std::memory_order_relaxed);
+}
+
+void countLostLine() noexcept
+{
+    lost.fetch_add(1, std::memory_order_relaxed);
 }
 
 void prepareTrace()

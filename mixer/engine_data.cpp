@@ -18,7 +18,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
 namespace QTovelMixer {
 
@@ -27,6 +26,19 @@ namespace {
 // Half a tick of the timeline's grid of 1/192000 s: closer positions are the same position.
 constexpr double samePosition = 1.0 / 384000.0;
 constexpr int deviceListDelay = 2500; // ms
+
+/// Empties the list and keeps its room. `release` may find the list in use anew.
+template <typename T, typename Release>
+void releaseAll(std::vector<T *> &list, Release release)
+{
+    std::vector<T *> held;
+    held.swap(list);
+    for (T *object : held)
+        release(object);
+    held.clear();
+    if (list.empty())
+        list.swap(held);
+}
 
 qint64 toFrames(double seconds, unsigned rate)
 {
@@ -38,9 +50,11 @@ qint64 toFrames(double seconds, unsigned rate)
 
 Engine::Data::Data(Engine *owner, Api *backend)
     : engine(owner), api(backend), deviceListTimer(new QTimer(owner)),
-      watchdogTimer(new QTimer(owner)), timeline(new Timeline)
+      watchdogTimer(new QTimer(owner)), cleanUpTimer(new QTimer(owner))
 {
     prepareTrace();
+    cleanUpTimer->setSingleShot(true);
+    cleanUpTimer->setInterval(0);
     deviceListTimer->setSingleShot(true);
     deviceListTimer->setInterval(deviceListDelay);
     deviceListTimer->setTimerType(Qt::PreciseTimer);
@@ -48,7 +62,9 @@ Engine::Data::Data(Engine *owner, Api *backend)
     sinks.reserve(128);
     inputBuses.reserve(128);
     outputBuses.reserve(128);
+    removedBuses.reserve(128);
     resetGainMatrix();
+    timeline = new Timeline; // last: nothing gives it back when a constructor fails
 }
 
 Engine::Data::~Data()
@@ -59,6 +75,7 @@ Engine::Data::~Data()
     for (const SavedState &state : savedStates)
         delete state.timeline;
     delete timeline;
+    delete cleanUpTimer;
     delete watchdogTimer;
     delete deviceListTimer;
 }
@@ -156,7 +173,8 @@ void Engine::Data::update_source_unlock()
 }
 
 // A source's lock is a plain mutex, so that only the outermost bracket may take it; it gives
-// back exactly the locks that it took, whatever happens to the list inside the bracket.
+// back exactly the locks that it took, whatever happens to the list inside the bracket. What was
+// added has made room for itself in the lists of locks, so that nothing here runs out of memory.
 void Engine::Data::lockMix()
 {
     Q_ASSERT(bracketDepth >= 0);
@@ -183,10 +201,8 @@ void Engine::Data::releaseWorkers()
     if (--bracketDepth > 0)
         return;
     Q_ASSERT(bracketDepth == 0);
-    for (Source *source : std::exchange(lockedSources, {}))
-        source->update_unlock();
-    for (Sink *sink : std::exchange(lockedSinks, {}))
-        SinkAccess::updateUnlock(*sink);
+    releaseAll(lockedSources, [](Source *source) { source->update_unlock(); });
+    releaseAll(lockedSinks, [](Sink *sink) { SinkAccess::updateUnlock(*sink); });
 }
 
 // A host may take long to write. Until it has, blocks are mixed and recorded as before.
@@ -268,7 +284,7 @@ void Engine::Data::adjSourceTime(double time, double offset)
 // The host's hooks and slots run inside these, and may take other objects away.
 void Engine::Data::forEachSource(const std::function<void(Source *)> &operation)
 {
-    for (Source *source : std::vector<Source *>(sources)) {
+    for (Source *source : Snapshot<Source>(sources.begin(), sources.end())) {
         if (contains(source))
             operation(source);
     }
@@ -276,7 +292,7 @@ void Engine::Data::forEachSource(const std::function<void(Source *)> &operation)
 
 void Engine::Data::forEachSink(const std::function<void(Sink *)> &operation)
 {
-    for (Sink *sink : std::vector<Sink *>(sinks)) {
+    for (Sink *sink : Snapshot<Sink>(sinks.begin(), sinks.end())) {
         if (contains(sink))
             operation(sink);
     }

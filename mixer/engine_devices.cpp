@@ -2,6 +2,7 @@
 // Device list, device choice, opening.
 #include <mixer/engine_p.h>
 
+#include <base/log_line_p.h>
 #include <mixer/api/api.h>
 #include <mixer/api/device.h>
 #include <mixer/control_panel_p.h>
@@ -12,12 +13,14 @@
 #include <mixer/store/store.h>
 
 #include <QtCore/QDebug>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
 
 #include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <stdexcept>
+#include <vector>
 
 namespace QTovelMixer {
 
@@ -32,7 +35,8 @@ bool isSide(DeviceKind kind)
     return kind == DeviceKind::Input || kind == DeviceKind::Output;
 }
 
-unsigned nearest(const QList<unsigned> &ascending, unsigned value)
+template <typename List>
+unsigned nearest(const List &ascending, unsigned value)
 {
     const auto upper = std::lower_bound(ascending.begin(), ascending.end(), value);
     if (upper == ascending.end())
@@ -43,9 +47,11 @@ unsigned nearest(const QList<unsigned> &ascending, unsigned value)
     return value - lower < *upper - value ? lower : *upper;
 }
 
-QList<unsigned> ascendingRates(const Device *device)
+// A list of Qt's, shared with the device's own, would not notice when its copy finds no memory.
+std::vector<unsigned> ascendingRates(const Device *device)
 {
-    QList<unsigned> rates = device->sampleRates();
+    const QList<unsigned> listed = device->sampleRates();
+    std::vector<unsigned> rates(listed.begin(), listed.end());
     std::sort(rates.begin(), rates.end());
     return rates;
 }
@@ -142,9 +148,11 @@ void Engine::setDefault(DeviceKind kind, const QString &name)
     if (name != QLatin1String("default") && name != QLatin1String("null"))
         throw std::logic_error("QTovelMixer::Engine::setDefault deviceName must be: "
                                "\"default\" or \"null\"");
-    qInfo().noquote() << (kind == DeviceKind::Input ? "Setting Default Input Device to"
-                                                    : "Setting Default Output Device to")
-                      << name;
+    composeLine(QtInfoMsg, [&](QDebug &line) {
+        line.noquote() << (kind == DeviceKind::Input ? "Setting Default Input Device to"
+                                                     : "Setting Default Output Device to")
+                       << name;
+    });
     defaultChoice[kind] = name;
 }
 
@@ -170,12 +178,13 @@ QList<unsigned int> Engine::availableSampleRates(Device *output, Device *input,
 {
     QList<unsigned> rates;
     if (output && input) {
-        const QList<unsigned> ofOutput = ascendingRates(output);
-        const QList<unsigned> ofInput = ascendingRates(input);
+        const std::vector<unsigned> ofOutput = ascendingRates(output);
+        const std::vector<unsigned> ofInput = ascendingRates(input);
         std::set_intersection(ofOutput.begin(), ofOutput.end(), ofInput.begin(), ofInput.end(),
                               std::back_inserter(rates));
     } else if (output || input) {
-        rates = ascendingRates(output ? output : input);
+        for (const unsigned one : ascendingRates(output ? output : input))
+            rates.append(one);
     }
     if (rates.isEmpty())
         rate = 0;
@@ -222,13 +231,9 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
     if (!d->onMainThread()) {
         bool answer = true;
         if (d->onOwnThread())
-            QMetaObject::invokeMethod(
-                this, [=, this] { open(output, input, sampleRate, startapi); },
-                Qt::QueuedConnection);
+            d->callLater("select", [=, this] { open(output, input, sampleRate, startapi); });
         else
-            QMetaObject::invokeMethod(
-                this, [&] { answer = open(output, input, sampleRate, startapi); },
-                Qt::BlockingQueuedConnection);
+            d->callAndWait([&] { answer = open(output, input, sampleRate, startapi); });
         return answer;
     }
 
@@ -254,9 +259,11 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
 
     const QList<Device *> listed = d->api->devices();
     const auto announce = [](const char *side, const Device *device, unsigned rate) {
-        qInfo().nospace().noquote()
-            << "QTovelMixer::Engine::select: " << side << " \"" << device->name()
-            << "\" did not open -- trying same-named alternative device at " << rate << " Hz";
+        composeLine(QtInfoMsg, [&](QDebug &line) {
+            line.nospace().noquote()
+                << "QTovelMixer::Engine::select: " << side << " \"" << device->name()
+                << "\" did not open -- trying same-named alternative device at " << rate << " Hz";
+        });
     };
     const auto rateOf = [](const Device *device) {
         const unsigned rate = device->preferedSampleRate();
@@ -289,20 +296,12 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
         return false;
     const unsigned oldRate = this->sampleRate();
     d->activatedEmpty = false;
-    d->stopMixerApi();
-    // A callback that is still running would wait for the lock that closing is done under.
-    if (d->apiRunning())
-        d->api->stop();
-    d->outputName.clear();
-    d->inputName.clear();
-    {
-        const QMutexLocker locker(&d->updateLock);
-        d->closeMixerApi();
-    }
-    d->deleteMeters();
+    d->closeDevice();
     QThread::msleep(settleTime);
 
     bool opened = false;
+    // A device that is open without all that belongs to it is none.
+    auto undo = qScopeGuard([this] { d->closeDevice(); });
     {
         const QMutexLocker locker(&d->updateLock);
         opened = d->openMixerApi(outputDevice, inputDevice, sampleRate);
@@ -329,16 +328,35 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
             d->inputName = Device::deviceName(inputDevice);
         }
     }
-    if (!opened)
-        qWarning().nospace().noquote()
-            << "QTovelMixer::Engine::open: Failed to open mixerApi (Output: " << outputDevice
-            << " / Input: " << inputDevice << " / Sample Rate: " << sampleRate << "Hz)";
+    undo.dismiss();
+    if (!opened) {
+        composeLine(QtWarningMsg, [&](QDebug &line) {
+            line.nospace().noquote()
+                << "QTovelMixer::Engine::open: Failed to open mixerApi (Output: " << outputDevice
+                << " / Input: " << inputDevice << " / Sample Rate: " << sampleRate << "Hz)";
+        });
+    }
     emit mixerChanged();
     if (opened && d->active && startapi) {
         d->startMixerApi();
         d->raiseApiRefs(d->users() + 1);
     }
     return opened;
+}
+
+void Engine::Data::closeDevice()
+{
+    stopMixerApi();
+    // A callback that is still running would wait for the lock that closing is done under.
+    if (apiRunning())
+        api->stop();
+    outputName.clear();
+    inputName.clear();
+    {
+        const QMutexLocker locker(&updateLock);
+        closeMixerApi();
+    }
+    deleteMeters();
 }
 
 // Workers keep the ring and the resamplers of the rate that they began with: they end, and the
@@ -355,14 +373,14 @@ void Engine::Data::adoptRate(unsigned oldRate)
 void Engine::updateDeviceList(bool deactivate_before_update)
 {
     if (!d->onMainThread()) {
-        QMetaObject::invokeMethod(
-            this, [=, this] { updateDeviceList(deactivate_before_update); }, Qt::QueuedConnection);
+        d->callLater("updateDeviceList", [=, this] { updateDeviceList(deactivate_before_update); });
         return;
     }
     disconnect(d->stoppedLink);
     if (d->active && d->running && d->sourceCount + d->sinkCount > 0) {
         d->stoppedLink = connect(this, &Engine::stopped, this, [this, deactivate_before_update] {
-            updateDeviceList(deactivate_before_update);
+            Data::callFromLoop("updateDeviceList",
+                               [=, this] { updateDeviceList(deactivate_before_update); });
         });
         return;
     }
@@ -374,7 +392,8 @@ void Engine::updateDeviceList(bool deactivate_before_update)
         return;
     }
     d->deactivatedLink = connect(
-        this, &Engine::deactivated, this, [this] { updateDeviceList(false); },
+        this, &Engine::deactivated, this,
+        [this] { Data::callFromLoop("updateDeviceList", [this] { updateDeviceList(false); }); },
         Qt::QueuedConnection);
     deactivate(StopReason::NoReason);
 }
@@ -382,16 +401,22 @@ void Engine::updateDeviceList(bool deactivate_before_update)
 void Engine::doDeviceListUpdate()
 {
     const QString name = backendString();
-    qInfo().nospace().noquote() << " -> Updating audio device list... (" << name << ") "
-                                << sender();
+    composeLine(QtInfoMsg, [&](QDebug &line) {
+        line.nospace().noquote() << " -> Updating audio device list... (" << name << ") "
+                                 << sender();
+    });
     if (d->api) {
         if (backend() != Disabled) {
             if (d->api->updateDeviceList()) {
-                qInfo().nospace().noquote()
-                    << "Update of audio device list SUCCESSFUL (" << name << ") !";
+                composeLine(QtInfoMsg, [&](QDebug &line) {
+                    line.nospace().noquote()
+                        << "Update of audio device list SUCCESSFUL (" << name << ") !";
+                });
             } else {
-                qInfo().nospace().noquote()
-                    << "Update of audio device list FAILED (" << name << ") !";
+                composeLine(QtInfoMsg, [&](QDebug &line) {
+                    line.nospace().noquote()
+                        << "Update of audio device list FAILED (" << name << ") !";
+                });
                 emit updateDeviceListFailed(name);
             }
         }
@@ -407,13 +432,10 @@ void Engine::doDeviceListUpdate()
     if (d->active && !d->apiOpen() && (d->activationFailed || lost || found))
         d->active = false;
     if (!d->active) {
-        QMetaObject::invokeMethod(
-            this,
-            [this] {
-                activate(getDefault(DeviceKind::Output) == QLatin1String("default"),
-                         getDefault(DeviceKind::Input) == QLatin1String("default"));
-            },
-            Qt::QueuedConnection);
+        d->callLater("activate", [this] {
+            activate(getDefault(DeviceKind::Output) == QLatin1String("default"),
+                     getDefault(DeviceKind::Input) == QLatin1String("default"));
+        });
     }
 }
 

@@ -175,15 +175,10 @@ Effect *Engine::Data::replaceEffect(Effect *&slot, QMetaObject::Connection &link
 {
     if (!requireMainThread("replaceEffect"))
         return nullptr;
-    Effect *replaced = nullptr;
-    {
-        const QMutexLocker locker(&updateLock);
-        replaced = slot;
-        slot = effect;
-    }
-    QObject::disconnect(link);
+    // First: an effect whose end nobody noticed must not be used.
+    QMetaObject::Connection watched;
     if (effect) {
-        link = QObject::connect(
+        watched = QObject::connect(
             effect, &QObject::destroyed, engine,
             [this, &slot] {
                 const QMutexLocker locker(&updateLock);
@@ -191,6 +186,14 @@ Effect *Engine::Data::replaceEffect(Effect *&slot, QMetaObject::Connection &link
             },
             Qt::DirectConnection);
     }
+    Effect *replaced = nullptr;
+    {
+        const QMutexLocker locker(&updateLock);
+        replaced = slot;
+        slot = effect;
+    }
+    QObject::disconnect(link);
+    link = watched;
     if (replaced && replaced != effect)
         replaced->onReplaced();
     return replaced;

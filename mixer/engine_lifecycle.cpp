@@ -3,14 +3,15 @@
 #include <mixer/engine_p.h>
 
 #include <base/debug.h>
+#include <base/log_line_p.h>
 #include <mixer/api/api.h>
 #include <mixer/api/device.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
 #include <mixer/meter/meter.h>
 
-#include <QtCore/QDebug>
 #include <QtCore/QMetaType>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
 
 #include <utility>
@@ -48,27 +49,36 @@ void Engine::Finalize() {}
 
 Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
 {
-    if (api)
-        api->setEngine(this);
     connect(d->deviceListTimer, &QTimer::timeout, this, [this] {
-        // Playback may have begun since the timer was started, and probes need their distance.
-        if (d->active && d->running && d->users() > 0) {
-            if (!d->stoppedLink)
-                updateDeviceList(false);
-        } else if (d->api && !d->api->canUpdateDeviceList()) {
+        const auto update = [this] {
+            // Playback may have begun since the timer was started, and probes need their distance.
+            if (d->active && d->running && d->users() > 0) {
+                if (!d->stoppedLink)
+                    updateDeviceList(false);
+            } else if (d->api && !d->api->canUpdateDeviceList()) {
+                d->deviceListTimer->start();
+            } else {
+                doDeviceListUpdate();
+            }
+        };
+        if (!Data::callFromLoop("updateDeviceList", update))
             d->deviceListTimer->start();
-        } else {
-            doDeviceListUpdate();
-        }
     });
     connect(d->watchdogTimer, &QTimer::timeout, this, [this] {
         // A tick that is itself late says that this thread was held up: backends that are
         // driven from it could not deliver blocks either.
         const bool late = d->watchdogClock.restart() > d->watchdogTimer->interval() * 3 / 2;
         if (!late && !d->mayStillRest())
-            monitorTimeout();
+            Data::callFromLoop("monitorTimeout", [this] { monitorTimeout(); });
+    });
+    connect(d->cleanUpTimer, &QTimer::timeout, this, [this] {
+        if (!Data::callFromLoop("cleanUp", [this] { d->cleanUp(); }))
+            d->cleanUpTimer->start();
     });
     connect(this, &Engine::deactivated, this, &Engine::mixerChanged);
+    // Last: a backend whose engine could not be made stays the caller's.
+    if (api)
+        api->setEngine(this);
 }
 
 Engine::~Engine()
@@ -79,12 +89,10 @@ Engine::~Engine()
     d->deviceListTimer->stop();
     // All are told first, so that they end side by side.
     d->stop(StopReason::NoReason);
-    const std::vector<Source *> sources = d->sources;
-    const std::vector<Sink *> sinks = d->sinks;
-    for (Source *source : sources)
-        deleteSource(source);
-    for (Sink *sink : sinks)
-        deleteSink(sink);
+    while (!d->sources.empty())
+        deleteSource(d->sources.front());
+    while (!d->sinks.empty())
+        deleteSink(d->sinks.front());
     for (const QPointer<Source> &source : std::exchange(d->retiredSources, {}))
         deleteSource(source);
     for (const QPointer<Sink> &sink : std::exchange(d->retiredSinks, {}))
@@ -105,19 +113,23 @@ void Engine::onStopped() {}
 void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
 {
     if (!d->onMainThread()) {
-        const auto type = d->onOwnThread() ? Qt::QueuedConnection : Qt::BlockingQueuedConnection;
-        QMetaObject::invokeMethod(
-            this, [=, this] { activate(preferDefaultOutput, preferDefaultInput); }, type);
+        d->callOnEngineThread("activate",
+                              [=, this] { activate(preferDefaultOutput, preferDefaultInput); });
         return;
     }
     if (d->active)
         return;
-    qInfo().nospace().noquote() << "Activating Mixer (" << backendString() << ") !";
+    composeLine(QtInfoMsg, [this](QDebug &line) {
+        line.nospace().noquote() << "Activating Mixer (" << backendString() << ") !";
+    });
     d->active = true;
+    auto undo = qScopeGuard([this] { d->active = false; });
     d->activationFailed = false;
     d->activatedEmpty = false;
-    if (d->apiRunning())
+    if (d->apiRunning()) {
+        undo.dismiss();
         return;
+    }
     if (!d->apiOpen()) {
         const auto choose = [this](DeviceKind kind, bool preferDefault) -> Device * {
             if (!d->api)
@@ -132,10 +144,12 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
             rate = 48000;
         if (!select(output, input, rate, false)) {
             d->activationFailed = true;
+            undo.dismiss();
             return;
         }
         d->activatedEmpty = !output && !input;
     }
+    undo.dismiss();
     d->loadClock.restart();
     emit activated();
 }
@@ -143,12 +157,12 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
 void Engine::deactivate(StopReason stopReason)
 {
     if (!d->onMainThread()) {
-        const auto type = d->onOwnThread() ? Qt::QueuedConnection : Qt::BlockingQueuedConnection;
-        QMetaObject::invokeMethod(
-            this, [=, this] { deactivate(stopReason); }, type);
+        d->callOnEngineThread("deactivate", [=, this] { deactivate(stopReason); });
         return;
     }
-    qInfo().nospace().noquote() << "Deactivating Mixer (" << backendString() << ") !";
+    composeLine(QtInfoMsg, [this](QDebug &line) {
+        line.nospace().noquote() << "Deactivating Mixer (" << backendString() << ") !";
+    });
     stop(true, stopReason);
     d->stopMixerApi();
     d->closeMixerApi();
@@ -168,8 +182,7 @@ void Engine::setActive(bool value)
 void Engine::onApiDeviceFailure()
 {
     if (!d->onMainThread()) {
-        QMetaObject::invokeMethod(
-            this, [this] { onApiDeviceFailure(); }, Qt::QueuedConnection);
+        d->callLater("onApiDeviceFailure", [this] { onApiDeviceFailure(); });
         return;
     }
     const bool busy = d->active && d->running;
@@ -210,8 +223,9 @@ bool Engine::save()
         BLDEBUG_Error(-1, "QTovelMixer::save: Can't save state on a running mixer.");
         return false;
     }
+    auto fresh = std::make_unique<Timeline>();
     d->savedStates.push_back({d->timeline, d->outputEffectBypass != 0, d->inputEffectBypass != 0});
-    exchangeTimeline(*d, new Timeline);
+    exchangeTimeline(*d, fresh.release());
     emit mixerChanged();
     return true;
 }

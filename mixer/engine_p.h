@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_ENGINE_P_H
 #define QTOVELMIXER_MIXER_ENGINE_P_H
 
+#include <base/debug.h>
 #include <base/nonblocking.h>
 #include <mixer/block_gate_p.h>
 #include <mixer/block_lock_p.h>
@@ -12,11 +13,14 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
+#include <QtCore/QVarLengthArray>
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <functional>
 #include <map>
+#include <new>
 #include <vector>
 
 namespace QTovelMixer {
@@ -69,6 +73,11 @@ struct Engine::Data
     };
     template <typename T>
     struct Kind; ///< of source or sink (engine_kinds_p.h)
+
+    /// What is listed at a moment. With no more than there are buses for, it takes no memory:
+    /// whatever stops and ends things has to work when there is none.
+    template <typename T>
+    using Snapshot = QVarLengthArray<T *, 128>;
 
     /// What the end of a bracket does with the clock.
     enum class Position {
@@ -128,6 +137,7 @@ struct Engine::Data
 
     void adjSourceTime(double time, double offset);
     void setTime(double time, double start);
+    void startAll(double time, double begin);
     void setMixTime(double time);
     void forEachSource(const std::function<void(Source *)> &operation);
     void forEachSink(const std::function<void(Sink *)> &operation);
@@ -145,6 +155,7 @@ struct Engine::Data
 
     // The device stream.
     bool openMixerApi(Device *output, Device *input, unsigned rate);
+    void closeDevice();
     void startMixerApi();
     void stopMixerApi();
     void closeMixerApi();
@@ -169,6 +180,8 @@ struct Engine::Data
     /// First row or column of a listed object; the number of buses for one that has none.
     unsigned rowOf(const Source *source) const;
     unsigned columnOf(const Sink *sink) const;
+    template <typename T>
+    QList<T *> listed(const std::vector<T *> &objects) const;
     bool contains(const Source *source) const;
     bool contains(const Sink *sink) const;
     /// Takes a listed object out of the mix. Answers false when it is not listed.
@@ -179,7 +192,11 @@ struct Engine::Data
     template <typename T>
     void attach(T *object, float gain, std::vector<Bus> added, const Span &span);
     template <typename T>
+    void makeRoom(size_t buses);
+    template <typename T>
     bool takeOut(T *object);
+    template <typename T>
+    bool withdraw(T *object);
     template <typename T>
     void remove(T *object, QObject *caller);
     template <typename T>
@@ -191,9 +208,18 @@ struct Engine::Data
     void unfollow(Source *source);
     void unfollow(Sink *sink);
     int users() const { return int(sources.size() + sinks.size()); }
+    template <typename T>
+    static bool isUnstarted(const T *object);
     void removeUnstarted();
     template <typename T>
     void removeUnstarted(const std::vector<T *> &objects);
+    template <typename T>
+    void cleanUp(const std::vector<T *> &objects);
+    /// Does at once whatever could not be queued for want of memory.
+    void cleanUp();
+    /// Queues what has to be done some time; without memory `cleanUp` does it.
+    template <typename Operation>
+    void queueCleanUp(Operation operation);
     void checkRest() const;
 
     unsigned rate() const QTOVELMIXER_NONBLOCKING { return engine->sampleRate(); }
@@ -208,6 +234,19 @@ struct Engine::Data
     bool onOwnThread() const;
     /// As onMainThread; logs a refusal that names the operation otherwise.
     bool requireMainThread(const char *operation) const;
+    /// Calls what an event loop calls: no loop passes exceptions on. Answers false, and logs one
+    /// line that names the operation, when memory ran out.
+    template <typename Operation>
+    static bool callFromLoop(const char *name, Operation operation);
+    /// Has the engine's thread call it some time.
+    template <typename Operation>
+    void callLater(const char *name, Operation operation);
+    /// Has the engine's thread call it, waits, and throws what it throws.
+    template <typename Operation>
+    void callAndWait(Operation operation);
+    /// One or the other: nobody waits on a thread that the engine's may be waiting for.
+    template <typename Operation>
+    void callOnEngineThread(const char *name, Operation operation);
 
     // Main thread ---------------------------------------------------------------------------
     Engine *engine;
@@ -231,6 +270,10 @@ struct Engine::Data
     QString inputName;
     QTimer *deviceListTimer;
     QTimer *watchdogTimer;
+    QTimer *cleanUpTimer;
+    int owedStops = 0;             ///< of the stream
+    unsigned owedGeneration = 0;   ///< of the stream
+    std::vector<Bus> removedBuses; ///< has room for all; freed outside the update lock
     QElapsedTimer watchdogClock;
     QElapsedTimer streamClock; ///< since the stream was started
     QElapsedTimer loadClock;
@@ -281,7 +324,7 @@ struct Engine::Data
     float (&gainMatrix)[128][128] = matrix.gain;
     float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
-    Timeline *timeline;
+    Timeline *timeline = nullptr;
 
     // Audio thread --------------------------------------------------------------------------
     std::atomic<qint64> mixTime{0}; ///< frames
@@ -293,6 +336,52 @@ struct Engine::Data
     std::atomic<qint64> peakCallbackLoad{0};
     std::atomic<double> averageCallbackLoad{0.0};
 };
+
+template <typename Operation>
+bool Engine::Data::callFromLoop(const char *name, Operation operation)
+{
+    try {
+        operation();
+    } catch (const std::bad_alloc &) {
+        BLDEBUG_Error(-1, "QTovelMixer::%s: Out of memory!!", name);
+        return false;
+    }
+    return true;
+}
+
+template <typename Operation>
+void Engine::Data::callLater(const char *name, Operation operation)
+{
+    QMetaObject::invokeMethod(
+        engine, [name, operation] { callFromLoop(name, operation); }, Qt::QueuedConnection);
+}
+
+template <typename Operation>
+void Engine::Data::callAndWait(Operation operation)
+{
+    std::exception_ptr failure;
+    QMetaObject::invokeMethod(
+        engine,
+        [&] {
+            try {
+                operation();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        },
+        Qt::BlockingQueuedConnection);
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
+template <typename Operation>
+void Engine::Data::callOnEngineThread(const char *name, Operation operation)
+{
+    if (onOwnThread())
+        callLater(name, operation);
+    else
+        callAndWait(operation);
+}
 
 /// Lets tests and benchmarks of this library reach the private record.
 struct EngineAccess

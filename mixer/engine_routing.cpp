@@ -6,10 +6,12 @@
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 
+#include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 
 namespace QTovelMixer {
 
@@ -54,26 +56,24 @@ bool Engine::Data::add(T *object, float gain, Options options)
 {
     std::vector<Bus> buses = makeBuses(channelsOf(object), engine->bufferFrames());
     const Span span = spanOf(object, options);
-    // Workers read the limits, so that they are held off when the limits change.
-    if (span.widens)
-        lockMix();
-    else
-        updateLock.lock();
-    startMixerApi();
-    const bool fits = Kind<T>::buses(*this).size() + buses.size() <= maxChannels;
-    if (fits)
+    auto undo = qScopeGuard([this] { stopMixerApi(); });
+    {
+        // Workers read the limits, so that they are held off when the limits change.
+        std::optional<MixHold> hold;
+        if (span.widens)
+            hold.emplace(*this);
+        const QMutexLocker locker(&updateLock);
+        startMixerApi();
+        if (Kind<T>::buses(*this).size() + buses.size() > maxChannels) {
+            BLDEBUG_Error(-1, Kind<T>::noRoom, static_cast<void *>(object));
+            return false;
+        }
         attach(object, gain, std::move(buses), span);
-    else
-        BLDEBUG_Error(-1, Kind<T>::noRoom, static_cast<void *>(object));
-    if (span.widens)
-        unlockMix();
-    else
-        updateLock.unlock();
-    if (!fits)
-        stopMixerApi();
-    else if (!options.testFlag(NoAddedSignal))
+    }
+    undo.dismiss();
+    if (!options.testFlag(NoAddedSignal))
         Kind<T>::announce(engine, object);
-    return fits;
+    return true;
 }
 
 Engine::Data::Span Engine::Data::spanOf(const Source *source, Options options) const
@@ -94,6 +94,9 @@ Engine::Data::Span Engine::Data::spanOf(const Sink *, Options) const
 template <typename T>
 void Engine::Data::attach(T *object, float gain, std::vector<Bus> added, const Span &span)
 {
+    std::vector<Bus> &buses = Kind<T>::buses(*this);
+    const unsigned first = unsigned(buses.size());
+    makeRoom<T>(buses.size() + added.size());
     Link &link = Kind<T>::links(*this)[object];
     link.gain = gain;
     link.holdsStream = Kind<T>::holdsStream(object);
@@ -103,16 +106,30 @@ void Engine::Data::attach(T *object, float gain, std::vector<Bus> added, const S
         const QMutexLocker locker(&listLock);
         Kind<T>::list(*this).push_back(object);
     }
-    std::vector<Bus> &buses = Kind<T>::buses(*this);
-    const unsigned first = unsigned(buses.size());
+    auto undo = qScopeGuard([this, object] { withdraw(object); });
     std::move(added.begin(), added.end(), std::back_inserter(buses));
     Kind<T>::writeGains(*this, object, first, gain);
     planMix();
-    follow(object, span);
     Kind<T>::connectTo(engine, object, link);
+    follow(object, span);
     on_add(object, engine);
+    undo.dismiss();
     Kind<T>::count(*this).fetch_add(1);
     raiseApiRefs(users());
+}
+
+/// Room for one object more in all that it will ever stand in: taking it out takes no memory.
+template <typename T>
+void Engine::Data::makeRoom(size_t buses)
+{
+    const size_t listed = Kind<T>::list(*this).size() + 1;
+    {
+        const QMutexLocker locker(&listLock);
+        Kind<T>::list(*this).reserve(listed);
+    }
+    Kind<T>::locked(*this).reserve(listed);
+    Kind<T>::retired(*this).reserve(Kind<T>::retired(*this).size() + listed);
+    Kind<T>::buses(*this).reserve(buses);
 }
 
 void Engine::Data::follow(Source *source, const Span &span)
@@ -170,7 +187,18 @@ void Engine::Data::unfollow(Sink *) {}
 template <typename T>
 bool Engine::Data::takeOut(T *object)
 {
-    std::vector<Bus> removed;
+    if (!withdraw(object))
+        return false;
+    Kind<T>::count(*this).fetch_sub(1);
+    gate.post();
+    return true;
+}
+
+/// Undoes `attach`, or as much of it as was done.
+template <typename T>
+bool Engine::Data::withdraw(T *object)
+{
+    const auto release = qScopeGuard([this] { removedBuses.clear(); });
     const QMutexLocker locker(&updateLock);
     auto &objects = Kind<T>::list(*this);
     const auto position = std::find(objects.begin(), objects.end(), object);
@@ -194,25 +222,25 @@ bool Engine::Data::takeOut(T *object)
     for (const QMetaObject::Connection &connection : link.connections)
         QObject::disconnect(connection);
     const auto first = buses.begin() + bus;
-    std::move(first, first + count, std::back_inserter(removed));
+    std::move(first, first + count, std::back_inserter(removedBuses));
     buses.erase(first, first + count);
     Kind<T>::removeGains(*this, bus, count);
     if (link.holdsStream)
         decrement(streamUsers);
     unfollow(object);
-    Kind<T>::count(*this).fetch_sub(1);
-    gate.post();
     return true;
 }
 
 void Engine::removeSource()
 {
-    removeSource(qobject_cast<Source *>(sender()));
+    Source *const source = qobject_cast<Source *>(sender());
+    Data::callFromLoop("removeSource", [this, source] { removeSource(source); });
 }
 
 void Engine::removeSink()
 {
-    removeSink(qobject_cast<Sink *>(sender()));
+    Sink *const sink = qobject_cast<Sink *>(sender());
+    Data::callFromLoop("removeSink", [this, sink] { removeSink(sink); });
 }
 
 void Engine::removeSource(Source *source)
@@ -257,8 +285,44 @@ void Engine::Data::remove(T *object, QObject *caller)
     if (generation == streamGeneration)
         stopMixerApi();
     checkRest();
-    QMetaObject::invokeMethod(
-        engine, [this, guarded] { Kind<T>::destroy(engine, guarded); }, Qt::QueuedConnection);
+    queueCleanUp([this, guarded] { Kind<T>::destroy(engine, guarded); });
+}
+
+// What memory allows for is done in the order in which it was asked for, each in an event of its
+// own. The timer has its connection since the engine was made.
+template <typename Operation>
+void Engine::Data::queueCleanUp(Operation operation)
+{
+    try {
+        callLater("cleanUp", operation);
+    } catch (const std::bad_alloc &) {
+        cleanUpTimer->start();
+    }
+}
+
+void Engine::Data::cleanUp()
+{
+    for (; owedStops > 0; --owedStops) {
+        if (owedGeneration == streamGeneration)
+            stopMixerApi();
+    }
+    cleanUp(sources);
+    cleanUp(sinks);
+}
+
+template <typename T>
+void Engine::Data::cleanUp(const std::vector<T *> &objects)
+{
+    for (T *object : Snapshot<T>(objects.begin(), objects.end())) {
+        if (contains(object) && isUnstarted(object))
+            Kind<T>::remove(engine, object);
+    }
+    std::vector<QPointer<T>> &retired = Kind<T>::retired(*this);
+    while (!retired.empty()) {
+        const QPointer<T> object = retired.back();
+        retired.pop_back();
+        Kind<T>::destroy(engine, object);
+    }
 }
 
 // Two counters that know nothing of each other: the users of the device stream, and those that
@@ -281,16 +345,19 @@ void Engine::Data::removeUnstarted(const std::vector<T *> &objects)
 {
     using Access = typename Kind<T>::Access;
     for (T *object : objects) {
-        if (!Kind<T>::wasStopped(object) || Access::threadStarted(*object))
+        if (!isUnstarted(object))
             continue;
-        QMetaObject::invokeMethod(
-            engine,
-            [this, guarded = QPointer<T>(object)] {
-                if (guarded && contains(guarded) && !Access::threadStarted(*guarded))
-                    Kind<T>::remove(engine, guarded);
-            },
-            Qt::QueuedConnection);
+        queueCleanUp([this, guarded = QPointer<T>(object)] {
+            if (guarded && contains(guarded) && !Access::threadStarted(*guarded))
+                Kind<T>::remove(engine, guarded);
+        });
     }
+}
+
+template <typename T>
+bool Engine::Data::isUnstarted(const T *object)
+{
+    return Kind<T>::wasStopped(object) && !Kind<T>::Access::threadStarted(*object);
 }
 
 void Engine::deleteSource(Source *source)
@@ -328,7 +395,13 @@ void Engine::Data::releaseStream()
         if (generation == streamGeneration)
             stopMixerApi();
     };
-    QMetaObject::invokeMethod(engine, later, Qt::QueuedConnection);
+    try {
+        callLater("releaseStream", later);
+    } catch (const std::bad_alloc &) {
+        owedStops = owedGeneration == streamGeneration ? owedStops + 1 : 1;
+        owedGeneration = streamGeneration;
+        cleanUpTimer->start();
+    }
 }
 
 bool Engine::isValid(Source *source) const
@@ -343,26 +416,37 @@ bool Engine::isValid(Sink *sink) const
     return d->contains(sink);
 }
 
+// One by one: a list of Qt's that is made whole does not notice that it found no memory.
+template <typename T>
+QList<T *> Engine::Data::listed(const std::vector<T *> &objects) const
+{
+    const QMutexLocker locker(&listLock);
+    QList<T *> list;
+    for (T *object : objects)
+        list.append(object);
+    return list;
+}
+
 QList<Source *> Engine::activeSources() const
 {
-    const QMutexLocker locker(&d->listLock);
-    return QList<Source *>(d->sources.begin(), d->sources.end());
+    return d->listed(d->sources);
 }
 
 QList<Sink *> Engine::activeSinks() const
 {
-    const QMutexLocker locker(&d->listLock);
-    return QList<Sink *>(d->sinks.begin(), d->sinks.end());
+    return d->listed(d->sinks);
 }
 
 int Engine::numActiveSources() const
 {
-    return int(activeSources().size());
+    const QMutexLocker locker(&d->listLock);
+    return int(d->sources.size());
 }
 
 int Engine::numActiveSinks() const
 {
-    return int(activeSinks().size());
+    const QMutexLocker locker(&d->listLock);
+    return int(d->sinks.size());
 }
 
 } // namespace QTovelMixer

@@ -2,6 +2,7 @@
 // The device stream: who uses it, its watchdog, the meters that hang on it.
 #include <mixer/engine_p.h>
 
+#include <base/log_line_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/meter/meter.h>
@@ -93,11 +94,11 @@ void Engine::Data::startMixerApi()
                 watchdogTimer->start(int(std::max(base, blocks)));
             }
             lastSeenCallbackCount = callbackCount;
-            qInfo("Mixer Api Started!");
+            writeLine([] { qInfo("Mixer Api Started!"); });
         } else {
             apiRefs = 0;
             stopWatchdog();
-            qWarning("Mixer Api failed to start!");
+            writeLine([] { qWarning("Mixer Api failed to start!"); });
         }
     }
     traceStream("Engine::Data::startMixerApi END", *this);
@@ -113,7 +114,7 @@ void Engine::Data::stopMixerApi()
         apiRefs = 0;
         api->stop();
         stopWatchdog();
-        qInfo("Mixer Api Stopped!");
+        writeLine([] { qInfo("Mixer Api Stopped!"); });
     } else {
         --apiRefs;
     }

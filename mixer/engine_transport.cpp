@@ -8,6 +8,7 @@
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
 
+#include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
 
 #include <algorithm>
@@ -58,21 +59,33 @@ bool Engine::start(double time)
         return false;
     }
     const double begin = std::isfinite(time) ? time : 0.0;
-    // Under the update lock too: a block that began before the hold may still be inside a source.
-    d->holdSinks();
-    d->lockMix();
-    d->setTime(mixerTimeToStart(*d->timeline, begin), begin);
-    d->updateLock.unlock();
-    d->forEachSource([](Source *source) { source->start(QThread::InheritPriority); });
-    d->forEachSink([](Sink *sink) { sink->start(QThread::InheritPriority); });
-    // All are let go before the first is waited for.
-    d->releaseWorkers();
-    d->prime();
-    d->running = true;
-    decrement(d->holdCount);
-    d->gate.post();
+    d->startAll(mixerTimeToStart(*d->timeline, begin), begin);
     emit started();
     return true;
+}
+
+void Engine::Data::startAll(double time, double begin)
+{
+    holdSinks();
+    lockMix();
+    const auto mixAgain = qScopeGuard([this] {
+        decrement(holdCount);
+        gate.post();
+    });
+    {
+        // All are let go before the first is waited for.
+        const auto letGo = qScopeGuard([this] { releaseWorkers(); });
+        {
+            // Under the update lock too: a block that began before the hold may still be inside
+            // a source.
+            const auto unlock = qScopeGuard([this] { updateLock.unlock(); });
+            setTime(time, begin);
+        }
+        forEachSource([](Source *source) { source->start(QThread::InheritPriority); });
+        forEachSink([](Sink *sink) { sink->start(QThread::InheritPriority); });
+    }
+    prime();
+    running = true;
 }
 
 bool Engine::pause()
@@ -116,17 +129,12 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
     if (!d->onMainThread()) {
         bool answer = true;
         if (d->onOwnThread()) {
-            QMetaObject::invokeMethod(
-                this,
-                [=, this, guarded = QPointer<Source>(source)] {
-                    if (!source || guarded)
-                        stop_mixer(force, guarded, stopReason);
-                },
-                Qt::QueuedConnection);
+            d->callLater("stop", [=, this, guarded = QPointer<Source>(source)] {
+                if (!source || guarded)
+                    stop_mixer(force, guarded, stopReason);
+            });
         } else {
-            QMetaObject::invokeMethod(
-                this, [&] { answer = stop_mixer(force, source, stopReason); },
-                Qt::BlockingQueuedConnection);
+            d->callAndWait([&] { answer = stop_mixer(force, source, stopReason); });
         }
         return answer;
     }

@@ -2,11 +2,10 @@
 #include <mixer/api/api_p.h>
 
 #include <base/debug.h>
+#include <base/log_line_p.h>
 #include <mixer/api/device.h>
 // A backend hands its blocks and its failure to the engine above it.
 #include <mixer/engine.h>
-
-#include <QtCore/QDebug>
 
 #include <algorithm>
 
@@ -237,14 +236,15 @@ void Api::endDeviceUpdate()
             device->m_listed = false;
             ++changes;
         } else if (!device->m_listed) {
-            qInfo() << "New device found:" << device;
+            composeLine(QtInfoMsg,
+                        [device](QDebug &line) { line << "New device found:" << device; });
             device->m_listed = true;
             ++changes;
         }
     }
     for (Device *device : std::as_const(d->previousDevices)) {
         if (device->m_listed) {
-            qInfo() << "Device removed:" << device;
+            composeLine(QtInfoMsg, [device](QDebug &line) { line << "Device removed:" << device; });
             device->m_listed = false;
             ++changes;
         }

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -68,7 +69,7 @@ int Sink::Data::Worker::waitMilliseconds() const
 
 void Sink::Data::Worker::drainRing()
 {
-    if (resamplers && !resamplers->isValid()) {
+    if (d.ring->capacity() == 0 || (resamplers && !resamplers->isValid())) {
         BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot record %d channels of %d Hz at %d Hz (%p)!!",
                       channels, mixerRate, sinkRate, static_cast<void *>(&sink));
         d.requestEnd(NoReason);
@@ -125,6 +126,13 @@ void Sink::Data::Worker::logFailure(const char *what) const
     d.requestEnd(NoReason);
 }
 
+void Sink::Data::endWithoutMemory(const Sink &sink)
+{
+    BLDEBUG_Error(-1, "QTovelMixer::Sink: Out of memory (%p)!!", static_cast<const void *>(&sink));
+    requestEnd(NoReason);
+    wakeMix();
+}
+
 void Sink::run()
 {
     const int channels = numChannels();
@@ -138,18 +146,25 @@ void Sink::run()
         .item("mixerSampleRate", mixerHz)
         .item("channels", channels)
         .item("thread", QThread::currentThreadId());
-    std::optional<Data::Worker> worker(std::in_place, *this, sinkHz, mixerHz, channels);
-    worker->takeRing();
-    d->running.store(1, std::memory_order_release);
-    d->wakeMix();
-    state_change();
-    if (d->stopRequested.load(std::memory_order_acquire) == 0)
-        onRunStart();
-    worker->drainRing();
+    try {
+        Data::Worker worker(*this, sinkHz, mixerHz, channels);
+        worker.takeRing();
+        d->running.store(1, std::memory_order_release);
+        d->wakeMix();
+        state_change();
+        if (d->stopRequested.load(std::memory_order_acquire) == 0)
+            onRunStart();
+        worker.drainRing();
+    } catch (const std::bad_alloc &) {
+        d->endWithoutMemory(*this);
+    }
     d->running.store(0, std::memory_order_release);
-    state_change();
-    worker.reset();
-    Q_EMIT sinkFinished(this);
+    try {
+        state_change();
+        Q_EMIT sinkFinished(this);
+    } catch (const std::bad_alloc &) {
+        d->endWithoutMemory(*this);
+    }
     d->finished.store(true, std::memory_order_release);
     TraceLine("Sink::run END")
         .item("sink", this)

@@ -124,6 +124,8 @@ struct Source::Data
     // The worker (source_worker.cpp).
     int callHost(Source &source, float *buffer, int frames, int channels, double time);
     void logReadFailure(const Source &source, const char *what);
+    static void logNoMemory(const Source &source);
+    void announceEnd(Source &source);
 
     // The audio thread (source_block.cpp).
     void countConsumed(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;

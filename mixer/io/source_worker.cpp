@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <new>
 #include <optional>
 #include <tuple>
 #include <utility>
@@ -50,7 +51,6 @@ struct Source::Data::Worker
     bool pass(int waitMilliseconds);
     int readChunk(float *room, int &written);
     void advance(int frames, int written);
-    void announceEnd();
 };
 
 Source::Data::Worker::Worker(Source &owner, int sourceHz, int mixerHz, int channelCount)
@@ -165,32 +165,36 @@ void Source::Data::Worker::advance(int frames, int written)
     buffered += static_cast<double>(written) / mixerRate;
 }
 
-void Source::Data::Worker::announceEnd()
+void Source::Data::announceEnd(Source &source)
 {
     bool keepState = false;
     StopReason reason = NoReason;
     {
-        const QMutexLocker lock(&d.waitMutex);
-        keepState = d.keepStateOnStop;
+        const QMutexLocker lock(&waitMutex);
+        keepState = keepStateOnStop;
         reason = source.stopReason();
     }
-    // Only posted: the engine's state belongs to its own thread, which may be waiting for us.
-    Engine *const mixer = d.engine;
-    if (mixer && reason == PausePositionReached) {
-        QMetaObject::invokeMethod(
-            mixer, [mixer] { mixer->pause(); }, Qt::QueuedConnection);
+    try {
+        // Only posted: the engine's state belongs to its own thread, which may be waiting for us.
+        Engine *const mixer = engine;
+        if (mixer && reason == PausePositionReached) {
+            QMetaObject::invokeMethod(
+                mixer, [mixer] { mixer->pause(); }, Qt::QueuedConnection);
+        }
+        if (!keepState) {
+            source.state_change(Stopped, Config());
+            source.onFinished(reason);
+        }
+        Q_EMIT source.sourceFinished(&source);
+    } catch (const std::bad_alloc &) {
+        logNoMemory(source);
     }
-    if (!keepState) {
-        source.state_change(Stopped, Config());
-        source.onFinished(reason);
-    }
-    Q_EMIT source.sourceFinished(&source);
-    d.finished = true;
+    finished = true;
     TraceLine("Source::run END")
         .item("source", &source)
         .item("stopReason", static_cast<int>(reason))
         .item("keepStateOnStop", keepState)
-        .item("pausePositionReached", d.pausePositionReached.load());
+        .item("pausePositionReached", pausePositionReached.load());
 }
 
 void Source::run()
@@ -209,18 +213,23 @@ void Source::run()
         .item("mixerSampleRate", mixerHz)
         .item("channels", channels)
         .item("thread", QThread::currentThreadId());
-    std::optional<Data::Worker> worker(std::in_place, *this, sourceHz, mixerHz, channels);
-    worker->takeRing();
-    d->running.store(1, std::memory_order_release);
-    d->wakeMix();
-    state_change(Playing, Config());
-    if (d->stopRequested == 0)
-        onRunStart(worker->chunkMilliseconds());
-    worker->fillRing();
+    try {
+        Data::Worker worker(*this, sourceHz, mixerHz, channels);
+        worker.takeRing();
+        d->running.store(1, std::memory_order_release);
+        d->wakeMix();
+        state_change(Playing, Config());
+        if (d->stopRequested == 0)
+            onRunStart(worker.chunkMilliseconds());
+        worker.fillRing();
+    } catch (const std::bad_alloc &) {
+        d->logNoMemory(*this);
+        d->endByWorker();
+    }
     d->running.store(0, std::memory_order_release);
     d->wakeMix();
     d->releasePriming();
-    worker->announceEnd();
+    d->announceEnd(*this);
 }
 
 int Source::fill_production_buffer(float *buffer, int maxFrames, int rate, int channels,
@@ -270,6 +279,12 @@ int Source::Data::callHost(Source &source, float *buffer, int frames, int channe
         logReadFailure(source, "unknown");
     }
     return 0;
+}
+
+void Source::Data::logNoMemory(const Source &source)
+{
+    BLDEBUG_Error(-1, "QTovelMixer::Source: Out of memory (%p)!!",
+                  static_cast<const void *>(&source));
 }
 
 void Source::Data::logReadFailure(const Source &source, const char *what)

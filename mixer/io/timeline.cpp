@@ -115,7 +115,8 @@ Timeline::~Timeline() = default;
 
 void Timeline::reset()
 {
-    clearSlices();
+    d->slices.clear();
+    d->chunks.clear();
     d->limits = Range();
     d->playDuration = 0.0;
     d->timeOffset = 0.0;
@@ -153,8 +154,7 @@ bool Timeline::hasSlices() const
 
 void Timeline::setLimits(double start, double end)
 {
-    d->limits = Range{finiteTime(start), finiteTime(end)};
-    update();
+    d->change(Range{finiteTime(start), finiteTime(end)}, d->slices);
 }
 
 bool Timeline::limitsExpanded(double start, double end) const

@@ -26,6 +26,8 @@ struct Timeline::Data
         const Range *chunk = nullptr; // the chunk reached, null without chunks
         bool outside = false;
     };
+    /// Makes these the limits and the selections, or changes nothing when memory runs out.
+    void change(const Range &wantedLimits, std::vector<Range> wantedSlices);
     Position positionAt(double mixerTime) const noexcept QTOVELMIXER_NONBLOCKING;
 
     /// What `Timeline::time` answers of a position.

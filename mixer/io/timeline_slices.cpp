@@ -4,6 +4,7 @@
 #include <mixer/io/timeline_p.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace QTovelMixer {
 
@@ -61,10 +62,10 @@ void cutSeveralSlices(std::vector<Range> &slices, int first, int last, const Ran
 void Timeline::addSlice(double start, double end)
 {
     const Range added = ordered(start, end);
-    std::vector<Range> &slices = d->slices;
+    std::vector<Range> slices = d->slices;
     if (slices.empty()) {
         slices.push_back(added);
-        update();
+        d->change(d->limits, std::move(slices));
         return;
     }
     const int i = searchRanges(slices, added.start);
@@ -81,47 +82,55 @@ void Timeline::addSlice(double start, double end)
     } else {
         slice = {std::min(added.start, slice.start), std::max(added.end, slice.end)};
     }
-    update();
+    d->change(d->limits, std::move(slices));
 }
 
 void Timeline::removeSlice(double start, double end)
 {
-    if (!d->slices.empty()) {
+    std::vector<Range> slices = d->slices;
+    if (!slices.empty()) {
         const Range cut = ordered(start, end);
-        const int i = searchRanges(d->slices, cut.start);
-        const int j = searchRanges(d->slices, cut.end);
+        const int i = searchRanges(slices, cut.start);
+        const int j = searchRanges(slices, cut.end);
         if (i == j)
-            cutOneSlice(d->slices, i, cut);
+            cutOneSlice(slices, i, cut);
         else
-            cutSeveralSlices(d->slices, i, j, cut);
+            cutSeveralSlices(slices, i, j, cut);
     }
-    update();
+    d->change(d->limits, std::move(slices));
 }
 
 void Timeline::clearSlices()
 {
-    d->slices.clear();
-    d->chunks.clear();
-    update();
+    d->change(d->limits, {});
 }
 
 void Timeline::update()
 {
-    const Range bounds = ordered(d->limits.start, d->limits.end);
-    d->chunks.clear();
+    d->change(d->limits, d->slices);
+}
+
+// All that takes memory comes first: without it everything stays as it was.
+void Timeline::Data::change(const Range &wantedLimits, std::vector<Range> wantedSlices)
+{
+    const Range bounds = ordered(wantedLimits.start, wantedLimits.end);
+    std::vector<Range> played;
     double total = 0.0;
-    for (const Range &slice : d->slices) {
+    for (const Range &slice : wantedSlices) {
         const double start = std::max(slice.start, bounds.start);
         const double end = std::min(slice.end, bounds.end);
         // What only touches a limit plays nothing; an empty slice inside stays as it is.
         const bool inside = bounds.start < slice.start && slice.end < bounds.end;
         if (start >= end && !inside)
             continue;
-        const Range chunk{start - d->limits.start, end - d->limits.start};
-        d->chunks.push_back(chunk);
+        const Range chunk{start - wantedLimits.start, end - wantedLimits.start};
+        played.push_back(chunk);
         total += chunk.end - chunk.start;
     }
-    d->playDuration = d->chunks.empty() ? duration() : total;
+    limits = wantedLimits;
+    slices = std::move(wantedSlices);
+    chunks = std::move(played);
+    playDuration = chunks.empty() ? std::max(limits.end - limits.start, 0.0) : total;
 }
 
 } // namespace QTovelMixer

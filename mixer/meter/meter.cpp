@@ -2,13 +2,15 @@
 // A meter's life, its transport and what it is fed.
 #include <mixer/meter/meter_p.h>
 
+#include <base/debug.h>
 #include <base/ringbuffer_p.h>
 #include <mixer/aligned_vector.h>
 
-#include <QtCore/QDebug>
 #include <QtCore/QTimerEvent>
 
 #include <cstring>
+#include <exception>
+#include <new>
 
 namespace QTovelMixer {
 
@@ -24,6 +26,25 @@ bool mustTravel(const QObject *object)
     return home && home != QThread::currentThread() && home->isRunning();
 }
 
+// Calls on the object's thread, waits, and throws what it throws: an event loop passes nothing on.
+template <typename Call>
+void travel(QObject *object, Call call)
+{
+    std::exception_ptr failure;
+    QMetaObject::invokeMethod(
+        object,
+        [&] {
+            try {
+                call();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        },
+        Qt::BlockingQueuedConnection);
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
 } // namespace
 
 Meter::Meter(Type type, int sampleRate, int numChannels, const MeterConfig &config, QObject *parent)
@@ -35,13 +56,14 @@ Meter::Meter(Type type, int sampleRate, int numChannels, const MeterConfig &conf
     connect(thread.get(), &QThread::finished, this, &QObject::deleteLater);
     if (!parent)
         moveToThread(thread.get());
-    d->thread = thread.release();
+    d->thread = thread.get();
+    thread.release();
     d->thread->start(QThread::InheritPriority);
 }
 
 Meter::~Meter()
 {
-    qInfo() << "Deleting" << toString(d->type) << "meter...";
+    d->log("Deleting", "meter...");
     QThread *const own = d->thread;
     if (own && own != QThread::currentThread()) {
         disconnect(own, &QThread::finished, this, nullptr);
@@ -76,31 +98,44 @@ bool Meter::fill(const aligned_vector<float, 16> &samples) noexcept
 
 void Meter::timerEvent(QTimerEvent *event)
 {
-    BLRINGBUFFER *const ring = d->ringBuffer.get();
-    if (!ring || event->timerId() != d->timerId)
+    if (event->timerId() != d->timerId)
         return;
-    const size_t samples = d->blockSamples();
+    // A block that could not be measured is measured at the next tick, or lost when the ring is
+    // full.
+    try {
+        d->takeBlock(*this);
+    } catch (const std::bad_alloc &) {
+        BLDEBUG_Error(-1, "QTovelMixer::Meter: Out of memory (%p)!!", static_cast<void *>(this));
+    }
+}
+
+void Meter::Data::takeBlock(Meter &meter)
+{
+    BLRINGBUFFER *const ring = ringBuffer.get();
+    if (!ring)
+        return;
+    const size_t samples = blockSamples();
     const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetReadSlice(ring);
     if (size_t(slice.length) >= samples * sizeof(float)) {
-        updateStatistics(reinterpret_cast<const float *>(slice.data), d->blockFrames);
+        meter.updateStatistics(reinterpret_cast<const float *>(slice.data), blockFrames);
         BLRINGBUFFER_Consume(ring, int32_t(samples * sizeof(float)));
-    } else if (d->stopRequested) {
+    } else if (stopRequested) {
         const std::vector<float> silence(samples, 0.0f);
-        updateStatistics(silence.data(), d->blockFrames);
+        meter.updateStatistics(silence.data(), blockFrames);
     }
 }
 
 void Meter::start()
 {
     if (mustTravel(this)) {
-        QMetaObject::invokeMethod(this, "start", Qt::BlockingQueuedConnection);
+        travel(this, [this] { start(); });
         return;
     }
     d->stopRequested = false;
     // Without its thread nothing would tick.
     if (d->timer.isActive() || thread() != QThread::currentThread())
         return;
-    qInfo() << "Starting" << toString(d->type) << "meter";
+    d->log("Starting", "meter");
     d->timer.start(tickInterval, Qt::PreciseTimer, this);
     d->timerId = d->timer.timerId();
     d->timerActive = true;
@@ -110,14 +145,13 @@ void Meter::start()
 void Meter::stop(bool forceStop)
 {
     if (mustTravel(this)) {
-        QMetaObject::invokeMethod(this, "stop", Qt::BlockingQueuedConnection,
-                                  Q_ARG(bool, forceStop));
+        travel(this, [this, forceStop] { stop(forceStop); });
         return;
     }
     d->stopRequested = true;
     if (!forceStop)
         return;
-    qInfo() << "Stopping" << toString(d->type) << "meter";
+    d->log("Stopping", "meter");
     d->timerActive = false;
     d->timer.stop();
     emit meterStoped();
@@ -126,7 +160,7 @@ void Meter::stop(bool forceStop)
 void Meter::aboutToQuit()
 {
     if (mustTravel(this)) {
-        QMetaObject::invokeMethod(this, "aboutToQuit", Qt::BlockingQueuedConnection);
+        travel(this, [this] { aboutToQuit(); });
         return;
     }
     if (d->timer.isActive())

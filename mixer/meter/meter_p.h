@@ -32,6 +32,8 @@ struct Meter::Data
     Data(Type side, int rate, int channels, const MeterConfig &config);
     ~Data();
 
+    void takeBlock(Meter &meter);
+    void log(const char *before, const char *after) const;
     size_t blockSamples() const { return size_t(blockFrames) * size_t(numChannels); }
 
     // A configuration may describe more or fewer channels than are fed: this decides for all.

@@ -2,11 +2,10 @@
 // What a meter measures and publishes.
 #include <mixer/meter/meter_p.h>
 
+#include <base/log_line_p.h>
 #include <mixer/meter/ballistics_p.h>
 #include <mixer/meter/meter_config.h>
 #include <mixer/meter/meter_values.h>
-
-#include <QtCore/QDebug>
 
 #include <algorithm>
 #include <limits>
@@ -69,9 +68,13 @@ Meter::Data::Data(Type side, int rate, int channels, const MeterConfig &config)
 Meter::Data::~Data()
 {
     if (timerActive)
-        qInfo() << "QTovelMixer::Meter::Data: Deleting Meter" << toString(type)
-                << "with timer still active!";
-    qInfo() << "Finalized" << toString(type) << "meter!";
+        log("QTovelMixer::Meter::Data: Deleting Meter", "with timer still active!");
+    log("Finalized", "meter!");
+}
+
+void Meter::Data::log(const char *before, const char *after) const
+{
+    composeLine(QtInfoMsg, [=, this](QDebug &line) { line << before << toString(type) << after; });
 }
 
 bool Meter::Data::enabled(int channel) const
@@ -220,13 +223,14 @@ void Meter::setTruePeakEnabled(bool enabled)
     const QMutexLocker locker(&d->statsMutex);
     if (d->truePeakEnabled == enabled)
         return;
-    d->truePeakEnabled = enabled;
+    // Even when memory runs out below: what is measured then fits what there is room for.
+    d->rebuildNeeded = true;
     const size_t count = enabled ? size_t(d->numChannels) : 0;
     for (auto *levels : {&d->truePeakLevel, &d->truePeakHoldLevel})
         levels->assign(count, 0.0);
     for (auto *holds : {&d->truePeakHold, &d->truePeakHoldLevelHold})
         holds->assign(count, 0);
-    d->rebuildNeeded = true;
+    d->truePeakEnabled = enabled;
 }
 
 bool Meter::isTruePeakEnabled() const

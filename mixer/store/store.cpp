@@ -2,8 +2,8 @@
 #include <mixer/store/store.h>
 
 #include <base/debug.h>
+#include <base/log_line_p.h>
 
-#include <QtCore/QDebug>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 
@@ -58,7 +58,9 @@ std::optional<QJsonArray> parse(const QByteArray &data, const char *place)
     QJsonParseError error = {};
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);
     if (error.error != QJsonParseError::NoError) {
-        qCritical() << error.errorString() << "(offset:" << error.offset << place;
+        composeLine(QtCriticalMsg, [&](QDebug &line) {
+            line << error.errorString() << "(offset:" << error.offset << place;
+        });
         return std::nullopt;
     }
     return document.array();
