@@ -93,8 +93,8 @@ inline void runFault(QTovelMixer::Backend backend, const Fault &fault, unsigned 
     switch (fault.outcome) {
     case Fault::Lost:
         if (fault.state == Fault::Open) {
-            // Nobody is told before the stream is used.
-            QVERIFY(!session.play() || session.failures > 0);
+            // Nobody is told before the stream is used, and its buffers take some blocks first.
+            QVERIFY(!session.play() || session.wait([&] { return session.failures > 0; }));
             outcome = session.failures > 0 ? QStringLiteral("deviceFailed when started")
                                            : QStringLiteral("refused to start");
             break;
