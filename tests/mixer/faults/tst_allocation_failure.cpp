@@ -17,16 +17,6 @@
 
 using namespace QTovelMixer;
 
-// What is opened here need not settle.
-extern "C" int nanosleep(const timespec *, timespec *)
-{
-    return 0;
-}
-extern "C" int clock_nanosleep(clockid_t, int, const timespec *, timespec *)
-{
-    return 0;
-}
-
 namespace {
 
 constexpr unsigned blockFrames = 256;
