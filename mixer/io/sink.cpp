@@ -170,6 +170,27 @@ void Sink::start(QThread::Priority priority)
     d->skipFrames.store(std::max(static_cast<qint64>(frames), qint64{0}),
                         std::memory_order_relaxed);
     QThread::start(priority);
+    if (!QThread::isRunning() && !QThread::isFinished())
+        d->endWithoutThread(*this);
+}
+
+// Announced from the event loop, as a worker's end is: here the mix may be held.
+void Sink::Data::endWithoutThread(Sink &sink)
+{
+    BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot start a thread (%p)!!",
+                  static_cast<void *>(&sink));
+    requestEnd(NoReason);
+    QMetaObject::invokeMethod(
+        &sink,
+        [guarded = QPointer<Sink>(&sink)] {
+            guarded->d->finished.store(true, std::memory_order_release);
+            Q_EMIT guarded->sinkFinished(guarded);
+            // A thread that never ran does not say that it finished.
+            Engine *const mixer = guarded ? guarded->mixerEngine() : nullptr;
+            if (mixer && mixer->isValid(guarded))
+                mixer->removeSink(guarded);
+        },
+        Qt::QueuedConnection);
 }
 
 void Sink::onAdded(Engine *) {}

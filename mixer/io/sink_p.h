@@ -59,6 +59,7 @@ struct Sink::Data
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
     void endWithoutMemory(const Sink &sink);
+    void endWithoutThread(Sink &sink);
     void sleep(int milliseconds);
     void waitForUpdates();
     void wakeMix() const;

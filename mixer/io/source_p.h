@@ -126,6 +126,7 @@ struct Source::Data
     void logReadFailure(const Source &source, const char *what);
     static void logNoMemory(const Source &source);
     void announceEnd(Source &source);
+    void endWithoutThread(Source &source);
 
     // The audio thread (source_block.cpp).
     void countConsumed(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/source.h>
 
+#include <base/debug.h>
 #include <base/trace_p.h>
 #include <mixer/engine.h>
 #include <mixer/io/source_p.h>
@@ -119,8 +120,31 @@ void SourceAccess::endAndWait(Source &source)
 
 void Source::start(QThread::Priority priority)
 {
-    if (!d->started.exchange(true))
-        QThread::start(priority);
+    if (d->started.exchange(true))
+        return;
+    QThread::start(priority);
+    if (!QThread::isRunning() && !QThread::isFinished())
+        d->endWithoutThread(*this);
+}
+
+// Priming must not wait for a worker that never comes. The end is announced from the event loop, as
+// a worker's is: here the mix may be held.
+void Source::Data::endWithoutThread(Source &source)
+{
+    BLDEBUG_Error(-1, "QTovelMixer::Source: Cannot start a thread (%p)!!",
+                  static_cast<void *>(&source));
+    endByWorker();
+    releasePriming();
+    QMetaObject::invokeMethod(
+        &source,
+        [guarded = QPointer<Source>(&source)] {
+            guarded->d->announceEnd(*guarded);
+            // A thread that never ran does not say that it finished.
+            Engine *const mixer = guarded ? guarded->mixerEngine() : nullptr;
+            if (mixer && mixer->isValid(guarded))
+                mixer->removeSource(guarded);
+        },
+        Qt::QueuedConnection);
 }
 
 void Source::stop(StopReason reason)

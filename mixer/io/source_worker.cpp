@@ -167,6 +167,7 @@ void Source::Data::Worker::advance(int frames, int written)
 
 void Source::Data::announceEnd(Source &source)
 {
+    const QPointer<Source> guarded(&source);
     bool keepState = false;
     StopReason reason = NoReason;
     {
@@ -181,14 +182,18 @@ void Source::Data::announceEnd(Source &source)
             QMetaObject::invokeMethod(
                 mixer, [mixer] { mixer->pause(); }, Qt::QueuedConnection);
         }
-        if (!keepState) {
+        if (!keepState)
             source.state_change(Stopped, Config());
+        if (!keepState && guarded)
             source.onFinished(reason);
-        }
-        Q_EMIT source.sourceFinished(&source);
+        if (guarded)
+            Q_EMIT source.sourceFinished(guarded);
     } catch (const std::bad_alloc &) {
         logNoMemory(source);
     }
+    // Without a worker, slots ran on this thread and may have deleted it.
+    if (!guarded)
+        return;
     finished = true;
     TraceLine("Source::run END")
         .item("source", &source)
