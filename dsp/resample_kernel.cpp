@@ -34,6 +34,9 @@ constexpr int blockRows = ResampleFilter::rowsPerBlock;
 /// Eight partial sums: the k-th adds every eighth product, beginning with the k-th.
 struct Sum
 {
+    // The one that gcc makes belongs to no instruction set, and cannot make vectors on ARM.
+    HWY_INLINE Sum() {}
+
     hn::Vec<Wide> part[vectorsPerSum];
 };
 
@@ -132,6 +135,8 @@ HWY_INLINE void twoBlocks(const float *block, const float *window, const float *
 
 struct FourSums
 {
+    HWY_INLINE FourSums() {}
+
     Sum a, b, c, d;
 };
 
