@@ -34,9 +34,10 @@ class RingCounters
     using Count = typename Policy::template Atomic<quint64>;
 
 public:
-    /// Bytes that may be readable, and bytes after which a place repeats, at least as many.
-    RingCounters(quint64 most, quint64 places)
-        : producer(most, std::max(places, quint64{1})), consumer(producer.size)
+    /// Bytes that may be readable, bytes after which a place repeats, at least as many, and the
+    /// memory that they lie in.
+    RingCounters(quint64 most, quint64 places, char *memory = nullptr)
+        : producer(most, std::max(places, quint64{1}), memory), consumer(producer.size, memory)
     {}
 
     /// What a side may work on: bytes counted since the start or the last flush, the place in the
@@ -127,10 +128,13 @@ protected:
     // What a side needs beside the other's counter lies in one line.
     struct alignas(cacheLine) Producer
     {
-        Producer(quint64 most, quint64 places) : capacity(most), size(places) {}
+        Producer(quint64 most, quint64 places, char *memory)
+            : capacity(most), size(places), start(memory)
+        {}
 
         const quint64 capacity; ///< bytes that may be readable
         const quint64 size;     ///< bytes after which a place repeats
+        char *const start;      ///< where place 0 lies
         Count produced{0};
         Count lap{0};   ///< a count at which the memory began anew, not far behind
         Count limit{0}; ///< the most that may be produced, as last seen
@@ -138,9 +142,10 @@ protected:
 
     struct alignas(cacheLine) Consumer
     {
-        explicit Consumer(quint64 places) : size(places) {}
+        Consumer(quint64 places, char *memory) : size(places), start(memory) {}
 
         const quint64 size;
+        char *const start;
         Count consumed{0};
         Count lap{0};
         Count produced{0}; ///< as last seen: saves handing over the other side's line
@@ -161,7 +166,9 @@ private:
     {
         quint64 since = count - side.lap.load(std::memory_order_relaxed);
         if (since >= side.size) [[unlikely]] {
-            since %= side.size;
+            since -= side.size; // enough unless a side flushed lap after lap
+            if (since >= side.size) [[unlikely]]
+                since %= side.size;
             side.lap.store(count - since, std::memory_order_relaxed);
         }
         return since;

@@ -22,18 +22,18 @@ struct RingMemory
 struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
 {
     BLRINGBUFFER(size_t bytes, QTovelMixer::MirroredMemory::Way preferred)
-        : RingMemory(bytes, preferred), RingCounters(bytes, memory.size())
+        : RingMemory(bytes, preferred), RingCounters(bytes, memory.size(), memory.data())
     {}
 
     BLRINGBUFFER_Slice writeSlice() QTOVELMIXER_NONBLOCKING
     {
         const Look look = lookToWrite();
-        return {look.position, memory.data() + look.place, static_cast<qint32>(look.bytes)};
+        return {look.position, producer.start + look.place, static_cast<qint32>(look.bytes)};
     }
     BLRINGBUFFER_Slice readSlice() QTOVELMIXER_NONBLOCKING
     {
         const Look look = lookToRead();
-        return {look.position, memory.data() + look.place, static_cast<qint32>(look.bytes)};
+        return {look.position, consumer.start + look.place, static_cast<qint32>(look.bytes)};
     }
     void produce(quint64 bytes) QTOVELMIXER_NONBLOCKING
     {

@@ -16,8 +16,7 @@ ClipSource::ClipSource(Engine *engine, unsigned clipFrames, unsigned seed)
     for (float &sample : m_clip)
         sample = value(random);
     auto &data = SourceAccess::data(*this);
-    data.ringOwner = std::make_unique<FrameRing>(clipFrames, 2);
-    m_ring = data.ringOwner.get();
+    m_ring = &data.ringOwner.emplace(clipFrames, 2);
     std::memcpy(m_ring->writeSlice().data, m_clip.data(), m_clip.size() * sizeof(float));
     m_ring->produce(clipFrames);
     data.ring = m_ring;
@@ -25,13 +24,9 @@ ClipSource::ClipSource(Engine *engine, unsigned clipFrames, unsigned seed)
     setGain(0.5f);
 }
 
-void ClipSource::refill(unsigned frames)
+void ClipSource::refill(qint64 frames)
 {
-    m_taken += frames;
-    if (m_taken < m_ring->capacity() / 2)
-        return;
-    m_ring->produce(m_taken);
-    m_taken = 0;
+    m_ring->produce(frames);
 }
 
 ClipSource::~ClipSource()
@@ -55,6 +50,7 @@ Desk::Desk(int sourceCount, unsigned clipFrames, unsigned inputs, unsigned outpu
     input = aligned_vector<float, 16>(size_t(inputs) * frames);
     input = 0.25f;
     output = aligned_vector<float, 16>(size_t(outputs) * frames);
+    m_refilled = clipFrames / 2;
     for (int i = 0; i < sourceCount; ++i) {
         sources.push_back(std::make_unique<ClipSource>(&engine, clipFrames, unsigned(i)));
         sources.back()->setTimeline(data.timeline);
@@ -78,6 +74,13 @@ Desk::~Desk()
     data.sources.clear();
     data.outputMeter = nullptr;
     data.active = false;
+}
+
+void Desk::refill()
+{
+    for (const auto &source : sources)
+        source->refill(m_taken);
+    m_taken = 0;
 }
 
 } // namespace Bench

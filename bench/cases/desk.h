@@ -29,13 +29,12 @@ public:
     bool acceptPause(QTovelMixer::PauseMode) override { return true; }
     int readSamples(float *, int, int, double) override { return 0; }
 
-    /// Commits again what the mix has taken, now and then, as workers do.
-    void refill(unsigned frames);
+    /// Commits again what the mix has taken.
+    void refill(qint64 frames);
     const float *clip() const { return m_clip.data(); }
 
 private:
     QTovelMixer::FrameRing *m_ring;
-    qint64 m_taken = 0;
     std::vector<float> m_clip;
 };
 
@@ -59,8 +58,9 @@ public:
     void mix()
     {
         engine.mixerCallback(input, output, m_frames, 0.0, 0x4);
-        for (const auto &source : sources)
-            source->refill(m_frames);
+        m_taken += m_frames;
+        if (m_taken >= m_refilled)
+            refill();
         if (m_meterRing)
             BLRINGBUFFER_Consume(m_meterRing, int32_t(output.size() * sizeof(float)));
     }
@@ -71,7 +71,12 @@ public:
     std::vector<std::unique_ptr<ClipSource>> sources;
 
 private:
+    /// Now and then, as workers do.
+    void refill();
+
     const unsigned m_frames;
+    unsigned m_taken = 0;
+    unsigned m_refilled = 0; ///< frames at once
     std::unique_ptr<QTovelMixer::Meter> m_meter;
     BLRINGBUFFER *m_meterRing = nullptr;
 };

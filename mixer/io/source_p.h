@@ -15,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <optional>
 
 namespace QTovelMixer {
 
@@ -64,9 +65,11 @@ struct Source::Data
     std::atomic<float> gain{1.0f}; // linear
     std::atomic<int> running{0};
     std::atomic<int> pendingUpdates{0};
+    std::atomic<int> numChannels{0};  // set up by the main thread
     std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush;
                                       // moves only while pendingUpdates keeps the audio thread off
     std::atomic<qint64> consumedFrames{0}; // mixer frames; written by the audio thread
+    std::optional<FrameRing> ringOwner;    // made once; stays as long as this record
 
     // Main thread.
     alignas(64)
@@ -77,7 +80,6 @@ struct Source::Data
 
     // Set up by the main thread, read by all.
     std::atomic<int> sampleRate{0}; // Hz
-    std::atomic<int> numChannels{0};
     SharedRange range;
     std::atomic<quint64> channelMask{0xff};
 
@@ -105,8 +107,6 @@ struct Source::Data
     std::atomic<int> updateWaiters{0}; // update locks held or waited for
     std::atomic<bool> finished{false};
     QSemaphore primedSemaphore;
-
-    std::unique_ptr<FrameRing> ringOwner; // as long as this record
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void clearPausePosition();

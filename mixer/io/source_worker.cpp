@@ -81,8 +81,7 @@ void Source::Data::Worker::takeRing()
     ring = d.ring.load(std::memory_order_acquire);
     if (ring)
         return;
-    d.ringOwner = std::make_unique<FrameRing>(ringFrames(), channels);
-    ring = d.ringOwner.get();
+    ring = &d.ringOwner.emplace(ringFrames(), channels);
     d.ring.store(ring, std::memory_order_release);
 }
 

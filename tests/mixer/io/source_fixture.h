@@ -186,8 +186,7 @@ private:
 inline FrameRing &giveRing(Source &source, qint64 frames, int channels)
 {
     auto &data = SourceAccess::data(source);
-    data.ringOwner = std::make_unique<FrameRing>(frames, channels);
-    data.ring = data.ringOwner.get();
+    data.ring = &data.ringOwner.emplace(frames, channels);
     data.running = 1;
     return *data.ringOwner;
 }
