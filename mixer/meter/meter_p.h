@@ -73,7 +73,8 @@ struct Meter::Data
     // holds count blocks. The true-peak vectors are empty while true peaks are not wanted.
     RankedMutex<LockRank::Measurement> statsMutex;
     Statistics levelStats;
-    Statistics truePeakStats;
+    // The same while true peaks are wanted, else null: one walk through the samples serves both.
+    DSPB_Statistics *truePeakStats = nullptr;
     double momentaryLoudness = -120.0;
     double shortTermLoudness = -120.0;
     std::vector<double> level;
