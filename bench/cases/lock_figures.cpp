@@ -4,6 +4,7 @@
 #include "cases/live_mixer.h"
 
 #include <mixer/engine_p.h>
+#include <mixer/io/source_p.h>
 
 #include <QtCore/QCoreApplication>
 
@@ -22,6 +23,20 @@ const QString section = QStringLiteral("H. Update lock");
 constexpr int sources = 59;
 constexpr int repetitions = 15;
 constexpr double oneBlock = 1.3e6; // ns: 64 frames at 48 kHz
+
+/// Waits for every read as for a disk. Workers that only calculate would keep whoever holds the
+/// lock waiting for a processor, which says nothing of the operation.
+class DiskSource : public NoiseSource
+{
+public:
+    using NoiseSource::NoiseSource;
+
+    int readSamples(float *buffer, int frames, int channels, double time) override
+    {
+        QThread::msleep(3);
+        return NoiseSource::readSamples(buffer, frames, channels, time);
+    }
+};
 
 /// Tries the lock all the time, as no device does, and so sees for how long nobody got it.
 class Probe
@@ -71,12 +86,13 @@ private:
     std::thread m_thread;
 };
 
-/// Until the workers rest: as long as they all work, whoever holds the lock may have to wait for a
-/// processor, which says nothing of the operation.
+/// Until the workers rest.
 void waitForWorkers(const Engine::Data &data)
 {
-    constexpr qint64 nearlyFull = qint64(48000) * 4;
+    constexpr qint64 nearlyFull = qint64(48000) * 5 - 2 * 4096; // of 5 seconds, read by 4096
     for (const Source *source : data.sources) {
+        if (!SourceAccess::threadStarted(*source))
+            continue;
         for (int i = 0; i < 2000 && source->bufferedFrames() < nearlyFull; ++i)
             QThread::msleep(1);
     }
@@ -103,8 +119,10 @@ std::vector<Figure> holds()
     if (std::thread::hardware_concurrency() < 2)
         return {};
     Engine::Initialize();
-    LiveMixer mixer(QTovelMixerApiVirtual::Pacing::RealTime, 64, sources);
+    LiveMixer mixer(QTovelMixerApiVirtual::Pacing::RealTime, 64, 0);
     Engine &engine = mixer.engine;
+    for (int i = 0; i < sources; ++i)
+        engine.addSource(new DiskSource(&engine), 0.02f);
     engine.setPauseMode(PauseSoft);
     engine.start(0.0);
     mixer.waitFor(4800);
@@ -123,14 +141,14 @@ std::vector<Figure> holds()
     add(
         "addSource, the 60th",
         [&] {
-            extra = new NoiseSource(&engine);
+            extra = new DiskSource(&engine);
             engine.addSource(extra, 0.02f);
         },
         [&] { engine.removeSource(extra); });
     add(
         "removeSource", [&] { engine.removeSource(extra); },
         [&] {
-            extra = new NoiseSource(&engine);
+            extra = new DiskSource(&engine);
             engine.addSource(extra, 0.02f);
         });
     engine.removeSource(extra);
@@ -147,8 +165,12 @@ std::vector<Figure> holds()
     add("setTime", [&] { engine.setTime(10.0); });
     add(
         "setLooping", [&] { engine.setLooping(true); }, [&] { engine.setLooping(false); });
-    add("addSelection", [&] { engine.addSelection(1.0, 2.0); });
-    add("clearSelections", [&] { engine.clearSelections(); });
+    // Long enough that no source comes to its end meanwhile.
+    const auto select = [&] { engine.addSelection(1.0, 1000.0); };
+    const auto unselect = [&] { engine.clearSelections(); };
+    add("addSelection", select, unselect);
+    select();
+    add("clearSelections", unselect, select);
     return figures;
 }
 

@@ -7,6 +7,7 @@
 #include <jack/ringbuffer.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <limits>
@@ -67,10 +68,11 @@ public:
     }
     void keepBooks(size_t bytes)
     {
-        keep(m_ring->writeSlice().data);
-        m_ring->produce(bytes);
-        keep(m_ring->readSlice().data);
-        m_ring->consume(bytes);
+        BLRINGBUFFER *const ring = m_ring;
+        keep(ring->writeSlice().data);
+        ring->produce(bytes);
+        keep(ring->readSlice().data);
+        ring->consume(bytes);
     }
 };
 
@@ -98,10 +100,11 @@ public:
     }
     void keepBooks(size_t bytes)
     {
-        keep(BLRINGBUFFER_GetWriteSlice(m_ring).data);
-        BLRINGBUFFER_Produce(m_ring, int32_t(bytes));
-        keep(BLRINGBUFFER_GetReadSlice(m_ring).data);
-        BLRINGBUFFER_Consume(m_ring, int32_t(bytes));
+        BLRINGBUFFER *const ring = m_ring;
+        keep(BLRINGBUFFER_GetWriteSlice(ring).data);
+        BLRINGBUFFER_Produce(ring, int32_t(bytes));
+        keep(BLRINGBUFFER_GetReadSlice(ring).data);
+        BLRINGBUFFER_Consume(ring, int32_t(bytes));
     }
 };
 
@@ -125,13 +128,14 @@ public:
     }
     void keepBooks(size_t bytes)
     {
+        jack_ringbuffer_t *const ring = m_ring;
         jack_ringbuffer_data_t parts[2];
-        jack_ringbuffer_get_write_vector(m_ring, parts);
+        jack_ringbuffer_get_write_vector(ring, parts);
         keep(parts[0].buf);
-        jack_ringbuffer_write_advance(m_ring, bytes);
-        jack_ringbuffer_get_read_vector(m_ring, parts);
+        jack_ringbuffer_write_advance(ring, bytes);
+        jack_ringbuffer_get_read_vector(ring, parts);
         keep(parts[0].buf);
-        jack_ringbuffer_read_advance(m_ring, bytes);
+        jack_ringbuffer_read_advance(ring, bytes);
     }
 
 private:
@@ -196,16 +200,32 @@ private:
 
 #endif
 
+/// The copies alone.
+class Copies
+{
+public:
+    void push(const char *from, size_t bytes)
+    {
+        m_offset = (m_offset + bytes) % capacity;
+        std::memcpy(m_memory + m_offset, from, bytes);
+    }
+    void pop(char *to, size_t bytes) { std::memcpy(to, m_memory + m_offset, bytes); }
+
+private:
+    alignas(4096) char m_memory[capacity] = {};
+    size_t m_offset = 0;
+};
+
 /// What goes in and comes out. How addresses lie to each other decides what a copy costs, so that
-/// all copy between the same places, and between several.
+/// all copy between the same places, and between several, which begin with a cache line as buses
+/// do.
 struct alignas(4096) Blocks
 {
     static constexpr size_t places = 4;
-    static constexpr size_t distance = 2048 + 208;
+    static constexpr size_t distance = 2048 + 256;
 
     char in[places * distance] = {};
     char out[places * distance] = {};
-    alignas(4096) char between[capacity] = {};
     size_t place = 0;
 
     void next() { place = (place + 1) % places; }
@@ -219,16 +239,38 @@ std::shared_ptr<Blocks> blocks()
     return shared;
 }
 
+/// Several rings of a kind in turn, each for long enough to be in the cache: where the allocator
+/// happens to put a ring decides how fast it is.
+template <class Ring>
+class Rings
+{
+public:
+    Ring &next()
+    {
+        if (++m_calls % callsEach == 0)
+            m_current = (m_current + 1) % m_rings.size();
+        return m_rings[m_current];
+    }
+
+private:
+    static constexpr unsigned callsEach = 16384;
+
+    std::array<Ring, 8> m_rings;
+    size_t m_current = 0;
+    unsigned m_calls = 0;
+};
+
 template <class Ring>
 void addPushAndPop(Case &to, const QString &name)
 {
-    const auto ring = std::make_shared<Ring>();
-    to.add(name, [ring, shared = blocks()] {
+    const auto rings = std::make_shared<Rings<Ring>>();
+    to.add(name, [rings, shared = blocks()] {
         const size_t bytes = blockBytes;
+        Ring &ring = rings->next();
         shared->next();
-        ring->push(shared->from(), bytes);
+        ring.push(shared->from(), bytes);
         asm volatile("" : : : "memory");
-        ring->pop(shared->to(), bytes);
+        ring.pop(shared->to(), bytes);
     });
 }
 
@@ -236,14 +278,7 @@ Case pushAndPop()
 {
     Case result(section, QStringLiteral("2 KiB in and out, one thread"));
     addPushAndPop<OurRing>(result, QStringLiteral("ours"));
-    result.add(QStringLiteral("two memcpy"), [shared = blocks(), offset = size_t(0)]() mutable {
-        const size_t bytes = blockBytes;
-        shared->next();
-        std::memcpy(shared->between + offset, shared->from(), bytes);
-        asm volatile("" : : : "memory");
-        std::memcpy(shared->to(), shared->between + offset, bytes);
-        offset = (offset + bytes) % capacity;
-    });
+    addPushAndPop<Copies>(result, QStringLiteral("two memcpy"));
     addPushAndPop<OurInterface>(result, QStringLiteral("the C interface"));
     addPushAndPop<JackRing>(result, QStringLiteral("JACK"));
     result.mustBeat(QStringLiteral("two memcpy"), 1.0 / 1.15)
