@@ -118,6 +118,48 @@ void multiplyAddVector(float *x, float gain, const float *y, std::size_t count)
     forEach(count, MultiplyAdd{x, y, gain});
 }
 
+/// The bits that differ in a vector of cells.
+template <class D>
+HWY_INLINE auto differences(D d, const float *a, const float *b)
+{
+    const hn::RebindToUnsigned<D> bits;
+    return hn::Xor(hn::BitCast(bits, hn::LoadU(d, a)), hn::BitCast(bits, hn::LoadU(d, b)));
+}
+
+/// The last columns of all rows, fewer than a vector holds, of which the rows have room for one.
+HWY_INLINE auto differencesOfRest(const float *a, std::size_t strideA, const float *b,
+                                  std::size_t strideB, std::size_t rows, std::size_t columns)
+{
+    const Lanes d;
+    const hn::RebindToUnsigned<Lanes> bits;
+    auto even = hn::Zero(bits);
+    auto odd = even;
+    std::size_t r = 0;
+    for (; r + 2 <= rows; r += 2, a += 2 * strideA, b += 2 * strideB) {
+        even = hn::Or(even, differences(d, a, b));
+        odd = hn::Or(odd, differences(d, a + strideA, b + strideB));
+    }
+    if (r < rows)
+        even = hn::Or(even, differences(d, a, b));
+    return hn::IfThenElseZero(hn::FirstN(bits, columns), hn::Or(even, odd));
+}
+
+bool sameCells(const float *a, std::size_t strideA, const float *b, std::size_t strideB,
+               std::size_t rows, std::size_t columns)
+{
+    const hn::RebindToUnsigned<Lanes> bits;
+    const std::size_t whole = columns / lanes * lanes;
+    auto differing = hn::Zero(bits);
+    if (whole < columns)
+        differing =
+            differencesOfRest(a + whole, strideA, b + whole, strideB, rows, columns - whole);
+    for (std::size_t r = 0; whole > 0 && r < rows; ++r, a += strideA, b += strideB) {
+        for (std::size_t c = 0; c < whole; c += lanes)
+            differing = hn::Or(differing, differences(Lanes(), a + c, b + c));
+    }
+    return hn::AllTrue(bits, hn::Eq(differing, hn::Zero(bits)));
+}
+
 void cleanState()
 {
 #if HWY_TARGET == HWY_AVX2
@@ -141,6 +183,7 @@ HWY_EXPORT(multiplyValue);
 HWY_EXPORT(addVector);
 HWY_EXPORT(multiplyVector);
 HWY_EXPORT(multiplyAddVector);
+HWY_EXPORT(sameCells);
 HWY_EXPORT(cleanState);
 
 // Looks at the machine while the library is loaded, not in the first audio callback.
@@ -187,6 +230,12 @@ void rampGain(float *block, std::size_t frames, std::size_t channels, float appl
             block[c] *= applied;
         applied = float(double(applied) - step);
     }
+}
+
+bool sameBits(const float *a, std::size_t strideA, const float *b, std::size_t strideB,
+              std::size_t rows, std::size_t columns) noexcept
+{
+    return HWY_DYNAMIC_DISPATCH(sameCells)(a, strideA, b, strideB, rows, columns);
 }
 
 void cleanVectorState() noexcept

@@ -65,6 +65,12 @@ void mixDense(float *const *out, std::size_t groups, const float *const *in, con
               std::size_t groupStride, std::size_t inputs,
               std::size_t frames) noexcept QTOVELMIXER_NONBLOCKING;
 
+/// True when the first `columns` floats of `rows` rows, each `stride` floats apart, hold the same
+/// bits. A stride is a whole number of vectors (8 floats do), so that rows are read in whole
+/// vectors.
+bool sameBits(const float *a, std::size_t strideA, const float *b, std::size_t strideB,
+              std::size_t rows, std::size_t columns) noexcept QTOVELMIXER_NONBLOCKING;
+
 /// Cleans the upper halves of the vector registers, which another program part may have left
 /// dirty: older instructions run several times slower then. For the entry of a device callback.
 void cleanVectorState() noexcept QTOVELMIXER_NONBLOCKING;

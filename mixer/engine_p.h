@@ -321,8 +321,8 @@ struct Engine::Data
     Effect *outputEffect = nullptr;
     Effect *inputEffect = nullptr;
     GainMatrix matrix;
-    GainMatrix::Cells &gainMatrix = matrix.gain;
-    GainMatrix::Cells &enableMatrix = matrix.enable;
+    float (&gainMatrix)[128][128] = matrix.gain;
+    float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
     Timeline *timeline = nullptr;
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 
 namespace QTovelMixer {
 
@@ -18,10 +19,8 @@ unsigned inside(unsigned first, unsigned count) noexcept
 
 void GainMatrix::reset() noexcept
 {
-    for (unsigned row = 0; row < size; ++row) {
-        std::fill_n(gain[row], size, 0.0f);
-        std::fill_n(enable[row], size, 1.0f);
-    }
+    std::fill_n(&gain[0][0], size * size, 0.0f);
+    std::fill_n(&enable[0][0], size * size, 1.0f);
 }
 
 void GainMatrix::set(unsigned row0, unsigned rows, unsigned column0, unsigned columns, float factor,
@@ -50,22 +49,19 @@ void GainMatrix::removeRows(unsigned first, unsigned count) noexcept
 {
     first = std::min(first, size);
     count = inside(first, count);
-    for (unsigned row = first; row < size; ++row) {
-        if (row + count < size)
-            std::copy_n(gain[row + count], size, gain[row]);
-        else
-            std::fill_n(gain[row], size, 0.0f);
-    }
+    const unsigned moved = size - first - count;
+    std::memmove(gain + first, gain + first + count, moved * sizeof gain[0]);
+    for (unsigned row = size - count; row < size; ++row)
+        std::ranges::fill(gain[row], 0.0f);
 }
 
 void GainMatrix::removeColumns(unsigned first, unsigned count) noexcept
 {
     first = std::min(first, size);
     count = inside(first, count);
-    for (unsigned row = 0; row < size; ++row) {
-        float *const numbers = gain[row];
-        std::move(numbers + first + count, numbers + size, numbers + first);
-        std::fill_n(numbers + size - count, count, 0.0f);
+    for (auto &row : gain) {
+        std::move(row + first + count, row + size, row + first);
+        std::fill_n(row + size - count, count, 0.0f);
     }
 }
 

@@ -17,33 +17,10 @@ struct GainMatrix
 {
     static constexpr unsigned size = 128;
 
-    /// One number per cell. A row that is handed out to be written counts as changed: comparing
-    /// numbers in every block would take longer than most of what the block does.
-    class Cells
-    {
-    public:
-        float *operator[](unsigned row) noexcept
-        {
-            ++m_changes;
-            return m_numbers[row];
-        }
-        const float *operator[](unsigned row) const noexcept { return m_numbers[row]; }
-        const float (*rows() const noexcept)[size] { return m_numbers; }
-        quint64 changes() const noexcept { return m_changes; }
-
-    private:
-        alignas(64) float m_numbers[size][size];
-        quint64 m_changes = 0;
-    };
-
-    Cells gain;
-    Cells enable;
+    alignas(64) float gain[size][size];
+    alignas(64) float enable[size][size];
 
     GainMatrix() noexcept { reset(); }
-    Q_DISABLE_COPY_MOVE(GainMatrix)
-
-    /// Grows with every change, or what may be one.
-    quint64 changes() const noexcept { return gain.changes() + enable.changes(); }
 
     /// Every gain 0, every cell enabled.
     void reset() noexcept;
@@ -70,8 +47,8 @@ public:
     /// Plans the first rows × columns cells (each at most 128).
     void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept QTOVELMIXER_NONBLOCKING;
 
-    /// True while the plan stands for the first rows × columns cells of `matrix`, of which nothing
-    /// was changed since. Cheap enough to be asked in every block.
+    /// True while the plan stands for the first rows × columns cells of `matrix`. Cheap enough to
+    /// be asked in every block.
     bool matches(const GainMatrix &matrix, int rows,
                  int columns) const noexcept QTOVELMIXER_NONBLOCKING;
 
@@ -97,19 +74,15 @@ private:
         quint8 inputs[limit];
     };
 
-    void addSet(const GainMatrix &matrix, int column,
-                const quint64 (*used)[2]) noexcept QTOVELMIXER_NONBLOCKING;
-    /// False when a buffer has no room for `frames` samples; nothing is mixed then.
-    bool mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
+    void addSet(int column, const quint64 (*used)[2]) noexcept QTOVELMIXER_NONBLOCKING;
+    bool fits(const aligned_vector<float, 16> *inputs, const aligned_vector<float, 16> *outputs,
+              std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
+    void mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
                 aligned_vector<float, 16> *outputs,
                 std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
-    /// For buffers of other sizes than the block's: every operation ends at the capacities.
-    void mixPlainly(const Set &set, const aligned_vector<float, 16> *inputs,
-                    aligned_vector<float, 16> *outputs,
+    void mixPlainly(const aligned_vector<float, 16> *inputs, aligned_vector<float, 16> *outputs,
                     std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
 
-    const GainMatrix *plannedMatrix = nullptr;
-    quint64 plannedChanges = 0;
     int plannedRows = 0;
     int plannedColumns = 0;
     int setCount = 0;
@@ -118,6 +91,10 @@ private:
     bool planned[limit];                   // while rebuilding: the output has its set
     alignas(64) float gains[limit][limit]; // by output, then by place among its inputs
     alignas(64) float packed[limit / groupWidth][limit][groupWidth];
+    // What was planned, in rows as short as can be: they are compared in every block.
+    std::size_t shadowStride = 0;
+    alignas(64) float shadowGain[limit * limit];
+    alignas(64) float shadowEnable[limit * limit];
 };
 
 } // namespace QTovelMixer

@@ -4,6 +4,7 @@
 #include <dsp/kernels_p.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace QTovelMixer {
 
@@ -17,26 +18,23 @@ constexpr std::size_t roundedToGroup(std::size_t frames)
     return (frames + 3) / 4 * 4;
 }
 
-float cell(const GainMatrix &matrix, int row, int column) noexcept
-{
-    return matrix.gain[unsigned(row)][column] * matrix.enable[unsigned(row)][column];
-}
-
 } // namespace
 
 void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
 {
-    plannedMatrix = &matrix;
-    plannedChanges = matrix.changes();
     plannedRows = std::clamp(rows, 0, limit);
     plannedColumns = std::clamp(columns, 0, limit);
     setCount = 0;
     groupCount = 0;
 
     quint64 used[limit][2] = {}; // by output: bit j stands for input j
+    const std::size_t rowBytes = std::size_t(plannedColumns) * sizeof(float);
+    shadowStride = (std::size_t(plannedColumns) + 7) / 8 * 8;
     for (int j = 0; j < plannedRows; ++j) {
+        std::memcpy(shadowGain + std::size_t(j) * shadowStride, matrix.gain[j], rowBytes);
+        std::memcpy(shadowEnable + std::size_t(j) * shadowStride, matrix.enable[j], rowBytes);
         for (int k = 0; k < plannedColumns; ++k) {
-            if (cell(matrix, j, k) != 0.0f)
+            if (matrix.gain[j][k] * matrix.enable[j][k] != 0.0f)
                 used[k][j / 64] |= quint64(1) << (j % 64);
         }
     }
@@ -44,11 +42,11 @@ void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
     std::fill_n(planned, plannedColumns, false);
     for (int k = 0; k < plannedColumns; ++k) {
         if (!planned[k])
-            addSet(matrix, k, used);
+            addSet(k, used);
     }
 }
 
-void MixPlan::addSet(const GainMatrix &matrix, int column, const quint64 (*used)[2]) noexcept
+void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
 {
     Set &set = sets[setCount++];
     set.inputCount = 0;
@@ -63,8 +61,11 @@ void MixPlan::addSet(const GainMatrix &matrix, int column, const quint64 (*used)
             continue;
         planned[k] = true;
         set.outputs[set.outputCount++] = quint8(k);
-        for (int i = 0; i < set.inputCount; ++i)
-            gains[k][i] = cell(matrix, set.inputs[i], k);
+        for (int i = 0; i < set.inputCount; ++i) {
+            const int j = set.inputs[i];
+            const std::size_t cell = std::size_t(j) * shadowStride + std::size_t(k);
+            gains[k][i] = shadowGain[cell] * shadowEnable[cell];
+        }
     }
 
     set.groups = set.inputCount < fewestDenseInputs ? 0 : set.outputCount / groupWidth;
@@ -79,8 +80,12 @@ void MixPlan::addSet(const GainMatrix &matrix, int column, const quint64 (*used)
 
 bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noexcept
 {
-    return rows == plannedRows && columns == plannedColumns && plannedMatrix == &matrix &&
-           plannedChanges == matrix.changes();
+    if (rows != plannedRows || columns != plannedColumns)
+        return false;
+    return Kernels::sameBits(matrix.gain[0], limit, shadowGain, shadowStride, std::size_t(rows),
+                             std::size_t(columns)) &&
+           Kernels::sameBits(matrix.enable[0], limit, shadowEnable, shadowStride, std::size_t(rows),
+                             std::size_t(columns));
 }
 
 void MixPlan::mix(const aligned_vector<float, 16> *inputs, int rows,
@@ -92,32 +97,39 @@ void MixPlan::mix(const aligned_vector<float, 16> *inputs, int rows,
         return;
     }
     Q_ASSERT(rows == plannedRows && columns == plannedColumns);
-    const std::size_t wanted = std::size_t(std::max<qsizetype>(frames, 0));
-    for (int s = 0; s < setCount; ++s) {
-        if (!mixSet(sets[s], inputs, outputs, roundedToGroup(wanted)))
-            mixPlainly(sets[s], inputs, outputs, wanted);
+    const std::size_t samples = roundedToGroup(std::size_t(std::max<qsizetype>(frames, 0)));
+    if (!fits(inputs, outputs, samples)) {
+        mixPlainly(inputs, outputs, std::size_t(std::max<qsizetype>(frames, 0)));
+        return;
     }
+    for (int s = 0; s < setCount; ++s)
+        mixSet(sets[s], inputs, outputs, samples);
 }
 
-bool MixPlan::mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
+bool MixPlan::fits(const aligned_vector<float, 16> *inputs,
+                   const aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept
+{
+    for (int j = 0; j < plannedRows; ++j) {
+        if (inputs[j].capacity() < frames)
+            return false;
+    }
+    for (int k = 0; k < plannedColumns; ++k) {
+        if (outputs[k].capacity() < frames)
+            return false;
+    }
+    return true;
+}
+
+void MixPlan::mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
                      aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept
 {
     const std::size_t count = std::size_t(set.inputCount);
-    std::size_t room = frames;
     const float *in[limit];
-    for (std::size_t i = 0; i < count; ++i) {
-        const aligned_vector<float, 16> &input = inputs[set.inputs[i]];
-        in[i] = input.constData();
-        room = std::min(room, input.capacity());
-    }
+    for (std::size_t i = 0; i < count; ++i)
+        in[i] = inputs[set.inputs[i]].constData();
     float *out[limit];
-    for (int o = 0; o < set.outputCount; ++o) {
-        aligned_vector<float, 16> &output = outputs[set.outputs[o]];
-        out[o] = output.data();
-        room = std::min(room, output.capacity());
-    }
-    if (room < frames)
-        return false;
+    for (int o = 0; o < set.outputCount; ++o)
+        out[o] = outputs[set.outputs[o]].data();
 
     if (set.groups > 0) {
         Kernels::mixDense(out, std::size_t(set.groups), in, packed[set.firstGroup][0],
@@ -130,20 +142,23 @@ bool MixPlan::mixSet(const Set &set, const aligned_vector<float, 16> *inputs,
     }
     for (; o < set.outputCount; ++o)
         Kernels::mix(out[o], in, gains[set.outputs[o]], count, frames);
-    return true;
 }
 
-void MixPlan::mixPlainly(const Set &set, const aligned_vector<float, 16> *inputs,
+/// For buffers of other sizes than the block's: every operation ends at the capacities.
+void MixPlan::mixPlainly(const aligned_vector<float, 16> *inputs,
                          aligned_vector<float, 16> *outputs, std::size_t frames) const noexcept
 {
-    for (int o = 0; o < set.outputCount; ++o) {
-        aligned_vector<float, 16> &out = outputs[set.outputs[o]];
-        const std::size_t room = std::min(frames, out.capacity());
-        std::fill_n(out.data(), room, 0.0f);
-        for (int i = 0; i < set.inputCount; ++i) {
-            const aligned_vector<float, 16> &in = inputs[set.inputs[i]];
-            Kernels::multiplyAdd(out.data(), gains[set.outputs[o]][i], in.constData(),
-                                 std::min(room, in.capacity()));
+    for (int s = 0; s < setCount; ++s) {
+        const Set &set = sets[s];
+        for (int o = 0; o < set.outputCount; ++o) {
+            aligned_vector<float, 16> &out = outputs[set.outputs[o]];
+            const std::size_t room = std::min(frames, out.capacity());
+            std::fill_n(out.data(), room, 0.0f);
+            for (int i = 0; i < set.inputCount; ++i) {
+                const aligned_vector<float, 16> &in = inputs[set.inputs[i]];
+                Kernels::multiplyAdd(out.data(), gains[set.outputs[o]][i], in.constData(),
+                                     std::min(room, in.capacity()));
+            }
         }
     }
 }

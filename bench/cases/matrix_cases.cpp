@@ -92,8 +92,8 @@ Case start(const WorkPointer &work)
     Case result(QStringLiteral("A. Gain-matrix mix"), QString::fromUtf8(work->shape.name));
     result.ours([work] { work->mix(); });
     result.add(QStringLiteral("plain loop"), [work] {
-        Plain::mix(work->matrix->gain.rows(), work->matrix->enable.rows(), work->in.data(),
-                   work->shape.rows, work->out.data(), work->shape.columns, work->shape.frames);
+        Plain::mix(work->matrix->gain, work->matrix->enable, work->in.data(), work->shape.rows,
+                   work->out.data(), work->shape.columns, work->shape.frames);
     });
     return result;
 }
@@ -137,7 +137,7 @@ Case fourToTwo()
     const auto work = std::make_shared<Work>(
         Shape{"A1 4 rows → 2, diagonal, 256 frames", 4, 2, 256, Cells::Diagonal});
     Case result = start(work);
-    addRematrix(result, work->in, work->out, work->matrix->gain.rows(), work->shape.frames);
+    addRematrix(result, work->in, work->out, work->matrix->gain, work->shape.frames);
     return result.mustBeat(QStringLiteral("libswresample"), 1.5);
 }
 

@@ -61,8 +61,8 @@ struct PlainMixer
             Plain::split(clips[i] + size_t(position) * 2, planes, 2, int(blockFrames), 0.5f);
         }
         position = (position + blockFrames) % clipFrames;
-        Plain::mix(matrix->gain.rows(), matrix->enable.rows(), in.data(), int(in.size()), to.data(),
-                   2, int(blockFrames));
+        Plain::mix(matrix->gain, matrix->enable, in.data(), int(in.size()), to.data(), 2,
+                   int(blockFrames));
         const float *const planes[] = {outputs[0].data(), outputs[1].data()};
         Plain::merge(planes, out.data(), 2, int(blockFrames));
         Plain::scale(out.data(), 0.8f, int(out.size()));

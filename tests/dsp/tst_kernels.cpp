@@ -169,6 +169,8 @@ private slots:
     void mixDense_equalsThePlainLoop();
     void mix_beginsAtPositiveZero_data() { addTargets(); }
     void mix_beginsAtPositiveZero();
+    void sameBits_seesEveryCellAndNoOther_data() { addTargets(); }
+    void sameBits_seesEveryCellAndNoOther();
     void cleanVectorState_keepsResults_data() { addTargets(); }
     void cleanVectorState_keepsResults();
 
@@ -579,6 +581,33 @@ void tst_Kernels::mix_beginsAtPositiveZero()
     Kernels::mixDense(planes, 1, rows, gains, width, 1, frames);
     for (const Floats &plane : out)
         QCOMPARE(firstDifference(plane, positive), -1);
+}
+
+void tst_Kernels::sameBits_seesEveryCellAndNoOther()
+{
+    useTarget();
+    constexpr std::size_t stride = 24;
+    constexpr std::size_t wider = 32;
+    constexpr std::size_t rows = 5;
+    Samples samples(13);
+    std::vector<float> a(stride * rows);
+    for (float &x : a)
+        x = samples.any();
+    for (std::size_t columns = 0; columns <= stride; ++columns) {
+        for (std::size_t i = 0; i < a.size(); ++i) {
+            std::vector<float> b(wider * rows);
+            for (std::size_t r = 0; r < rows; ++r)
+                std::copy_n(a.data() + r * stride, stride, b.data() + r * wider);
+            const auto same = [&] {
+                return Kernels::sameBits(a.data(), stride, b.data(), wider, rows, columns);
+            };
+            QVERIFY(same());
+            float &cell = b[i / stride * wider + i % stride];
+            cell = std::bit_cast<float>(std::bit_cast<std::uint32_t>(cell) ^ 0x80000000u);
+            const bool watched = i % stride < columns;
+            QCOMPARE(same(), !watched);
+        }
+    }
 }
 
 void tst_Kernels::cleanVectorState_keepsResults()

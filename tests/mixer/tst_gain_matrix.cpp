@@ -5,11 +5,9 @@
 
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
-#include <utility>
 #include <vector>
 
 using namespace QTovelMixer;
@@ -144,10 +142,8 @@ private slots:
     void mix_passesNotANumber_throughOpenCells();
     void mix_clears_withoutRows();
     void mix_staysInside_whenBuffersAreWrapped();
-    void matches_holdsForThePlannedSizeOfThePlannedMatrix();
-    void matches_seesEveryChange_data();
-    void matches_seesEveryChange();
-    void matches_staysTrue_whileCellsAreOnlyRead();
+    void matches_seesChangesOfUsedCellsOnly();
+    void matches_seesSignsAndNotANumber();
 };
 
 void tst_GainMatrix::constructor_leavesEverythingSilentAndEnabled()
@@ -165,8 +161,8 @@ void tst_GainMatrix::set_writesTheBlockAndEnablesIt()
 {
     const auto matrix = std::make_unique<GainMatrix>();
     number(*matrix);
-    for (int r = 0; r < size; ++r)
-        std::fill_n(matrix->enable[r], size, 0.0f);
+    for (auto &row : matrix->enable)
+        std::fill(std::begin(row), std::end(row), 0.0f);
     const float table[] = {1.0f, 2.0f, 3.0f, 4.0f, 5.0f, 6.0f};
     matrix->set(3, 2, 10, 3, 0.5f, table);
     for (unsigned r = 0; r < size; ++r) {
@@ -341,9 +337,7 @@ void tst_GainMatrix::reset_forgetsEverything()
     number(*matrix);
     matrix->setMask(0, 32, 0, 32, 0x55);
     matrix->reset();
-    constexpr std::size_t bytes = std::size_t(size) * size * sizeof(float);
-    QVERIFY(std::memcmp(matrix->gain.rows(), fresh.gain.rows(), bytes) == 0);
-    QVERIFY(std::memcmp(matrix->enable.rows(), fresh.enable.rows(), bytes) == 0);
+    QVERIFY(std::memcmp(matrix.get(), &fresh, sizeof fresh) == 0);
 }
 
 void tst_GainMatrix::mix_equalsThePlainLoop_data()
@@ -423,8 +417,8 @@ void tst_GainMatrix::mix_givesPositiveZero_fromNegativeZeros()
     for (FloatVector &in : mix.inputs)
         std::fill(in.begin(), in.end(), -0.0f);
     mix.fillMatrix(1.0, 0.0);
-    for (int r = 0; r < size; ++r)
-        mix.matrix->gain[r][8] = 0.5f;
+    for (auto &row : mix.matrix->gain)
+        row[8] = 0.5f;
     mix.run();
     QCOMPARE(mix.firstWrong(), -1);
     for (int i = 0; i < 20; ++i)
@@ -512,58 +506,43 @@ void tst_GainMatrix::mix_staysInside_whenBuffersAreWrapped()
     }
 }
 
-void tst_GainMatrix::matches_holdsForThePlannedSizeOfThePlannedMatrix()
+void tst_GainMatrix::matches_seesChangesOfUsedCellsOnly()
 {
     const auto matrix = std::make_unique<GainMatrix>();
-    const auto other = std::make_unique<GainMatrix>();
     const auto plan = std::make_unique<MixPlan>();
-    QVERIFY(!plan->matches(*matrix, 0, 0));
+    QVERIFY(plan->matches(*matrix, 0, 0));
+    QVERIFY(!plan->matches(*matrix, 3, 5));
     plan->rebuild(*matrix, 3, 5);
     QVERIFY(plan->matches(*matrix, 3, 5));
     QVERIFY(!plan->matches(*matrix, 3, 4));
     QVERIFY(!plan->matches(*matrix, 2, 5));
-    QCOMPARE(other->changes(), matrix->changes());
-    QVERIFY(!plan->matches(*other, 3, 5));
+    for (int r = 0; r < 8; ++r) {
+        for (int c = 0; c < 20; ++c) {
+            const bool used = r < 3 && c < 5;
+            matrix->gain[r][c] = 0.5f;
+            QCOMPARE(plan->matches(*matrix, 3, 5), !used);
+            matrix->gain[r][c] = 0.0f;
+            QVERIFY(plan->matches(*matrix, 3, 5));
+            matrix->enable[r][c] = 0.0f;
+            QCOMPARE(plan->matches(*matrix, 3, 5), !used);
+            matrix->enable[r][c] = 1.0f;
+        }
+    }
+    plan->rebuild(*matrix, 128, 128);
+    QVERIFY(plan->matches(*matrix, 128, 128));
+    matrix->gain[127][127] = 1.0f;
+    QVERIFY(!plan->matches(*matrix, 128, 128));
 }
 
-void tst_GainMatrix::matches_seesEveryChange_data()
-{
-    QTest::addColumn<std::function<void(GainMatrix &)>>("change");
-    const auto row = [](const char *name, std::function<void(GainMatrix &)> change) {
-        QTest::newRow(name) << std::move(change);
-    };
-    static constexpr float one[] = {1.0f};
-    row("a gain", [](GainMatrix &m) { m.gain[2][4] = 0.5f; });
-    row("a sign", [](GainMatrix &m) { m.gain[0][0] = -0.0f; });
-    row("an enabling", [](GainMatrix &m) { m.enable[2][4] = 0.0f; });
-    row("set", [](GainMatrix &m) { m.set(1, 1, 1, 1, 0.5f, one); });
-    row("setMask", [](GainMatrix &m) { m.setMask(1, 1, 1, 1, 0); });
-    row("setCell", [](GainMatrix &m) { m.setCell(1, 1, 0.5f); });
-    row("removeRows", [](GainMatrix &m) { m.removeRows(1, 1); });
-    row("removeColumns", [](GainMatrix &m) { m.removeColumns(1, 1); });
-    row("reset", [](GainMatrix &m) { m.reset(); });
-}
-
-void tst_GainMatrix::matches_seesEveryChange()
-{
-    QFETCH(const std::function<void(GainMatrix &)>, change);
-    const auto matrix = std::make_unique<GainMatrix>();
-    const auto plan = std::make_unique<MixPlan>();
-    plan->rebuild(*matrix, 3, 5);
-    change(*matrix);
-    QVERIFY(!plan->matches(*matrix, 3, 5));
-    plan->rebuild(*matrix, 3, 5);
-    QVERIFY(plan->matches(*matrix, 3, 5));
-}
-
-void tst_GainMatrix::matches_staysTrue_whileCellsAreOnlyRead()
+void tst_GainMatrix::matches_seesSignsAndNotANumber()
 {
     const auto matrix = std::make_unique<GainMatrix>();
     const auto plan = std::make_unique<MixPlan>();
+    matrix->gain[1][1] = std::numeric_limits<float>::quiet_NaN();
     plan->rebuild(*matrix, 2, 2);
-    const GainMatrix &reader = *matrix;
-    QCOMPARE(reader.gain[1][1] + reader.enable.rows()[1][1], 1.0f);
     QVERIFY(plan->matches(*matrix, 2, 2));
+    matrix->gain[0][0] = -0.0f;
+    QVERIFY(!plan->matches(*matrix, 2, 2));
 }
 
 QTEST_GUILESS_MAIN(tst_GainMatrix)
