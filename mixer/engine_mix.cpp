@@ -179,8 +179,11 @@ void Engine::Data::mixMatrix(unsigned busCount) noexcept
     const int columns = int(outputBuses.size());
     if (columns == 0)
         return;
+    const bool isPlanned = cellsAreWatched.load(std::memory_order_relaxed)
+                               ? plan.matches(matrix, rows, columns)
+                               : plan.isFor(rows, columns);
     // While suspended nothing is mixed, and the plan stays for afterwards.
-    if (rows > 0 && !plan.matches(matrix, rows, columns))
+    if (rows > 0 && !isPlanned)
         plan.rebuild(matrix, rows, columns);
     plan.mix(inputBuses.data(), rows, outputBuses.data(), columns,
              qsizetype(outputBuses[0].size()));

@@ -47,8 +47,15 @@ public:
     /// Plans the first rows × columns cells (each at most 128).
     void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept QTOVELMIXER_NONBLOCKING;
 
-    /// True while the plan stands for the first rows × columns cells of `matrix`. Cheap enough to
-    /// be asked in every block.
+    /// Whether that many rows and columns are planned. Who changes a cell plans anew, so that a
+    /// block needs to know no more.
+    bool isFor(int rows, int columns) const noexcept QTOVELMIXER_NONBLOCKING
+    {
+        return rows == plannedRows && columns == plannedColumns;
+    }
+
+    /// True while the plan stands for the first rows × columns cells of `matrix`, which it
+    /// compares: for cells that somebody writes without planning anew.
     bool matches(const GainMatrix &matrix, int rows,
                  int columns) const noexcept QTOVELMIXER_NONBLOCKING;
 
@@ -91,7 +98,7 @@ private:
     bool planned[limit];                   // while rebuilding: the output has its set
     alignas(64) float gains[limit][limit]; // by output, then by place among its inputs
     alignas(64) float packed[limit / groupWidth][limit][groupWidth];
-    // What was planned, in rows as short as can be: they are compared in every block.
+    // What was planned, in rows as short as can be.
     std::size_t shadowStride = 0;
     alignas(64) float shadowGain[limit * limit];
     alignas(64) float shadowEnable[limit * limit];

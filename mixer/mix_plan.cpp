@@ -80,7 +80,7 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
 
 bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noexcept
 {
-    if (rows != plannedRows || columns != plannedColumns)
+    if (!isFor(rows, columns))
         return false;
     return Kernels::sameBits(matrix.gain[0], limit, shadowGain, shadowStride, std::size_t(rows),
                              std::size_t(columns)) &&

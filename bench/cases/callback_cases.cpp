@@ -43,6 +43,7 @@ Case denseMatrix()
         for (unsigned column = 0; column < 128; ++column)
             data.matrix.setCell(row, column, 1.0f / 128.0f);
     }
+    desk->plan();
     return Case(section, QStringLiteral("128 inputs and outputs, dense, 256 frames")).ours([desk] {
         desk->mix();
     });

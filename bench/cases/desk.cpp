@@ -66,6 +66,14 @@ Desk::Desk(int sourceCount, unsigned clipFrames, unsigned inputs, unsigned outpu
         m_meterRing = MeterAccess::data(*m_meter).ringBuffer.get();
         data.outputMeter = m_meter.get();
     }
+    plan();
+}
+
+void Desk::plan()
+{
+    Engine::Data &data = EngineAccess::data(engine);
+    data.planMix();
+    data.cellsAreWatched = false;
 }
 
 Desk::~Desk()

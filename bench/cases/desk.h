@@ -54,6 +54,10 @@ public:
          unsigned frames = blockFrames, bool metered = true);
     ~Desk();
 
+    /// Plans what is in the matrix; it is then no longer compared in every block, as in a host's
+    /// engine, whose own functions alone write it.
+    void plan();
+
     /// One block.
     void mix()
     {
