@@ -2,6 +2,7 @@
 #include <base/debug.h>
 
 #include <base/log_line_p.h>
+#include <base/nonblocking_p.h>
 #include <base/trace_p.h>
 #include <base/trace_queue_p.h>
 
@@ -35,9 +36,9 @@ void write(QtMsgType type, const char *format, va_list arguments)
         if (isAudioThread())
             queueRecord(record);
         else if (length < TraceRecord::maxText)
-            writeRecord(record);
+            outsideCallback([&record] { writeRecord(record); });
         else
-            writeLine([&] { writeLong(type, format, again, length); });
+            outsideCallback([&] { writeLine([&] { writeLong(type, format, again, length); }); });
     }
     va_end(again);
 }

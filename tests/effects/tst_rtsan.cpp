@@ -19,26 +19,30 @@ public:
 
     int processBuffers(const float *input, float *, int, int) override
     {
+        ++calls;
         if (m_allocates)
             m_collected.push_back(*input);
         return 1;
     }
+
+    int calls = 0;
 
 private:
     const bool m_allocates;
     std::vector<float> m_collected;
 };
 
-// Runs as a program of its own.
+// Runs as a program of its own, and fails as well when no block came.
 int runBlocks(bool allocates)
 {
     Collector effect(allocates);
     Session session(2, 2);
     session.engine.replaceInputEffect(&effect);
-    session.engine.setMonitoring(true);
+    if (!session.addRamp(48000, 1.0)) // somebody has to use the device
+        return 2;
     session.runWithoutWaiting(3);
     session.engine.replaceInputEffect(nullptr);
-    return 0;
+    return effect.calls == 3 ? 0 : 3;
 }
 
 } // namespace
