@@ -11,6 +11,7 @@
 #include <QtCore/QThread>
 
 #include <algorithm>
+#include <new>
 
 namespace QTovelMixer {
 
@@ -23,7 +24,11 @@ void endMeter(Meter *meter)
     if (!meter)
         return;
     const QPointer<QThread> thread = meter->thread();
-    meter->aboutToQuit();
+    try {
+        meter->aboutToQuit();
+    } catch (const std::bad_alloc &) {
+        thread->quit(); // without its last signal
+    }
     if (thread && thread != QThread::currentThread())
         thread->wait(meterEndTimeout);
 }

@@ -10,6 +10,8 @@
 #include <mixer/store/store.h>
 #include <support/allocation_failure.h>
 
+#include <QtCore/QDir>
+#include <QtCore/QFile>
 #include <QtTest/QTest>
 
 #include <array>
@@ -463,6 +465,18 @@ QString runSession(quint64 number, AllocationFailure::Threads threads,
     return QString();
 }
 
+/// Whether the thread of a meter is there that nobody ended.
+bool isMeterLeft()
+{
+    const QDir tasks("/proc/self/task");
+    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile name(tasks.filePath(task + "/comm"));
+        if (name.open(QIODevice::ReadOnly) && name.readAll().startsWith("QTovelMixer::Me"))
+            return true;
+    }
+    return false;
+}
+
 std::atomic<int> criticalLines{0};
 
 /// Takes memory as Qt's own does.
@@ -541,6 +555,7 @@ void TestAllocationFailure::setUp_survives_anyFailedAllocation()
                     .arg(QString::number(number), fault, AllocationFailure::place());
             QFAIL(qPrintable(text));
         }
+        QVERIFY2(waitUntil([] { return !isMeterLeft(); }), qPrintable(QString::number(number)));
         // A worker that ends says so, and no more than why.
         QVERIFY(criticalLines <= 2);
     }
