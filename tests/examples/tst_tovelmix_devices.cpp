@@ -519,7 +519,9 @@ void tst_TovelmixDevices::monitor_showsLevels()
     }
     const Run timed = tovelmix({"monitor", "--seconds", "0.2"});
     QCOMPARE(timed.status, 0);
-    QVERIFY2(timed.output.contains("listening for 0.2 s, level "), qPrintable(timed.output));
+    // How late it is seen that the time is over is the machine's affair.
+    const QRegularExpression last("listening for ([0-9.]+) s, level ");
+    QVERIFY2(last.match(timed.output).captured(1).toDouble() >= 0.2, qPrintable(timed.output));
 }
 
 // Losing the server -----------------------------------------------------------------------------
