@@ -27,8 +27,9 @@ struct EngineAccess;
 /// says otherwise an operation belongs to the main thread; one that changes the mix and is
 /// called elsewhere answers false (or does nothing) and logs one line.
 ///
-/// Errors: an operation that runs out of memory throws std::bad_alloc, releases its locks and leaves
-/// the lists as they were, so that it may be called again; docs/reliability.md lists the exceptions.
+/// Errors: an operation that runs out of memory throws std::bad_alloc, releases its locks and
+/// leaves the lists as they were, so that it may be called again; docs/reliability.md lists the
+/// exceptions.
 ///
 /// Units: times are seconds, clock positions frames at the device's rate, gains linear factors.
 /// At most 128 input channels (device inputs plus all source channels) and 128 output channels
