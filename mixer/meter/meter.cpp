@@ -57,7 +57,7 @@ Meter::Meter(Type type, int sampleRate, int numChannels, const MeterConfig &conf
     if (!parent)
         moveToThread(thread.get());
     d->thread = thread.get();
-    thread.release();
+    static_cast<void>(thread.release()); // not before: making a weak pointer takes memory
     d->thread->start(QThread::InheritPriority);
 }
 
