@@ -4,6 +4,9 @@
 
 #include <mixer/aligned_vector.h>
 
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+
 #include <functional>
 
 using namespace QTovelMixer;
@@ -39,6 +42,19 @@ void addBackends()
 }
 
 } // namespace
+
+/// For a failure: how many threads there were, and which there are.
+static QString threadNames(int before)
+{
+    QStringList names;
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile name(tasks.filePath(task + QStringLiteral("/comm")));
+        if (name.open(QIODevice::ReadOnly))
+            names += QString::fromUtf8(name.readAll()).trimmed();
+    }
+    return QStringLiteral("%1 before, now: %2").arg(before).arg(names.join(QStringLiteral(", ")));
+}
 
 class tst_RtAudioCycles : public QObject
 {
@@ -162,10 +178,14 @@ void tst_RtAudioCycles::engine_isDestroyed_inEveryState()
         session.timed([&] { session.engine.reset(); });
         QVERIFY(TimedApplication::longest <= 2500);
     }
+    // ALSA's plug-in may wait for a dead server for ever: the stream is left to it then, with the
+    // two threads of the stream and one of the plug-in for each direction.
+    const int stuck = backend == Alsa && state == QLatin1String("lost") ? 4 : 0;
+    const int most = before.threads + 1 + stuck;
     // What the process keeps for good was made by the first row.
     if (qstrcmp(QTest::currentDataTag(), "Pulse, made") != 0 && state != QLatin1String("made"))
-        QVERIFY(
-            RtAudioSession::wait([&] { return Resources::now().threads <= before.threads + 1; }));
+        QVERIFY2(RtAudioSession::wait([&] { return Resources::now().threads <= most; }),
+                 qPrintable(threadNames(before.threads)));
 }
 
 void tst_RtAudioCycles::engine_isDestroyed_whileItsServerIsFrozen()
