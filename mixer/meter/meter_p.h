@@ -73,8 +73,7 @@ struct Meter::Data
     // holds count blocks. The true-peak vectors are empty while true peaks are not wanted.
     RankedMutex<LockRank::Measurement> statsMutex;
     Statistics levelStats;
-    // The same while true peaks are wanted, else null: one walk through the samples serves both.
-    DSPB_Statistics *truePeakStats = nullptr;
+    Statistics truePeakStats;
     double momentaryLoudness = -120.0;
     double shortTermLoudness = -120.0;
     std::vector<double> level;

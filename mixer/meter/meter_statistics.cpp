@@ -102,13 +102,12 @@ void Meter::Data::rebuildActiveChannels()
             activeChannels.push_back(channel);
     }
     levelStats.reset();
+    truePeakStats.reset();
     if (const int active = int(activeChannels.size()); active > 0) {
-        uint32_t measures = DSPB_MeasureLevels;
+        levelStats = makeStatistics(active, DSPB_MeasureLevels);
         if (truePeakEnabled)
-            measures |= DSPB_MeasureTruePeak;
-        levelStats = makeStatistics(active, measures);
+            truePeakStats = makeStatistics(active, DSPB_MeasureTruePeak);
     }
-    truePeakStats = truePeakEnabled ? levelStats.get() : nullptr;
     for (auto *levels : {&level, &holdLevel, &truePeakLevel, &truePeakHoldLevel})
         std::fill(levels->begin(), levels->end(), 0.0);
     for (auto *holds : {&levelHold, &holdLevelHold, &truePeakHold, &truePeakHoldLevelHold})
@@ -134,6 +133,7 @@ double Meter::Data::measure(const float *frames, int numFrames)
 {
     const float *const measured = compact(frames, numFrames);
     DSPB_StatisticsAddFrames(levelStats.get(), measured, numFrames);
+    DSPB_StatisticsAddFrames(truePeakStats.get(), measured, numFrames);
     DSPB_StatisticsMomentaryLoudness(levelStats.get(), &momentaryLoudness);
     DSPB_StatisticsShortTermLoudness(levelStats.get(), &shortTermLoudness);
 
@@ -151,7 +151,7 @@ double Meter::Data::measure(const float *frames, int numFrames)
         if (truePeakStats) {
             double truePeak = 0.0;
             if (!falling)
-                DSPB_StatisticsMomentaryTruePeak(truePeakStats, int(i), &truePeak);
+                DSPB_StatisticsMomentaryTruePeak(truePeakStats.get(), int(i), &truePeak);
             followPeak(truePeakLevel[channel], truePeakHold[channel], truePeak, levelTime);
             followPeak(truePeakHoldLevel[channel], truePeakHoldLevelHold[channel], truePeak,
                        holdTime);
