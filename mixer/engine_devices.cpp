@@ -233,7 +233,7 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
         if (d->onOwnThread())
             d->callLater("select", [=, this] { open(output, input, sampleRate, startapi); });
         else
-            d->callAndWait([&] { answer = open(output, input, sampleRate, startapi); });
+            callAndWait(this, [&] { answer = open(output, input, sampleRate, startapi); });
         return answer;
     }
 

@@ -181,7 +181,7 @@ void Engine::Data::mixMatrix(unsigned busCount) noexcept
         return;
     const bool isPlanned = cellsAreWatched.load(std::memory_order_relaxed)
                                ? plan.matches(matrix, rows, columns)
-                               : plan.isFor(rows, columns);
+                               : plan.isFor(matrix, rows, columns);
     // While suspended nothing is mixed, and the plan stays for afterwards.
     if (rows > 0 && !isPlanned)
         plan.rebuild(matrix, rows, columns);

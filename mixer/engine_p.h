@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_ENGINE_P_H
 #define QTOVELMIXER_MIXER_ENGINE_P_H
 
+#include <base/blocking_call_p.h>
 #include <base/debug.h>
 #include <base/nonblocking.h>
 #include <mixer/block_gate_p.h>
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <exception>
 #include <functional>
 #include <map>
 #include <new>
@@ -241,9 +241,6 @@ struct Engine::Data
     /// Has the engine's thread call it some time.
     template <typename Operation>
     void callLater(const char *name, Operation operation);
-    /// Has the engine's thread call it, waits, and throws what it throws.
-    template <typename Operation>
-    void callAndWait(Operation operation);
     /// One or the other: nobody waits on a thread that the engine's may be waiting for.
     template <typename Operation>
     void callOnEngineThread(const char *name, Operation operation);
@@ -324,7 +321,7 @@ struct Engine::Data
     float (&gainMatrix)[128][128] = matrix.gain;
     float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
-    std::atomic<bool> cellsAreWatched{false}; ///< somebody may write them without making a plan
+    std::atomic<bool> cellsAreWatched{false}; ///< somebody may write them past its functions
     Timeline *timeline = nullptr;
 
     // Audio thread --------------------------------------------------------------------------
@@ -358,30 +355,12 @@ void Engine::Data::callLater(const char *name, Operation operation)
 }
 
 template <typename Operation>
-void Engine::Data::callAndWait(Operation operation)
-{
-    std::exception_ptr failure;
-    QMetaObject::invokeMethod(
-        engine,
-        [&] {
-            try {
-                operation();
-            } catch (...) {
-                failure = std::current_exception();
-            }
-        },
-        Qt::BlockingQueuedConnection);
-    if (failure)
-        std::rethrow_exception(failure);
-}
-
-template <typename Operation>
 void Engine::Data::callOnEngineThread(const char *name, Operation operation)
 {
     if (onOwnThread())
         callLater(name, operation);
     else
-        callAndWait(operation);
+        callAndWait(engine, operation);
 }
 
 /// Lets tests and benchmarks of this library reach the private record. From then on the cells of

@@ -134,7 +134,7 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
                     stop_mixer(force, guarded, stopReason);
             });
         } else {
-            d->callAndWait([&] { answer = stop_mixer(force, source, stopReason); });
+            callAndWait(this, [&] { answer = stop_mixer(force, source, stopReason); });
         }
         return answer;
     }

@@ -19,6 +19,7 @@ unsigned inside(unsigned first, unsigned count) noexcept
 
 void GainMatrix::reset() noexcept
 {
+    ++changes;
     std::fill_n(&gain[0][0], size * size, 0.0f);
     std::fill_n(&enable[0][0], size * size, 1.0f);
 }
@@ -26,6 +27,7 @@ void GainMatrix::reset() noexcept
 void GainMatrix::set(unsigned row0, unsigned rows, unsigned column0, unsigned columns, float factor,
                      const float *table) noexcept
 {
+    ++changes;
     for (unsigned r = 0; r < inside(row0, rows); ++r) {
         for (unsigned c = 0; c < inside(column0, columns); ++c) {
             gain[row0 + r][column0 + c] = table[std::size_t(r) * columns + c] * factor;
@@ -37,6 +39,7 @@ void GainMatrix::set(unsigned row0, unsigned rows, unsigned column0, unsigned co
 void GainMatrix::setMask(unsigned row0, unsigned rows, unsigned column0, unsigned columns,
                          quint64 mask) noexcept
 {
+    ++changes;
     if (rows < 1 || rows > 32 || columns < 1 || columns > 32 || std::popcount(mask) > 32)
         return;
     for (unsigned r = 0; r < inside(row0, rows); ++r) {
@@ -47,6 +50,7 @@ void GainMatrix::setMask(unsigned row0, unsigned rows, unsigned column0, unsigne
 
 void GainMatrix::removeRows(unsigned first, unsigned count) noexcept
 {
+    ++changes;
     first = std::min(first, size);
     count = inside(first, count);
     const unsigned moved = size - first - count;
@@ -57,6 +61,7 @@ void GainMatrix::removeRows(unsigned first, unsigned count) noexcept
 
 void GainMatrix::removeColumns(unsigned first, unsigned count) noexcept
 {
+    ++changes;
     first = std::min(first, size);
     count = inside(first, count);
     for (auto &row : gain) {
@@ -67,6 +72,7 @@ void GainMatrix::removeColumns(unsigned first, unsigned count) noexcept
 
 void GainMatrix::setCell(unsigned row, unsigned column, float value) noexcept
 {
+    ++changes;
     if (row < size && column < size)
         gain[row][column] = value;
 }

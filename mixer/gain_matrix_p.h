@@ -20,6 +20,8 @@ struct GainMatrix
     alignas(64) float gain[size][size];
     alignas(64) float enable[size][size];
 
+    quint64 changes = 0; ///< by the functions below
+
     GainMatrix() noexcept { reset(); }
 
     /// Every gain 0, every cell enabled.
@@ -47,15 +49,16 @@ public:
     /// Plans the first rows × columns cells (each at most 128).
     void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept QTOVELMIXER_NONBLOCKING;
 
-    /// Whether that many rows and columns are planned. Who changes a cell plans anew, so that a
-    /// block needs to know no more.
-    bool isFor(int rows, int columns) const noexcept QTOVELMIXER_NONBLOCKING
+    /// Whether the plan stands for the first rows × columns cells of the matrix, as its functions
+    /// left them.
+    bool isFor(const GainMatrix &matrix, int rows,
+               int columns) const noexcept QTOVELMIXER_NONBLOCKING
     {
-        return rows == plannedRows && columns == plannedColumns;
+        return rows == plannedRows && columns == plannedColumns && matrix.changes == plannedChanges;
     }
 
     /// True while the plan stands for the first rows × columns cells of `matrix`, which it
-    /// compares: for cells that somebody writes without planning anew.
+    /// compares: for cells that somebody writes past its functions.
     bool matches(const GainMatrix &matrix, int rows,
                  int columns) const noexcept QTOVELMIXER_NONBLOCKING;
 
@@ -90,6 +93,7 @@ private:
     void mixPlainly(const aligned_vector<float, 16> *inputs, aligned_vector<float, 16> *outputs,
                     std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
 
+    quint64 plannedChanges = 0;
     int plannedRows = 0;
     int plannedColumns = 0;
     int setCount = 0;

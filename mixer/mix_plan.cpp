@@ -22,6 +22,7 @@ constexpr std::size_t roundedToGroup(std::size_t frames)
 
 void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
 {
+    plannedChanges = matrix.changes;
     plannedRows = std::clamp(rows, 0, limit);
     plannedColumns = std::clamp(columns, 0, limit);
     setCount = 0;
@@ -80,7 +81,7 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
 
 bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noexcept
 {
-    if (!isFor(rows, columns))
+    if (rows != plannedRows || columns != plannedColumns)
         return false;
     return Kernels::sameBits(matrix.gain[0], limit, shadowGain, shadowStride, std::size_t(rows),
                              std::size_t(columns)) &&

@@ -2,6 +2,7 @@
 // A meter's life, its transport and what it is fed.
 #include <mixer/meter/meter_p.h>
 
+#include <base/blocking_call_p.h>
 #include <base/debug.h>
 #include <base/ringbuffer_p.h>
 #include <mixer/aligned_vector.h>
@@ -9,7 +10,6 @@
 #include <QtCore/QTimerEvent>
 
 #include <cstring>
-#include <exception>
 #include <new>
 
 namespace QTovelMixer {
@@ -24,25 +24,6 @@ bool mustTravel(const QObject *object)
 {
     const QThread *home = object->thread();
     return home && home != QThread::currentThread() && home->isRunning();
-}
-
-// Calls on the object's thread, waits, and throws what it throws: an event loop passes nothing on.
-template <typename Call>
-void travel(QObject *object, Call call)
-{
-    std::exception_ptr failure;
-    QMetaObject::invokeMethod(
-        object,
-        [&] {
-            try {
-                call();
-            } catch (...) {
-                failure = std::current_exception();
-            }
-        },
-        Qt::BlockingQueuedConnection);
-    if (failure)
-        std::rethrow_exception(failure);
 }
 
 } // namespace
@@ -128,7 +109,7 @@ void Meter::Data::takeBlock(Meter &meter)
 void Meter::start()
 {
     if (mustTravel(this)) {
-        travel(this, [this] { start(); });
+        callAndWait(this, [this] { start(); });
         return;
     }
     d->stopRequested = false;
@@ -145,7 +126,7 @@ void Meter::start()
 void Meter::stop(bool forceStop)
 {
     if (mustTravel(this)) {
-        travel(this, [this, forceStop] { stop(forceStop); });
+        callAndWait(this, [this, forceStop] { stop(forceStop); });
         return;
     }
     d->stopRequested = true;
@@ -160,7 +141,7 @@ void Meter::stop(bool forceStop)
 void Meter::aboutToQuit()
 {
     if (mustTravel(this)) {
-        travel(this, [this] { aboutToQuit(); });
+        callAndWait(this, [this] { aboutToQuit(); });
         return;
     }
     if (d->timer.isActive())

@@ -5,9 +5,11 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
+#include <utility>
 #include <vector>
 
 using namespace QTovelMixer;
@@ -144,6 +146,8 @@ private slots:
     void mix_staysInside_whenBuffersAreWrapped();
     void matches_seesChangesOfUsedCellsOnly();
     void matches_seesSignsAndNotANumber();
+    void isFor_seesTheMatrixChanged_data();
+    void isFor_seesTheMatrixChanged();
 };
 
 void tst_GainMatrix::constructor_leavesEverythingSilentAndEnabled()
@@ -337,7 +341,8 @@ void tst_GainMatrix::reset_forgetsEverything()
     number(*matrix);
     matrix->setMask(0, 32, 0, 32, 0x55);
     matrix->reset();
-    QVERIFY(std::memcmp(matrix.get(), &fresh, sizeof fresh) == 0);
+    QVERIFY(std::memcmp(matrix->gain, fresh.gain, sizeof fresh.gain) == 0);
+    QVERIFY(std::memcmp(matrix->enable, fresh.enable, sizeof fresh.enable) == 0);
 }
 
 void tst_GainMatrix::mix_equalsThePlainLoop_data()
@@ -543,6 +548,36 @@ void tst_GainMatrix::matches_seesSignsAndNotANumber()
     QVERIFY(plan->matches(*matrix, 2, 2));
     matrix->gain[0][0] = -0.0f;
     QVERIFY(!plan->matches(*matrix, 2, 2));
+}
+
+void tst_GainMatrix::isFor_seesTheMatrixChanged_data()
+{
+    QTest::addColumn<std::function<void(GainMatrix &)>>("change");
+    const auto row = [](const char *name, std::function<void(GainMatrix &)> change) {
+        QTest::newRow(name) << std::move(change);
+    };
+    static constexpr float one[] = {1.0f};
+    row("set", [](GainMatrix &m) { m.set(1, 1, 1, 1, 0.5f, one); });
+    row("setMask", [](GainMatrix &m) { m.setMask(1, 1, 1, 1, 0); });
+    row("setCell", [](GainMatrix &m) { m.setCell(1, 1, 0.5f); });
+    row("removeRows", [](GainMatrix &m) { m.removeRows(1, 1); });
+    row("removeColumns", [](GainMatrix &m) { m.removeColumns(1, 1); });
+    row("reset", [](GainMatrix &m) { m.reset(); });
+}
+
+void tst_GainMatrix::isFor_seesTheMatrixChanged()
+{
+    QFETCH(const std::function<void(GainMatrix &)>, change);
+    const auto matrix = std::make_unique<GainMatrix>();
+    const auto plan = std::make_unique<MixPlan>();
+    plan->rebuild(*matrix, 3, 5);
+    QVERIFY(plan->isFor(*matrix, 3, 5));
+    QVERIFY(!plan->isFor(*matrix, 3, 4));
+    QVERIFY(!plan->isFor(*matrix, 2, 5));
+    change(*matrix);
+    QVERIFY(!plan->isFor(*matrix, 3, 5));
+    plan->rebuild(*matrix, 3, 5);
+    QVERIFY(plan->isFor(*matrix, 3, 5));
 }
 
 QTEST_GUILESS_MAIN(tst_GainMatrix)
