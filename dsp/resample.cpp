@@ -29,7 +29,7 @@ constexpr int64_t highestRatio = 256;
 void restart(DSPB_Resampler &resampler)
 {
     const ResampleFilter &filter = *resampler.filter;
-    resampler.filled = filter.lead + filter.taps - filter.half - 1;
+    resampler.filled = filter.lead + filter.taps() - filter.half - 1;
     resampler.window = filter.lead;
     resampler.position = 0;
     std::fill_n(resampler.input.begin(), resampler.filled, 0.0F);
@@ -39,7 +39,7 @@ void restart(DSPB_Resampler &resampler)
 int64_t readyFrames(const DSPB_Resampler &resampler)
 {
     const ResampleFilter &filter = *resampler.filter;
-    const int64_t windows = resampler.filled - filter.taps - resampler.window + 1;
+    const int64_t windows = resampler.filled - filter.taps() - resampler.window + 1;
     if (windows <= 0)
         return 0;
     const int64_t phase = filter.phaseOf(resampler.position);
@@ -89,8 +89,8 @@ DSPB_Resampler *DSPB_ResampleInit(int32_t inRate, int32_t outRate, const char * 
     auto resampler = std::make_unique<DSPB_Resampler>();
     resampler->filter = ResampleFilter::shared(inRate, outRate);
     // Trailing zeros of rows look behind the input: at older frames, which are finite.
-    resampler->input.resize(size_t(resampler->filter->lead + resampler->filter->taps + blockFrames +
-                                   resampler->filter->depth));
+    resampler->input.resize(size_t(resampler->filter->lead + resampler->filter->taps() +
+                                   blockFrames + resampler->filter->depth));
     restart(*resampler);
     return resampler.release();
 }
@@ -112,7 +112,7 @@ double DSPB_ResampleWithheld(const DSPB_Resampler *resampler)
     if (!resampler)
         return 0.0;
     const ResampleFilter &filter = *resampler->filter;
-    const int64_t nextFrame = resampler->window + filter.taps - filter.half - 1;
+    const int64_t nextFrame = resampler->window + filter.taps() - filter.half - 1;
     return double(resampler->filled - nextFrame) -
            double(filter.phaseOf(resampler->position)) / double(filter.phases);
 }

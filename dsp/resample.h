@@ -8,7 +8,7 @@
 
 /// A streaming sample-rate converter for one channel.
 ///
-/// Band-limited interpolation: a linear-phase polyphase filter of 128 taps per phase (longer in
+/// Band-limited interpolation: a linear-phase polyphase filter of 124 taps per phase (longer in
 /// proportion when the rate goes down), cut off at 0.958 of the lower Nyquist frequency. The output
 /// is aligned in time with the input: output frame n lies at the moment n / outRate, as if half a
 /// filter of silence had stood before the first input frame. So the first call returns fewer

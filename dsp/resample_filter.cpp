@@ -12,9 +12,10 @@ namespace QTovelMixer {
 
 namespace {
 
-// Chosen together by measurement: 128 taps with this window fall from 0.45 to 0.55 of the lower
-// rate, 110 dB down and more behind it.
-constexpr double tapsPerSide = 64.0;
+// Chosen together by measurement: 124 taps with this window fall from 0.45 to 0.55 of the lower
+// rate, 110 dB down and more behind it. A block of rows then looks at 128 frames: as many as whole
+// vectors hold.
+constexpr double tapsPerSide = 62.0;
 constexpr double kaiserBeta = 11.2;
 constexpr double cutOff = 0.958;
 
@@ -54,19 +55,17 @@ double sinc(double x)
 
 /// Fills one row for an output frame that lies `fraction` of a frame after an input frame. The
 /// row's sum is 1: no phase is louder than another, so that constant input gives no images.
-void fillRow(std::span<float> row, int half, double fraction, double bandwidth)
+void fillRow(std::span<float> row, double fraction, double bandwidth)
 {
-    const int used = 2 * half;
-    const int padding = int(row.size()) - used;
-    std::vector<double> exact(size_t(used), 0.0);
-    for (int k = 0; k < used; ++k) {
+    const int half = int(row.size()) / 2;
+    std::vector<double> exact(row.size());
+    for (int k = 0; k < 2 * half; ++k) {
         const double distance = fraction + half - 1 - k;
         exact[size_t(k)] = sinc(bandwidth * distance) * kaiser(distance / half);
     }
     const double sum = std::accumulate(exact.begin(), exact.end(), 0.0);
-    std::fill_n(row.begin(), padding, 0.0F);
-    for (int k = 0; k < used; ++k)
-        row[size_t(padding + k)] = float(exact[size_t(k)] / sum);
+    std::transform(exact.begin(), exact.end(), row.begin(),
+                   [sum](double value) { return float(value / sum); });
 }
 
 struct KeptFilter
@@ -98,14 +97,13 @@ void fillBlocks(ResampleFilter &filter, double bandwidth)
 {
     constexpr int together = ResampleFilter::rowsPerBlock;
     filter.rows.resize(size_t(filter.blocks() * together * filter.depth), 0.0F);
-    std::vector<float> row(static_cast<size_t>(filter.taps));
+    std::vector<float> row(static_cast<size_t>(filter.taps()));
     for (int64_t position = 0; position < filter.cycle; ++position) {
         const int64_t first = position / together * together;
         const int64_t later = filter.windowOf(position) - filter.windowOf(first);
-        fillRow(row, filter.half, double(filter.phaseOf(position)) / double(filter.phases),
-                bandwidth);
+        fillRow(row, double(filter.phaseOf(position)) / double(filter.phases), bandwidth);
         float *const block = filter.rows.data() + first * filter.depth;
-        for (int tap = 0; tap < filter.taps; ++tap) {
+        for (int tap = 0; tap < filter.taps(); ++tap) {
             const int64_t k = later + tap;
             block[(k / 8 * together + position - first) * 8 + k % 8] = row[size_t(tap)];
         }
@@ -115,11 +113,11 @@ void fillBlocks(ResampleFilter &filter, double bandwidth)
 /// One row more than there are parts.
 void fillParts(ResampleFilter &filter, double bandwidth)
 {
-    filter.rows.resize(size_t(filter.parts + 1) * size_t(filter.taps));
+    filter.rows.resize(size_t(filter.parts + 1) * size_t(filter.taps()));
     for (int64_t row = 0; row <= filter.parts; ++row) {
-        const std::span<float> coefficients(filter.rows.data() + row * filter.taps,
-                                            size_t(filter.taps));
-        fillRow(coefficients, filter.half, double(row) / double(filter.parts), bandwidth);
+        const std::span<float> coefficients(filter.rows.data() + row * filter.taps(),
+                                            size_t(filter.taps()));
+        fillRow(coefficients, double(row) / double(filter.parts), bandwidth);
     }
 }
 
@@ -133,12 +131,11 @@ std::shared_ptr<const ResampleFilter> ResampleFilter::build(int32_t inRate, int3
     filter->step = inRate / divisor;
     const double stretch = std::max(1.0, double(inRate) / double(outRate));
     filter->half = int(std::ceil(tapsPerSide * stretch));
-    filter->taps = (2 * filter->half + 15) / 16 * 16;
     // At least one whole block.
     filter->cycle = filter->phases < rowsPerBlock - 1 ? rowsPerBlock : filter->phases;
 
     const int64_t lead = (rowsPerBlock - 1) * filter->step / filter->phases + 1;
-    const int64_t depth = (filter->taps + lead + 7) / 8 * 8;
+    const int64_t depth = (filter->taps() + lead + 7) / 8 * 8;
     const int64_t coefficients = filter->blocks() * rowsPerBlock * depth;
     if (filter->phases <= mostPhases && coefficients <= mostCoefficients) {
         filter->lead = int(lead);
@@ -147,7 +144,8 @@ std::shared_ptr<const ResampleFilter> ResampleFilter::build(int32_t inRate, int3
     } else {
         // A filter stretched in time is as much smoother, so it needs fewer rows.
         filter->parts = int64_t(std::ceil(partsPerFrame / stretch));
-        filter->depth = filter->taps;
+        filter->half = (filter->half + 3) / 4 * 4;
+        filter->depth = filter->taps();
         fillParts(*filter, cutOff / stretch);
     }
     return filter;

@@ -45,17 +45,19 @@ struct ResampleFilter
 
     int64_t phases = 1; ///< output rate / greatest common divisor
     int64_t step = 1;   ///< input rate / greatest common divisor
-    int half = 0;       ///< input frames on each side of an output frame
-    int taps = 0;       ///< coefficients of a window, a multiple of 16; the first may be padding
+    /// Input frames on each side of an output frame. With interpolated rows a multiple of 4.
+    int half = 0;
     /// 0: there is a row for each phase. Otherwise the number of equal parts into which one input
     /// frame is cut; rows are then interpolated, and one more row closes the last part.
     int64_t parts = 0;
     /// Output frames after which rows repeat, a multiple of `phases`. With a row for each phase:
     int64_t cycle = 1;
-    int depth = 0; ///< input frames that a block looks at: `taps` and the most zeros, rounded up
+    int depth = 0; ///< input frames that a block looks at: the taps and the most zeros, rounded up
     int lead = 0;  ///< the most zeros that a row begins with, rounded up
     std::vector<float, CacheLineAllocator<float>> rows;
 
+    /// Coefficients of a window.
+    int taps() const noexcept { return 2 * half; }
     /// Input frames from the window of the cycle's first output frame to that of its n-th.
     int64_t windowOf(int64_t position) const noexcept { return position * step / phases; }
     /// How far the output frame lies behind the input frame before it, in parts of `phases`.

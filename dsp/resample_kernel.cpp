@@ -124,13 +124,6 @@ HWY_INLINE void oneBlock(const float *block, const float *window, int depth, flo
         out[row] = one(block, row, window, depth);
 }
 
-HWY_INLINE void twoBlocks(const float *block, const float *window, const float *later, int depth,
-                          float *out, float *outLater)
-{
-    oneBlock(block, window, depth, out);
-    oneBlock(block, later, depth, outLater);
-}
-
 #else
 
 struct FourSums
@@ -156,28 +149,6 @@ HWY_INLINE void addProducts(FourSums &sums, const float *coefficients, const Sum
     addProducts(sums.d, samples, coefficients + 24);
 }
 
-/// Loads once what is used twice: left alone, g++ makes a memory operand of each use, and loads are
-/// what the loop below waits for.
-[[maybe_unused]] HWY_INLINE Sum loadEightOnce(const float *from)
-{
-    Sum loaded = loadEight(from);
-#if HWY_ARCH_X86 && (HWY_COMPILER_GCC || HWY_COMPILER_CLANG)
-    for (size_t i = 0; i < vectorsPerSum; ++i)
-        asm("" : "+x"(loaded.part[i].raw));
-#endif
-    return loaded;
-}
-
-[[maybe_unused]] HWY_INLINE void addToBoth(Sum &first, Sum &second, const Sum &coefficients,
-                                           const Sum &samples, const Sum &laterSamples)
-{
-    for (size_t i = 0; i < vectorsPerSum; ++i) {
-        first.part[i] = hn::Add(first.part[i], hn::Mul(coefficients.part[i], samples.part[i]));
-        second.part[i] =
-            hn::Add(second.part[i], hn::Mul(coefficients.part[i], laterSamples.part[i]));
-    }
-}
-
 HWY_INLINE void storeTotals(const FourSums &sums, float *out)
 {
     hn::StoreU(total(fold(sums.a.part), fold(sums.b.part), fold(sums.c.part), fold(sums.d.part)),
@@ -194,32 +165,6 @@ HWY_INLINE void oneBlock(const float *block, const float *window, int depth, flo
     storeTotals(sums, out);
 }
 
-/// Two passes of the same block share each load of the coefficients, where registers suffice.
-HWY_INLINE void twoBlocks(const float *block, const float *window, const float *later, int depth,
-                          float *out, float *outLater)
-{
-    if constexpr (lanes < 8) {
-        oneBlock(block, window, depth, out);
-        oneBlock(block, later, depth, outLater);
-    } else {
-        FourSums first;
-        FourSums second;
-        clear(first);
-        clear(second);
-        for (int k = 0; k < depth; k += 8) {
-            const Sum samples = loadEight(window + k);
-            const Sum laterSamples = loadEight(later + k);
-            const float *const coefficients = block + k * blockRows;
-            addToBoth(first.a, second.a, loadEightOnce(coefficients), samples, laterSamples);
-            addToBoth(first.b, second.b, loadEightOnce(coefficients + 8), samples, laterSamples);
-            addToBoth(first.c, second.c, loadEightOnce(coefficients + 16), samples, laterSamples);
-            addToBoth(first.d, second.d, loadEightOnce(coefficients + 24), samples, laterSamples);
-        }
-        storeTotals(first, out);
-        storeTotals(second, outLater);
-    }
-}
-
 #endif
 
 /// Where the passes of a block lie: the first one, and from each to the next.
@@ -232,17 +177,86 @@ struct Passes
     int64_t outStep;
 };
 
+#if HWY_TARGET == HWY_AVX2
+
+/// Hides where a value comes from: left alone, g++ makes memory operands of all uses of a
+/// coefficient and registers of all uses of a sample. Loads and registers are both scarce below.
+template <typename Value>
+HWY_INLINE Value hidden(Value value)
+{
+    asm("" : "+r"(value));
+    return value;
+}
+HWY_INLINE hn::Vec<Wide> inRegister(hn::Vec<Wide> value)
+{
+    asm("" : "+x"(value.raw));
+    return value;
+}
+
+/// A coefficient of one row, for three passes. `third` is hidden and not what it points to: the
+/// address is then computed once.
+HWY_INLINE void addToThree(Sum &sum, Sum &secondSum, Sum &thirdSum, const float *coefficients,
+                           hn::Vec<Wide> samples, hn::Vec<Wide> secondSamples, const float *&third,
+                           int k)
+{
+    const auto factors = inRegister(hn::Load(Wide(), coefficients));
+    third = hidden(third);
+    sum.part[0] = hn::Add(sum.part[0], hn::Mul(factors, samples));
+    secondSum.part[0] = hn::Add(secondSum.part[0], hn::Mul(factors, secondSamples));
+    thirdSum.part[0] = hn::Add(thirdSum.part[0], hn::Mul(factors, hn::LoadU(Wide(), third + k)));
+}
+
+/// Three passes of the same block share each load of the coefficients. Twelve sums, the samples of
+/// two passes, a coefficient and a product are all the registers there are.
+HWY_INLINE void threeBlocks(const float *block, const Passes &passes, int64_t pass, int depth)
+{
+    const float *const window = passes.window + pass * passes.windowStep;
+    const float *const second = window + passes.windowStep;
+    const float *third = second + passes.windowStep;
+    FourSums sums;
+    FourSums secondSums;
+    FourSums thirdSums;
+    clear(sums);
+    clear(secondSums);
+    clear(thirdSums);
+    for (int k = 0; k < depth; k += 8) {
+        const auto a = inRegister(hn::LoadU(Wide(), window + k));
+        const auto b = inRegister(hn::LoadU(Wide(), second + k));
+        const float *const rows = block + k * blockRows;
+        addToThree(sums.a, secondSums.a, thirdSums.a, rows, a, b, third, k);
+        addToThree(sums.b, secondSums.b, thirdSums.b, rows + 8, a, b, third, k);
+        addToThree(sums.c, secondSums.c, thirdSums.c, rows + 16, a, b, third, k);
+        addToThree(sums.d, secondSums.d, thirdSums.d, rows + 24, a, b, third, k);
+    }
+    float *const out = passes.out + pass * passes.outStep;
+    storeTotals(sums, out);
+    storeTotals(secondSums, out + passes.outStep);
+    storeTotals(thirdSums, out + 2 * passes.outStep);
+}
+
+/// Answers how many passes are done.
+HWY_INLINE int64_t passesTogether(const float *block, int depth, const Passes &passes)
+{
+    int64_t i = 0;
+    for (; i + 3 <= passes.count; i += 3)
+        threeBlocks(block, passes, i, depth);
+    return i;
+}
+
+#else
+
+HWY_INLINE int64_t passesTogether(const float * /*block*/, int /*depth*/, const Passes & /*passes*/)
+{
+    return 0;
+}
+
+#endif
+
 HWY_INLINE void wholeBlocks(const float *block, int depth, const Passes &passes)
 {
-    if (passes.count == 1)
-        return oneBlock(block, passes.window, depth, passes.out);
-    for (int64_t i = 0; i < passes.count; i += 2) {
-        // The last two may repeat one: computed twice, it comes out the same.
-        i = std::min(i, passes.count - 2);
-        const float *const window = passes.window + i * passes.windowStep;
-        float *const out = passes.out + i * passes.outStep;
-        twoBlocks(block, window, window + passes.windowStep, depth, out, out + passes.outStep);
-    }
+    for (int64_t i = passesTogether(block, depth, passes); i < passes.count; ++i)
+        oneBlock(block, passes.window + i * passes.windowStep, depth,
+                 passes.out + i * passes.outStep);
 }
 
 /// Output frames of a block that the run or the cycle cuts.
@@ -296,16 +310,16 @@ void runInterpolated(const ResampleFilter &filter, const ResampleRun &run)
     int64_t phase = filter.phaseOf(run.position);
     for (int64_t i = 0; i < run.frames; ++i) {
         const int64_t position = phase * filter.parts;
-        const float *row = filter.rows.data() + position / filter.phases * filter.taps;
+        const float *row = filter.rows.data() + position / filter.phases * filter.taps();
         const float weight = float(double(position % filter.phases) / double(filter.phases));
         Sum below;
         Sum above;
         clear(below);
         clear(above);
-        for (int k = 0; k < filter.taps; k += 8) {
+        for (int k = 0; k < filter.taps(); k += 8) {
             const Sum samples = loadEight(window + k);
             addProducts(below, samples, row + k);
-            addProducts(above, samples, row + filter.taps + k);
+            addProducts(above, samples, row + filter.taps() + k);
         }
         const float low = total(below);
         run.out[i] = low + weight * (total(above) - low);

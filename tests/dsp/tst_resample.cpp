@@ -127,7 +127,7 @@ void tst_resample::count_isTheClosedForm_for8000To192000()
     const std::vector<float> in(chunkFrames, 0.25F);
     std::vector<float> out(147456);
     // Half a filter, 64 input frames, is held back by the first call.
-    QCOMPARE(DSPB_Resample(resampler.get(), in.data(), out.data(), chunkFrames), (4096 - 64) * 24);
+    QCOMPARE(DSPB_Resample(resampler.get(), in.data(), out.data(), chunkFrames), (4096 - 62) * 24);
     for (int call = 0; call < 3; ++call)
         QCOMPARE(DSPB_Resample(resampler.get(), in.data(), out.data(), chunkFrames), 4096 * 24);
 }
@@ -285,8 +285,7 @@ void tst_resample::filter_staysSmall_forEveryPair()
     for (const auto &pair : pairs) {
         const auto filter = ResampleFilter::build(pair[0], pair[1]);
         QVERIFY(filter->rows.size() <= size_t(1) << 20);
-        QCOMPARE(filter->taps % 16, 0);
-        QVERIFY(filter->taps >= 2 * filter->half);
+        QCOMPARE(filter->depth % 8, 0);
         const bool inBlocks = filter->parts == 0;
         const int64_t rows = inBlocks ? filter->cycle : filter->parts + 1;
         for (int64_t row = 0; row < rows; ++row) {
@@ -297,8 +296,9 @@ void tst_resample::filter_staysSmall_forEveryPair()
             QVERIFY(std::abs(sum - 1.0) < 1e-6);
         }
     }
-    // 128 coefficients and up to three zeros before and five behind them.
-    QCOMPARE(ResampleFilter::build(44100, 48000)->rows.size(), size_t(160 * 136));
+    // 124 coefficients and up to four zeros before or behind them.
+    QCOMPARE(ResampleFilter::build(44100, 48000)->rows.size(), size_t(160 * 128));
+    QCOMPARE(ResampleFilter::build(48000, 44100)->depth, 144);
 }
 
 void tst_resample::resample_doesNotAllocate()
