@@ -37,15 +37,16 @@ public:
     /// Bytes that may be readable, bytes after which a place repeats, at least as many, and the
     /// memory that they lie in.
     RingCounters(quint64 most, quint64 places, char *memory = nullptr)
-        : producer(most, std::max(places, quint64{1}), memory), consumer(producer.size, memory)
+        : producer(most, std::max(places, quint64{1}), reinterpret_cast<quintptr>(memory)),
+          consumer(producer.size, reinterpret_cast<quintptr>(memory))
     {}
 
-    /// What a side may work on: bytes counted since the start or the last flush, the place in the
-    /// memory that they begin at, and how many there are.
+    /// What a side may work on: bytes counted since the start or the last flush, the address that
+    /// they begin at, and how many there are.
     struct Look
     {
         quint64 position;
-        quint64 place;
+        quint64 address;
         quint64 bytes;
     };
 
@@ -57,7 +58,7 @@ public:
         const quint64 limit = consumer.consumed.load(Policy::seeConsumed) + producer.capacity;
         producer.limit.store(limit, std::memory_order_relaxed);
         const quint64 base = consumer.base.load(std::memory_order_relaxed);
-        return {produced - base, place(produced, producer), limit - produced};
+        return {produced - base, addressOf(produced, producer), limit - produced};
     }
     /// As many of the bytes as there is room for.
     quint64 roomFor(quint64 bytes)
@@ -77,9 +78,8 @@ public:
         if (bytes == 0)
             return;
         const quint64 produced = producer.produced.load(std::memory_order_relaxed) - bytes;
-        const quint64 lap = producer.lap.load(std::memory_order_relaxed);
-        if (produced < lap)
-            producer.lap.store(lap - producer.size, std::memory_order_relaxed);
+        if (produced < producer.lapEnd.load(std::memory_order_relaxed) - producer.size)
+            moveLap(producer, quint64{0} - producer.size);
         consumer.produced.store(produced, std::memory_order_relaxed);
         producer.produced.store(produced, Policy::publishProduced);
     }
@@ -92,7 +92,7 @@ public:
         consumer.produced.store(produced, std::memory_order_relaxed);
         const quint64 consumed = consumer.consumed.load(std::memory_order_relaxed);
         const quint64 base = consumer.base.load(std::memory_order_relaxed);
-        return {consumed - base, place(consumed, consumer), produced - consumed};
+        return {consumed - base, addressOf(consumed, consumer), produced - consumed};
     }
     /// Gives bytes back, as many of them as are readable.
     void consume(quint64 bytes)
@@ -125,32 +125,43 @@ public:
 protected:
     static constexpr size_t cacheLine = 64;
 
-    // What a side needs beside the other's counter lies in one line.
+    // What a side needs beside the other's counter lies in one line. A lap is one way through the
+    // memory; `lapEnd` is the count at which the present one ends, and a count of it plus `origin`
+    // the count's address.
     struct alignas(cacheLine) Producer
     {
-        Producer(quint64 most, quint64 places, char *memory)
-            : capacity(most), size(places), start(memory)
+        Producer(quint64 most, quint64 places, quint64 start)
+            : capacity(most), size(places), lapEnd(places), origin(start)
         {}
 
         const quint64 capacity; ///< bytes that may be readable
         const quint64 size;     ///< bytes after which a place repeats
-        char *const start;      ///< where place 0 lies
         Count produced{0};
-        Count lap{0};   ///< a count at which the memory began anew, not far behind
         Count limit{0}; ///< the most that may be produced, as last seen
+        Count lapEnd;
+        Count origin;
     } producer;
 
     struct alignas(cacheLine) Consumer
     {
-        Consumer(quint64 places, char *memory) : size(places), start(memory) {}
+        Consumer(quint64 places, quint64 start) : size(places), lapEnd(places), origin(start) {}
 
         const quint64 size;
-        char *const start;
         Count consumed{0};
-        Count lap{0};
         Count produced{0}; ///< as last seen: saves handing over the other side's line
         Count base{0};     ///< the counters' value at the last flush
+        Count lapEnd;
+        Count origin;
     } consumer;
+
+    template <typename Side>
+    static void moveLap(Side &side, quint64 by)
+    {
+        side.lapEnd.store(side.lapEnd.load(std::memory_order_relaxed) + by,
+                          std::memory_order_relaxed);
+        side.origin.store(side.origin.load(std::memory_order_relaxed) - by,
+                          std::memory_order_relaxed);
+    }
 
 private:
     quint64 roomFor(quint64 bytes, quint64 produced)
@@ -160,18 +171,14 @@ private:
         return bytes;
     }
 
-    /// The place of a count. Moves the lap on, once in a while.
     template <typename Side>
-    static quint64 place(quint64 count, Side &side)
+    static quint64 addressOf(quint64 count, Side &side)
     {
-        quint64 since = count - side.lap.load(std::memory_order_relaxed);
-        if (since >= side.size) [[unlikely]] {
-            since -= side.size; // enough unless a side flushed lap after lap
-            if (since >= side.size) [[unlikely]]
-                since %= side.size;
-            side.lap.store(count - since, std::memory_order_relaxed);
-        }
-        return since;
+        const quint64 end = side.lapEnd.load(std::memory_order_relaxed);
+        if (count >= end) [[unlikely]]
+            // One lap is enough unless a side flushed lap after lap.
+            moveLap(side, side.size + (count - end) / side.size * side.size);
+        return side.origin.load(std::memory_order_relaxed) + count;
     }
 };
 

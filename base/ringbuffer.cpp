@@ -15,11 +15,11 @@ void BLRINGBUFFER::mirrorAndProduce(quint64 bytes)
     bytes = roomFor(bytes);
     if (bytes == 0)
         return;
-    const quint64 place = lookToWrite().place;
-    const quint64 half = memory.size();
-    const quint64 first = std::min(bytes, half - place);
+    char *const fresh = writeSlice().data;
     char *const data = memory.data();
-    std::memcpy(data + place + half, data + place, first);
+    const quint64 half = memory.size();
+    const quint64 first = std::min(bytes, static_cast<quint64>(data + half - fresh));
+    std::memcpy(fresh + half, fresh, first);
     std::memcpy(data, data + half, bytes - first);
     RingCounters::produce(bytes);
 }

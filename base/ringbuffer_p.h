@@ -25,16 +25,8 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
         : RingMemory(bytes, preferred), RingCounters(bytes, memory.size(), memory.data())
     {}
 
-    BLRINGBUFFER_Slice writeSlice() QTOVELMIXER_NONBLOCKING
-    {
-        const Look look = lookToWrite();
-        return {look.position, producer.start + look.place, static_cast<qint32>(look.bytes)};
-    }
-    BLRINGBUFFER_Slice readSlice() QTOVELMIXER_NONBLOCKING
-    {
-        const Look look = lookToRead();
-        return {look.position, consumer.start + look.place, static_cast<qint32>(look.bytes)};
-    }
+    BLRINGBUFFER_Slice writeSlice() QTOVELMIXER_NONBLOCKING { return slice(lookToWrite()); }
+    BLRINGBUFFER_Slice readSlice() QTOVELMIXER_NONBLOCKING { return slice(lookToRead()); }
     void produce(quint64 bytes) QTOVELMIXER_NONBLOCKING
     {
         if (memory.isMirrored()) [[likely]]
@@ -44,6 +36,12 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
     }
 
 private:
+    static BLRINGBUFFER_Slice slice(const Look &look) QTOVELMIXER_NONBLOCKING
+    {
+        return {look.position, reinterpret_cast<char *>(look.address),
+                static_cast<qint32>(look.bytes)};
+    }
+
     /// Copies fresh bytes to their other place where the system does not do it. Out of the way of
     /// nearly all rings.
     void mirrorAndProduce(quint64 bytes) QTOVELMIXER_NONBLOCKING;

@@ -44,9 +44,9 @@ struct ZeroingCounters : RingCounters<Modelled>
     void flush()
     {
         producer.produced.store(0, std::memory_order_relaxed);
-        producer.lap.store(0, std::memory_order_relaxed);
+        moveLap(producer, producer.size - producer.lapEnd.load(std::memory_order_relaxed));
         consumer.produced.store(0, std::memory_order_relaxed);
-        consumer.lap.store(0, std::memory_order_relaxed);
+        moveLap(consumer, consumer.size - consumer.lapEnd.load(std::memory_order_relaxed));
         consumer.consumed.store(0, std::memory_order_release);
     }
 };
@@ -71,7 +71,7 @@ struct World
         model::require(look.position <= written + 1, "a write position out of order");
         const quint64 count = std::min(most, look.bytes);
         for (quint64 i = 0; i < count; ++i)
-            memory[(look.place + i) % places].write(++written);
+            memory[(look.address + i) % places].write(++written);
         model::require(counters.roomFor(count) == count, "room that went away");
         counters.produce(count);
     }
@@ -81,7 +81,7 @@ struct World
         const auto look = counters.lookToRead();
         model::require(look.bytes <= capacity, "more to read than the ring holds");
         for (quint64 i = 0; i < look.bytes; ++i)
-            expect(memory[(look.place + i) % places].read());
+            expect(memory[(look.address + i) % places].read());
         counters.consume(look.bytes);
     }
 
