@@ -27,7 +27,8 @@ struct RingPolicy
 /// side publishes its counter with release and reads the other's with acquire, so the bytes written
 /// before they are produced are visible to whoever sees them counted, and bytes are overwritten
 /// only after they were consumed. The rest of a side belongs to that side alone and is atomic only
-/// because a third thread may do that side's calls while the side rests.
+/// because a third thread may do that side's calls while the side rests: two looks of one side must
+/// not overlap.
 template <typename Policy = RingPolicy>
 class RingCounters
 {

@@ -38,7 +38,7 @@ struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
 private:
     static BLRINGBUFFER_Slice slice(const Look &look) QTOVELMIXER_NONBLOCKING
     {
-        return {look.position, reinterpret_cast<char *>(look.address),
+        return {look.position, reinterpret_cast<char *>(static_cast<quintptr>(look.address)),
                 static_cast<qint32>(look.bytes)};
     }
 

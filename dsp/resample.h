@@ -8,11 +8,12 @@
 
 /// A streaming sample-rate converter for one channel.
 ///
-/// Band-limited interpolation: a linear-phase polyphase filter of 124 taps per phase (longer in
-/// proportion when the rate goes down), cut off at 0.958 of the lower Nyquist frequency. The output
-/// is aligned in time with the input: output frame n lies at the moment n / outRate, as if half a
-/// filter of silence had stood before the first input frame. So the first call returns fewer
-/// frames than the ratio says, by half a filter; what is held back is never drained.
+/// Band-limited interpolation: a linear-phase polyphase filter of 124 taps per phase, a few more
+/// where rates have few factors in common (longer in proportion when the rate goes down), cut off
+/// at 0.958 of the lower Nyquist frequency. The output is aligned in time with the input: output
+/// frame n lies at the moment n / outRate, as if half a filter of silence had stood before the
+/// first input frame. So the first call returns fewer frames than the ratio says, by half a filter;
+/// what is held back is never drained.
 ///
 /// The output depends on nothing but the input and the two rates: not on how the input is cut into
 /// calls, not on the processor. Converters of equal rates that are fed equal frame counts return
@@ -47,7 +48,7 @@ QTOVELMIXER_EXPORT int32_t DSPB_Resample(DSPB_Resampler *resampler, const float 
                                          int32_t frames);
 
 /// Input frames taken so far that the output does not yet represent: frames in minus frames out
-/// times inRate / outRate. About 64 (in proportion more when the rate goes down) after the first
+/// times inRate / outRate. About 62 (in proportion more when the rate goes down) after the first
 /// call. 0.0 for a null converter.
 ///
 /// Units: input frames, with fractions.

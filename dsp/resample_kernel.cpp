@@ -177,12 +177,11 @@ struct Passes
     int64_t outStep;
 };
 
-#if HWY_TARGET == HWY_AVX2
+#if HWY_ARCH_X86 && HWY_TARGET <= HWY_AVX2 && (HWY_COMPILER_GCC || HWY_COMPILER_CLANG)
 
 /// Hides where a value comes from: left alone, g++ makes memory operands of all uses of a
 /// coefficient and registers of all uses of a sample. Loads and registers are both scarce below.
-template <typename Value>
-HWY_INLINE Value hidden(Value value)
+HWY_INLINE const float *hidden(const float *value)
 {
     asm("" : "+r"(value));
     return value;
@@ -193,8 +192,8 @@ HWY_INLINE hn::Vec<Wide> inRegister(hn::Vec<Wide> value)
     return value;
 }
 
-/// A coefficient of one row, for three passes. `third` is hidden and not what it points to: the
-/// address is then computed once.
+/// Eight coefficients of one row, for three passes. `third` is hidden and not what it points to:
+/// the address is then computed once.
 HWY_INLINE void addToThree(Sum &sum, Sum &secondSum, Sum &thirdSum, const float *coefficients,
                            hn::Vec<Wide> samples, hn::Vec<Wide> secondSamples, const float *&third,
                            int k)

@@ -5,6 +5,7 @@
 
 #include <dsp/resample.h>
 
+#include <hwy/targets.h>
 #include <samplerate.h>
 #include <soxr.h>
 
@@ -48,6 +49,16 @@ struct Work
 };
 
 using WorkPointer = std::shared_ptr<Work>;
+
+void addOurs(Case &to, const WorkPointer &work)
+{
+    const std::shared_ptr<DSPB_Resampler> own(
+        DSPB_ResampleInit(work->inRate, work->outRate, "none"),
+        [](DSPB_Resampler *r) { DSPB_ResampleDestroy(r); });
+    to.per(QStringLiteral("input sample"), chunk).ours([work, own] {
+        keep(DSPB_Resample(own.get(), work->in.data(), work->out.data(), chunk));
+    });
+}
 
 void addSoxr(Case &to, const WorkPointer &work)
 {
@@ -116,11 +127,7 @@ Case convert(int from, int to)
 {
     const auto work = std::make_shared<Work>(from, to);
     Case result(section, QStringLiteral("%1 → %2 Hz").arg(from).arg(to));
-    result.per(QStringLiteral("input sample"), chunk);
-    const std::shared_ptr<DSPB_Resampler> own(DSPB_ResampleInit(from, to, "none"),
-                                              [](DSPB_Resampler *r) { DSPB_ResampleDestroy(r); });
-    result.ours(
-        [work, own] { keep(DSPB_Resample(own.get(), work->in.data(), work->out.data(), chunk)); });
+    addOurs(result, work);
     addSoxr(result, work);
     addZita(result, work);
     addSwrResampler(result, from, to, work->in.data(), work->out.data(), chunk,
@@ -129,6 +136,21 @@ Case convert(int from, int to)
     addSpeex(result, work);
     return result;
 }
+
+#ifdef __x86_64__
+
+/// On the oldest vectors that the library has code for.
+Case convertOnBaseline(int from, int to)
+{
+    const auto work = std::make_shared<Work>(from, to);
+    Case result(section, QStringLiteral("%1 → %2 Hz, 128-bit vectors").arg(from).arg(to));
+    addOurs(result, work);
+    addSoxr(result, work);
+    result.target = HWY_SSSE3;
+    return result.mustBeat(soxrHq, 0.40);
+}
+
+#endif
 
 /// What is left of a sine after the best fitting sine is taken away.
 struct Fit
@@ -223,6 +245,11 @@ void addResampleCases(Suite &suite)
             return convert(from, to).mustBeat(soxrHq, 0.40);
         });
     }
+#ifdef __x86_64__
+    for (const auto &pair : near) {
+        suite.add(section, [from = pair[0], to = pair[1]] { return convertOnBaseline(from, to); });
+    }
+#endif
     suite.addFigures(section, quality);
 }
 

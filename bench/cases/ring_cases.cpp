@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -27,6 +26,14 @@ namespace Bench {
 namespace {
 
 const QString section = QStringLiteral("C. Ring");
+const QString ours = QStringLiteral("ours");
+const QString copies = QStringLiteral("two memcpy");
+const QString cInterface = QStringLiteral("the C interface");
+const QString jack = QStringLiteral("JACK behind a header");
+const QString jackOnPages = QStringLiteral("JACK on pages");
+const QString pipeWire = QStringLiteral("PipeWire behind a header");
+const QString pipeWireOnPages = QStringLiteral("PipeWire on pages");
+const QString boostQueue = QStringLiteral("boost");
 
 constexpr size_t capacity = 131072;
 constexpr size_t pageBytes = 4096;
@@ -244,60 +251,46 @@ private:
 
 /// What goes in and comes out of one ring, at cache lines as buses are, the n-th somewhere else in
 /// its pages: how addresses lie to each other decides what a copy costs.
-class Block
+struct Block
 {
-public:
-    explicit Block(size_t number)
-        : m_in(m_memory + number * 5 * line % pageBytes),
-          m_out(m_memory + 2 * pageBytes + number * 17 * line % pageBytes)
-    {}
-
-    const char *from() const { return m_in; }
-    char *to() { return m_out; }
-
-private:
     static constexpr size_t line = 64;
 
-    alignas(pageBytes) char m_memory[4 * pageBytes] = {};
-    char *m_in;
-    char *m_out;
+    alignas(pageBytes) char memory[4 * pageBytes] = {};
+
+    const char *from(size_t number) const { return memory + number * 35 * line % pageBytes; }
+    char *to(size_t number) { return memory + 2 * pageBytes + number * 119 * line % pageBytes; }
 };
 
-/// Several rings of a kind in turn, each for long enough to be in the cache, and all contestants'
-/// with the same blocks.
+constexpr size_t ringsEach = 8;
+
+/// One for each ring of a kind, the same for all kinds.
+std::array<Block, ringsEach> &blocks()
+{
+    static std::array<Block, ringsEach> all;
+    return all;
+}
+
+/// Several rings of a kind in turn, each for long enough to be in the cache.
 template <class Ring>
 class Rings
 {
 public:
-    void next()
+    void pushAndPop()
     {
         if (++m_calls % callsEach == 0)
-            m_current = (m_current + 1) % count;
+            m_current = (m_current + 1) % ringsEach;
         Ring &ring = m_rings[m_current];
-        Block &block = *blocks()[m_current];
+        Block &block = blocks()[m_current];
         const size_t bytes = blockBytes;
-        ring.push(block.from(), bytes);
+        ring.push(block.from(m_current), bytes);
         asm volatile("" : : : "memory");
-        ring.pop(block.to(), bytes);
+        ring.pop(block.to(m_current), bytes);
     }
 
 private:
     static constexpr unsigned callsEach = 8192;
-    static constexpr size_t count = 8;
-    using Blocks = std::array<std::unique_ptr<Block>, count>;
 
-    static Blocks &blocks()
-    {
-        static Blocks all = [] {
-            Blocks made;
-            for (size_t i = 0; i < count; ++i)
-                made[i] = std::make_unique<Block>(i * 7);
-            return made;
-        }();
-        return all;
-    }
-
-    std::array<Ring, count> m_rings;
+    std::array<Ring, ringsEach> m_rings;
     size_t m_current = 0;
     unsigned m_calls = 0;
 };
@@ -305,27 +298,27 @@ private:
 template <class Ring>
 void addPushAndPop(Case &to, const QString &name)
 {
-    to.add(name, [rings = std::make_shared<Rings<Ring>>()] { rings->next(); });
+    to.add(name, [rings = std::make_shared<Rings<Ring>>()] { rings->pushAndPop(); });
 }
 
 Case pushAndPop()
 {
     Case result(section, QStringLiteral("2 KiB in and out, one thread"));
-    addPushAndPop<OurRing>(result, QStringLiteral("ours"));
-    addPushAndPop<Copies>(result, QStringLiteral("two memcpy"));
-    addPushAndPop<OurInterface>(result, QStringLiteral("the C interface"));
-    addPushAndPop<JackRing<BehindAHeader>>(result, QStringLiteral("JACK"));
-    addPushAndPop<JackRing<OnPages>>(result, QStringLiteral("JACK on pages"));
-    result.mustBeat(QStringLiteral("two memcpy"), 1.0 / 1.15)
-        .mustBeat(QStringLiteral("two memcpy"), 1.2 * 37.0 / 50.2, QStringLiteral("PortAudio"))
-        .mustBeat(QStringLiteral("JACK"), 1.4);
+    addPushAndPop<OurRing>(result, ours);
+    addPushAndPop<Copies>(result, copies);
+    addPushAndPop<OurInterface>(result, cInterface);
+    addPushAndPop<JackRing<BehindAHeader>>(result, jack);
+    addPushAndPop<JackRing<OnPages>>(result, jackOnPages);
+    result.mustBeat(copies, 1.0 / 1.15)
+        .mustBeat(copies, 1.2 * 37.0 / 50.2, QStringLiteral("PortAudio"))
+        .mustBeat(jack, 1.4);
 #ifdef QTOVELMIXER_BENCH_SPA
-    addPushAndPop<SpaRing<BehindAHeader>>(result, QStringLiteral("PipeWire"));
-    addPushAndPop<SpaRing<OnPages>>(result, QStringLiteral("PipeWire on pages"));
-    result.mustBeat(QStringLiteral("PipeWire"), 1.1);
+    addPushAndPop<SpaRing<BehindAHeader>>(result, pipeWire);
+    addPushAndPop<SpaRing<OnPages>>(result, pipeWireOnPages);
+    result.mustBeat(pipeWire, 1.1);
 #endif
 #ifdef QTOVELMIXER_BENCH_BOOST
-    addPushAndPop<BoostRing>(result, QStringLiteral("boost"));
+    addPushAndPop<BoostRing>(result, boostQueue);
 #endif
     return result;
 }
@@ -333,14 +326,14 @@ Case pushAndPop()
 Case bookkeeping()
 {
     Case result(section, QStringLiteral("bookkeeping of a block in and out"));
-    const auto ours = std::make_shared<OurRing>();
+    const auto own = std::make_shared<OurRing>();
     const auto calls = std::make_shared<OurInterface>();
-    const auto jack = std::make_shared<JackRing<BehindAHeader>>();
-    return result.ours([ours] { ours->keepBooks(blockBytes); })
-        .add(QStringLiteral("the C interface"), [calls] { calls->keepBooks(blockBytes); })
-        .add(QStringLiteral("JACK"), [jack] { jack->keepBooks(blockBytes); })
+    const auto peer = std::make_shared<JackRing<BehindAHeader>>();
+    return result.ours([own] { own->keepBooks(blockBytes); })
+        .add(cInterface, [calls] { calls->keepBooks(blockBytes); })
+        .add(jack, [peer] { peer->keepBooks(blockBytes); })
         .mustTakeAtMost(5.0)
-        .mustBeat(QStringLiteral("JACK"), 2.5 * 12.3 / 9.5, QStringLiteral("PortAudio"));
+        .mustBeat(jack, 2.5 * 12.3 / 9.5, QStringLiteral("PortAudio"));
 }
 
 inline void pause()
@@ -433,8 +426,9 @@ double latency(Ring &there, Ring &back)
 struct Runs
 {
     QString name;
-    std::vector<double> throughput;
-    std::vector<double> latency;
+    void (*once)(Runs &runs);
+    std::vector<double> throughput = {};
+    std::vector<double> latency = {};
 };
 
 template <class Ring>
@@ -447,34 +441,28 @@ void runOnce(Runs &runs)
     runs.latency.push_back(latency(*forth, *back));
 }
 
-/// Medians over runs in turn: the two processors are now siblings of one core, now far apart.
+/// All contestants in turn, and the median of each: what two virtual processors share changes while
+/// the machine runs, and the least of all runs tells who met the best moment.
 std::vector<Figure> twoThreads()
 {
     if (std::thread::hardware_concurrency() < 2)
         return {};
+    std::vector<Runs> all{
+        {ours, &runOnce<OurRing>},
+        {jack, &runOnce<JackRing<BehindAHeader>>},
+        {jackOnPages, &runOnce<JackRing<OnPages>>},
+#ifdef QTOVELMIXER_BENCH_SPA
+        {pipeWire, &runOnce<SpaRing<BehindAHeader>>},
+        {pipeWireOnPages, &runOnce<SpaRing<OnPages>>},
+#endif
+#ifdef QTOVELMIXER_BENCH_BOOST
+        {boostQueue, &runOnce<BoostRing>},
+#endif
+    };
     pin(1);
-    std::vector<Runs> all{{QStringLiteral("ours"), {}, {}},
-                          {QStringLiteral("JACK"), {}, {}},
-                          {QStringLiteral("JACK on pages"), {}, {}}};
-#ifdef QTOVELMIXER_BENCH_SPA
-    all.push_back({QStringLiteral("PipeWire"), {}, {}});
-    all.push_back({QStringLiteral("PipeWire on pages"), {}, {}});
-#endif
-#ifdef QTOVELMIXER_BENCH_BOOST
-    all.push_back({QStringLiteral("boost"), {}, {}});
-#endif
     for (int run = 0; run < 31; ++run) {
-        auto next = all.begin();
-        runOnce<OurRing>(*next++);
-        runOnce<JackRing<BehindAHeader>>(*next++);
-        runOnce<JackRing<OnPages>>(*next++);
-#ifdef QTOVELMIXER_BENCH_SPA
-        runOnce<SpaRing<BehindAHeader>>(*next++);
-        runOnce<SpaRing<OnPages>>(*next++);
-#endif
-#ifdef QTOVELMIXER_BENCH_BOOST
-        runOnce<BoostRing>(*next++);
-#endif
+        for (Runs &runs : all)
+            runs.once(runs);
     }
     pin(-1);
     double bestThroughput = std::numeric_limits<double>::max();
@@ -484,11 +472,11 @@ std::vector<Figure> twoThreads()
         bestLatency = std::min(bestLatency, median(all[i].latency));
     }
     const QString ns = QStringLiteral("ns");
-    std::vector<Figure> figures{{section,
-                                 QStringLiteral("2 KiB from thread to thread (1.05 × best peer)"),
-                                 median(all[0].throughput), ns, 1.05 * bestThroughput},
-                                {section, QStringLiteral("2 KiB one way (1.05 × best peer)"),
-                                 median(all[0].latency), ns, 1.05 * bestLatency}};
+    std::vector<Figure> figures{
+        {section, QStringLiteral("2 KiB from thread to thread, median (1.05 × best peer)"),
+         median(all[0].throughput), ns, 1.05 * bestThroughput},
+        {section, QStringLiteral("2 KiB one way, median (1.05 × best peer)"),
+         median(all[0].latency), ns, 1.05 * bestLatency}};
     for (size_t i = 1; i < all.size(); ++i) {
         figures.push_back({section, QStringLiteral("%1: from thread to thread").arg(all[i].name),
                            median(all[i].throughput), ns});

@@ -85,6 +85,8 @@ private slots:
     void positions_passFourGigabytes();
     void flush_empties_andRestartsBothPositions_data() { addWays(); }
     void flush_empties_andRestartsBothPositions();
+    void flush_findsThePlace_afterManyLapsUnread_data() { addWays(); }
+    void flush_findsThePlace_afterManyLapsUnread();
     void flush_keepsWhatTheProducerIsWriting_data() { addWays(); }
     void flush_keepsWhatTheProducerIsWriting();
     void produce_withdraws_forANegativeCount_data() { addWays(); }
@@ -200,6 +202,25 @@ void tst_RingBuffer::flush_empties_andRestartsBothPositions()
     BLRINGBUFFER_Consume(ring.get(), 10);
     compareRead(ring.get(), 10, 990);
     compareWrite(ring.get(), 1000, 10);
+}
+
+void tst_RingBuffer::flush_findsThePlace_afterManyLapsUnread()
+{
+    const Ring ring = makeRing(4096);
+    for (int lap = 0; lap < 7; ++lap) {
+        QCOMPARE(BLRINGBUFFER_GetWriteSlice(ring.get()).length, 4096);
+        BLRINGBUFFER_Produce(ring.get(), 4096);
+        BLRINGBUFFER_Flush(ring.get());
+    }
+    for (int n = 0; n < 5; ++n) {
+        char *const fresh = BLRINGBUFFER_GetWriteSlice(ring.get()).data;
+        std::memset(fresh, 'a' + n, 1000);
+        BLRINGBUFFER_Produce(ring.get(), 1000);
+        const BLRINGBUFFER_Slice slice = BLRINGBUFFER_GetReadSlice(ring.get());
+        QCOMPARE(slice.length, 1000);
+        QCOMPARE(QByteArray(slice.data, 1000), QByteArray(1000, char('a' + n)));
+        BLRINGBUFFER_Consume(ring.get(), 1000);
+    }
 }
 
 void tst_RingBuffer::flush_keepsWhatTheProducerIsWriting()

@@ -126,7 +126,7 @@ void tst_resample::count_isTheClosedForm_for8000To192000()
     const Resampler resampler = makeResampler(8000, 192000);
     const std::vector<float> in(chunkFrames, 0.25F);
     std::vector<float> out(147456);
-    // Half a filter, 64 input frames, is held back by the first call.
+    // Half a filter, 62 input frames, is held back by the first call.
     QCOMPARE(DSPB_Resample(resampler.get(), in.data(), out.data(), chunkFrames), (4096 - 62) * 24);
     for (int call = 0; call < 3; ++call)
         QCOMPARE(DSPB_Resample(resampler.get(), in.data(), out.data(), chunkFrames), 4096 * 24);

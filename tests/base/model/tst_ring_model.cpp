@@ -68,6 +68,7 @@ struct World
     {
         const auto look = counters.lookToWrite();
         model::require(look.bytes <= capacity, "more room than the ring has");
+        model::require(look.address < places, "a place to write outside the memory");
         model::require(look.position <= written + 1, "a write position out of order");
         const quint64 count = std::min(most, look.bytes);
         for (quint64 i = 0; i < count; ++i)
@@ -80,6 +81,7 @@ struct World
     {
         const auto look = counters.lookToRead();
         model::require(look.bytes <= capacity, "more to read than the ring holds");
+        model::require(look.address < places, "a place to read outside the memory");
         for (quint64 i = 0; i < look.bytes; ++i)
             expect(memory[(look.address + i) % places].read());
         counters.consume(look.bytes);
