@@ -19,10 +19,10 @@ constexpr size_t groupChannels = 8;
 } // namespace
 
 ResamplerBank::ResamplerBank(int inputRate, int outputRate, int channels)
-    : m_resamplers(static_cast<size_t>(std::max(channels, 0)), nullptr)
+    : m_resamplers(static_cast<size_t>(std::max(channels, 0)))
 {
-    for (DSPB_Resampler *&resampler : m_resamplers)
-        resampler = DSPB_ResampleInit(inputRate, outputRate, "none");
+    for (auto &resampler : m_resamplers)
+        resampler.reset(DSPB_ResampleInit(inputRate, outputRate, "none"));
     if (!isValid())
         return;
     const size_t together = std::min(m_resamplers.size(), groupChannels);
@@ -31,10 +31,9 @@ ResamplerBank::ResamplerBank(int inputRate, int outputRate, int channels)
     m_output.resize(together * m_outputFrames);
 }
 
-ResamplerBank::~ResamplerBank()
+void ResamplerBank::Destroy::operator()(DSPB_Resampler *resampler) const
 {
-    for (DSPB_Resampler *resampler : m_resamplers)
-        DSPB_ResampleDestroy(resampler);
+    DSPB_ResampleDestroy(resampler);
 }
 
 bool ResamplerBank::isValid() const
@@ -68,7 +67,7 @@ int ResamplerBank::process(const float *in, int frames, float *out)
         Kernels::deinterleave(in + first, channels, inputs.data(), count,
                               static_cast<size_t>(frames));
         for (size_t c = 0; c < count; ++c)
-            written = DSPB_Resample(m_resamplers[first + c], inputs[c], outputs[c], frames);
+            written = DSPB_Resample(m_resamplers[first + c].get(), inputs[c], outputs[c], frames);
         Kernels::interleave(outputs.data(), out + first, channels, count,
                             static_cast<size_t>(written));
     }
@@ -77,13 +76,13 @@ int ResamplerBank::process(const float *in, int frames, float *out)
 
 void ResamplerBank::restart()
 {
-    for (DSPB_Resampler *resampler : m_resamplers)
-        DSPB_ResampleRestart(resampler);
+    for (const auto &resampler : m_resamplers)
+        DSPB_ResampleRestart(resampler.get());
 }
 
 double ResamplerBank::withheldInputFrames() const
 {
-    return m_resamplers.empty() ? 0.0 : DSPB_ResampleWithheld(m_resamplers.front());
+    return m_resamplers.empty() ? 0.0 : DSPB_ResampleWithheld(m_resamplers.front().get());
 }
 
 } // namespace QTovelMixer

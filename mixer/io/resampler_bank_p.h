@@ -4,6 +4,7 @@
 
 #include <QtCore/QtGlobal>
 
+#include <memory>
 #include <vector>
 
 struct DSPB_Resampler;
@@ -22,7 +23,6 @@ public:
 
     /// Takes all memory that processing needs.
     ResamplerBank(int inputRate, int outputRate, int channels);
-    ~ResamplerBank();
 
     /// False when the converter does not know these rates; `process` then writes nothing.
     bool isValid() const;
@@ -41,7 +41,12 @@ public:
     double withheldInputFrames() const;
 
 private:
-    std::vector<DSPB_Resampler *> m_resamplers;
+    struct Destroy
+    {
+        void operator()(DSPB_Resampler *resampler) const;
+    };
+
+    std::vector<std::unique_ptr<DSPB_Resampler, Destroy>> m_resamplers;
     size_t m_outputFrames = 0;   // room for a channel of the converted chunk
     std::vector<float> m_input;  // some channels of a chunk, one after the other
     std::vector<float> m_output; // the same, converted
