@@ -24,12 +24,14 @@ void endMeter(Meter *meter)
     if (!meter)
         return;
     const QPointer<QThread> thread = meter->thread();
+    const auto isElsewhere = [&thread] { return thread && thread != QThread::currentThread(); };
     try {
         meter->aboutToQuit();
     } catch (const std::bad_alloc &) {
-        thread->quit(); // without its last signal
+        if (isElsewhere())
+            thread->quit(); // without its last signal
     }
-    if (thread && thread != QThread::currentThread())
+    if (isElsewhere())
         thread->wait(meterEndTimeout);
 }
 

@@ -279,14 +279,16 @@ void tst_resample::filter_isSharedSafely_amongThreads()
 void tst_resample::filter_staysSmall_forEveryPair()
 {
     using QTovelMixer::ResampleFilter;
-    static constexpr int pairs[][2] = {{44100, 48000},  {1, 256},        {256, 1},
-                                       {1536000, 6001}, {6001, 1535999}, {384000, 11025},
-                                       {44101, 48000}};
+    static constexpr int pairs[][2] = {
+        {44100, 48000},  {1, 256},       {256, 1},       {1536000, 6001}, {6001, 1535999},
+        {384000, 11025}, {44101, 48000}, {16000, 48000}, {32000, 48000},  {48000, 96000}};
     for (const auto &pair : pairs) {
         const auto filter = ResampleFilter::build(pair[0], pair[1]);
         QVERIFY(filter->rows.size() <= size_t(1) << 20);
         QCOMPARE(filter->depth % 8, 0);
         const bool inBlocks = filter->parts == 0;
+        QVERIFY(!inBlocks || filter->cycle >= ResampleFilter::rowsPerBlock);
+        QCOMPARE(filter->cycle % filter->phases, 0);
         const int64_t rows = inBlocks ? filter->cycle : filter->parts + 1;
         for (int64_t row = 0; row < rows; ++row) {
             double sum = 0.0;

@@ -9,14 +9,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <thread>
-
 namespace {
 
 constexpr int lockPatience = 120000; // ms
 constexpr int patience = 10000;      // ms, for anything that a healthy server does at once
-
-using namespace std::chrono_literals;
 
 void diesWithParent(QProcess &process)
 {
@@ -32,19 +28,6 @@ QString contents(const QString &file)
 {
     QFile log(file);
     return log.open(QIODevice::ReadOnly) ? QString::fromUtf8(log.readAll()) : QString();
-}
-
-/// Polls until the condition holds; false after `patience`.
-template <typename Condition>
-bool eventually(Condition condition)
-{
-    const QDeadlineTimer deadline(patience);
-    while (!condition()) {
-        if (deadline.hasExpired())
-            return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 } // namespace
@@ -115,6 +98,17 @@ bool ServerProcess::isRunning() const
     return pid() > 0 && !status.isEmpty() && !status.section(u')', -1).startsWith(u" Z");
 }
 
+bool ServerProcess::waitUntil(const std::function<bool()> &condition)
+{
+    const QDeadlineTimer deadline(patience);
+    while (!condition()) {
+        if (deadline.hasExpired() || m_process.state() == QProcess::NotRunning)
+            return false;
+        m_process.waitForFinished(5);
+    }
+    return true;
+}
+
 qint64 ServerProcess::pid() const
 {
     return m_process.processId();
@@ -145,14 +139,14 @@ void ServerProcess::freeze()
 {
     const QString status = QStringLiteral("/proc/%1/stat").arg(pid());
     ::kill(pid_t(pid()), SIGSTOP);
-    eventually([&] { return contents(status).section(u')', -1).startsWith(u" T"); });
+    waitUntil([&] { return contents(status).section(u')', -1).startsWith(u" T"); });
 }
 
 void ServerProcess::thaw()
 {
     const QString status = QStringLiteral("/proc/%1/stat").arg(pid());
     ::kill(pid_t(pid()), SIGCONT);
-    eventually([&] { return !contents(status).section(u')', -1).startsWith(u" T"); });
+    waitUntil([&] { return !contents(status).section(u')', -1).startsWith(u" T"); });
 }
 
 SoundServer::SoundServer() : m_folder(QDir::tempPath() + QStringLiteral("/sound-XXXXXX"))
@@ -255,7 +249,7 @@ bool SoundServer::launch(const QString &program, const QStringList &arguments)
 bool SoundServer::waitFor(const QString &program, const QStringList &arguments,
                           const QString &expected)
 {
-    const bool came = eventually([&] {
+    const bool came = isRunning() && m_programs.back()->waitUntil([&] {
         QString output;
         return !isRunning() || (run(program, arguments, &output) && output.contains(expected));
     });
@@ -266,7 +260,8 @@ bool SoundServer::waitFor(const QString &program, const QStringList &arguments,
 
 bool SoundServer::waitForFile(const QString &file)
 {
-    const bool came = eventually([&] { return !isRunning() || QFile::exists(file); });
+    const bool came = isRunning() && m_programs.back()->waitUntil(
+                                         [&] { return !isRunning() || QFile::exists(file); });
     return (isRunning() && came) || fail(file + QStringLiteral(" did not appear"));
 }
 

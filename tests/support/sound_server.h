@@ -10,6 +10,7 @@
 #include <QtCore/QStringList>
 #include <QtCore/QTemporaryDir>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -47,6 +48,9 @@ public:
 
     bool start(const QString &program, const QStringList &arguments);
     bool isRunning() const;
+    /// Nothing announces what a program does but its end: the condition is looked at then, and
+    /// every 5 ms. False after 10 s, or when it ended without it.
+    bool waitUntil(const std::function<bool()> &condition);
     qint64 pid() const;
     QString program() const;
     QString output() const;

@@ -3,9 +3,7 @@
 #include "rtaudio_fixture.h"
 
 #include <mixer/aligned_vector.h>
-
-#include <QtCore/QDir>
-#include <QtCore/QFile>
+#include <support/thread_names.h>
 
 #include <functional>
 
@@ -42,19 +40,6 @@ void addBackends()
 }
 
 } // namespace
-
-/// For a failure: how many threads there were, and which there are.
-static QString threadNames(int before)
-{
-    QStringList names;
-    const QDir tasks(QStringLiteral("/proc/self/task"));
-    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        QFile name(tasks.filePath(task + QStringLiteral("/comm")));
-        if (name.open(QIODevice::ReadOnly))
-            names += QString::fromUtf8(name.readAll()).trimmed();
-    }
-    return QStringLiteral("%1 before, now: %2").arg(before).arg(names.join(QStringLiteral(", ")));
-}
 
 class tst_RtAudioCycles : public QObject
 {
@@ -185,7 +170,9 @@ void tst_RtAudioCycles::engine_isDestroyed_inEveryState()
     // What the process keeps for good was made by the first row.
     if (qstrcmp(QTest::currentDataTag(), "Pulse, made") != 0 && state != QLatin1String("made"))
         QVERIFY2(RtAudioSession::wait([&] { return Resources::now().threads <= most; }),
-                 qPrintable(threadNames(before.threads)));
+                 qPrintable(QStringLiteral("%1 before, now: %2")
+                                .arg(before.threads)
+                                .arg(threadNames().join(QStringLiteral(", ")))));
 }
 
 void tst_RtAudioCycles::engine_isDestroyed_whileItsServerIsFrozen()

@@ -9,9 +9,8 @@
 #include <mixer/meter/meter_config.h>
 #include <mixer/store/store.h>
 #include <support/allocation_failure.h>
+#include <support/thread_names.h>
 
-#include <QtCore/QDir>
-#include <QtCore/QFile>
 #include <QtTest/QTest>
 
 #include <array>
@@ -480,13 +479,7 @@ QString runSession(quint64 number, AllocationFailure::Threads threads,
 /// Whether the thread of a meter is there that nobody ended.
 bool isMeterLeft()
 {
-    const QDir tasks("/proc/self/task");
-    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        QFile name(tasks.filePath(task + "/comm"));
-        if (name.open(QIODevice::ReadOnly) && name.readAll().startsWith("QTovelMixer::Me"))
-            return true;
-    }
-    return false;
+    return !threadNames().filter(QStringLiteral("QTovelMixer::Me")).isEmpty();
 }
 
 std::atomic<int> criticalLines{0};
