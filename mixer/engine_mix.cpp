@@ -179,9 +179,8 @@ void Engine::Data::mixMatrix(unsigned busCount) noexcept
     const int columns = int(outputBuses.size());
     if (columns == 0)
         return;
-    const bool isPlanned = cellsAreWatched.load(std::memory_order_relaxed)
-                               ? plan.matches(matrix, rows, columns)
-                               : plan.isFor(matrix, rows, columns);
+    const bool isPlanned = plan.watchesCells() ? plan.matches(matrix, rows, columns)
+                                               : plan.isFor(matrix, rows, columns);
     // While suspended nothing is mixed, and the plan stays for afterwards.
     if (rows > 0 && !isPlanned)
         plan.rebuild(matrix, rows, columns);

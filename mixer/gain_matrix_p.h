@@ -7,6 +7,7 @@
 
 #include <QtCore/QtGlobal>
 
+#include <atomic>
 #include <cstddef>
 
 namespace QTovelMixer {
@@ -42,10 +43,22 @@ struct GainMatrix
 };
 
 /// What a matrix comes down to: per output the inputs that reach it, sorted into the kernels that
-/// mix them fastest. All storage is inside, so everything here is real-time.
+/// mix them fastest. All storage is inside, so everything but `watchCells` is real-time.
 class MixPlan
 {
 public:
+    MixPlan() = default;
+    ~MixPlan() { delete shadow.load(); }
+    Q_DISABLE_COPY_MOVE(MixPlan)
+
+    /// Keeps a copy of every planned cell from the next `rebuild` on, for `matches`: 128 KiB, once.
+    /// Allowed while another thread plans and mixes.
+    void watchCells();
+    bool watchesCells() const noexcept QTOVELMIXER_NONBLOCKING
+    {
+        return shadow.load(std::memory_order_acquire) != nullptr;
+    }
+
     /// Plans the first rows × columns cells (each at most 128).
     void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept QTOVELMIXER_NONBLOCKING;
 
@@ -58,7 +71,8 @@ public:
     }
 
     /// True while the plan stands for the first rows × columns cells of `matrix`, which it
-    /// compares: for cells that somebody writes past its functions.
+    /// compares: for cells that somebody writes past its functions. False until a plan was made
+    /// with its cells watched.
     bool matches(const GainMatrix &matrix, int rows,
                  int columns) const noexcept QTOVELMIXER_NONBLOCKING;
 
@@ -84,6 +98,21 @@ private:
         quint8 inputs[limit];
     };
 
+    /// What was planned, in rows as short as can be.
+    struct Shadow
+    {
+        int rows = -1; // nothing yet
+        int columns = -1;
+        std::size_t stride = 0;
+        alignas(64) float gain[limit * limit];
+        alignas(64) float enable[limit * limit];
+
+        void copy(const GainMatrix &matrix, int rowCount,
+                  int columnCount) noexcept QTOVELMIXER_NONBLOCKING;
+        bool equals(const GainMatrix &matrix, int rowCount,
+                    int columnCount) const noexcept QTOVELMIXER_NONBLOCKING;
+    };
+
     void addSet(int column, const quint64 (*used)[2]) noexcept QTOVELMIXER_NONBLOCKING;
     bool fits(const aligned_vector<float, 16> *inputs, const aligned_vector<float, 16> *outputs,
               std::size_t frames) const noexcept QTOVELMIXER_NONBLOCKING;
@@ -102,10 +131,7 @@ private:
     bool planned[limit];                   // while rebuilding: the output has its set
     alignas(64) float gains[limit][limit]; // by output, then by place among its inputs
     alignas(64) float packed[limit / groupWidth][limit][groupWidth];
-    // What was planned, in rows as short as can be.
-    std::size_t shadowStride = 0;
-    alignas(64) float shadowGain[limit * limit];
-    alignas(64) float shadowEnable[limit * limit];
+    std::atomic<Shadow *> shadow{nullptr}; // owned
 };
 
 } // namespace QTovelMixer

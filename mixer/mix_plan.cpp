@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 namespace QTovelMixer {
 
@@ -20,6 +21,38 @@ constexpr std::size_t roundedToGroup(std::size_t frames)
 
 } // namespace
 
+void MixPlan::Shadow::copy(const GainMatrix &matrix, int rowCount, int columnCount) noexcept
+{
+    rows = rowCount;
+    columns = columnCount;
+    stride = (std::size_t(columns) + 7) / 8 * 8;
+    const std::size_t rowBytes = std::size_t(columns) * sizeof(float);
+    for (int j = 0; j < rows; ++j) {
+        std::memcpy(gain + std::size_t(j) * stride, matrix.gain[j], rowBytes);
+        std::memcpy(enable + std::size_t(j) * stride, matrix.enable[j], rowBytes);
+    }
+}
+
+bool MixPlan::Shadow::equals(const GainMatrix &matrix, int rowCount, int columnCount) const noexcept
+{
+    if (rowCount != rows || columnCount != columns)
+        return false;
+    return Kernels::sameBits(matrix.gain[0], limit, gain, stride, std::size_t(rows),
+                             std::size_t(columns)) &&
+           Kernels::sameBits(matrix.enable[0], limit, enable, stride, std::size_t(rows),
+                             std::size_t(columns));
+}
+
+void MixPlan::watchCells()
+{
+    if (watchesCells())
+        return;
+    auto fresh = std::make_unique<Shadow>();
+    Shadow *none = nullptr;
+    if (shadow.compare_exchange_strong(none, fresh.get()))
+        fresh.release();
+}
+
 void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
 {
     plannedChanges = matrix.changes;
@@ -27,16 +60,18 @@ void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
     plannedColumns = std::clamp(columns, 0, limit);
     setCount = 0;
     groupCount = 0;
+    if (Shadow *const watched = shadow.load(std::memory_order_acquire))
+        watched->copy(matrix, plannedRows, plannedColumns);
 
     quint64 used[limit][2] = {}; // by output: bit j stands for input j
-    const std::size_t rowBytes = std::size_t(plannedColumns) * sizeof(float);
-    shadowStride = (std::size_t(plannedColumns) + 7) / 8 * 8;
+    int inputCounts[limit] = {}; // by output
     for (int j = 0; j < plannedRows; ++j) {
-        std::memcpy(shadowGain + std::size_t(j) * shadowStride, matrix.gain[j], rowBytes);
-        std::memcpy(shadowEnable + std::size_t(j) * shadowStride, matrix.enable[j], rowBytes);
         for (int k = 0; k < plannedColumns; ++k) {
-            if (matrix.gain[j][k] * matrix.enable[j][k] != 0.0f)
+            const float gain = matrix.gain[j][k] * matrix.enable[j][k];
+            if (gain != 0.0f) {
                 used[k][j / 64] |= quint64(1) << (j % 64);
+                gains[k][inputCounts[k]++] = gain;
+            }
         }
     }
 
@@ -62,11 +97,6 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
             continue;
         planned[k] = true;
         set.outputs[set.outputCount++] = quint8(k);
-        for (int i = 0; i < set.inputCount; ++i) {
-            const int j = set.inputs[i];
-            const std::size_t cell = std::size_t(j) * shadowStride + std::size_t(k);
-            gains[k][i] = shadowGain[cell] * shadowEnable[cell];
-        }
     }
 
     set.groups = set.inputCount < fewestDenseInputs ? 0 : set.outputCount / groupWidth;
@@ -81,12 +111,8 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
 
 bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noexcept
 {
-    if (rows != plannedRows || columns != plannedColumns)
-        return false;
-    return Kernels::sameBits(matrix.gain[0], limit, shadowGain, shadowStride, std::size_t(rows),
-                             std::size_t(columns)) &&
-           Kernels::sameBits(matrix.enable[0], limit, shadowEnable, shadowStride, std::size_t(rows),
-                             std::size_t(columns));
+    const Shadow *const watched = shadow.load(std::memory_order_acquire);
+    return watched && watched->equals(matrix, rows, columns);
 }
 
 void MixPlan::mix(const aligned_vector<float, 16> *inputs, int rows,

@@ -38,7 +38,7 @@ Case bookkeeping()
 Case denseMatrix()
 {
     const auto desk = std::make_shared<Desk>(0, 1, 128, 128, blockFrames, false);
-    Engine::Data &data = EngineAccess::data(desk->engine);
+    Engine::Data &data = EngineAccess::shipped(desk->engine);
     for (unsigned row = 0; row < 128; ++row) {
         for (unsigned column = 0; column < 128; ++column)
             data.matrix.setCell(row, column, 1.0f / 128.0f);

@@ -38,7 +38,7 @@ Desk::Desk(int sourceCount, unsigned clipFrames, unsigned inputs, unsigned outpu
            bool metered)
     : m_frames(frames)
 {
-    Engine::Data &data = EngineAccess::data(engine);
+    Engine::Data &data = EngineAccess::shipped(engine);
     data.active = true;
     data.timeline->setLimits(0.0, 1.0e6);
     data.masterOutputGain = 0.8f;
@@ -71,14 +71,12 @@ Desk::Desk(int sourceCount, unsigned clipFrames, unsigned inputs, unsigned outpu
 
 void Desk::plan()
 {
-    Engine::Data &data = EngineAccess::data(engine);
-    data.planMix();
-    data.cellsAreWatched = false;
+    EngineAccess::shipped(engine).planMix();
 }
 
 Desk::~Desk()
 {
-    Engine::Data &data = EngineAccess::data(engine);
+    Engine::Data &data = EngineAccess::shipped(engine);
     data.sources.clear();
     data.outputMeter = nullptr;
     data.active = false;

@@ -128,12 +128,12 @@ std::vector<Figure> holds()
     mixer.waitFor(4800);
 
     std::vector<Figure> figures;
-    Probe probe(EngineAccess::data(engine).updateLock);
+    Probe probe(EngineAccess::shipped(engine).updateLock);
     const auto add = [&](
                          const char *name, const std::function<void()> &operation,
                          const std::function<void()> &undo = [] {}) {
         figures.push_back({section, QString::fromUtf8(name),
-                           holdOf(probe, EngineAccess::data(engine), operation, undo),
+                           holdOf(probe, EngineAccess::shipped(engine), operation, undo),
                            QStringLiteral("ns"), oneBlock});
     };
     add("nothing (the device's own blocks)", [] { QThread::msleep(20); });
@@ -153,7 +153,7 @@ std::vector<Figure> holds()
         });
     engine.removeSource(extra);
     QCoreApplication::processEvents();
-    Source *const some = EngineAccess::data(engine).sources.front();
+    Source *const some = EngineAccess::shipped(engine).sources.front();
     add("setGain of a source's channel", [&] { engine.setGain(some, 0, 1, 0.25f); });
     add("setMasterOutputGain", [&] { engine.setMasterOutputGain(0.5f); });
     add("setOutputEffectBypass", [&] { engine.setOutputEffectBypass(true); });

@@ -197,6 +197,8 @@ Case lookAtCells(int rows, int columns, double most)
 {
     const QString name = QStringLiteral("seeing that %1 × %2 cells stayed").arg(rows).arg(columns);
     const auto work = std::make_shared<Work>(Shape{"", rows, columns, 256, Cells::Dense});
+    work->plan->watchCells();
+    work->plan->rebuild(*work->matrix, rows, columns);
     return Case(QStringLiteral("A. Gain-matrix mix"), name)
         .ours([work] {
             keep(work->plan->matches(*work->matrix, work->shape.rows, work->shape.columns));

@@ -302,7 +302,7 @@ void tst_EngineDevices::open_buildsBusesAndMeters()
     Store::store()->addMeterConfig(layout);
     QVERIFY(desk.engine.open(desk.speakers, desk.microphone, 44100));
     Store::store()->removeMeterConfig(Type::Output, desk.speakers);
-    Engine::Data &data = EngineAccess::data(desk.engine);
+    Engine::Data &data = EngineAccess::shipped(desk.engine);
     QCOMPARE(data.inputBuses.size(), 1u);
     QCOMPARE(data.outputBuses.size(), 2u);
     QCOMPARE(data.outputBuses[1].size(), 256u);
@@ -334,7 +334,7 @@ void tst_EngineDevices::open_startsTheStream_whenActive()
     QVERIFY(!desk.api->isRunning());
     QVERIFY(desk.engine.open(desk.speakers, nullptr, 48000));
     QVERIFY(desk.api->isRunning());
-    QCOMPARE(EngineAccess::data(desk.engine).apiRefs, 1);
+    QCOMPARE(EngineAccess::shipped(desk.engine).apiRefs, 1);
 }
 
 void tst_EngineDevices::availableSampleRates_correctsTheRate_data()

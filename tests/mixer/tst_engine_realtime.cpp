@@ -12,6 +12,8 @@
 
 #include <QtTest/QTest>
 
+#include <utility>
+
 using namespace QTovelMixer;
 
 namespace {
@@ -38,6 +40,15 @@ void runWatched(Session &session, int blocks)
     }
 }
 
+/// Whether the next block has nothing to plan.
+bool isPlanned(const Engine::Data &data)
+{
+    const int rows = int(data.inputBuses.size());
+    const int columns = int(data.outputBuses.size());
+    return data.plan.watchesCells() ? data.plan.matches(data.matrix, rows, columns)
+                                    : data.plan.isFor(data.matrix, rows, columns);
+}
+
 } // namespace
 
 class tst_EngineRealtime : public QObject
@@ -52,7 +63,9 @@ private slots:
     void block_isClean_withEverythingAttached();
     void block_isClean_whileHeld();
     void block_isClean_withTraceLines();
+    void block_isClean_whenTheMixChanges_data();
     void block_isClean_whenTheMixChanges();
+    void plan_isReady_afterEveryChange();
     void thread_mixes_whileTheMainThreadChangesEverything();
     void block_isClean_whenRingsRunOver_andDry();
     void block_takesNoPageFault_afterItsWarmUp();
@@ -112,27 +125,81 @@ void tst_EngineRealtime::block_isClean_withTraceLines()
     runWatched(session, 100);
     session.engine.start();
     // Gaps are traced too.
-    EngineAccess::data(session.engine).mixTime += 5000;
+    EngineAccess::shipped(session.engine).mixTime += 5000;
     runWatched(session, 10);
     QVERIFY(source->isRunning());
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 1);
 }
 
+void tst_EngineRealtime::block_isClean_whenTheMixChanges_data()
+{
+    QTest::addColumn<bool>("isWatched");
+    QTest::newRow("as shipped") << false;
+    QTest::newRow("cells watched") << true;
+}
+
 void tst_EngineRealtime::block_isClean_whenTheMixChanges()
 {
+    QFETCH(const bool, isWatched);
     Session session(2, 2);
     for (int i = 0; i < 20; ++i)
         session.addRamp(48000, 20.0);
     session.engine.start();
-    Engine::Data &data = EngineAccess::data(session.engine);
-    for (int i = 0; i < 100; ++i) {
+    Engine::Data &data =
+        isWatched ? EngineAccess::data(session.engine) : EngineAccess::shipped(session.engine);
+    for (unsigned i = 0; i < 100; ++i) {
         // Behind the plan's back, so that the callback has to make it anew.
-        data.gainMatrix[i % 40][i % 2] = float(i);
+        if (isWatched)
+            data.gainMatrix[i % 40][i % 2] = float(i);
+        else
+            data.matrix.setCell(i % 40, i % 2, float(i));
+        QVERIFY(!isPlanned(data));
         runWatched(session, 1);
+        QVERIFY(isPlanned(data));
     }
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+// Planning 128 × 128 cells takes longer than a short block may.
+void tst_EngineRealtime::plan_isReady_afterEveryChange()
+{
+    Session session(2, 2);
+    Engine &engine = session.engine;
+    const Engine::Data &data = EngineAccess::shipped(engine);
+    quint64 seen = data.matrix.changes;
+    const auto isChangedAndPlanned = [&] {
+        const bool isChanged = data.matrix.changes != std::exchange(seen, data.matrix.changes);
+        return isChanged && isPlanned(data);
+    };
+    RampSource *source = session.addRamp(48000, 20.0);
+    QVERIFY(isChangedAndPlanned());
+    auto *sink = new TakeSink(&engine, 48000, 2);
+    QVERIFY(engine.addSink(sink));
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(engine.setGain(source, 0, 1, 0.5f));
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(engine.setGain(0, sink, 1, 0.5f));
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(engine.setGain(source, 0, sink, 1, 0.5f));
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(engine.setChannelsMask(source, 1));
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(engine.addRoute(source, sink, 0.5f));
+    QVERIFY(isChangedAndPlanned());
+    engine.setMonitoring(true);
+    QVERIFY(isChangedAndPlanned());
+    engine.setMonitoring(false);
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(engine.open(engine.currentDevice(DeviceKind::Output),
+                        engine.currentDevice(DeviceKind::Input), 48000, false));
+    QVERIFY(isChangedAndPlanned());
+    engine.removeSource(source);
+    QVERIFY(isChangedAndPlanned());
+    engine.removeSink(sink);
+    QVERIFY(isChangedAndPlanned());
+    QVERIFY(!data.plan.watchesCells());
 }
 
 void tst_EngineRealtime::thread_mixes_whileTheMainThreadChangesEverything()

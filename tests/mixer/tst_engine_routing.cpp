@@ -110,7 +110,7 @@ void tst_EngineRouting::addSource_attachesEverything()
     QVERIFY(session.engine.isValid(source));
     QCOMPARE(session.engine.activeSources(), QList<Source *>({source}));
     QVERIFY(session.api->isRunning());
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QCOMPARE(data.gainMatrix[1][0], 0.5f);
     QCOMPARE(data.gainMatrix[1][1], 0.5f);
     QCOMPARE(data.apiRefs, 1);
@@ -143,7 +143,7 @@ void tst_EngineRouting::addSource_setsTheLimits_unlessTheyCover()
 void tst_EngineRouting::addSource_refuses_beyond128Channels()
 {
     Session session(63, 2);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QVERIFY(session.engine.addSource(new RampSource(&session.engine, 48000, 64, 1.0)));
     QCOMPARE(data.inputBuses.size(), 127u);
     auto *late = new RampSource(&session.engine, 48000, 2, 1.0);
@@ -164,7 +164,7 @@ void tst_EngineRouting::addSource_refuses_beyond128Channels()
     Session other(127, 2);
     RampSource wide(&other.engine, 48000, 2, 1.0);
     QVERIFY(!other.engine.addSource(&wide));
-    QCOMPARE(EngineAccess::data(other.engine).apiRefs, 0);
+    QCOMPARE(EngineAccess::shipped(other.engine).apiRefs, 0);
     QVERIFY(!other.api->isRunning());
 }
 
@@ -187,7 +187,7 @@ void tst_EngineRouting::addSource_takesTheStoredRoute()
     Store::store()->addRoute(route);
     session.addRamp(48000, 1.0, 2.0f);
     Store::store()->removeRoute(nullptr, 2, output);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QCOMPARE(data.gainMatrix[0][0], 0.0f);
     QCOMPARE(data.gainMatrix[0][1], 1.5f);
     QCOMPARE(data.gainMatrix[1][1], 2.0f);
@@ -207,7 +207,7 @@ void tst_EngineRouting::addSource_fitsARouteOfAnotherShape()
     Store::store()->addRoute(route);
     session.addRamp(48000, 1.0);
     Store::store()->removeRoute(nullptr, 2, output);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     const float expected[2][4] = {{0.25f, 0.5f, 0.75f, 0.0f}, {0.0f, 0.0f, 0.0f, 0.0f}};
     for (int row = 0; row < 2; ++row) {
         for (int column = 0; column < 4; ++column)
@@ -226,7 +226,7 @@ void tst_EngineRouting::addSink_attachesEverything()
     QVERIFY(session.engine.isValid(sink));
     QCOMPARE(session.engine.activeSinks(), QList<Sink *>({sink}));
     QCOMPARE(session.engine.numActiveSinks(), 1);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QCOMPARE(data.gainMatrix[0][2], 0.5f);
     QCOMPARE(data.gainMatrix[1][3], 0.5f);
     QCOMPARE(data.gainMatrix[0][3], 0.0f);
@@ -246,8 +246,8 @@ void tst_EngineRouting::addSink_refuses_beyond128Channels()
     QCOMPARE(log.count(QtCriticalMsg, pointerText("QTovelMixer::addSink: Unable to add sink (%p)!!",
                                                   static_cast<Sink *>(wide))),
              1);
-    QCOMPARE(EngineAccess::data(session.engine).streamUsers.load(), 1);
-    QCOMPARE(EngineAccess::data(session.engine).apiRefs, 1);
+    QCOMPARE(EngineAccess::shipped(session.engine).streamUsers.load(), 1);
+    QCOMPARE(EngineAccess::shipped(session.engine).apiRefs, 1);
     delete wide;
 }
 
@@ -255,13 +255,13 @@ void tst_EngineRouting::addSink_withoutOutputs_takesTheInputDefaults()
 {
     Session session(2, 0);
     QVERIFY(session.engine.addSink(new TakeSink(&session.engine, 48000, 1)));
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QCOMPARE(data.gainMatrix[0][0], 1.0f);
     QCOMPARE(data.gainMatrix[1][0], 0.0f);
     Session mono(1, 0);
     QVERIFY(mono.engine.addSink(new TakeSink(&mono.engine, 48000, 6)));
-    QCOMPARE(EngineAccess::data(mono.engine).gainMatrix[0][3], 0.0f);
-    QCOMPARE(EngineAccess::data(mono.engine).gainMatrix[0][4], 1.0f);
+    QCOMPARE(EngineAccess::shipped(mono.engine).gainMatrix[0][3], 0.0f);
+    QCOMPARE(EngineAccess::shipped(mono.engine).gainMatrix[0][4], 1.0f);
 }
 
 void tst_EngineRouting::addSink_takesTheStoredRoute()
@@ -274,8 +274,8 @@ void tst_EngineRouting::addSink_takesTheStoredRoute()
     Store::store()->addRoute(route);
     QVERIFY(session.engine.addSink(new TakeSink(&session.engine, 48000, 1)));
     Store::store()->removeRoute(input, 1, nullptr);
-    QCOMPARE(EngineAccess::data(session.engine).gainMatrix[0][2], 0.0f);
-    QCOMPARE(EngineAccess::data(session.engine).gainMatrix[1][2], 0.5f);
+    QCOMPARE(EngineAccess::shipped(session.engine).gainMatrix[0][2], 0.0f);
+    QCOMPARE(EngineAccess::shipped(session.engine).gainMatrix[1][2], 0.5f);
 }
 
 void tst_EngineRouting::play_startsAtOnce()
@@ -392,7 +392,7 @@ void tst_EngineRouting::setGain_ofSource_checksAndWrites()
     session.addRamp(48000, 1.0);
     RampSource *source = session.addRamp(48000, 1.0);
     RampSource stranger(&session.engine, 48000, 2, 1.0);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QVERIFY(session.engine.setGain(source, 1, 0, 0.125f));
     QCOMPARE(data.gainMatrix[4][0], 0.125f);
     LogCapture log;
@@ -422,7 +422,7 @@ void tst_EngineRouting::setGain_ofSink_checksAndWrites()
     session.engine.addSink(sink);
     TakeSink stranger(&session.engine, 48000, 2);
     QVERIFY(session.engine.setGain(1, sink, 0, 0.125f));
-    QCOMPARE(EngineAccess::data(session.engine).gainMatrix[1][2], 0.125f);
+    QCOMPARE(EngineAccess::shipped(session.engine).gainMatrix[1][2], 0.125f);
     LogCapture log;
     QVERIFY(!session.engine.setGain(0, &stranger, 0, 1.0f));
     QVERIFY(!session.engine.setGain(0, sink, 2, 1.0f));
@@ -439,7 +439,7 @@ void tst_EngineRouting::setGain_betweenSourceAndSink_checksAndWrites()
     auto *sink = new TakeSink(&session.engine, 48000, 2);
     session.engine.addSink(sink);
     QVERIFY(session.engine.setGain(source, 1, sink, 0, 0.125f));
-    QCOMPARE(EngineAccess::data(session.engine).gainMatrix[3][2], 0.125f);
+    QCOMPARE(EngineAccess::shipped(session.engine).gainMatrix[3][2], 0.125f);
     LogCapture log;
     QVERIFY(!session.engine.setGain(source, 2, sink, 0, 1.0f));
     QVERIFY(!session.engine.setGain(source, 0, sink, -1, 1.0f));
@@ -455,7 +455,7 @@ void tst_EngineRouting::addRoute_spreadsByTheInputDefaults()
     auto *sink = new TakeSink(&session.engine, 48000, 2);
     session.engine.addSink(sink);
     QVERIFY(session.engine.addRoute(source, sink, 0.5f));
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QCOMPARE(data.gainMatrix[0][2], 0.5f);
     QCOMPARE(data.gainMatrix[0][3], 0.5f);
     LogCapture log;
@@ -478,7 +478,7 @@ void tst_EngineRouting::setChannelsMask_masksDeviceOutputsOnly()
     session.engine.addSink(sink);
     session.engine.addRoute(source, sink);
     QVERIFY(session.engine.setChannelsMask(source, 0xfffffffffffffffeull));
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     for (int column = 0; column < 4; ++column) {
         QCOMPARE(data.enableMatrix[0][column], column < 2 ? 0.0f : 1.0f);
         QCOMPARE(data.enableMatrix[1][column], 1.0f);
@@ -498,7 +498,7 @@ void tst_EngineRouting::setChannelsMask_masksDeviceOutputsOnly()
 void tst_EngineRouting::rowsAndColumns_followRemovals()
 {
     Session session(1, 2);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     RampSource *first = session.addRamp(48000, 1.0, 0.25f);
     auto *second = new RampSource(&session.engine, 48000, 3, 1.0);
     session.engine.addSource(second);
@@ -631,12 +631,12 @@ void tst_EngineRouting::rangedSource_holdsTheStream()
     Session session;
     auto *source = new RampSource(&session.engine, 48000, 2, 10.0, Range{1.0, 2.0});
     QVERIFY(session.engine.addSource(source));
-    QCOMPARE(EngineAccess::data(session.engine).streamUsers.load(), 1);
+    QCOMPARE(EngineAccess::shipped(session.engine).streamUsers.load(), 1);
     QCOMPARE(source->timeline(), nullptr);
     session.engine.setLimits(3.0, 4.0);
     QVERIFY(session.engine.timeline()->start() != 3.0);
     session.engine.removeSource(source);
-    QCOMPARE(EngineAccess::data(session.engine).streamUsers.load(), 0);
+    QCOMPARE(EngineAccess::shipped(session.engine).streamUsers.load(), 0);
 }
 
 void tst_EngineRouting::timeline_isReset()

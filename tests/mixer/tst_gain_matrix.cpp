@@ -476,7 +476,7 @@ void tst_GainMatrix::mix_clears_withoutRows()
         for (const float x : out)
             QCOMPARE(x, 0.0f);
     }
-    QVERIFY(mix.plan->matches(*mix.matrix, mix.rows, mix.columns));
+    QVERIFY(mix.plan->isFor(*mix.matrix, mix.rows, mix.columns));
 
     mix.rows = 0;
     mix.run();
@@ -515,9 +515,14 @@ void tst_GainMatrix::matches_seesChangesOfUsedCellsOnly()
 {
     const auto matrix = std::make_unique<GainMatrix>();
     const auto plan = std::make_unique<MixPlan>();
-    QVERIFY(plan->matches(*matrix, 0, 0));
-    QVERIFY(!plan->matches(*matrix, 3, 5));
     plan->rebuild(*matrix, 3, 5);
+    QVERIFY(!plan->watchesCells());
+    QVERIFY(!plan->matches(*matrix, 3, 5));
+    plan->watchCells();
+    QVERIFY(plan->watchesCells());
+    QVERIFY(!plan->matches(*matrix, 3, 5)); // planned before
+    plan->rebuild(*matrix, 3, 5);
+    plan->watchCells();
     QVERIFY(plan->matches(*matrix, 3, 5));
     QVERIFY(!plan->matches(*matrix, 3, 4));
     QVERIFY(!plan->matches(*matrix, 2, 5));
@@ -543,6 +548,7 @@ void tst_GainMatrix::matches_seesSignsAndNotANumber()
 {
     const auto matrix = std::make_unique<GainMatrix>();
     const auto plan = std::make_unique<MixPlan>();
+    plan->watchCells();
     matrix->gain[1][1] = std::numeric_limits<float>::quiet_NaN();
     plan->rebuild(*matrix, 2, 2);
     QVERIFY(plan->matches(*matrix, 2, 2));

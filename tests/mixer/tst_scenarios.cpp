@@ -322,7 +322,7 @@ void tst_Scenarios::removal_ofTheMiddleSource_movesRowsAndColumns()
     session.engine.stop(middle, true, StopReason::UserStopAction);
     QTRY_COMPARE(session.engine.numActiveSources(), 2);
     QCOMPARE(mismatch(session.run(4), 4 * block, 1.25), -1);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     QCOMPARE(data.gainMatrix[2][0], 0.25f);
     QCOMPARE(data.gainMatrix[3][1], 0.25f);
     QCOMPARE(data.gainMatrix[4][0], 0.0f);
@@ -380,7 +380,7 @@ void tst_Scenarios::recording_fillsAGap_andLosesWhatHasNoRoom()
     QVERIFY(session.engine.addSink(sink));
     QVERIFY(session.startRecording());
     session.run(4);
-    Engine::Data &data = EngineAccess::data(session.engine);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
     data.mixTime += 1000;
     session.run(4);
     QTRY_COMPARE(sink->frames(), qint64(8 * block + 1000));
@@ -522,7 +522,7 @@ void tst_Scenarios::reopening_underPlayback_keepsTheMapping()
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 1);
     // Whoever opened the device with its stream still uses it.
-    QCOMPARE(EngineAccess::data(session.engine).apiRefs, 1);
+    QCOMPARE(EngineAccess::shipped(session.engine).apiRefs, 1);
     QVERIFY(session.api->isRunning());
     session.engine.deactivate();
     session.checkAtRest();

@@ -44,7 +44,10 @@ private:
     QTovelMixer::Sink *anySink();
     QString stateFault();
     QTovelMixer::Engine &engine() { return m_session.engine; }
-    QTovelMixer::Engine::Data &data() { return QTovelMixer::EngineAccess::data(m_session.engine); }
+    QTovelMixer::Engine::Data &data()
+    {
+        return QTovelMixer::EngineAccess::shipped(m_session.engine);
+    }
 
     Draw m_draw;
     float m_bufferSeconds;

@@ -138,7 +138,7 @@ void Session::expectEnd(RampSource *source, qint64 mixerFrame)
 
 bool Session::waitForBlock()
 {
-    const Engine::Data &data = EngineAccess::data(engine);
+    const Engine::Data &data = EngineAccess::shipped(engine);
     if (data.holdCount != 0)
         return true;
     return waitFor([&] {
@@ -163,7 +163,7 @@ bool Session::waitForBlock()
 
 QString Session::restFault()
 {
-    const Engine::Data &data = EngineAccess::data(engine);
+    const Engine::Data &data = EngineAccess::shipped(engine);
     const std::pair<bool, const char *> counters[] = {
         {data.holdCount.load() == 0, "the mix is held"},
         {data.bracketDepth == 0, "a bracket is open"},
@@ -184,7 +184,7 @@ QString Session::restFault()
 
 void Session::checkAtRest()
 {
-    const Engine::Data &data = EngineAccess::data(engine);
+    const Engine::Data &data = EngineAccess::shipped(engine);
     QCOMPARE(restFault(), QString());
     QTRY_VERIFY(data.retiredSources.empty());
     QTRY_VERIFY(data.retiredSinks.empty());
@@ -192,7 +192,7 @@ void Session::checkAtRest()
 
 QString Session::mappingFault()
 {
-    const Engine::Data &data = EngineAccess::data(engine);
+    const Engine::Data &data = EngineAccess::shipped(engine);
     size_t inputs = data.numInputChannels;
     for (const Source *source : data.sources)
         inputs += size_t(source->numChannels());

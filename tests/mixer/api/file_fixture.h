@@ -75,17 +75,17 @@ public:
     explicit Desk(unsigned outputs = 0) : Engine(nullptr)
     {
         constexpr unsigned frames = 4096;
-        Data &data = QTovelMixer::EngineAccess::data(*this);
+        Data &data = QTovelMixer::EngineAccess::shipped(*this);
         data.numInputChannels = 2;
         data.numOutputChannels = outputs;
         data.inputBuses = Data::makeBuses(2, frames);
         data.outputBuses = Data::makeBuses(outputs, frames);
         for (unsigned channel = 0; channel < outputs; ++channel)
-            data.gainMatrix[channel][channel] = 1.0f;
+            data.matrix.setCell(channel, channel, 1.0f);
         data.planMix();
         data.inputEffect = &probe;
     }
-    ~Desk() override { QTovelMixer::EngineAccess::data(*this).inputEffect = nullptr; }
+    ~Desk() override { QTovelMixer::EngineAccess::shipped(*this).inputEffect = nullptr; }
 
     Probe probe;
 };

@@ -341,7 +341,7 @@ void tst_Api::mixerCallback_runsABlockOfTheEngine()
     PlainApi api(256);
     Engine engine(nullptr);
     api.setEngine(&engine);
-    Engine::Data &data = EngineAccess::data(engine);
+    Engine::Data &data = EngineAccess::shipped(engine);
     TestApi::Buffer none;
     const auto blocks = data.callbackCount.load();
     const qint64 clock = data.mixTime;

@@ -153,7 +153,7 @@ void tst_ApiFileRecording::recording_takesTheLoopedFile()
     QCOMPARE(recorder.stopped.at(0).at(0).value<StopReason>(), StopReason::UserStopAction);
     QVERIFY(!recorder.api->isRunning());
     QVERIFY(recorder.api->isOpen());
-    QCOMPARE(EngineAccess::data(*recorder.engine).apiRefs, 0);
+    QCOMPARE(EngineAccess::shipped(*recorder.engine).apiRefs, 0);
     QVERIFY(!QFileInfo::exists(files->out));
 }
 

@@ -152,7 +152,7 @@ void tst_ApiRtAudioCallback::callback_handsSamplesThrough_interleaved()
     Stream stream(32);
     QVERIFY(stream.ready);
     // The engine routes each input channel to the output of the same number.
-    QVERIFY(EngineAccess::data(stream.engine).numInputChannels == 2);
+    QVERIFY(EngineAccess::shipped(stream.engine).numInputChannels == 2);
     std::vector<float> input(64);
     std::iota(input.begin(), input.end(), 1.0f);
     std::vector<float> output(64, 0.5f);
@@ -187,7 +187,7 @@ void tst_ApiRtAudioCallback::callback_isSilent_whenTheEngineLetsABlockPass()
     *data(stream).outputBlock.load() = 0.75f; // what the block before left
     std::vector<float> output(64, 0.5f);
     {
-        const QMutexLocker locker(&EngineAccess::data(stream.engine).updateLock);
+        const QMutexLocker locker(&EngineAccess::shipped(stream.engine).updateLock);
         int answer = -1;
         std::thread audio([&] { answer = callBack(stream, output.data(), nullptr, 32); });
         audio.join();

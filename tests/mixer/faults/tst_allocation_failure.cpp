@@ -118,7 +118,7 @@ bool Host::waitForBlocks()
 
 bool Host::waitUntilEmpty()
 {
-    const Engine::Data &data = EngineAccess::data(*engine);
+    const Engine::Data &data = EngineAccess::shipped(*engine);
     return waitUntil([&] {
         QCoreApplication::processEvents();
         return data.sources.empty() && data.sinks.empty() && data.retiredSources.empty() &&
@@ -131,7 +131,7 @@ QString Host::fault()
 {
     if (!engine)
         return QString();
-    Engine::Data &data = EngineAccess::data(*engine);
+    Engine::Data &data = EngineAccess::shipped(*engine);
     std::atomic<bool> taken{false};
     std::thread other([&] {
         taken = waitUntil([&] { return data.updateLock.tryLock(); });
@@ -223,7 +223,7 @@ bool setEffects(Host &host)
 {
     host.engine->replaceOutputEffect(&host.outputEffect);
     host.engine->replaceInputEffect(&host.inputEffect);
-    const Engine::Data &data = EngineAccess::data(*host.engine);
+    const Engine::Data &data = EngineAccess::shipped(*host.engine);
     return data.outputEffect == &host.outputEffect && data.inputEffect == &host.inputEffect;
 }
 

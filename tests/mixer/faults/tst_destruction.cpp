@@ -130,7 +130,7 @@ void tst_Destruction::bring(Setting &setting, State state)
         QVERIFY(session.engine.isValid(setting.source)); // the event loop has not run
         break;
     case State::Held:
-        EngineAccess::data(session.engine).update_lock();
+        EngineAccess::shipped(session.engine).update_lock();
         break;
     case State::Stopping:
         QVERIFY(session.engine.stop(false, UserStopAction));
@@ -156,7 +156,7 @@ void tst_Destruction::eraseInEveryState(Erase erase)
     if (setting.opener.joinable())
         setting.opener.join();
     if (State(state) == State::Held)
-        EngineAccess::data(session.engine).update_unlock();
+        EngineAccess::shipped(session.engine).update_unlock();
     if (State(state) == State::Created)
         delete other;
     session.api->stopThread();
@@ -201,7 +201,7 @@ void tst_Destruction::engine_inEveryState()
     const QPointer<Source> source(setting.source);
     const QPointer<Sink> sink(setting.sink);
     if (State(state) == State::Held)
-        EngineAccess::data(setting.session->engine).update_unlock();
+        EngineAccess::shipped(setting.session->engine).update_unlock();
     setting.session.reset();
     if (setting.opener.joinable())
         setting.opener.join();

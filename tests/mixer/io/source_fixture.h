@@ -28,10 +28,10 @@ class ClockEngine : public Engine
 public:
     explicit ClockEngine(unsigned rate) : Engine(nullptr), m_rate(rate)
     {
-        EngineAccess::data(*this).active = true;
+        EngineAccess::shipped(*this).active = true;
     }
     unsigned int sampleRate() const override { return m_rate; }
-    void setFrame(qint64 frame) { EngineAccess::data(*this).mixTime = frame; }
+    void setFrame(qint64 frame) { EngineAccess::shipped(*this).mixTime = frame; }
 
 private:
     std::atomic<unsigned> m_rate;

@@ -92,9 +92,9 @@ void tst_sink::constructor_raisesShortRings()
 void tst_sink::timeAndStartTime_askTheEngine()
 {
     ClockEngine engine;
-    EngineAccess::data(engine).active = true;
-    EngineAccess::data(engine).mixTime = 72000;
-    EngineAccess::data(engine).startTime = 0.25;
+    EngineAccess::shipped(engine).active = true;
+    EngineAccess::shipped(engine).mixTime = 72000;
+    EngineAccess::shipped(engine).startTime = 0.25;
     RecordingSink sink(&engine, 1, 48000);
     QCOMPARE(sink.time(), 1.5);
     QCOMPARE(sink.start_time(), 0.25);

@@ -256,7 +256,7 @@ void TestSource::setTimeline_withRange_isIgnored()
 void TestSource::loopTimes_preferRangeThenTimelineThenEngine()
 {
     ClockEngine engine(48000);
-    EngineAccess::data(engine).startTime = 1.5;
+    EngineAccess::shipped(engine).startTime = 1.5;
     RampSource free(&engine, 48000, 2, 5.0f);
     QCOMPARE(free.startTime(), 1.5);
     QCOMPARE(free.loopStartTime(), 1.5);

@@ -128,14 +128,14 @@ void TestSourceBlock::pendingUpdate_leavesRingUntouched()
 void TestSourceBlock::pausedEngine_isTraced()
 {
     ClockEngine engine(48000);
-    EngineAccess::data(engine).running = true;
-    EngineAccess::data(engine).holdCount = 1;
+    EngineAccess::shipped(engine).running = true;
+    EngineAccess::shipped(engine).holdCount = 1;
     RampSource source(&engine, 48000, 2, 5.0f);
     Block block(2, 8);
     const LogCapture log;
     source.mixer_callback(block.buses(), 2, 0, nullptr);
     QCOMPARE(linesWith(log, "isPaused=true mixerFrame=0").size(), 1);
-    EngineAccess::data(engine).holdCount = 0;
+    EngineAccess::shipped(engine).holdCount = 0;
 }
 
 void TestSourceBlock::negativeTime_dropsWhatIsBuffered()

@@ -474,7 +474,7 @@ void TestSourceWorker::pausePosition_cutsTheChunkAndPausesTheEngine()
              1);
     QCOMPARE(paused, 0); // posted to the engine's thread
     QTRY_COMPARE_WITH_TIMEOUT(paused, 1, patience);
-    QCOMPARE(EngineAccess::data(engine).holdCount.load(), 1);
+    QCOMPARE(EngineAccess::shipped(engine).holdCount.load(), 1);
     engine.setFrame(5 * 48000);
     QCOMPARE(source.time(false), 1.00001);
 }
