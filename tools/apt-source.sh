@@ -7,7 +7,23 @@
 # runs in an apt configuration of its own that reuses the machine's mirror and Debian's keyring,
 # so the machine's package sources stay as they are.
 
+# debian_mirror: the address of the archive that this machine installs from, or
+# QTTOVELMIXER_DEBIAN_MIRROR, which a machine of another distribution has to set.
 debian_mirror() {
+  if [ -n "${QTTOVELMIXER_DEBIAN_MIRROR:-}" ]; then
+    echo "$QTTOVELMIXER_DEBIAN_MIRROR"
+    return
+  fi
+  local mirror
+  mirror=$(configured_mirror)
+  if [ -z "$mirror" ]; then
+    echo "apt has no mirror of Debian configured; set QTTOVELMIXER_DEBIAN_MIRROR to the address of one" >&2
+    return 1
+  fi
+  echo "$mirror"
+}
+
+configured_mirror() {
   apt-get indextargets --format '$(ORIGIN)|$(REPO_URI)|$(LABEL)' 'Created-By: Packages' 2>/dev/null |
     awk -F'|' '$1 == "Debian" && $3 == "Debian" { print $2; exit }'
 }
@@ -15,10 +31,9 @@ debian_mirror() {
 fetch_debian_source() {
   local suite=$1 package=$2 version=$3 pattern=$4 folder=$5
   local apt mirror directory name hash
+  mirror=$(debian_mirror) || return 1
   apt=$(mktemp -d)
   mkdir -p "$apt/lists/partial" "$apt/cache/archives/partial" "$folder"
-  mirror=$(debian_mirror)
-  mirror=${mirror:-http://deb.debian.org/debian/}
   echo "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $mirror $suite main" >"$apt/sources.list"
   cat >"$apt/apt.conf" <<CONF
 Dir::Etc::sourcelist "$apt/sources.list";

@@ -4,18 +4,20 @@
 # (QTTOVELMIXER_CACHE, below ~/.cache by default); it takes root to make it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. tools/apt-source.sh
 
 say() { printf '\n==> %s\n' "$*" >&2; }
 
 cache=${QTTOVELMIXER_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/qttovelmixer}
 root=$cache/arm64-bookworm
 if [ ! -e "$root/complete" ]; then
+  mirror=$(debian_mirror)
   say "fetching the packages of Debian 12 for arm64 into $root"
   rm -rf "$root"
   mkdir -p "$cache"
   # The first stage only: nothing of it is ever run here but its libraries.
   debootstrap --foreign --arch=arm64 --variant=minbase \
-    --include=libqt6test6,libhwy-dev,libebur128-dev bookworm "$root" http://deb.debian.org/debian >&2
+    --include=libqt6test6,libhwy-dev,libebur128-dev bookworm "$root" "$mirror" >&2
   for package in "$root"/var/cache/apt/archives/*.deb; do
     dpkg-deb -x "$package" "$root"
   done
