@@ -25,9 +25,9 @@ for package in "$folder"/packages/*.deb; do
 done
 rm -r "$folder/packages"
 
-# set_when_there NAME VALUE FOLDER: a line for the starters, when the folder was unpacked.
+# set_when_there NAME VALUE FILE: a line for the starters, when the file was unpacked.
 set_when_there() {
-  [ ! -d "$3" ] || printf 'export %s="%s"\n' "$1" "$2"
+  [ ! -e "$3" ] || printf 'export %s="%s"\n' "$1" "$2"
 }
 
 root=$folder/root
@@ -37,10 +37,11 @@ pulse=("$root"/usr/lib/pulse-*/modules)
 [ ! -d "$libraries/alsa-lib" ] || ln -s "$libraries/alsa-lib" "$folder/alsa-lib"
 environment=$(
   printf 'export LD_LIBRARY_PATH="${LD_LIBRARY_PATH:+$LD_LIBRARY_PATH:}%s"\n' \
-    "$libraries:$root/lib/${libraries##*/}:$libraries/pulseaudio"
+    "$libraries:$root/lib/${libraries##*/}:$libraries/pulseaudio:${pulse[0]}"
   set_when_there JACK_DRIVER_DIR "$libraries/jack" "$libraries/jack"
   set_when_there SPA_PLUGIN_DIR "$libraries/spa-0.2" "$libraries/spa-0.2"
-  set_when_there PIPEWIRE_MODULE_DIR "$libraries/pipewire-0.3" "$libraries/pipewire-0.3"
+  set_when_there PIPEWIRE_MODULE_DIR "$libraries/pipewire-0.3" \
+    "$libraries/pipewire-0.3/libpipewire-module-protocol-native.so"
   set_when_there PIPEWIRE_CONFIG_DIR "$root/usr/share/pipewire" "$root/usr/share/pipewire"
   set_when_there WIREPLUMBER_MODULE_DIR "${modules[0]}" "${modules[0]}"
   set_when_there WIREPLUMBER_DATA_DIR "$root/usr/share/wireplumber" "$root/usr/share/wireplumber"

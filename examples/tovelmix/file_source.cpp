@@ -19,7 +19,8 @@ constexpr float bufferSeconds = 5.0f;
 FileSource::FileSource(QTovelMixer::Engine *engine, std::unique_ptr<SoundFile> file,
                        const Placement &placement)
     : Source(engine, file->rate(), file->channels(), bufferSeconds), m_file(std::move(file)),
-      m_startFrame(framesAt(placement.start)), m_loop(placement.loop)
+      m_startFrame(framesAt(placement.start)), m_loop(placement.loop),
+      m_delivery(std::make_shared<Delivery>(m_file->rate()))
 {
     const Range all{0.0, double(m_file->frames()) / m_file->rate()};
     const Range limits = placement.limits.isValid() ? placement.limits : all;
@@ -76,6 +77,7 @@ int FileSource::readSamples(float *buffer, int frames, int channels, double time
     const qint64 lead = std::clamp(m_startFrame - first, qint64{0}, count);
     if (m_materialFrames > 0 && channels == m_file->channels())
         readMaterial(buffer + lead * channels, first + lead - m_startFrame, count - lead, channels);
+    m_delivery->frames = first + count;
     return int(count);
 }
 
@@ -89,16 +91,11 @@ void FileSource::readMaterial(float *buffer, qint64 first, qint64 count, int cha
         const qint64 wanted = std::min(part->count - inside, count);
         const qint64 got = m_file->read(buffer, part->first + inside, wanted);
         if (got < wanted)
-            m_cutShort = true;
+            m_delivery->cutShort = true;
         buffer += wanted * channels;
         first += wanted;
         count -= wanted;
     }
-}
-
-bool FileSource::wasCutShort() const
-{
-    return m_cutShort;
 }
 
 } // namespace tovelmix

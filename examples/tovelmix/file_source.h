@@ -24,6 +24,16 @@ struct Placement
     double length = -1.0; ///< of the source from 0 on, silence included; negative: until it ends
 };
 
+/// How far a file was read. Written by the source's worker, read on any thread.
+struct Delivery
+{
+    explicit Delivery(int hz) : rate(hz) {}
+
+    const int rate;                    ///< Hz
+    std::atomic<qint64> frames{0};     ///< read so far, silence included
+    std::atomic<bool> cutShort{false}; ///< the file stopped delivering before its end
+};
+
 /// Plays an audio file; before its start, and after its end up to the placement's length, silence.
 class FileSource : public QTovelMixer::Source
 {
@@ -40,8 +50,8 @@ public:
     bool acceptPause(QTovelMixer::PauseMode mode) override;
     int readSamples(float *buffer, int frames, int channels, double time) override;
 
-    /// The file stopped delivering before its end. Any thread.
-    bool wasCutShort() const;
+    /// Outlives the source. Any thread.
+    std::shared_ptr<const Delivery> delivery() const { return m_delivery; }
 
 private:
     struct Part
@@ -60,7 +70,7 @@ private:
     qint64 m_startFrame = 0;
     qint64 m_endFrame = 0;
     bool m_loop = false;
-    std::atomic<bool> m_cutShort{false};
+    std::shared_ptr<Delivery> m_delivery;
 };
 
 } // namespace tovelmix

@@ -4,23 +4,29 @@
 
 #include <QtCore/QObject>
 
-class QSocketNotifier;
+#include <thread>
 
 namespace tovelmix {
 
-/// Turns Ctrl-C and the polite kill into a Qt signal. One at a time.
+/// Turns Ctrl-C and the polite kill into a Qt signal. A program that has not ended 5 s later,
+/// because something in it waits for a disk, a server or a reader of its output, is ended with
+/// status 1. One at a time; create it first, so that it covers everything that may wait.
 class Interrupt : public QObject
 {
     Q_OBJECT
 
 public:
     Interrupt();
+    /// From here on the two signals end the program at once.
+    ~Interrupt() override;
 
 Q_SIGNALS:
     void interrupted();
 
 private:
-    QSocketNotifier *m_notifier;
+    void guard();
+
+    std::thread m_guard;
 };
 
 } // namespace tovelmix

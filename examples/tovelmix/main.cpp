@@ -6,6 +6,7 @@
 #include <tovelmix/monitoring.h>
 #include <tovelmix/options.h>
 #include <tovelmix/playback.h>
+#include <tovelmix/printable.h>
 #include <tovelmix/raw_input.h>
 #include <tovelmix/recording.h>
 #include <tovelmix/render.h>
@@ -33,7 +34,7 @@ void print(const QString &text)
 
 int complain(const QString &line, ExitStatus status)
 {
-    std::fprintf(stderr, "tovelmix: %s\n", line.toUtf8().constData());
+    std::fprintf(stderr, "tovelmix: %s\n", printable(line).toUtf8().constData());
     return status;
 }
 
@@ -112,10 +113,10 @@ int record(const QCoreApplication &app, const Options &options)
 
 int render(const QCoreApplication &app, const Options &options)
 {
-    Rendering rendering(options.session, options.mix, options.picture);
+    Interrupt interrupt;
+    Rendering rendering({options.session, options.mix, options.picture, options.force});
     QObject::connect(&rendering, &Rendering::finished, &app, &QCoreApplication::quit,
                      Qt::QueuedConnection);
-    Interrupt interrupt;
     QObject::connect(&interrupt, &Interrupt::interrupted, &rendering, &Rendering::interrupt);
     if (!rendering.start())
         return complain(rendering.outcome());

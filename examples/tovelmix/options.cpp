@@ -43,6 +43,8 @@ const QCommandLineOption followOption("follow",
                                       "default one, is there.");
 const QCommandLineOption jsonOption("json",
                                     "Prints the devices, or the figures of a mix, as JSON.");
+const QCommandLineOption forceOption("force",
+                                     "Lets render replace its inputs and older recordings.");
 const QCommandLineOption watchOption("watch", "Goes on printing what changes.");
 const QCommandLineOption throughOption("through", "Plays the input on the output device.");
 const QCommandLineOption virtualOption("virtual",
@@ -71,7 +73,7 @@ QList<Verb> verbs()
         {Command::Play, "play", deviceOptions() + QList{deviceOption, virtualOption}},
         {Command::RecordDevice, "record", deviceOptions() + QList{inputOption, outputOption}},
         {Command::Record, "record", {fileOption, channelsOption, secondsOption, outputOption}},
-        {Command::Render, "render", {outputOption, jsonOption, pictureOption}},
+        {Command::Render, "render", {outputOption, jsonOption, pictureOption, forceOption}},
         {Command::Monitor, "monitor",
          deviceOptions() + QList{deviceOption, inputOption, throughOption}},
         {Command::Verify, "verify", {fileOption, channelsOption, takeOption}},
@@ -139,6 +141,7 @@ QString readValues(const QCommandLineParser &parser, Options &options)
     options.devices.isVirtual = parser.isSet(virtualOption);
     options.devices.follow = parser.isSet(followOption);
     options.input = parser.value(fileOption);
+    options.force = parser.isSet(forceOption);
     options.json = parser.isSet(jsonOption);
     options.watch = parser.isSet(watchOption);
     options.through = parser.isSet(throughOption);
@@ -231,7 +234,8 @@ Options parseOptions(const QStringList &arguments)
         "  tovelmix record --out TAKE.wav                records a device\n"
         "  tovelmix record --in INPUT --seconds S --out TAKE.wav\n"
         "                                                records a file, played in a loop\n"
-        "  tovelmix render SESSION.json --out MIX.wav|.flac [--json] [--picture MIX.png]\n"
+        "  tovelmix render SESSION.json --out MIX.wav|.flac [--json] [--picture MIX.png] "
+        "[--force]\n"
         "                                                mixes files into one, without a device\n"
         "  tovelmix monitor [--through]                  shows what a device hears\n"
         "  tovelmix verify --in INPUT --take TAKE.wav    compares a take with its file\n\n"
@@ -243,8 +247,8 @@ Options parseOptions(const QStringList &arguments)
                                  "[FILES…]");
     parser.addOptions({fileOption, channelsOption, secondsOption, outputOption, takeOption,
                        backendOption, deviceOption, inputOption, rateOption, bufferOption,
-                       followOption, jsonOption, pictureOption, watchOption, throughOption,
-                       virtualOption, verboseOption});
+                       followOption, forceOption, jsonOption, pictureOption, watchOption,
+                       throughOption, virtualOption, verboseOption});
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
 

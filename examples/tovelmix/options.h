@@ -24,6 +24,7 @@ struct Options
     QString mix;       ///< written by render
     QString picture;   ///< written by render, empty for none
     DeviceOptions devices;
+    bool force = false; ///< render may replace inputs and older recordings
     bool json = false;
     bool watch = false;
     bool through = false;

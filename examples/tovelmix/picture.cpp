@@ -3,6 +3,7 @@
 
 #include <tovelmix/take.h>
 
+#include <QtCore/QFileInfo>
 #include <QtCore/QtEndian>
 
 #include <algorithm>
@@ -106,7 +107,9 @@ QByteArray png(const QByteArray &rows)
 Picture::Picture(const QString &path, qint64 frames, int channels)
     : m_file(path), m_frames(std::max<qint64>(frames, 1)), m_channels(channels)
 {
-    if (!m_file.open(QIODevice::WriteOnly))
+    if (QFileInfo(path).exists() && !QFileInfo(path).isFile())
+        m_error = QString("cannot write '%1': it is not a file").arg(path);
+    else if (!m_file.open(QIODevice::WriteOnly))
         m_error = QString("cannot write '%1': %2").arg(path, m_file.errorString());
 }
 

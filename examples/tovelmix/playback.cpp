@@ -58,7 +58,7 @@ bool Playback::attach()
         source->setRange({m_position, end});
         connect(source, &Source::sourceFinished, this, [this, path](const auto &finished) {
             const auto *played = qobject_cast<FileSource *>(finished.data());
-            if (played && played->wasCutShort())
+            if (played && played->delivery()->cutShort)
                 fail(Failed, QString("'%1' cannot be read to its end").arg(path));
         });
         if (!engine().addSource(source)) {

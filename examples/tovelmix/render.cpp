@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/render.h>
 
+#include <tovelmix/printable.h>
 #include <tovelmix/take.h>
 
 #include <mixer/api/api_virtual.h>
@@ -20,6 +21,17 @@ namespace {
 
 constexpr unsigned blockFrames = 1024;
 constexpr double tailSeconds = 0.1; // lets the converters give what they hold back
+
+/// Whether two names, of files that may not exist yet, lead to one file.
+bool isSameFile(const QString &one, const QString &other)
+{
+    const QFileInfo first(one);
+    const QFileInfo second(other);
+    return first.absoluteFilePath() == second.absoluteFilePath() ||
+           (first.exists() && first == second) ||
+           (first.fileName() == second.fileName() &&
+            first.dir().canonicalPath() == second.dir().canonicalPath());
+}
 
 } // namespace
 
@@ -65,9 +77,7 @@ void Rendering::Measures::add(const float *samples, int frames)
     blockLoudness = loudness;
 }
 
-Rendering::Rendering(const QString &session, const QString &output, const QString &picture)
-    : m_sessionPath(session), m_outputPath(output), m_picturePath(picture)
-{}
+Rendering::Rendering(const Files &files) : m_files(files) {}
 
 Rendering::~Rendering()
 {
@@ -82,21 +92,77 @@ bool Rendering::fail(ExitStatus status, const QString &line)
 
 bool Rendering::start()
 {
-    m_session = readSession(m_sessionPath);
+    m_session = readSession(m_files.session);
     if (!m_session.error.isEmpty())
         return fail(Failed, m_session.error);
     m_wantedFrames = std::llround(m_session.length * m_session.rate);
-    m_writer = std::make_unique<MixWriter>(m_outputPath, m_session.channels, m_session.rate,
+    if (!checkOutputs() || !openOutputs() || !openEngine())
+        return false;
+    for (const Track &track : std::as_const(m_session.tracks)) {
+        if (!addTrack(track))
+            return false;
+    }
+    connect(m_engine.get(), &QTovelMixer::Engine::sourceFinished, this, &Rendering::completeEarly,
+            Qt::QueuedConnection);
+    connect(m_engine.get(), &QTovelMixer::Engine::stopped, this, &Rendering::completeEarly,
+            Qt::QueuedConnection);
+    m_clock.start();
+    return m_engine->start(0.0) || fail(Failed, "the mixer does not start");
+}
+
+QString Rendering::stemPath(const Track &track) const
+{
+    return QFileInfo(m_files.mix).dir().filePath(track.record);
+}
+
+/// No file that is written may be one that is read, an older recording, or written twice.
+bool Rendering::checkOutputs()
+{
+    QStringList inputs{m_files.session};
+    QStringList outputs{m_files.mix};
+    if (!m_files.picture.isEmpty())
+        outputs.append(m_files.picture);
+    for (const Track &track : std::as_const(m_session.tracks)) {
+        inputs.append(track.file);
+        if (track.record.isEmpty())
+            continue;
+        outputs.append(stemPath(track));
+        if (!m_files.force && QFileInfo::exists(outputs.constLast()))
+            return fail(Failed,
+                        QString("%1: 'record' names '%2', which exists; --force replaces it")
+                            .arg(m_files.session, outputs.constLast()));
+    }
+    for (qsizetype i = 0; i < outputs.size(); ++i) {
+        const auto isIt = [&output = outputs.at(i)](const QString &other) {
+            return isSameFile(output, other);
+        };
+        if (std::any_of(outputs.cbegin() + i + 1, outputs.cend(), isIt))
+            return fail(Failed, QString("'%1' would be written twice: --out, --picture and each "
+                                        "'record' need a name of their own")
+                                    .arg(outputs.at(i)));
+        if (!m_files.force && std::any_of(inputs.cbegin(), inputs.cend(), isIt))
+            return fail(
+                Failed,
+                QString("'%1' is an input of the mix; --force replaces it").arg(outputs.at(i)));
+    }
+    return true;
+}
+
+bool Rendering::openOutputs()
+{
+    m_writer = std::make_unique<MixWriter>(m_files.mix, m_session.channels, m_session.rate,
                                            m_wantedFrames);
     if (!m_writer->error().isEmpty())
         return fail(Failed, m_writer->error());
     m_measures = std::make_unique<Measures>(m_session.rate, m_session.channels);
-    if (!m_picturePath.isEmpty()) {
-        m_picture = std::make_unique<Picture>(m_picturePath, m_wantedFrames, m_session.channels);
-        if (!m_picture->error().isEmpty())
-            return fail(Failed, m_picture->error());
-    }
+    if (m_files.picture.isEmpty())
+        return true;
+    m_picture = std::make_unique<Picture>(m_files.picture, m_wantedFrames, m_session.channels);
+    return m_picture->error().isEmpty() || fail(Failed, m_picture->error());
+}
 
+bool Rendering::openEngine()
+{
     auto *api = new QTovelMixerApiVirtual(QTovelMixerApiVirtual::Pacing::FreeWheel, blockFrames);
     m_engine = std::make_unique<QTovelMixer::Engine>(api);
     const auto rate = unsigned(m_session.rate);
@@ -109,12 +175,7 @@ bool Rendering::start()
     });
     api->updateDeviceList();
     m_engine->activate();
-    for (const Track &track : std::as_const(m_session.tracks)) {
-        if (!addTrack(track))
-            return false;
-    }
-    m_clock.start();
-    return m_engine->start(0.0) || fail(Failed, "the mixer does not start");
+    return m_engine->isActive() || fail(Failed, "the mixer does not open its output");
 }
 
 bool Rendering::addTrack(const Track &track)
@@ -127,6 +188,7 @@ bool Rendering::addTrack(const Track &track)
     if (!m_engine->addSource(source.get(), gain))
         return fail(Failed, QString("the mixer does not take '%1'").arg(track.file));
     FileSource *const added = source.release();
+    m_deliveries.push_back(added->delivery());
     for (int c = 0; !track.route.isEmpty() && c < added->numChannels(); ++c) {
         for (int output = 0; output < m_session.channels; ++output)
             m_engine->setGain(added, c, output, 0.0f);
@@ -141,19 +203,8 @@ bool Rendering::addTrack(const Track &track)
 /// Records the source as it is played, before any gain.
 bool Rendering::addStem(const Track &track, FileSource *source)
 {
-    const QFileInfo mix(m_outputPath);
     Stem stem;
-    stem.path = mix.dir().filePath(track.record);
-    const auto isStem = [path = QFileInfo(stem.path)](const QString &other) {
-        const QFileInfo file(other);
-        return file.absoluteFilePath() == path.absoluteFilePath() ||
-               (path.exists() && path == file);
-    };
-    if (isStem(m_outputPath) ||
-        std::any_of(m_session.tracks.begin(), m_session.tracks.end(),
-                    [&isStem](const Track &other) { return isStem(other.file); }))
-        return fail(Failed, QString("%1: 'record' names a file of the session or the mix, '%2'")
-                                .arg(m_sessionPath, stem.path));
+    stem.path = stemPath(track);
     const int channels = source->numChannels();
     stem.writer = std::make_unique<MixWriter>(stem.path, channels, m_session.rate, m_wantedFrames);
     if (!stem.writer->error().isEmpty())
@@ -208,19 +259,39 @@ bool Rendering::commit()
     return !m_picture || m_picture->commit() || fail(Failed, m_picture->error());
 }
 
+void Rendering::completeEarly()
+{
+    if (!m_over && !m_ended.exchange(true))
+        complete();
+}
+
+/// A track that the mixer could not play, or not to the end of the mix, makes the mix worthless.
+bool Rendering::checkDeliveries()
+{
+    for (size_t i = 0; i < m_deliveries.size(); ++i) {
+        const QString &name = m_session.tracks.at(qsizetype(i)).file;
+        const Delivery &delivery = *m_deliveries[i];
+        if (delivery.cutShort)
+            return fail(
+                Failed,
+                QString("'%1' stopped delivering before its end; nothing was written").arg(name));
+        // At the file's rate; the last frame may be rounded away.
+        if (double(delivery.frames) + 1.0 < m_session.length * delivery.rate)
+            return fail(Failed, QString("'%1' cannot be played at %2 Hz; nothing was written")
+                                    .arg(name)
+                                    .arg(m_session.rate));
+    }
+    return true;
+}
+
 void Rendering::complete()
 {
     m_over = true;
     m_seconds = double(m_clock.nsecsElapsed()) / 1e9;
-    bool cutShort = false;
-    for (QTovelMixer::Source *source : m_engine->activeSources()) {
-        auto *file = qobject_cast<FileSource *>(source);
-        cutShort = cutShort || (file && file->wasCutShort());
-    }
     m_engine->deactivate(QTovelMixer::UserStopAction);
-    if (cutShort)
-        fail(Failed, "a file stopped delivering before its end; nothing was written");
-    else
+    const bool whole = m_frames == m_wantedFrames || !m_writer->error().isEmpty();
+    if (checkDeliveries() &&
+        (whole || fail(Failed, "the mixer stopped before the end; nothing was written")))
         commit();
     Q_EMIT finished();
 }
@@ -268,13 +339,13 @@ QString Rendering::table() const
                     .arg(decibels(m_measures->samplePeaks[c]), 6, 'f', 1)
                     .arg(decibels(m_measures->truePeaks[c]), 6, 'f', 1);
     for (const Stem &stem : m_stems)
-        recordings += QString("%1: recorded through a sink\n").arg(stem.path);
+        recordings += printable(stem.path) + ": recorded through a sink\n";
     return text +
            QString("loudness, highest: momentary %1 LUFS, short-term %2 LUFS\n"
                    "%3: %4 frames at %5 Hz, %6 × real time\n")
                .arg(m_measures->momentary, 0, 'f', 1)
                .arg(m_measures->shortTerm, 0, 'f', 1)
-               .arg(m_outputPath)
+               .arg(printable(m_files.mix))
                .arg(m_wantedFrames)
                .arg(m_session.rate)
                .arg(speed(), 0, 'f', 0) +
@@ -290,7 +361,7 @@ QByteArray Rendering::json() const
     QJsonArray recordings;
     for (const Stem &stem : m_stems)
         recordings.append(stem.path);
-    const QJsonObject object{{"file", m_outputPath},
+    const QJsonObject object{{"file", m_files.mix},
                              {"frames", m_wantedFrames},
                              {"rate", m_session.rate},
                              {"speed", speed()},

@@ -28,8 +28,16 @@ class Rendering : public QObject
     Q_OBJECT
 
 public:
-    /// `picture`: empty for none.
-    Rendering(const QString &session, const QString &output, const QString &picture);
+    /// The files of a rendering.
+    struct Files
+    {
+        QString session;
+        QString mix;
+        QString picture;    ///< empty for none
+        bool force = false; ///< inputs and older recordings may be replaced
+    };
+
+    explicit Rendering(const Files &files);
     ~Rendering() override;
 
     /// Errors: false; the outcome says why, and nothing was written.
@@ -51,17 +59,22 @@ private:
     struct Measures; ///< of what was written
 
     bool fail(ExitStatus status, const QString &line);
+    bool checkOutputs();
+    QString stemPath(const Track &track) const;
+    bool openOutputs();
+    bool openEngine();
     bool addTrack(const Track &track);
     bool addStem(const Track &track, FileSource *source);
     void take(const float *samples, unsigned frames);
     void completeWhenWritten();
+    /// A source left the mix, which none does before the end.
+    void completeEarly();
     void complete();
+    bool checkDeliveries();
     bool commit();
     double speed() const;
 
-    QString m_sessionPath;
-    QString m_outputPath;
-    QString m_picturePath;
+    Files m_files;
     SessionFile m_session;
     qint64 m_wantedFrames = 0;
     Outcome m_outcome;
@@ -78,6 +91,7 @@ private:
         QString path;
     };
     std::vector<Stem> m_stems;
+    std::vector<std::shared_ptr<const Delivery>> m_deliveries; ///< one per track
     std::atomic<qint64> m_frames{0};
     std::atomic<bool> m_ended{false}; ///< nothing more is taken
     // Goes first: its thread uses what stands above.

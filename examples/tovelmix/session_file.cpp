@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/session_file.h>
 
+#include <tovelmix/printable.h>
 #include <tovelmix/take.h>
 
 #include <QtCore/QDir>
@@ -31,20 +32,6 @@ SoundFacts lookAt(const QString &path)
 
 constexpr double longestSession = 24.0 * 3600.0; // s
 constexpr double largestGain = 1000.0;
-
-/// What would break a line, or steer the terminal that shows it.
-bool isControl(QChar letter)
-{
-    const QChar::Category category = letter.category();
-    return category == QChar::Other_Control || category == QChar::Separator_Line ||
-           category == QChar::Separator_Paragraph;
-}
-
-QString oneLine(QString text)
-{
-    std::replace_if(text.begin(), text.end(), isControl, QLatin1Char('?'));
-    return text;
-}
 
 /// Reads keys of one object; the first complaint stays.
 class Reader
@@ -104,7 +91,7 @@ public:
     void complain(const QString &key, const QString &reason)
     {
         if (m_error.isEmpty())
-            m_error = oneLine(QString("%1: '%2' %3").arg(m_where, key, reason));
+            m_error = printable(QString("%1: '%2' %3").arg(m_where, key, reason));
     }
 
 private:
@@ -258,6 +245,11 @@ void readTracks(const QString &path, const Look &look, Reader &reader, SessionFi
 SessionFile readSession(const QString &path)
 {
     SessionFile session;
+    // Of anything else, a pipe for example, nobody knows whether its text ever comes.
+    if (const QFileInfo info(path); info.exists() && !info.isFile()) {
+        session.error = QString("cannot read '%1': it is not a file").arg(path);
+        return session;
+    }
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         session.error = QString("cannot read '%1': %2").arg(path, file.errorString());

@@ -33,6 +33,8 @@ bool SoundOutput::open(SF_INFO info)
 {
     if (QFileInfo(m_path).isDir())
         return fail("it is a folder");
+    if (QFileInfo(m_path).exists() && !QFileInfo(m_path).isFile())
+        return fail("it is not a file");
     if (!sf_format_check(&info))
         return fail(QString("this format has no %1 channels at %2 Hz")
                         .arg(info.channels)

@@ -2,9 +2,11 @@
 // Sessions mixed into files by the example host.
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+#include <QtCore/QMap>
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QtEndian>
@@ -14,6 +16,10 @@
 
 #include <csignal>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -71,6 +77,15 @@ private slots:
     void render_refuses_data();
     void render_refuses();
     void render_leavesNothing_whenInterrupted();
+    void render_ends_whenNobodyReadsItsOutput_data();
+    void render_ends_whenNobodyReadsItsOutput();
+    void render_namesTheFile_thatCannotBePlayed_data();
+    void render_namesTheFile_thatCannotBePlayed();
+    void render_replacesNothing_withoutForce_data();
+    void render_replacesNothing_withoutForce();
+    void render_replacesRecordingsAndInputs_whenForced();
+    void render_refusesAPipe_asSession();
+    void render_showsDirectionMarks_asQuestionMarks();
 
 private:
     QString path(const char *name) const { return m_folder->filePath(name); }
@@ -78,6 +93,15 @@ private:
     {
         QFile file(path("session.json"));
         return file.open(QIODevice::WriteOnly) && file.write(json) == json.size();
+    }
+    QMap<QString, QByteArray> contents() const
+    {
+        QMap<QString, QByteArray> all;
+        for (const QString &name : QDir(m_folder->path()).entryList(QDir::Files)) {
+            QFile file(m_folder->filePath(name));
+            all[name] = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("unreadable");
+        }
+        return all;
     }
 
     std::unique_ptr<QTemporaryDir> m_folder;
@@ -348,6 +372,167 @@ void tst_TovelmixRender::render_leavesNothing_whenInterrupted()
     QCOMPARE(process.exitCode(), 1);
     QVERIFY(says("interrupted"));
     QCOMPARE(list("*"), before);
+}
+
+void tst_TovelmixRender::render_ends_whenNobodyReadsItsOutput_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("Ctrl-C") << SIGINT;
+    QTest::newRow("the polite kill") << SIGTERM;
+}
+
+// The figures go into a pipe that is full, so the program waits in the middle of printing.
+void tst_TovelmixRender::render_ends_whenNobodyReadsItsOutput()
+{
+    QFETCH(int, signal);
+    QVERIFY(save(R"({"files": [{"file": "b.wav"}]})"));
+    int ends[2];
+    QVERIFY(pipe2(ends, O_NONBLOCK | O_CLOEXEC) == 0);
+    const QByteArray filling(4096, ' ');
+    while (write(ends[1], filling.constData(), size_t(filling.size())) > 0) {
+    }
+    fcntl(ends[1], F_SETFL, 0);
+    QProcess process;
+    process.setChildProcessModifier([&ends] { dup2(ends[1], STDOUT_FILENO); });
+    process.start(TOVELMIX, {"render", path("session.json"), "--out", path("mix.wav")});
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(path("mix.wav")), runTimeout);
+    ::kill(pid_t(process.processId()), signal);
+    const bool ended = process.waitForFinished(60000);
+    close(ends[0]);
+    close(ends[1]);
+    QVERIFY(ended);
+    QVERIFY(process.exitStatus() == QProcess::CrashExit || process.exitCode() == 1);
+}
+
+void tst_TovelmixRender::render_namesTheFile_thatCannotBePlayed_data()
+{
+    QTest::addColumn<QByteArray>("files");
+    QTest::newRow("alone") << QByteArray(R"({"file": "slow.wav"})");
+    QTest::newRow("beside another") << QByteArray(R"({"file": "b.wav"}, {"file": "slow.wav"})");
+}
+
+// No converter leads from 100 Hz to 48000 Hz.
+void tst_TovelmixRender::render_namesTheFile_thatCannotBePlayed()
+{
+    QFETCH(QByteArray, files);
+    QVERIFY(writeMono(path("slow.wav"), 100, 200));
+    QVERIFY(save("{\"files\": [" + files + "]}"));
+    const QMap<QString, QByteArray> before = contents();
+    const Result result = run({"render", path("session.json"), "--out", path("mix.wav")});
+    QCOMPARE(result.status, 1);
+    QVERIFY2(result.err.contains("slow.wav'"), result.err.constData());
+    QCOMPARE(contents(), before);
+}
+
+void tst_TovelmixRender::render_replacesNothing_withoutForce_data()
+{
+    QTest::addColumn<QByteArray>("record");
+    QTest::addColumn<QString>("mix");
+    QTest::addColumn<QString>("picture");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("a mix over an input") << QByteArray() << "b.wav"
+                                         << ""
+                                         << "b.wav";
+    QTest::newRow("a mix over a link to an input") << QByteArray() << "link.wav"
+                                                   << ""
+                                                   << "link.wav";
+    QTest::newRow("a mix over an input in a linked folder") << QByteArray() << "folder/b.wav"
+                                                            << ""
+                                                            << "folder/b.wav";
+    QTest::newRow("a picture over an input") << QByteArray() << "mix.wav"
+                                             << "b.wav"
+                                             << "b.wav";
+    QTest::newRow("a picture over the session") << QByteArray() << "mix.wav"
+                                                << "session.json"
+                                                << "session.json";
+    QTest::newRow("a picture over the mix") << QByteArray() << "mix.wav"
+                                            << "mix.wav"
+                                            << "mix.wav";
+    QTest::newRow("a picture over a recording") << QByteArray("take.wav") << "mix.wav"
+                                                << "take.wav"
+                                                << "take.wav";
+    QTest::newRow("a recording over an older one") << QByteArray("older.wav") << "mix.wav"
+                                                   << ""
+                                                   << "older.wav";
+    QTest::newRow("a recording over the mix") << QByteArray("mix.wav") << "mix.wav"
+                                              << ""
+                                              << "mix.wav";
+    QTest::newRow("a recording over an input") << QByteArray("b.wav") << "mix.wav"
+                                               << ""
+                                               << "b.wav";
+}
+
+void tst_TovelmixRender::render_replacesNothing_withoutForce()
+{
+    QFETCH(QByteArray, record);
+    QFETCH(QString, mix);
+    QFETCH(QString, picture);
+    QFETCH(QString, named);
+    QVERIFY(writeMono(path("older.wav"), 48000, 10));
+    QVERIFY(QFile::link(path("b.wav"), path("link.wav")));
+    QVERIFY(QFile::link(m_folder->path(), path("folder")));
+    QVERIFY(save("{\"files\": [{\"file\": \"b.wav\"" +
+                 (record.isEmpty() ? QByteArray() : ", \"record\": \"" + record + '"') + "}]}"));
+    const QMap<QString, QByteArray> before = contents();
+    QStringList arguments{"render", path("session.json"), "--out", m_folder->filePath(mix)};
+    if (!picture.isEmpty())
+        arguments += {"--picture", m_folder->filePath(picture)};
+    const Result result = run(arguments);
+    QCOMPARE(result.status, 1);
+    QCOMPARE(result.err.count('\n'), 1);
+    QVERIFY2(result.err.contains(named.toUtf8()), result.err.constData());
+    QCOMPARE(contents(), before);
+    QVERIFY(QFileInfo(path("link.wav")).isSymLink());
+}
+
+void tst_TovelmixRender::render_replacesRecordingsAndInputs_whenForced()
+{
+    QVERIFY(writeMono(path("take.wav"), 48000, 10));
+    QVERIFY(save(R"({"files": [{"file": "b.wav", "record": "take.wav"}]})"));
+    const Result result = run({"render", path("session.json"), "--out", path("b.wav"), "--force"});
+    QCOMPARE(result.err, QByteArray());
+    QCOMPARE(result.status, 0);
+    for (const char *name : {"b.wav", "take.wav"}) {
+        SF_INFO info = {};
+        SNDFILE *sound = sf_open(QFile::encodeName(path(name)).constData(), SFM_READ, &info);
+        QVERIFY(sound);
+        sf_close(sound);
+        QCOMPARE(info.frames, sf_count_t(48000));
+        QCOMPARE(info.samplerate, 48000);
+    }
+}
+
+// Nobody ever writes into it, so reading it would wait for ever.
+void tst_TovelmixRender::render_refusesAPipe_asSession()
+{
+    QVERIFY(mkfifo(QFile::encodeName(path("session.json")).constData(), 0600) == 0);
+    const QStringList before = QDir(m_folder->path()).entryList(QDir::Files | QDir::System);
+    QProcess process;
+    process.start(TOVELMIX, {"render", path("session.json"), "--out", path("mix.wav")});
+    const bool ended = process.waitForFinished(60000);
+    QVERIFY2(ended, "it waits for the pipe");
+    QCOMPARE(process.exitCode(), 1);
+    QVERIFY(process.readAllStandardError().contains("session.json"));
+    QCOMPARE(QDir(m_folder->path()).entryList(QDir::Files | QDir::System), before);
+}
+
+void tst_TovelmixRender::render_showsDirectionMarks_asQuestionMarks()
+{
+    const QString name = QString::fromUtf8("gnp.\u202aa\u202bb\u202cc\u202dd\u202ee\u2066f\u2067g"
+                                           "\u2068h\u2069.wav");
+    const QByteArray shown = "gnp.?a?b?c?d?e?f?g?h?.wav";
+    QVERIFY(save(R"({"files": [{"file": ")" + name.toUtf8() + R"("}]})"));
+    const Result refused = run({"render", path("session.json"), "--out", path("mix.wav")});
+    QCOMPARE(refused.status, 1);
+    QVERIFY2(refused.err.contains(shown), refused.err.constData());
+
+    QVERIFY(save(R"({"files": [{"file": "b.wav", "record": ")" + name.toUtf8() + R"("}]})"));
+    const Result result =
+        run({"render", path("session.json"), "--out", m_folder->filePath("m" + name)});
+    QCOMPARE(result.status, 0);
+    QVERIFY2(result.out.contains("/m" + shown + ':'), result.out.constData());
+    QVERIFY2(result.out.contains('/' + shown + ": recorded"), result.out.constData());
+    QVERIFY(!result.out.contains("\xe2\x80") && !result.out.contains("\xe2\x81"));
 }
 
 QTEST_GUILESS_MAIN(tst_TovelmixRender)
