@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 // What a block costs beside its samples.
 #include "cases/cases.h"
-#include "cases/desk.h"
+#include "cases/host.h"
+#include "cases/pacing.h"
 
 #include <base/trace_p.h>
+
+#include <memory>
 
 using namespace QTovelMixer;
 
@@ -18,50 +21,50 @@ constexpr unsigned fewFrames = 8;
 
 Case empty(unsigned frames, double most)
 {
-    const auto desk = std::make_shared<Desk>(0, 1, 0, 2, frames, false);
+    const auto host = std::make_shared<Host>(Host::Setup{.frames = frames});
     return Case(section, QStringLiteral("no sources, stereo output, %1 frames").arg(frames))
-        .ours([desk] { desk->mix(); })
+        .ours([host] { host->api->block(); })
         .mustTakeAtMost(most);
+}
+
+Case playing(const Case &work, const Host::Setup &setup)
+{
+    const auto host = std::make_shared<Host>(setup);
+    if (setup.sources == 1)
+        host->fillMatrix();
+    host->play();
+    return paced(work, {Pacing::Hot, setup.frames},
+                 {{QStringLiteral("ours"), [host] { host->api->block(); },
+                   [host] { host->waitUntilFull(); }}});
 }
 
 /// What 32 sources add to a block without samples to speak of.
 Case bookkeeping()
 {
     constexpr int sources = 32;
-    const auto desk = std::make_shared<Desk>(sources, 2048, 0, 2, fewFrames, false);
-    return Case(section, QStringLiteral("a playing source, blocks of 8 frames"))
-        .per(QStringLiteral("source"), sources)
-        .ours([desk] { desk->mix(); })
-        .mustTakeAtMost(30.0);
+    Case work(section, QStringLiteral("a playing source, blocks of 8 frames"));
+    work.per(QStringLiteral("source"), sources);
+    return playing(work, {.sources = sources, .frames = fewFrames}).mustTakeAtMost(30.0);
 }
 
 Case denseMatrix()
 {
-    const auto desk = std::make_shared<Desk>(0, 1, 128, 128, blockFrames, false);
-    Engine::Data &data = EngineAccess::shipped(desk->engine);
-    for (unsigned row = 0; row < 128; ++row) {
-        for (unsigned column = 0; column < 128; ++column)
-            data.matrix.setCell(row, column, 1.0f / 128.0f);
-    }
-    desk->plan();
-    return Case(section, QStringLiteral("128 inputs and outputs, dense, 256 frames")).ours([desk] {
-        desk->mix();
-    });
+    const Case work(section, QStringLiteral("a source of 128 channels into 128 outputs, dense, "
+                                            "256 frames"));
+    return playing(work, {.sources = 1, .channels = 128, .outputs = 128});
 }
 
 /// Silent because its worker does not run: every block says so in the log.
 Case stopped()
 {
     constexpr int sources = 32;
-    const auto desk = std::make_shared<Desk>(sources, 2048, 0, 2, blockFrames, false);
-    for (const auto &source : desk->sources)
-        SourceAccess::data(*source).running = 0;
+    const auto host = std::make_shared<Host>(Host::Setup{.sources = sources});
     return Case(section, QStringLiteral("a stopped source, on an audio thread"))
         .per(QStringLiteral("source"), sources)
-        .ours([desk, blocks = 0]() mutable {
+        .ours([host, blocks = 0]() mutable {
             {
                 const AudioThreadMark mark;
-                desk->engine.mixerCallback(desk->input, desk->output, blockFrames, 0.0, 0x4);
+                host->api->block();
             }
             if (++blocks % 32 == 0)
                 flushTrace();
@@ -82,7 +85,7 @@ void writeLine(qint64 frame)
 
 void addCallbackCases(Suite &suite)
 {
-    suite.add(section, [] { return empty(blockFrames, 250.0); });
+    suite.add(section, [] { return empty(256, 250.0); });
     suite.add(section, [] { return empty(fewFrames, 150.0); });
     suite.add(section, bookkeeping);
     suite.add(section, denseMatrix);

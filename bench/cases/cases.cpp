@@ -16,6 +16,8 @@ Suite allCases()
     addDeviceCases(suite);
     addWorkerFigures(suite);
     addLockFigures(suite);
+    addHostFigures(suite);
+    addOfflineFigures(suite);
     return suite;
 }
 

@@ -16,6 +16,8 @@ void addCallbackCases(Suite &suite);
 void addDeviceCases(Suite &suite);
 void addWorkerFigures(Suite &suite);
 void addLockFigures(Suite &suite);
+void addHostFigures(Suite &suite);
+void addOfflineFigures(Suite &suite);
 
 /// The whole table.
 Suite allCases();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Rows from interleaved samples and back, and 16-bit integers, beside a copy of the same bytes.
 #include "cases/cases.h"
+#include "peers/miniaudio.h"
 #include "peers/plain.h"
 #include "peers/rematrix.h"
 
@@ -28,6 +29,7 @@ const QString section = QStringLiteral("B. Layouts and integers");
 const QString plain = QStringLiteral("plain loop");
 const QString copy = QStringLiteral("memcpy of the same bytes");
 const QString swr = QStringLiteral("libswresample");
+const QString miniaudio = QStringLiteral("miniaudio");
 
 struct Layout
 {
@@ -52,8 +54,6 @@ struct Layout
 struct Demands
 {
     int channels;
-    double plainly; ///< the best peer that is not here, as a multiple of the plain loop
-    const char *peer;
     double swresample;
     double memcpy;
     double baseline; ///< of the plain loop, with 128-bit vectors
@@ -69,8 +69,6 @@ void addCopy(Case &to, const std::shared_ptr<Layout> &work)
 void demand(Case &of, const Demands &demands)
 {
     of.mustBeat(swr, demands.swresample).mustBeat(copy, demands.memcpy);
-    if (demands.plainly != 0.0)
-        of.mustBeat(plain, demands.plainly, QString::fromUtf8(demands.peer));
 }
 
 Case split(const Demands &demands, bool baseline)
@@ -167,31 +165,29 @@ Case toFloats()
     });
     addToFloat(result, work->shorts.data(), work->otherFloats.data(), converted);
     addCopy(result, work);
-    return result.mustBeat(swr, 2.0).mustBeat(copy, 0.7).mustBeat(plain, 1.1 * 1800 / 175,
-                                                                  QStringLiteral("miniaudio"));
+    if (const ConvertShorts convert = miniaudioToFloat()) {
+        result.add(miniaudio, [work, convert] {
+            convert(work->otherFloats.data(), work->shorts.constData(), converted);
+        });
+    }
+    return result.mustBeat(swr, 2.0).mustBeat(copy, 0.7).mustBeat(miniaudio, 1.1);
 }
 
 } // namespace
 
 void addLayoutCases(Suite &suite)
 {
-    // The best peer for more channels is PipeWire's, through the plain loop.
-    constexpr Demands splits[] = {{2, 0.0, "", 1.5, 0.5, 3.5},
-                                  {8, 582.0 / 147, "PipeWire", 1.0, 0.5, 3.0},
-                                  {32, 1.15 * 2539 / 1076, "PipeWire", 1.15, 0.6, 2.0}};
-    constexpr Demands merges[] = {{2, 0.0, "", 1.5, 0.5, 3.5},
-                                  {8, 576.0 / 150, "PipeWire", 1.0, 0.5, 3.0},
-                                  {32, 1.15 * 3242 / 1329, "PipeWire", 1.15, 0.6, 2.0}};
-    for (const Demands &demands : splits)
+    constexpr Demands all[] = {{2, 1.5, 0.5, 3.5}, {8, 1.0, 0.5, 3.0}, {32, 1.15, 0.6, 2.0}};
+    for (const Demands &demands : all)
         suite.add(section, [demands] { return split(demands, false); });
-    for (const Demands &demands : merges)
+    for (const Demands &demands : all)
         suite.add(section, [demands] { return merge(demands, false); });
     suite.add(section, [] { return toShorts(false); });
     suite.add(section, toFloats);
 #ifdef __x86_64__
-    for (const Demands &demands : splits)
+    for (const Demands &demands : all)
         suite.add(section, [demands] { return split(demands, true); });
-    for (const Demands &demands : merges)
+    for (const Demands &demands : all)
         suite.add(section, [demands] { return merge(demands, true); });
     suite.add(section, [] { return toShorts(true); });
 #endif

@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "cases/live_mixer.h"
 
-#include <QtCore/QFile>
 #include <QtCore/QThread>
-
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 using namespace QTovelMixer;
 
@@ -35,21 +30,6 @@ void LiveMixer::waitFor(qint64 frames) const
 {
     while (delivered() < frames)
         QThread::msleep(1);
-}
-
-double memoryInUse()
-{
-#ifdef __GLIBC__
-    malloc_trim(0);
-#endif
-    QFile file(QStringLiteral("/proc/self/smaps_rollup"));
-    if (!file.open(QIODevice::ReadOnly))
-        return 0.0;
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        if (line.startsWith("Pss:"))
-            return line.mid(4).simplified().split(' ').first().toDouble() / 1024.0;
-    }
-    return 0.0;
 }
 
 } // namespace Bench

@@ -53,10 +53,6 @@ public:
     QTovelMixer::Engine engine;
 };
 
-/// Memory of the process in MiB, each page counted once: rings are mapped twice. 0 where the system
-/// does not tell.
-double memoryInUse();
-
 } // namespace Bench
 
 #endif

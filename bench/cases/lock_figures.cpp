@@ -4,7 +4,6 @@
 #include "cases/live_mixer.h"
 
 #include <mixer/engine_p.h>
-#include <mixer/io/source_p.h>
 
 #include <QtCore/QCoreApplication>
 
@@ -42,7 +41,9 @@ public:
 class Probe
 {
 public:
-    explicit Probe(QRecursiveMutex &lock) : m_lock(lock), m_thread([this] { run(); }) {}
+    using Lock = decltype(Engine::Data::updateLock);
+
+    explicit Probe(Lock &lock) : m_lock(lock), m_thread([this] { run(); }) {}
     ~Probe()
     {
         m_ending = true;
@@ -79,7 +80,7 @@ private:
         }
     }
 
-    QRecursiveMutex &m_lock;
+    Lock &m_lock;
     std::atomic<bool> m_ending{false};
     std::atomic<int64_t> m_last{now()};
     std::atomic<int64_t> m_longest{0};
@@ -87,24 +88,23 @@ private:
 };
 
 /// Until the workers rest.
-void waitForWorkers(const Engine::Data &data)
+void waitForWorkers(const Engine &engine)
 {
     constexpr qint64 nearlyFull = qint64(48000) * 5 - 2 * 4096; // of 5 seconds, read by 4096
-    for (const Source *source : data.sources) {
-        if (!SourceAccess::threadStarted(*source))
-            continue;
-        for (int i = 0; i < 2000 && source->bufferedFrames() < nearlyFull; ++i)
+    for (const Source *source : engine.activeSources()) {
+        for (int i = 0; i < 2000 && source->isRunning() && source->bufferedFrames() < nearlyFull;
+             ++i)
             QThread::msleep(1);
     }
 }
 
 /// The median over the repetitions of the longest hold in each.
-double holdOf(Probe &probe, const Engine::Data &data, const std::function<void()> &operation,
+double holdOf(Probe &probe, const Engine &engine, const std::function<void()> &operation,
               const std::function<void()> &undo)
 {
     std::vector<double> longest;
     for (int i = 0; i < repetitions; ++i) {
-        waitForWorkers(data);
+        waitForWorkers(engine);
         probe.takeLongest();
         operation();
         longest.push_back(double(probe.takeLongest()));
@@ -132,8 +132,7 @@ std::vector<Figure> holds()
     const auto add = [&](
                          const char *name, const std::function<void()> &operation,
                          const std::function<void()> &undo = [] {}) {
-        figures.push_back({section, QString::fromUtf8(name),
-                           holdOf(probe, EngineAccess::shipped(engine), operation, undo),
+        figures.push_back({section, QString::fromUtf8(name), holdOf(probe, engine, operation, undo),
                            QStringLiteral("ns"), oneBlock});
     };
     add("nothing (the device's own blocks)", [] { QThread::msleep(20); });
@@ -153,7 +152,7 @@ std::vector<Figure> holds()
         });
     engine.removeSource(extra);
     QCoreApplication::processEvents();
-    Source *const some = EngineAccess::shipped(engine).sources.front();
+    Source *const some = engine.activeSources().first();
     add("setGain of a source's channel", [&] { engine.setGain(some, 0, 1, 0.25f); });
     add("setMasterOutputGain", [&] { engine.setMasterOutputGain(0.5f); });
     add("setOutputEffectBypass", [&] { engine.setOutputEffectBypass(true); });

@@ -147,8 +147,7 @@ Case manyToTwo()
         Shape{"A2 64 → 2, diagonal, 256 frames", 64, 2, 256, Cells::Diagonal});
     Case result = start(work);
     addRead(result, work);
-    return result.mustBeat(plain, 1.7 * 1391 / 1445, QStringLiteral("PipeWire's channelmix"))
-        .mustBeat(QStringLiteral("reading the inputs"), 0.70);
+    return result.mustBeat(QStringLiteral("reading the inputs"), 0.70);
 }
 
 Case manyToTwoDense()
@@ -157,20 +156,16 @@ Case manyToTwoDense()
         std::make_shared<Work>(Shape{"A2b 64 → 2, dense, 256 frames", 64, 2, 256, Cells::Dense});
     Case result = start(work);
     addProduct(result, work);
-    return result.mustBeat(plain, 2.2 * 2643 / 3012, QStringLiteral("PipeWire's channelmix"))
-        .mustBeat(blas, 0.55);
+    return result.mustBeat(blas, 0.55);
 }
 
-Case dense(const Shape &shape, double pipewire, double juce)
+Case dense(const Shape &shape)
 {
     const auto work = std::make_shared<Work>(shape);
     Case result = start(work);
     addProduct(result, work);
     addPeak(result, work, false);
-    return result.mustBeat(blas, 0.90)
-        .mustBeat(peak, 0.75)
-        .mustBeat(plain, 3.5 * pipewire, QStringLiteral("PipeWire's channelmix"))
-        .mustBeat(plain, 3.5 * juce, QStringLiteral("JUCE"));
+    return result.mustBeat(blas, 0.90).mustBeat(peak, 0.75);
 }
 
 /// On the oldest vectors that the library has code for.
@@ -184,12 +179,10 @@ Case denseBaseline()
     return result.mustBeat(peak, 0.55).mustBeat(plain, 1.3);
 }
 
-Case sparse(const Shape &shape, double pipewire, double plainly)
+Case sparse(const Shape &shape, double plainly)
 {
     const auto work = std::make_shared<Work>(shape);
-    return start(work)
-        .mustBeat(plain, pipewire, QStringLiteral("PipeWire's channelmix"))
-        .mustBeat(plain, plainly);
+    return start(work).mustBeat(plain, plainly);
 }
 
 /// What it costs to see in every block that no cell was changed.
@@ -215,27 +208,22 @@ void addMatrixCases(Suite &suite)
     suite.add(section, manyToTwo);
     suite.add(section, manyToTwoDense);
     suite.add(section, [] {
-        return dense({"A3 64 × 64, dense, 512 frames", 64, 64, 512, Cells::Dense},
-                     159975.0 / 185096, 159975.0 / 186000);
+        return dense({"A3 64 × 64, dense, 512 frames", 64, 64, 512, Cells::Dense});
     });
     suite.add(section, [] {
-        return dense({"A4 128 × 128, dense, 1024 frames", 128, 128, 1024, Cells::Dense},
-                     1290171.0 / 1701266, 1290171.0 / 1460000);
+        return dense({"A4 128 × 128, dense, 1024 frames", 128, 128, 1024, Cells::Dense});
     });
     suite.add(section, [] {
-        return dense({"A4b 128 × 128, dense, 256 frames", 128, 128, 256, Cells::Dense},
-                     346999.0 / 422855, 346999.0 / 411000);
+        return dense({"A4b 128 × 128, dense, 256 frames", 128, 128, 256, Cells::Dense});
     });
 #ifdef __x86_64__
     suite.add(section, denseBaseline);
 #endif
     suite.add(section, [] {
-        return sparse({"A5 128 × 128, 2 %, 1024 frames", 128, 128, 1024, Cells::Sparse},
-                      1.7 * 55396 / 38815, 2.3);
+        return sparse({"A5 128 × 128, 2 %, 1024 frames", 128, 128, 1024, Cells::Sparse}, 2.3);
     });
     suite.add(section, [] {
-        return sparse({"A5b 128 × 128, 2 %, 256 frames", 128, 128, 256, Cells::Sparse},
-                      2.5 * 26337 / 15790, 4.0);
+        return sparse({"A5b 128 × 128, 2 %, 256 frames", 128, 128, 256, Cells::Sparse}, 4.0);
     });
     suite.add(section, [] { return lookAtCells(64, 2, 150.0); });
     suite.add(section, [] { return lookAtCells(64, 64, 720.0); });

@@ -2,13 +2,13 @@
 // Whole mixers with their threads: what they cost the system while they play, how fast they mix
 // when nothing paces them, what memory they take and how soon they sound.
 #include "cases/cases.h"
+#include "cases/host.h"
 #include "cases/live_mixer.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 
 #include <algorithm>
-#include <ctime>
 
 using namespace QTovelMixer;
 
@@ -22,9 +22,7 @@ constexpr int playSeconds = 5;
 
 double processorSeconds()
 {
-    timespec time{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+    return processTime() / 1e9;
 }
 
 QStringList threads()

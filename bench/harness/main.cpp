@@ -77,6 +77,12 @@ bool wanted(const Options &options, const QString &section, const QString &name)
            name.contains(options.only, Qt::CaseInsensitive);
 }
 
+/// Whether its case has to be made to see whether it is wanted.
+bool mayBeWanted(const Options &options, const Suite::Entry &entry)
+{
+    return entry.name.isEmpty() || wanted(options, entry.section, entry.name);
+}
+
 class Table
 {
 public:
@@ -112,7 +118,7 @@ private:
 void countAll(const Suite &suite, const Options &options)
 {
     for (const Suite::Entry &entry : suite.entries) {
-        if (!entry.makeCase)
+        if (!entry.makeCase || !mayBeWanted(options, entry))
             continue;
         const Case work = entry.makeCase();
         if (wanted(options, work.section, work.name))
@@ -129,13 +135,16 @@ void measureAll(const Suite &suite, const Options &options, Table &table)
                 table.add(rowsOf(entry.makeFigures()));
             continue;
         }
-        pin(processor);
+        if (!mayBeWanted(options, entry))
+            continue;
         Case work = entry.makeCase();
-        if (wanted(options, work.section, work.name)) {
-            measure(work, options.pace);
-            table.add(rowsOf(work));
-        }
+        if (!wanted(options, work.section, work.name))
+            continue;
+        if (!work.measureBy) // which may have threads of its own
+            pin(processor);
+        measure(work, options.pace);
         pin(-1);
+        table.add(rowsOf(work));
     }
 }
 
@@ -146,7 +155,7 @@ void addInstructions(const Suite &suite, const Options &options, Table &table)
         arguments << QStringLiteral("--only") << options.only;
     const std::map<QString, double> counts = countElsewhere(arguments);
     for (const Suite::Entry &entry : suite.entries) {
-        if (!entry.makeCase)
+        if (!entry.makeCase || !mayBeWanted(options, entry))
             continue;
         Case work = entry.makeCase();
         takeCounts(work, counts);

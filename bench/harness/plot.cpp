@@ -77,9 +77,8 @@ std::optional<Bar> barOf(const QJsonObject &row)
     const double must = row[QStringLiteral("must")].toDouble();
     const bool holds = must == 0.0 || row[QStringLiteral("holds")].toBool();
     if (row.contains(QStringLiteral("ratio"))) {
-        QString label = name + QLatin1String(" : ") + row[QStringLiteral("reference")].toString();
-        if (row.contains(QStringLiteral("via")))
-            label += QLatin1String(" (for ") + row[QStringLiteral("via")].toString() + u')';
+        const QString label =
+            name + QLatin1String(" : ") + row[QStringLiteral("reference")].toString();
         return Bar{label, row[QStringLiteral("ratio")].toDouble(), must, holds};
     }
     const double ours = row[QStringLiteral("ours")].toDouble();

@@ -71,7 +71,6 @@ std::optional<Row> demanded(const Case &work, const Demand &demand)
             return std::nullopt;
         Row row = comparison(work, *other);
         row.must = demand.bound;
-        row.via = demand.via;
         return row;
     }
     Row row = rowFor(work);
@@ -117,7 +116,7 @@ bool Row::holds() const
 
 QString Row::key() const
 {
-    return section + u'/' + name + u'/' + reference + u'/' + unit + u'/' + via;
+    return section + u'/' + name + u'/' + reference + u'/' + unit;
 }
 
 std::vector<Row> rowsOf(const Case &work)
@@ -173,8 +172,6 @@ void printRow(const Row &row, bool firstOfSection)
         must = row.atLeast ? QStringLiteral("≥ ") : QStringLiteral("≤ ");
         must += row.reference.isEmpty() ? quantity(row.must, row.unit)
                                         : QString::number(row.must, 'g', 3);
-        if (!row.via.isEmpty())
-            must += QLatin1String(" (for ") + row.via + u')';
     }
     std::printf("| %s | %s | %s | %s | %s | %s | %s |\n", qUtf8Printable(row.name),
                 qUtf8Printable(quantity(row.ours, row.unit)), qUtf8Printable(row.reference),
@@ -220,8 +217,6 @@ QJsonObject toJson(const std::vector<Row> &rows)
             item[QStringLiteral("atLeast")] = row.atLeast;
             item[QStringLiteral("holds")] = row.holds();
         }
-        if (!row.via.isEmpty())
-            item[QStringLiteral("via")] = row.via;
         item[QStringLiteral("key")] = row.key();
         list.append(item);
     }

@@ -23,7 +23,6 @@ struct Row
     double ratio = 0.0; ///< how many times as fast as the reference
     double must = 0.0;  ///< 0: nothing is demanded
     bool atLeast = true;
-    QString via;
     std::vector<double> rounds; ///< of the library, for the spread
 
     bool holds() const;

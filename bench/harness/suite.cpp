@@ -45,6 +45,8 @@ int64_t now()
 
 void measure(Case &work, const Pace &pace)
 {
+    if (work.measureBy)
+        return work.measureBy(work, pace);
     holdToTarget(work.target);
     std::vector<long> calls;
     for (const Contestant &who : work.contestants) {

@@ -35,7 +35,12 @@ struct Demand
     Kind kind;
     QString against; ///< a contestant, for TimesAsFast
     double bound;
-    QString via; ///< the peer whose demand this was, when it is not the contestant itself
+};
+
+struct Pace
+{
+    int rounds = 15;
+    double sliceMilliseconds = 2.5;
 };
 
 /// A piece of work that the library and others do in turn.
@@ -48,6 +53,8 @@ struct Case
     int64_t target = 0; ///< the vector instructions that the library is held to; 0: its choice
     std::vector<Contestant> contestants; ///< the library's way is the first
     std::vector<Demand> demands;
+    /// Fills the contestants' rounds where slices on one processor are not the way; may be empty.
+    std::function<void(Case &, const Pace &)> measureBy;
 
     Case(QString inSection, QString called) : section(std::move(inSection)), name(std::move(called))
     {}
@@ -78,21 +85,21 @@ struct Case
     }
 
     /// The library is to be `factor` times as fast as the contestant.
-    Case &mustBeat(const QString &who, double factor, const QString &via = {})
+    Case &mustBeat(const QString &who, double factor)
     {
-        demands.push_back({Demand::TimesAsFast, who, factor, via});
+        demands.push_back({Demand::TimesAsFast, who, factor});
         return *this;
     }
     /// Nanoseconds per unit.
     Case &mustTakeAtMost(double nanoseconds)
     {
-        demands.push_back({Demand::Nanoseconds, {}, nanoseconds, {}});
+        demands.push_back({Demand::Nanoseconds, {}, nanoseconds});
         return *this;
     }
     /// Instructions per unit.
     Case &mustCountAtMost(double instructions)
     {
-        demands.push_back({Demand::Instructions, {}, instructions, {}});
+        demands.push_back({Demand::Instructions, {}, instructions});
         return *this;
     }
 };
@@ -119,24 +126,19 @@ struct Suite
         QString section;
         MakeCase makeCase;
         MakeFigures makeFigures;
+        QString name; ///< of a case that takes long to make; may be empty
     };
 
     std::vector<Entry> entries;
 
-    void add(const QString &section, MakeCase make)
+    void add(const QString &section, MakeCase make, const QString &name = {})
     {
-        entries.push_back({section, std::move(make), {}});
+        entries.push_back({section, std::move(make), {}, name});
     }
     void addFigures(const QString &section, MakeFigures make)
     {
-        entries.push_back({section, {}, std::move(make)});
+        entries.push_back({section, {}, std::move(make), {}});
     }
-};
-
-struct Pace
-{
-    int rounds = 15;
-    double sliceMilliseconds = 2.5;
 };
 
 /// Runs the contestants in turn, in slices, round after round.

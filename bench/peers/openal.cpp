@@ -7,8 +7,6 @@
 #include <AL/alc.h>
 #include <AL/alext.h>
 
-#include <memory>
-
 namespace Bench {
 
 namespace {
@@ -19,7 +17,7 @@ Function address(const char *name)
     return reinterpret_cast<Function>(alcGetProcAddress(nullptr, name));
 }
 
-struct Loopback
+struct Loopback final : OpenAlMixer
 {
     ALCdevice *device = nullptr;
     ALCcontext *context = nullptr;
@@ -56,7 +54,7 @@ struct Loopback
         }
         alSourcePlayv(ALsizei(sources.size()), sources.data());
     }
-    ~Loopback()
+    ~Loopback() override
     {
         if (context) {
             alDeleteSources(ALsizei(sources.size()), sources.data());
@@ -70,10 +68,14 @@ struct Loopback
     Loopback(const Loopback &) = delete;
     Loopback &operator=(const Loopback &) = delete;
 
+    void block() override { render(device, out.data(), ALCsizei(out.size() / 2)); }
+
     /// All of them sound.
-    bool plays() const
+    bool plays()
     {
-        render(device, const_cast<float *>(out.data()), ALCsizei(out.size() / 2));
+        if (!context || !render)
+            return false;
+        block();
         ALint playing = 0;
         for (const ALuint source : sources) {
             ALint state = 0;
@@ -86,15 +88,11 @@ struct Loopback
 
 } // namespace
 
-void addOpenAl(Case &to, const std::vector<const float *> &clips, unsigned clipFrames,
-               unsigned frames)
+std::unique_ptr<OpenAlMixer> OpenAlMixer::create(const std::vector<const float *> &clips,
+                                                 unsigned clipFrames, unsigned frames)
 {
-    const auto loopback = std::make_shared<Loopback>(clips, clipFrames, frames);
-    if (!loopback->context || !loopback->render || !loopback->plays())
-        return;
-    to.add(QStringLiteral("OpenAL Soft"), [loopback, frames] {
-        loopback->render(loopback->device, loopback->out.data(), ALCsizei(frames));
-    });
+    auto mixer = std::make_unique<Loopback>(clips, clipFrames, frames);
+    return mixer->plays() ? std::move(mixer) : nullptr;
 }
 
 } // namespace Bench
@@ -103,7 +101,11 @@ void addOpenAl(Case &to, const std::vector<const float *> &clips, unsigned clipF
 
 namespace Bench {
 
-void addOpenAl(Case &, const std::vector<const float *> &, unsigned, unsigned) {}
+std::unique_ptr<OpenAlMixer> OpenAlMixer::create(const std::vector<const float *> &, unsigned,
+                                                 unsigned)
+{
+    return nullptr;
+}
 
 } // namespace Bench
 

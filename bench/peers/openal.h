@@ -2,16 +2,23 @@
 #ifndef QTOVELMIXER_BENCH_PEERS_OPENAL_H
 #define QTOVELMIXER_BENCH_PEERS_OPENAL_H
 
-#include "harness/suite.h"
-
+#include <memory>
 #include <vector>
 
 namespace Bench {
 
-/// Stereo clips in a loop, mixed by OpenAL Soft into memory. Adds the contestant "OpenAL Soft",
-/// where that library was found.
-void addOpenAl(Case &to, const std::vector<const float *> &clips, unsigned clipFrames,
-               unsigned frames);
+/// Stereo clips at 48 kHz in a loop, mixed by OpenAL Soft into memory.
+class OpenAlMixer
+{
+public:
+    /// The clips are copied. Returns nothing where that library was not found, or when not all of
+    /// the clips sound.
+    static std::unique_ptr<OpenAlMixer> create(const std::vector<const float *> &clips,
+                                               unsigned clipFrames, unsigned frames);
+    virtual ~OpenAlMixer() = default;
+
+    virtual void block() = 0;
+};
 
 } // namespace Bench
 
