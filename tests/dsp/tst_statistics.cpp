@@ -50,6 +50,7 @@ class tst_statistics : public QObject
 private slots:
     void create_refuses_whatCannotBeMeasured_data();
     void create_refuses_whatCannotBeMeasured();
+    void create_takesTheLimits();
     void calls_areHarmless_withoutAHandle();
     void calls_areHarmless_withoutData();
     void destroy_clearsTheVariable();
@@ -60,6 +61,7 @@ private slots:
     void measures_areTheSameBits_onEveryInstructionSet();
 
     void samplePeak_isOfTheLastFramesOnly();
+    void samplePeak_ofAShorterBlock_forgetsTheLongerOne();
     void samplePeak_keepsChannelsApart_data();
     void samplePeak_keepsChannelsApart();
     void truePeak_ofPublishedTones_data();
@@ -90,6 +92,13 @@ void tst_statistics::create_refuses_whatCannotBeMeasured()
     QFETCH(const int, rate);
     QFETCH(const int, channels);
     QVERIFY(!DSPB_StatisticsCreate(rate, channels, 16, levelMeasures));
+}
+
+void tst_statistics::create_takesTheLimits()
+{
+    QVERIFY(makeStatistics(1536000, 1, levelMeasures));
+    QVERIFY(!makeStatistics(1536001, 1, levelMeasures));
+    QVERIFY(makeStatistics(1, 128, levelMeasures));
 }
 
 void tst_statistics::calls_areHarmless_withoutAHandle()
@@ -240,6 +249,22 @@ void tst_statistics::samplePeak_isOfTheLastFramesOnly()
     block[2015] = 0.0F;
     DSPB_StatisticsAddFrames(statistics.get(), block.data(), 2016);
     QCOMPARE(samplePeak(statistics, 0), 0.0);
+}
+
+void tst_statistics::samplePeak_ofAShorterBlock_forgetsTheLongerOne()
+{
+    const std::vector<float> loud(3 * 64, 0.5F);
+    const std::vector<float> quiet(3 * 64, 0.25F);
+    for (const int channels : {1, 2, 3}) {
+        const Statistics statistics = makeStatistics(48000, channels);
+        for (int frames = 1; frames < 40; ++frames) {
+            DSPB_StatisticsAddFrames(statistics.get(), loud.data(), 64);
+            QCOMPARE(samplePeak(statistics, channels - 1), 0.5);
+            DSPB_StatisticsAddFrames(statistics.get(), quiet.data(), frames);
+            for (int channel = 0; channel < channels; ++channel)
+                QCOMPARE(samplePeak(statistics, channel), 0.25);
+        }
+    }
 }
 
 void tst_statistics::samplePeak_keepsChannelsApart_data()

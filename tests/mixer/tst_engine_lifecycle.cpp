@@ -143,6 +143,8 @@ void tst_EngineLifecycle::start_twice_positionsAgain()
     QCOMPARE(session.engine.startTime(), 4.0);
     QCOMPARE(session.run(1)[0], 192000.0f);
     QCOMPARE(session.count("started"), 2);
+    QVERIFY(session.engine.start(0.0));
+    QCOMPARE(session.engine.startTime(), 0.0);
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 1);
     session.checkAtRest();

@@ -18,6 +18,7 @@
 #include <limits>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace QTovelMixer;
@@ -92,6 +93,7 @@ private slots:
     void callback_handlesOtherBlockLengths();
     void masterGain_rampsWithinOneBlock();
     void masterGain_ofInput_appliesBeforeTheMix();
+    void masterGain_callsItsHook();
     void matrix_ignoresDisabledCells_untilGainsAreWritten();
     void matrix_hearsAChangedCell();
     void matrix_equalsThePlainLoops();
@@ -302,6 +304,26 @@ void tst_EngineMix::masterGain_ofInput_appliesBeforeTheMix()
     engine->mixerCallback(input, output, 4, 0.0, 0);
     QCOMPARE(output[0], 3.0f);
     QCOMPARE(engine->masterInputGain(), 3.0f);
+}
+
+void tst_EngineMix::masterGain_callsItsHook()
+{
+    class Hooked : public Engine
+    {
+    public:
+        Hooked() : Engine(nullptr) {}
+        void onMasterGainChanged() override
+        {
+            seen.append({masterOutputGain(), masterInputGain()});
+        }
+
+        QList<std::pair<float, float>> seen;
+    };
+    Hooked hooked;
+    hooked.setMasterOutputGain(0.5f);
+    hooked.setMasterInputGain(0.25f);
+    const QList<std::pair<float, float>> expected{{0.5f, 1.0f}, {0.5f, 0.25f}};
+    QCOMPARE(hooked.seen, expected);
 }
 
 void tst_EngineMix::matrix_ignoresDisabledCells_untilGainsAreWritten()

@@ -66,6 +66,7 @@ private slots:
     void block_isClean_whenTheMixChanges_data();
     void block_isClean_whenTheMixChanges();
     void plan_isReady_afterEveryChange();
+    void plan_isReady_afterOpening_withoutInputs();
     void thread_mixes_whileTheMainThreadChangesEverything();
     void block_isClean_whenRingsRunOver_andDry();
     void block_takesNoPageFault_afterItsWarmUp();
@@ -200,6 +201,18 @@ void tst_EngineRealtime::plan_isReady_afterEveryChange()
     engine.removeSink(sink);
     QVERIFY(isChangedAndPlanned());
     QVERIFY(!data.plan.watchesCells());
+}
+
+// No gain of the sink is written then, so that nothing else plans its column.
+void tst_EngineRealtime::plan_isReady_afterOpening_withoutInputs()
+{
+    Session session(0, 2);
+    Engine &engine = session.engine;
+    QVERIFY(session.addRamp(48000, 20.0));
+    QVERIFY(engine.addSink(new TakeSink(&engine, 48000, 2)));
+    QVERIFY(engine.open(engine.currentDevice(DeviceKind::Output), nullptr, 48000, false));
+    QVERIFY(isPlanned(EngineAccess::shipped(engine)));
+    session.stopAll();
 }
 
 void tst_EngineRealtime::thread_mixes_whileTheMainThreadChangesEverything()
