@@ -2,8 +2,13 @@
 include(CMakePackageConfigHelpers)
 
 set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/QtTovelMixer")
-# RtAudio may live in a prefix of its own.
-set_target_properties(qttovelmixer PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+if(QTTOVELMIXER_WITH_RTAUDIO AND QTTOVELMIXER_SYSTEM_RTAUDIO)
+  set(needs_rtaudio ON)
+  # It may live in a prefix of its own.
+  set_target_properties(qttovelmixer PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+else()
+  set(needs_rtaudio OFF)
+endif()
 install(TARGETS qttovelmixer EXPORT QtTovelMixerTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qttovelmixer"
@@ -16,17 +21,21 @@ write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfig
 install(FILES
   "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfig.cmake"
   "${CMAKE_CURRENT_BINARY_DIR}/QtTovelMixerConfigVersion.cmake"
-  "${CMAKE_CURRENT_LIST_DIR}/FindRtAudio6.cmake"
   DESTINATION "${package_folder}")
+if(needs_rtaudio)
+  install(FILES "${CMAKE_CURRENT_LIST_DIR}/FindRtAudio6.cmake" DESTINATION "${package_folder}")
+endif()
 # Relative, so that the installed tree may be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" OUTPUT_VARIABLE pc_prefix)
 set(pc_rtaudio_requirement "")
 set(pc_rtaudio_flag "")
-if(QTTOVELMIXER_WITH_RTAUDIO)
+if(needs_rtaudio)
   set(pc_rtaudio_requirement ", rtaudio >= 6")
-  set(pc_rtaudio_flag " -DQTOVELMIXER_WITH_RTAUDIO")
 endif()
+foreach(definition IN LISTS rtaudio_public_definitions)
+  string(APPEND pc_rtaudio_flag " -D${definition}")
+endforeach()
 configure_file("${CMAKE_CURRENT_LIST_DIR}/qttovelmixer.pc.in"
   "${CMAKE_CURRENT_BINARY_DIR}/qttovelmixer.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/qttovelmixer.pc"

@@ -8,8 +8,6 @@
 #include <QtCore/QFlags>
 #include <QtCore/QStringList>
 
-#include <RtAudio.h>
-
 namespace QTovelMixer {
 struct RtAudioAccess;
 }

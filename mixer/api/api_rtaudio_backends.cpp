@@ -65,7 +65,7 @@ RtAudio::Api rtAudioApiOf(Backend backend)
 
 bool isCompiled(RtAudio::Api api)
 {
-    const std::vector<RtAudio::Api> compiled = rtAudioSystem().compiledApis();
+    const std::vector<RtAudio::Api> compiled = rtAudioSystem().compiledApis().list;
     return std::find(compiled.begin(), compiled.end(), api) != compiled.end();
 }
 
@@ -87,7 +87,7 @@ RtAudio::Api preferedRtAudioApi()
 QStringList QTovelMixerApiRtAudio::getAvailableBackends()
 {
     QStringList names;
-    for (RtAudio::Api api : QTovelMixer::rtAudioSystem().compiledApis())
+    for (RtAudio::Api api : QTovelMixer::rtAudioSystem().compiledApis().list)
         names.append(QTovelMixer::convertBackendToString(QTovelMixer::backendOf(api)));
     return names;
 }

@@ -9,6 +9,7 @@
 #include <QtCore/QThread>
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 
 #if defined(__unix__) || defined(__APPLE__)
@@ -65,7 +66,15 @@ bool QTovelMixer::logFailure(const Answer &answer, const char *operation, const 
 QTovelMixerApiRtAudio::RtAudioData::RtAudioData(QTovelMixerApiRtAudio *backend, RtAudio::Api wanted,
                                                 QFlags<Option> flags)
     : q(backend), api(wanted), options(flags)
-{}
+{
+#if defined(QTOVELMIXER_SYSTEM_RTAUDIO)
+    static std::once_flag told;
+    std::call_once(told, [] {
+        qWarning("QTovelMixerApiRtAudio: built on the system's RtAudio: on PulseAudio surround "
+                 "channels may be exchanged, and more than 6 channels may not open");
+    });
+#endif
+}
 
 void QTovelMixerApiRtAudio::RtAudioData::makeInstance()
 {

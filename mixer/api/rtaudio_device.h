@@ -4,7 +4,20 @@
 
 #include <mixer/api/device.h>
 
+#if defined(QTOVELMIXER_SYSTEM_RTAUDIO)
 #include <RtAudio.h>
+#else
+#include <rtaudio/RtAudio.h>
+#if !defined(QTOVELMIXER_CARRIED_RTAUDIO)
+#error "another rtaudio/RtAudio.h stands before the one that is installed with this header"
+#endif
+#endif
+
+#if defined(__GNUC__) && !defined(__clang__) && defined(QTOVELMIXER_BUILD)
+// The record's functions stay in the library, and its layout is the header's.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wattributes"
+#endif
 
 /// A device as RtAudio reports it. A later probe that finds the device again replaces the record
 /// in place, so that every pointer to the device stays good.
@@ -52,5 +65,9 @@ public:
 private:
     RtAudio::DeviceInfo m_info;
 };
+
+#if defined(__GNUC__) && !defined(__clang__) && defined(QTOVELMIXER_BUILD)
+#pragma GCC diagnostic pop
+#endif
 
 #endif

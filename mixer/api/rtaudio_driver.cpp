@@ -12,10 +12,10 @@ namespace {
 
 constexpr int pulseTimeout = 1000; // ms
 
-std::vector<RtAudio::Api> compiledApis()
+RtAudioApis compiledApis()
 {
-    std::vector<RtAudio::Api> apis;
-    RtAudio::getCompiledApi(apis);
+    RtAudioApis apis;
+    RtAudio::getCompiledApi(apis.list);
     return apis;
 }
 
@@ -86,7 +86,7 @@ std::unique_ptr<RtAudioDriver> makeDriver(RtAudio::Api api, RtAudioErrorCallback
     if (api != RtAudio::UNSPECIFIED)
         return std::make_unique<RealDriver>(api, std::move(callback));
     std::unique_ptr<RtAudioDriver> driver;
-    for (RtAudio::Api compiled : compiledApis()) {
+    for (RtAudio::Api compiled : compiledApis().list) {
         driver = std::make_unique<RealDriver>(compiled, callback);
         const auto ids = driver->deviceIds();
         if (ids && !ids->empty())

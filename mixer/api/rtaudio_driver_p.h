@@ -39,10 +39,17 @@ public:
     virtual std::string errorText() = 0;
 };
 
+/// The interfaces that RtAudio was compiled with, in its order. A type of the library's own: the
+/// signature of a function that hands over RtAudio's would show its names.
+struct RtAudioApis
+{
+    std::vector<RtAudio::Api> list;
+};
+
 /// Where drivers come from. Tests put their own functions here before they make a backend.
 struct RtAudioSystem
 {
-    std::function<std::vector<RtAudio::Api>()> compiledApis;
+    std::function<RtAudioApis()> compiledApis;
     std::function<std::unique_ptr<RtAudioDriver>(RtAudio::Api, RtAudioErrorCallback)> makeDriver;
 };
 

@@ -5,6 +5,7 @@ set(build "${WORK}/add_subdirectory")
 run("${CMAKE_COMMAND}" -S "${CMAKE_CURRENT_LIST_DIR}/subproject" -B "${build}" -G "${GENERATOR}"
   "-DCMAKE_CXX_FLAGS=-O0" "-DCMAKE_CXX_COMPILER=${COMPILER}"
   "-DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER}"
+  "-DQTTOVELMIXER_RTAUDIO_SOURCE=${RTAUDIO_SOURCE}"
   "-DLIBRARY_SOURCE=${SOURCE}" "-DHOST_SOURCE=${HOST_SOURCE}")
 run("${CMAKE_COMMAND}" --build "${build}")
 run_host("${build}/embedding_host")

@@ -1,9 +1,9 @@
 # cmake -DSOURCE=... -P headers.cmake: fails when a header shows another library to whoever includes
-# it. RtAudio's may be seen by users of its backend and devices only.
+# it. RtAudio's may be seen by users of its devices only.
 cmake_minimum_required(VERSION 3.25)
 
 set(foreign "RtAudio|rtaudio|hwy|soxr|samplerate|ebur128")
-set(adapters mixer/api/api_rtaudio.h mixer/api/rtaudio_device.h)
+set(adapters mixer/api/rtaudio_device.h)
 
 set(complaints "")
 set(count 0)

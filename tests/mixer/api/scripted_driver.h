@@ -25,7 +25,7 @@ public:
                                                           RtAudio::LINUX_PULSE})
         : apis(std::move(compiled))
     {
-        QTovelMixer::rtAudioSystem() = {[this] { return apis; },
+        QTovelMixer::rtAudioSystem() = {[this] { return QTovelMixer::RtAudioApis{apis}; },
                                         [this](RtAudio::Api api, RtAudioErrorCallback callback) {
                                             return make(api, std::move(callback));
                                         }};

@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: MIT
+#ifndef QTOVELMIXER_TESTS_TREE_FOREIGN_MIXER_API_RTAUDIO_DEVICE_H
+#define QTOVELMIXER_TESTS_TREE_FOREIGN_MIXER_API_RTAUDIO_DEVICE_H
+
+#include <RtAudio.h>
+#include <soxr.h>
+
+#endif
