@@ -4,10 +4,12 @@ include(CMakePackageConfigHelpers)
 set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/QtTovelMixer")
 if(QTTOVELMIXER_WITH_RTAUDIO AND QTTOVELMIXER_SYSTEM_RTAUDIO)
   set(needs_rtaudio ON)
+  set(package_rtaudio "include(\"\${CMAKE_CURRENT_LIST_DIR}/FindRtAudio6.cmake\")")
   # It may live in a prefix of its own.
   set_target_properties(qttovelmixer PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
 else()
   set(needs_rtaudio OFF)
+  set(package_rtaudio "")
 endif()
 install(TARGETS qttovelmixer EXPORT QtTovelMixerTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
