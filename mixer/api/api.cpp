@@ -36,6 +36,11 @@ Api::Api(Backend backend, const QString &name, unsigned int bufferFrames)
     d->name = name;
     d->backend = backend;
     d->bufferFrames = std::min(bufferFrames, mostBufferFrames);
+    // On the thread that reports: the engine hears of it later, and may have opened another device
+    // by then.
+    connect(
+        this, &Api::deviceFailure, this, [this] { d->failedOpening = d->openings.load(); },
+        Qt::DirectConnection);
 }
 
 Api::~Api()
@@ -274,10 +279,16 @@ void Api::setEngine(Engine *engine)
 {
     if (Engine *before = d->engine)
         disconnect(this, &Api::deviceFailure, before, &Engine::onApiDeviceFailure);
-    d->engine = engine;
+    d->engine = nullptr; // in case that memory runs out now
     if (engine)
         connect(this, &Api::deviceFailure, engine, &Engine::onApiDeviceFailure,
                 Qt::QueuedConnection);
+    d->engine = engine;
+}
+
+Engine *Api::engine() const
+{
+    return d->engine;
 }
 
 bool Api::openApi(Device *output, Device *input, unsigned int sampleRate)
@@ -286,14 +297,17 @@ bool Api::openApi(Device *output, Device *input, unsigned int sampleRate)
         d->setCurrent(nullptr, nullptr);
         return answer;
     };
-    if (!output && !input)
+    if (!output && !input) {
+        ++d->openings;
         return nothingOpen(true);
+    }
     unsigned int rate = sampleRate;
     Engine *engine = d->engine;
     if (!engine || engine->availableSampleRates(output, input, rate).isEmpty() || rate == 0)
         return nothingOpen(false);
     if (!open(output, input, rate))
         return nothingOpen(false);
+    ++d->openings;
     d->sampleRate = rate;
     d->setCurrent(output && output->canPlayback(false) ? output : nullptr,
                   input && input->canCapture(false) ? input : nullptr);
@@ -354,6 +368,11 @@ void Api::reportDeviceFailure()
 void Api::rearmDeviceFailure()
 {
     d->failureReported = 0;
+}
+
+bool Api::failureIsCurrent() const
+{
+    return d->failedOpening == d->openings;
 }
 
 } // namespace QTovelMixer

@@ -119,6 +119,8 @@ public:
 
     /// The engine to hand blocks and failures to; null for none.
     void setEngine(Engine *engine);
+    /// What `setEngine` was given last. Threads: any.
+    Engine *engine() const;
     /// Opens at a rate that all devices have, and makes them current. Errors: false, and nothing
     /// is current. Two null devices: nothing is opened, and the answer is true.
     bool openApi(Device *output, Device *input, unsigned int sampleRate);
@@ -137,6 +139,8 @@ public:
     void reportDeviceFailure();
     /// Lets the next failure be reported. Threads: any.
     void rearmDeviceFailure();
+    /// True when no other device was opened since the last failure was reported.
+    bool failureIsCurrent() const;
 
 Q_SIGNALS:
     void deviceListChanged();

@@ -25,6 +25,8 @@ struct Api::Data
     QElapsedTimer lastUpdate;
     qint64 clockShift = 0; ///< ms that tests let pass
     std::atomic<int> failureReported{0};
+    std::atomic<unsigned> openings{0};      ///< successful calls of openApi
+    std::atomic<unsigned> failedOpening{0}; ///< the number of openings at the last failure
     QList<Device *> previousDevices;
     QList<Device *> devices;
     QList<Device *> knownDevices; ///< owned
