@@ -25,7 +25,14 @@ struct EngineAccess;
 ///
 /// Threads: the words main, worker, audio and any are those of docs/threads.md. Unless a line
 /// says otherwise an operation belongs to the main thread; one that changes the mix and is
-/// called elsewhere answers false (or does nothing) and logs one line.
+/// called elsewhere answers false (or does nothing) and logs one line. So does every operation
+/// that an effect, or whatever else runs inside a block, calls, but for those marked
+/// `Real-time: yes`.
+///
+/// Slots on the signals may do anything, also delete the engine, directly or from a nested event
+/// loop: the operation that emitted the signal then ends without touching it, and answers what it
+/// had done until then. A slot of `mixerChanged` that opens or closes devices ends the `select`
+/// that it interrupts.
 ///
 /// Errors: an operation that runs out of memory throws std::bad_alloc, releases its locks and
 /// leaves the lists as they were, so that it may be called again; docs/reliability.md lists the
@@ -41,7 +48,9 @@ class QTOVELMIXER_EXPORT Engine : public QObject
 
 public:
     /// Builds an inactive engine around `api`, which it owns from now on. A null backend is
-    /// tolerated: nothing can then be opened, played or recorded.
+    /// tolerated: nothing can then be opened, played or recorded. Errors: a backend that has an
+    /// engine already stays that engine's; this one logs a line, has no backend and is never
+    /// activated.
     explicit Engine(Api *api);
 
     /// Ends and waits for every source and sink, closes the device and deletes what the engine
@@ -76,7 +85,8 @@ public:
     /// of the same name. With `startapi` an active engine's stream starts as well.
     /// Every attempt takes 50 ms at least and replaces both meters.
     /// Errors: false when nothing could be opened. Threads: any, blocking until the main thread
-    /// has done it; from a source's, sink's or meter's own thread it is queued and answers true.
+    /// has done it; from the thread of a source, sink or meter, of whichever engine, it is queued
+    /// and answers true.
     virtual bool select(Device *output, Device *input, unsigned int sampleRate,
                         bool startapi = true);
     /// The rate in Hz at which these devices like to run; 0 for no device.
@@ -118,13 +128,13 @@ protected:
 public Q_SLOTS:
     /// Makes the engine usable: opens the default devices (or, without preference, the active
     /// ones) unless a device is open. Emits `activated` on success, nothing otherwise; after a
-    /// failure the engine counts as active without a device. Threads: any, blocking until done.
+    /// failure the engine counts as active without a device. Threads: any, as `select`.
     virtual void activate(bool preferDefaultOutput = true, bool preferDefaultInput = true);
     /// Stops everything with `stopReason`, closes the device, deletes the meters and emits
     /// `deactivated` and `mixerChanged`. Sources and sinks leave the mix from the event loop
-    /// afterwards. Threads: any, blocking until done.
+    /// afterwards. Threads: any, as `select`.
     virtual void deactivate(QTovelMixer::StopReason stopReason = QTovelMixer::NoReason);
-    /// Rebuilds the device list now, whatever the engine is doing.
+    /// Rebuilds the device list now, whatever the engine is doing. Threads: main.
     virtual void doDeviceListUpdate();
     /// What both `stop` operations do. Errors: false without `force` when the engine is not
     /// active or not running; with a `source`, false while another source has not stopped.
@@ -160,9 +170,9 @@ public:
     bool start(double time = 0.0);
     /// Suspends the mix; sources pause in the current `pauseMode`. With the default mode,
     /// `PauseKeepState`, the sources end, leave the mix and are deleted: the host builds them
-    /// again from the `Config` that `Source::notifyState` got. With `PauseSoft` they stay, and
-    /// `resume` goes on with the next frame. Emits `paused`. Errors: false when not active, or
-    /// when already paused while running.
+    /// again from the `Config` that `Source::notifyState` got; a source that was never started
+    /// goes as well. With `PauseSoft` they stay, and `resume` goes on with the next frame. Emits
+    /// `paused`. Errors: false when not active, or when already paused while running.
     bool pause();
     /// Ends a pause. Emits `resumed`. Errors: false unless active, running and paused.
     bool resume();
@@ -215,9 +225,11 @@ public:
     /// Puts a source into the mix, scaled by `gain`, wired by the stored route for its channel
     /// count and the open output device, or by the default matrix. The source attaches to the
     /// timeline, whose limits are set to the source's span unless they cover it.
-    /// Emits `sourceAdded`. Errors: false for null, a source without channels or already added,
-    /// an inactive engine, an output that cannot play back, or more than 128 input channels;
-    /// the source then stays the host's.
+    /// Its number of channels is asked once, here. Emits `sourceAdded`. Errors: false for null, a
+    /// source without channels, an inactive engine, an output that cannot play back, or more than
+    /// 128 input channels; false, logged, for a source that is in the mix already, was built for
+    /// another engine, or is used up: removed, asked to end, or ended. The source then stays the
+    /// host's, unless it is in a mix.
     bool addSource(Source *source, float gain = 1.0f, Options options = {});
     /// Puts a sink into the mix, wired by the stored route for the open input device and its
     /// channel count, or by the default matrix. Emits `sinkAdded`. Errors: as `addSource`; the
@@ -225,7 +237,7 @@ public:
     bool addSink(Sink *sink, float gain = 1.0f, Options options = {});
     /// Adds a source, starts it at the clock's position and primes it. End such a preview with
     /// `stop(true, reason)`. Errors: false when inactive (the source stays the host's) or when
-    /// it cannot be added (the source is deleted).
+    /// it cannot be added (the source is deleted, unless it is in a mix).
     bool play(Source *source, float gain = 1.0f);
 
     /// Takes a source whose worker has ended, or was never started, out of the mix and deletes
@@ -269,9 +281,9 @@ public:
     Effect *replaceOutputEffect(Effect *effect);
     /// Installs an effect on the device input, or null, and returns the one replaced.
     Effect *replaceInputEffect(Effect *effect);
-    /// Ignored while inactive; otherwise emits `mixerChanged`.
+    /// Ignored while inactive; otherwise emits `mixerChanged`. Threads: main.
     void setOutputEffectBypass(bool bypass);
-    /// Ignored while inactive; otherwise emits `mixerChanged`.
+    /// Ignored while inactive; otherwise emits `mixerChanged`. Threads: main.
     void setInputEffectBypass(bool bypass);
     bool outputEffectBypass() const;
     bool inputEffectBypass() const;
@@ -344,14 +356,16 @@ public Q_SLOTS:
     void expandLimits(double begin, double end);
     /// `setLimits` if that lies inside the limits, or none are set.
     void collapsLimits(double begin, double end);
-    /// The backend's failure report: deactivates with `DeviceFailed`, emits `deviceFailed`.
+    /// The backend's failure report: deactivates with `DeviceFailed`, emits `deviceFailed`. A
+    /// report that arrives after another device was opened is ignored, with a line.
     /// Threads: any, queued off the main thread.
     void onApiDeviceFailure();
     /// One attempt to open these devices; see `select`. Errors: false, logged.
     bool open(QTovelMixer::Device *outputDevice, QTovelMixer::Device *inputDevice,
               unsigned int sampleRate, bool startapi = true);
     /// Deletes a sink at once, after waiting for its worker; one in the mix is taken out first,
-    /// without a signal. Null is ignored.
+    /// without a signal. Null is ignored. Threads: main, so that a worker cannot delete its own
+    /// object: `Sink::stop` ends it.
     void deleteSink(QTovelMixer::Sink *sink);
     /// Deletes a source at once, as `deleteSink`.
     void deleteSource(QTovelMixer::Source *source);
@@ -385,6 +399,13 @@ public:
 
 private:
     friend struct EngineAccess;
+    friend class Source;
+    friend class Sink;
+    // Takes an object that is about to be destroyed out of the mix.
+    void letGo(Source *source);
+    void letGo(Sink *sink);
+    // Returns when no block that began before is under way. Threads: worker.
+    void waitForBlock() const;
     std::unique_ptr<Data> d;
 };
 

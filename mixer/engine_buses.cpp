@@ -23,7 +23,7 @@ unsigned firstBus(const std::vector<T *> &objects, unsigned device, size_t buses
 {
     unsigned bus = device;
     for (const T *object : objects) {
-        const unsigned channels = channelsOf(object);
+        const unsigned channels = busesOf(object);
         if (object == wanted)
             return bus + channels <= buses ? bus : unsigned(buses);
         if (bus + channels <= buses)
@@ -82,7 +82,7 @@ bool Engine::Data::contains(const Sink *sink) const
 
 void Engine::Data::writeSourceGains(Source *source, unsigned row, Device *output, float gain)
 {
-    const unsigned channels = channelsOf(source);
+    const unsigned channels = busesOf(source);
     const Route route = Store::store()->findRoute(nullptr, int(channels), output);
     const std::vector<float> table = gainTable(route, channels, numOutputChannels);
     set_mixer_gains(row, channels, 0, numOutputChannels, gain,
@@ -91,7 +91,7 @@ void Engine::Data::writeSourceGains(Source *source, unsigned row, Device *output
 
 void Engine::Data::writeSinkGains(Sink *sink, unsigned column, Device *input, float gain)
 {
-    const unsigned channels = channelsOf(sink);
+    const unsigned channels = busesOf(sink);
     const Route route = Store::store()->findRoute(input, int(channels), nullptr);
     const std::vector<float> table = gainTable(route, numInputChannels, channels);
     if (table.empty())
@@ -138,18 +138,29 @@ void Engine::Data::rebuildBuses(Device *output, Device *input)
         std::move(added.begin(), added.end(), std::back_inserter(buses));
         return true;
     };
+    Snapshot<Source> silentSources;
+    Snapshot<Sink> deafSinks;
     for (Source *source : sources) {
         const unsigned row = unsigned(inputBuses.size());
-        if (append(inputBuses, channelsOf(source)))
+        if (append(inputBuses, busesOf(source)))
             writeSourceGains(source, row, output, sourceLinks[source].gain);
         else
-            source->stop(StopReason::DeviceListChanged);
+            silentSources.append(source);
     }
     for (Sink *sink : sinks) {
         const unsigned column = unsigned(outputBuses.size());
-        if (append(outputBuses, channelsOf(sink)))
+        if (append(outputBuses, busesOf(sink)))
             writeSinkGains(sink, column, input, sinkLinks[sink].gain);
         else
+            deafSinks.append(sink);
+    }
+    // Their hosts' hooks may delete others.
+    for (Source *source : silentSources) {
+        if (contains(source))
+            source->stop(StopReason::DeviceListChanged);
+    }
+    for (Sink *sink : deafSinks) {
+        if (contains(sink))
             sink->stop(StopReason::DeviceListChanged);
     }
     removeUnstarted();

@@ -11,7 +11,7 @@
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source.h>
 #include <mixer/io/source_p.h>
-#include <mixer/meter/meter.h>
+#include <mixer/meter/meter_p.h>
 
 #include <QtCore/QDebug>
 #include <QtCore/QThread>
@@ -49,7 +49,7 @@ qint64 toFrames(double seconds, unsigned rate)
 } // namespace
 
 Engine::Data::Data(Engine *owner, Api *backend)
-    : engine(owner), api(backend), deviceListTimer(new QTimer(owner)),
+    : engine(owner), self(owner), api(backend), deviceListTimer(new QTimer(owner)),
       watchdogTimer(new QTimer(owner)), cleanUpTimer(new QTimer(owner))
 {
     prepareTrace();
@@ -80,30 +80,35 @@ Engine::Data::~Data()
     delete deviceListTimer;
 }
 
+// First whether it is a block: to ask for the identity of a thread that Qt does not know allocates.
 bool Engine::Data::onMainThread() const
 {
-    return QThread::currentThread() == engine->thread() || IsRunningInMainThread();
+    return !isAudioThread() &&
+           (QThread::currentThread() == engine->thread() || IsRunningInMainThread());
 }
 
-bool Engine::Data::onOwnThread() const
+bool Engine::Data::onWorkerThread()
 {
-    if (isAudioThread())
-        return true;
-    QThread *current = QThread::currentThread();
-    if (const Source *source = qobject_cast<const Source *>(current))
-        return source->mixerEngine() == engine;
-    if (const Sink *sink = qobject_cast<const Sink *>(current))
-        return sink->mixerEngine() == engine;
-    const QMutexLocker locker(&listLock);
-    return std::find(meterThreads.begin(), meterThreads.end(), current) != meterThreads.end();
+    const QThread *const current = QThread::currentThread();
+    return qobject_cast<const Source *>(current) || qobject_cast<const Sink *>(current) ||
+           isMeterThread(current);
 }
 
 bool Engine::Data::requireMainThread(const char *operation) const
 {
     if (onMainThread())
         return true;
-    BLDEBUG_Error(-1, "QTovelMixer::%s: refused outside main thread!!", operation);
+    if (!refuseInBlock(operation))
+        BLDEBUG_Error(-1, "QTovelMixer::%s: refused outside main thread!!", operation);
     return false;
+}
+
+bool Engine::Data::refuseInBlock(const char *operation)
+{
+    if (!isAudioThread())
+        return false;
+    BLDEBUG_Error(-1, "QTovelMixer::%s: refused inside a block!!", operation);
+    return true;
 }
 
 // The gain matrix -----------------------------------------------------------------------------
@@ -245,7 +250,9 @@ void Engine::Data::endBracket(Position position)
         const double t = timeline->mixer_time(savedTimelineTime);
         const double moved = timeline->time(t, false, 0.0, -1.0) - savedTimelineTime;
         const bool differs = !(std::abs(moved) < samePosition);
-        for (Source *source : sources) {
+        for (Source *source : Snapshot<Source>(sources.begin(), sources.end())) {
+            if (!contains(source))
+                continue;
             if (differs)
                 source->setTime(t);
             else
@@ -281,21 +288,29 @@ void Engine::Data::adjSourceTime(double time, double offset)
     setMixTime(time);
 }
 
-// The host's hooks and slots run inside these, and may take other objects away.
-void Engine::Data::forEachSource(const std::function<void(Source *)> &operation)
+// The host's hooks and slots run inside these, and may take other objects away, or the engine.
+bool Engine::Data::forEachSource(const std::function<void(Source *)> &operation)
 {
+    const QPointer<Engine> alive(engine);
     for (Source *source : Snapshot<Source>(sources.begin(), sources.end())) {
         if (contains(source))
             operation(source);
+        if (!alive)
+            return false;
     }
+    return true;
 }
 
-void Engine::Data::forEachSink(const std::function<void(Sink *)> &operation)
+bool Engine::Data::forEachSink(const std::function<void(Sink *)> &operation)
 {
+    const QPointer<Engine> alive(engine);
     for (Sink *sink : Snapshot<Sink>(sinks.begin(), sinks.end())) {
         if (contains(sink))
             operation(sink);
+        if (!alive)
+            return false;
     }
+    return true;
 }
 
 void Engine::Data::setTime(double time, double start)
@@ -317,20 +332,22 @@ void Engine::Data::prime(Source *source)
     source->prime();
 }
 
-void Engine::Data::pause()
+bool Engine::Data::pause()
 {
     raiseHold();
-    forEachSource([this](Source *source) { source->pause(PauseMode(pauseMode)); });
+    return forEachSource([this](Source *source) { source->pause(PauseMode(pauseMode)); });
 }
 
 // No block sees the clock run while a source is still silent.
-void Engine::Data::resume()
+bool Engine::Data::resume()
 {
     resuming.fetch_add(1);
     decrement(holdCount);
-    forEachSource([](Source *source) { source->resume(); });
+    if (!forEachSource([](Source *source) { source->resume(); }))
+        return false;
     resuming.fetch_sub(1);
     gate.post();
+    return true;
 }
 
 void Engine::Data::stop(StopReason reason)

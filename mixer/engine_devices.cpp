@@ -135,7 +135,7 @@ bool Engine::hasControlPanel() const
 
 bool Engine::showControlPanel(DeviceKind kind)
 {
-    if (!isSide(kind))
+    if (!isSide(kind) || !d->requireMainThread("showControlPanel"))
         return false;
     showSoundSettings(kind);
     return true;
@@ -229,8 +229,10 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
         d->api->currentDevice(DeviceKind::Input) == input && d->api->sampleRate() == sampleRate)
         return true;
     if (!d->onMainThread()) {
+        if (d->refuseInBlock("select"))
+            return false;
         bool answer = true;
-        if (d->onOwnThread())
+        if (d->onWorkerThread())
             d->callLater("select", [=, this] { open(output, input, sampleRate, startapi); });
         else
             callAndWait(this, [&] { answer = open(output, input, sampleRate, startapi); });
@@ -239,22 +241,30 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
 
     // To open nothing always succeeds: it is no fallback for a device that failed.
     const bool wanted = output || input;
+    const QPointer<Engine> alive(this);
+    bool opened = false;
+    // True when this was the last attempt: it succeeded, or a slot of `mixerChanged` has deleted
+    // the engine or decided otherwise.
     const auto tryOpen = [&](Device *out, Device *in, unsigned rate) {
-        return (out || in || !wanted) && open(out, in, rate, startapi);
+        if (!out && !in && wanted)
+            return false;
+        const unsigned choice = d->choices + 1;
+        opened = open(out, in, rate, startapi);
+        return opened || !alive || choice != d->choices;
     };
     const auto tryAll = [&](unsigned rate) {
         return tryOpen(output, input, rate) || tryOpen(output, nullptr, rate) ||
                tryOpen(nullptr, input, rate);
     };
     if (tryAll(sampleRate))
-        return true;
+        return opened;
     const unsigned prefered = preferedSampleRate(output, input);
     if (prefered != 0 && prefered != sampleRate) {
         qInfo("QTovelMixer::Engine::select: rate %u Hz not supported by the device -- retrying at "
               "its preferred rate %u Hz",
               sampleRate, prefered);
         if (tryAll(prefered))
-            return true;
+            return opened;
     }
 
     const QList<Device *> listed = d->api->devices();
@@ -275,8 +285,8 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
             continue;
         const unsigned rate = rateOf(device);
         announce("output", output, rate);
-        if (open(device, input, rate, startapi) || open(device, nullptr, rate, startapi))
-            return true;
+        if (tryOpen(device, input, rate) || tryOpen(device, nullptr, rate))
+            return opened;
     }
     for (Device *device : listed) {
         if (!input || device == input || !device->canCapture(false) ||
@@ -284,8 +294,8 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
             continue;
         const unsigned rate = rateOf(device);
         announce("input", input, rate);
-        if (open(nullptr, device, rate, startapi))
-            return true;
+        if (tryOpen(nullptr, device, rate))
+            return opened;
     }
     return false;
 }
@@ -294,6 +304,8 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
 {
     if (!d->requireMainThread("open"))
         return false;
+    const QPointer<Engine> alive(this);
+    const unsigned choice = ++d->choices;
     const unsigned oldRate = this->sampleRate();
     d->activatedEmpty = false;
     d->closeDevice();
@@ -320,10 +332,6 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
                 new Meter(Type::Input, rate, int(d->numInputChannels), inputConfig, nullptr);
             d->outputMeter =
                 new Meter(Type::Output, rate, int(d->numOutputChannels), outputConfig, nullptr);
-            {
-                const QMutexLocker listLocker(&d->listLock);
-                d->meterThreads = {d->inputMeter->thread(), d->outputMeter->thread()};
-            }
             d->outputName = Device::deviceName(outputDevice);
             d->inputName = Device::deviceName(inputDevice);
         }
@@ -337,6 +345,10 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
         });
     }
     emit mixerChanged();
+    if (!alive)
+        return false;
+    if (choice != d->choices)
+        return d->apiOpen(); // a slot has opened or closed devices since
     if (opened && d->active && startapi) {
         d->startMixerApi();
         d->raiseApiRefs(d->users() + 1);
@@ -373,6 +385,8 @@ void Engine::Data::adoptRate(unsigned oldRate)
 void Engine::updateDeviceList(bool deactivate_before_update)
 {
     if (!d->onMainThread()) {
+        if (d->refuseInBlock("updateDeviceList"))
+            return;
         d->callLater("updateDeviceList", [=, this] { updateDeviceList(deactivate_before_update); });
         return;
     }
@@ -400,6 +414,9 @@ void Engine::updateDeviceList(bool deactivate_before_update)
 
 void Engine::doDeviceListUpdate()
 {
+    if (!d->requireMainThread("doDeviceListUpdate"))
+        return;
+    const QPointer<Engine> alive(this);
     const QString name = backendString();
     composeLine(QtInfoMsg, [&](QDebug &line) {
         line.nospace().noquote() << " -> Updating audio device list... (" << name << ") "
@@ -418,10 +435,14 @@ void Engine::doDeviceListUpdate()
                         << "Update of audio device list FAILED (" << name << ") !";
                 });
                 emit updateDeviceListFailed(name);
+                if (!alive)
+                    return;
             }
         }
         if (d->api->deviceListWasChanged())
             emit deviceListChanged();
+        if (!alive)
+            return;
     }
     // An engine whose device did not open, was lost, or was not there yet, tries again with the new
     // list.

@@ -112,8 +112,8 @@ bool Engine::addRoute(Source *source, Sink *sink, float gain)
         return refuse("QTovelMixer::addRoute: Invalid source (%p)!!", source);
     const unsigned row = d->rowOf(source);
     const unsigned column = d->columnOf(sink);
-    const unsigned rows = channelsOf(source);
-    const unsigned columns = channelsOf(sink);
+    const unsigned rows = busesOf(source);
+    const unsigned columns = busesOf(sink);
     if (row + rows > d->inputBuses.size() || column + columns > d->outputBuses.size())
         return false;
     d->writeInputGains(row, rows, column, columns, gain);
@@ -130,7 +130,7 @@ bool Engine::setChannelsMask(Source *source, unsigned long long mask, float gain
     if (!d->contains(source))
         return refuse("QTovelMixer::setChannelsMask: Invalid source (%p)!!", source);
     const unsigned row = d->rowOf(source);
-    const unsigned channels = channelsOf(source);
+    const unsigned channels = busesOf(source);
     if (row + channels <= d->inputBuses.size())
         d->set_input_mask(row, channels, 0, d->numOutputChannels,
                           channels < 64 ? mask & ((1ull << channels) - 1) : mask);
@@ -211,7 +211,7 @@ Effect *Engine::replaceInputEffect(Effect *effect)
 
 void Engine::setOutputEffectBypass(bool bypass)
 {
-    if (!d->active)
+    if (!d->requireMainThread("setOutputEffectBypass") || !d->active)
         return;
     d->outputEffectBypass = bypass;
     emit mixerChanged();
@@ -219,7 +219,7 @@ void Engine::setOutputEffectBypass(bool bypass)
 
 void Engine::setInputEffectBypass(bool bypass)
 {
-    if (!d->active)
+    if (!d->requireMainThread("setInputEffectBypass") || !d->active)
         return;
     d->inputEffectBypass = bypass;
     emit mixerChanged();

@@ -22,6 +22,15 @@ struct Engine::Data::Kind<Source>
         "QTovelMixer::removeSource: cannot remove source outside main thread!!";
     static constexpr const char *stillRunning =
         "QTovelMixer::removeSource: cannot remove source in running state!!";
+    static constexpr const char *added =
+        "QTovelMixer::addSource: The source (%p) is in the mix already!!";
+    static constexpr const char *foreign =
+        "QTovelMixer::addSource: The source (%p) was built for another engine!!";
+    static constexpr const char *usedUp =
+        "QTovelMixer::addSource: The source (%p) has ended, or was removed!!";
+    static constexpr const char *goneElsewhere =
+        "QTovelMixer::Source: Deleted in the mix outside main thread (%p)!!";
+    static constexpr const char *deleting = "deleteSource";
     static constexpr const char *item = "source";
     static constexpr const char *removeEvent = "Engine::removeSource";
 
@@ -67,6 +76,15 @@ struct Engine::Data::Kind<Sink>
         "QTovelMixer::removeSink: cannot remove sink outside main thread!!";
     static constexpr const char *stillRunning =
         "QTovelMixer::removeSink: cannot remove sink in running state!!";
+    static constexpr const char *added =
+        "QTovelMixer::addSink: The sink (%p) is in the mix already!!";
+    static constexpr const char *foreign =
+        "QTovelMixer::addSink: The sink (%p) was built for another engine!!";
+    static constexpr const char *usedUp =
+        "QTovelMixer::addSink: The sink (%p) has ended, or was removed!!";
+    static constexpr const char *goneElsewhere =
+        "QTovelMixer::Sink: Deleted in the mix outside main thread (%p)!!";
+    static constexpr const char *deleting = "deleteSink";
     static constexpr const char *item = "sink";
     static constexpr const char *removeEvent = "Engine::removeSink";
 

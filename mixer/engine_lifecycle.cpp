@@ -47,8 +47,13 @@ void Engine::Initialize()
 
 void Engine::Finalize() {}
 
-Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
+// A backend hands its blocks to one engine.
+Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api && !api->engine() ? api : nullptr))
 {
+    d->isBackendTaken = api && !d->api;
+    if (d->isBackendTaken)
+        BLDEBUG_Error(-1, "QTovelMixer::Engine: The backend (%p) has an engine already!!",
+                      static_cast<void *>(api));
     connect(d->deviceListTimer, &QTimer::timeout, this, [this] {
         const auto update = [this] {
             // Playback may have begun since the timer was started, and probes need their distance.
@@ -61,7 +66,8 @@ Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
                 doDeviceListUpdate();
             }
         };
-        if (!Data::callFromLoop("updateDeviceList", update))
+        const QPointer<Engine> alive(this);
+        if (!Data::callFromLoop("updateDeviceList", update) && alive)
             d->deviceListTimer->start();
     });
     connect(d->watchdogTimer, &QTimer::timeout, this, [this] {
@@ -72,13 +78,14 @@ Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api))
             Data::callFromLoop("monitorTimeout", [this] { monitorTimeout(); });
     });
     connect(d->cleanUpTimer, &QTimer::timeout, this, [this] {
-        if (!Data::callFromLoop("cleanUp", [this] { d->cleanUp(); }))
+        const QPointer<Engine> alive(this);
+        if (!Data::callFromLoop("cleanUp", [this] { d->cleanUp(); }) && alive)
             d->cleanUpTimer->start();
     });
     connect(this, &Engine::deactivated, this, &Engine::mixerChanged);
     // Last: a backend whose engine could not be made stays the caller's.
-    if (api)
-        api->setEngine(this);
+    if (d->api)
+        d->api->setEngine(this);
 }
 
 Engine::~Engine()
@@ -119,9 +126,15 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
     }
     if (d->active)
         return;
+    if (d->isBackendTaken) {
+        BLDEBUG_Error(-1, "QTovelMixer::activate: Another engine has the backend!!");
+        return;
+    }
     composeLine(QtInfoMsg, [this](QDebug &line) {
         line.nospace().noquote() << "Activating Mixer (" << backendString() << ") !";
     });
+    const QPointer<Engine> alive(this);
+    const unsigned activation = ++d->activations;
     d->active = true;
     auto undo = qScopeGuard([this] { d->active = false; });
     d->activationFailed = false;
@@ -142,7 +155,13 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
         unsigned rate = preferedSampleRate(output, input);
         if (rate == 0)
             rate = 48000;
-        if (!select(output, input, rate, false)) {
+        const bool opened = select(output, input, rate, false);
+        // A slot of `mixerChanged` may have deleted the engine, or decided otherwise.
+        if (!alive || activation != d->activations) {
+            undo.dismiss();
+            return;
+        }
+        if (!opened) {
             d->activationFailed = true;
             undo.dismiss();
             return;
@@ -163,6 +182,8 @@ void Engine::deactivate(StopReason stopReason)
     composeLine(QtInfoMsg, [this](QDebug &line) {
         line.nospace().noquote() << "Deactivating Mixer (" << backendString() << ") !";
     });
+    ++d->activations;
+    ++d->choices;
     stop(true, stopReason);
     d->stopMixerApi();
     d->closeMixerApi();
@@ -185,11 +206,21 @@ void Engine::onApiDeviceFailure()
         d->callLater("onApiDeviceFailure", [this] { onApiDeviceFailure(); });
         return;
     }
+    // As a slot of the backend's signal it comes late; called directly it is meant as it is.
+    const Api *const reporter = qobject_cast<const Api *>(sender());
+    if (reporter && !reporter->failureIsCurrent()) {
+        BLDEBUG_Log(-1,
+                    "QTovelMixer::onApiDeviceFailure: Another device was opened since, ignored");
+        return;
+    }
     const bool busy = d->active && d->running;
     const bool wasPlaying = busy && d->sourceCount > 0;
     const bool wasCapturing = busy && d->sourceCount == 0 && d->sinkCount > 0;
     const QString backendName = backendString();
+    const QPointer<Engine> alive(this);
     deactivate(StopReason::DeviceFailed);
+    if (!alive)
+        return;
     emit deviceFailed(wasPlaying, wasCapturing, backendName);
 }
 

@@ -5,18 +5,31 @@
 
 #include <base/clock_p.h>
 #include <base/denormals_p.h>
+#include <base/trace_p.h>
 #include <dsp/kernels_p.h>
 #include <mixer/block_lock_p.h>
 #include <mixer/buffer_access_p.h>
 #include <mixer/buffer_ops.h>
 #include <mixer/io/effect.h>
-#include <mixer/io/sink.h>
-#include <mixer/io/source.h>
+#include <mixer/io/sink_p.h>
+#include <mixer/io/source_p.h>
 #include <mixer/meter/meter.h>
+
+#include <QtCore/QThread>
 
 #include <algorithm>
 
 namespace QTovelMixer {
+
+unsigned busesOf(const Source *source) noexcept
+{
+    return SourceAccess::buses(*source);
+}
+
+unsigned busesOf(const Sink *sink) noexcept
+{
+    return SinkAccess::buses(*sink);
+}
 
 namespace {
 
@@ -37,6 +50,25 @@ public:
 private:
     Bus &bus;
     size_t original;
+};
+
+/// Tells workers that end whether a block may still be calling what their hosts override.
+class BlockPresence
+{
+public:
+    explicit BlockPresence(std::atomic<unsigned> &blockNumber) noexcept : number(blockNumber)
+    {
+        // Before the block looks at any worker's state, which workers change before they look here.
+        number.store(number.load(std::memory_order_relaxed) + 1);
+    }
+    ~BlockPresence()
+    {
+        number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+    Q_DISABLE_COPY_MOVE(BlockPresence)
+
+private:
+    std::atomic<unsigned> &number;
 };
 
 /// Frames that a bus has room for: its capacity without the spare samples past its end.
@@ -72,12 +104,14 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
     const qint64 begin = monotonicNanoseconds();
     Kernels::cleanVectorState();
     const DenormalsAsZero fast;
+    const AudioThreadMark mark; // also for backends that do not mark their threads
     {
         const BlockLock lock(updateLock, (status & 0x4) == 0, onlyWhenReady ? &holdLock : nullptr);
         if (!lock.isLocked()) {
             droppedBlocks.fetch_add(1, std::memory_order_relaxed);
             return 0;
         }
+        const BlockPresence presence(blockNumber);
         if (onlyWhenReady && !blockReady(frames)) {
             // For the watchdog: the backend is alive.
             callbackCount.fetch_add(1, std::memory_order_relaxed);
@@ -162,13 +196,13 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
     const size_t room = inputBuses.size();
     unsigned busCount = firstBus;
     for (Source *source : sources) {
-        const int channels = source->numChannels();
+        const unsigned channels = busesOf(source);
         // A source for which the device left no room has no buses.
-        if (channels < 0 || busCount + unsigned(channels) > room)
+        if (busCount + channels > room)
             continue;
-        source->mixer_callback(buses + busCount, channels, now, effect);
+        source->mixer_callback(buses + busCount, int(channels), now, effect);
         effect = nullptr;
-        busCount += unsigned(channels);
+        busCount += channels;
     }
     return busCount;
 }
@@ -192,12 +226,25 @@ void Engine::Data::feedSinks(unsigned firstBus, qint64 now) noexcept
 {
     unsigned offset = firstBus;
     for (Sink *sink : sinks) {
-        const int channels = sink->numChannels();
-        if (channels < 0 || offset + unsigned(channels) > outputBuses.size())
+        const unsigned channels = busesOf(sink);
+        if (offset + channels > outputBuses.size())
             continue;
-        sink->mixer_callback(outputBuses.data() + offset, channels, now);
-        offset += unsigned(channels);
+        Bus *const buses = outputBuses.data() + offset;
+        if (SinkAccess::isRunning(*sink))
+            sink->mixer_callback(buses, int(channels), now);
+        else
+            sink->Sink::mixer_callback(buses, int(channels), now); // the subclass may be gone
+        offset += channels;
     }
+}
+
+// Short looks: a block lasts a few milliseconds at most, and few workers end inside one.
+void Engine::waitForBlock() const
+{
+    constexpr unsigned long pause = 50; // µs
+    const unsigned number = d->blockNumber.load();
+    while ((number & 1) != 0 && d->blockNumber.load() == number)
+        QThread::usleep(pause);
 }
 
 int Engine::mixerCallback(Bus &input, Bus &output, unsigned int frames, double streamTime,

@@ -35,6 +35,10 @@ unsigned channelsOf(const T *object)
     return unsigned(std::max(0, int(object->numChannels())));
 }
 
+/// The buses of a listed object. Asks the host nothing, so that the object may be half destroyed.
+unsigned busesOf(const Source *source) noexcept QTOVELMIXER_NONBLOCKING;
+unsigned busesOf(const Sink *sink) noexcept QTOVELMIXER_NONBLOCKING;
+
 /// Counts down, but never below zero. Answers whether it did.
 inline bool decrement(std::atomic<int> &counter) noexcept
 {
@@ -139,12 +143,14 @@ struct Engine::Data
     void setTime(double time, double start);
     void startAll(double time, double begin);
     void setMixTime(double time);
-    void forEachSource(const std::function<void(Source *)> &operation);
-    void forEachSink(const std::function<void(Sink *)> &operation);
+    /// Both answer false when a slot has deleted the engine: this record is gone then.
+    bool forEachSource(const std::function<void(Source *)> &operation);
+    bool forEachSink(const std::function<void(Sink *)> &operation);
     void prime();
     void prime(Source *source);
-    void pause();
-    void resume();
+    /// Both answer as `forEachSource`.
+    bool pause();
+    bool resume();
     void stop(StopReason reason);
     bool stop(Source *source, StopReason reason);
     void stop(Sink *sink, StopReason reason);
@@ -201,6 +207,11 @@ struct Engine::Data
     void remove(T *object, QObject *caller);
     template <typename T>
     void destroy(T *object);
+    /// Why an object cannot be added, with a place for its address; null when it can.
+    template <typename T>
+    const char *refusal(const T *object) const;
+    template <typename T>
+    void letGo(T *object);
     Span spanOf(const Source *source, Options options) const;
     Span spanOf(const Sink *sink, Options options) const;
     void follow(Source *source, const Span &span);
@@ -228,12 +239,15 @@ struct Engine::Data
         const unsigned sampleRate = rate();
         return sampleRate > 0 ? double(frames) / sampleRate : 0.0;
     }
-    /// The engine's thread, or the host's main thread.
+    /// The engine's thread, or the host's main thread, and not inside a block.
     bool onMainThread() const;
-    /// True on a thread that the main thread may be waiting for.
-    bool onOwnThread() const;
+    /// True on the thread of a source, sink or meter of any engine: the main thread may be waiting
+    /// for it.
+    static bool onWorkerThread();
     /// As onMainThread; logs a refusal that names the operation otherwise.
     bool requireMainThread(const char *operation) const;
+    /// True inside a block, which must not wait for anything; logs a refusal then.
+    static bool refuseInBlock(const char *operation);
     /// Calls what an event loop calls: no loop passes exceptions on. Answers false, and logs one
     /// line that names the operation, when memory ran out.
     template <typename Operation>
@@ -247,7 +261,11 @@ struct Engine::Data
 
     // Main thread ---------------------------------------------------------------------------
     Engine *engine;
+    QPointer<Engine> self; ///< the first one: further ones share its memory and take none
     QPointer<Api> api;
+    bool isBackendTaken = false; ///< by another engine
+    unsigned activations = 0;    ///< raised by `activate` and `deactivate`
+    unsigned choices = 0;        ///< raised by whatever opens or closes devices for the host
     int apiRefs = 0;
     unsigned streamGeneration = 0; ///< raised by every close, so that late calls see it
     std::atomic<unsigned> sourceCount{0};
@@ -300,7 +318,6 @@ struct Engine::Data
     /// Lets any thread ask what is attached. Beside it the main thread holds updateLock to change
     /// the lists; whoever holds this one takes no other lock but those that workers sleep under.
     mutable RankedMutex<LockRank::List> listLock;
-    std::vector<const QThread *> meterThreads; ///< until they have ended
 
     BlockGate gate;
     HoldLock holdLock; ///< taken under updateLock or alone
@@ -327,6 +344,7 @@ struct Engine::Data
     std::atomic<qint64> mixTime{0}; ///< frames
     float masterOutputGainApplied = 1.0f;
     float masterInputGainApplied = 1.0f;
+    std::atomic<unsigned> blockNumber{0}; ///< odd while a block is under way
     std::atomic<quint64> callbackCount{0};
     std::atomic<quint64> droppedBlocks{0};
     std::atomic<qint64> lastCallbackLoad{0}; ///< tenths of a millisecond
@@ -356,7 +374,9 @@ void Engine::Data::callLater(const char *name, Operation operation)
 template <typename Operation>
 void Engine::Data::callOnEngineThread(const char *name, Operation operation)
 {
-    if (onOwnThread())
+    if (refuseInBlock(name))
+        return;
+    if (onWorkerThread())
         callLater(name, operation);
     else
         callAndWait(engine, operation);

@@ -35,7 +35,7 @@ bool Engine::addSource(Source *source, float gain, Options options)
 {
     if (!d->requireMainThread("addSource"))
         return false;
-    if (!source || !d->active || !canPlayback() || source->numChannels() < 1 || d->contains(source))
+    if (!source || !d->active || !canPlayback() || source->numChannels() < 1)
         return false;
     return d->add(source, gain, options);
 }
@@ -45,15 +45,32 @@ bool Engine::addSink(Sink *sink, float gain, Options options)
     if (!d->requireMainThread("addSink"))
         return false;
     // A sink may record the device, or the mix on a device that only plays.
-    if (!sink || !d->active || !(canPlayback() || canCapture()) || sink->numChannels() < 1 ||
-        d->contains(sink))
+    if (!sink || !d->active || !(canPlayback() || canCapture()) || sink->numChannels() < 1)
         return false;
     return d->add(sink, gain, options);
 }
 
 template <typename T>
+const char *Engine::Data::refusal(const T *object) const
+{
+    using Access = typename Kind<T>::Access;
+    if (contains(object))
+        return Kind<T>::added;
+    if (Access::engine(*object) != engine)
+        return Kind<T>::foreign;
+    const auto &retired = Kind<T>::retired(const_cast<Data &>(*this));
+    const bool isRemoved = std::any_of(retired.begin(), retired.end(),
+                                       [object](const auto &entry) { return entry == object; });
+    return isRemoved || Access::isUsedUp(*object) ? Kind<T>::usedUp : nullptr;
+}
+
+template <typename T>
 bool Engine::Data::add(T *object, float gain, Options options)
 {
+    if (const char *const text = refusal(object)) {
+        BLDEBUG_Error(-1, text, static_cast<void *>(object));
+        return false;
+    }
     std::vector<Bus> buses = makeBuses(channelsOf(object), engine->bufferFrames());
     const Span span = spanOf(object, options);
     auto undo = qScopeGuard([this] { stopMixerApi(); });
@@ -97,6 +114,7 @@ void Engine::Data::attach(T *object, float gain, std::vector<Bus> added, const S
     std::vector<Bus> &buses = Kind<T>::buses(*this);
     const unsigned first = unsigned(buses.size());
     makeRoom<T>(buses.size() + added.size());
+    Kind<T>::Access::setBuses(*object, unsigned(added.size()));
     Link &link = Kind<T>::links(*this)[object];
     link.gain = gain;
     link.holdsStream = Kind<T>::holdsStream(object);
@@ -146,14 +164,16 @@ bool Engine::play(Source *source, float gain)
 {
     if (!d->requireMainThread("play") || !d->active)
         return false;
+    const QPointer<Engine> alive(this);
     const QPointer<Source> guarded(source);
     if (!addSource(source, gain)) {
-        if (!d->contains(source))
+        Engine *const owner = source ? SourceAccess::engine(*source) : nullptr;
+        if (!owner || !owner->isValid(source))
             deleteSource(source);
         return false;
     }
-    // A slot of `sourceAdded` may have taken it away again.
-    if (!guarded || !d->contains(source))
+    // A slot of `sourceAdded` may have taken it away again, or the engine.
+    if (!alive || !guarded || !d->contains(source))
         return false;
     if (source->timeline() && !source->range().isValid()) {
         // The clock may be anywhere; the source begins where it is now.
@@ -206,7 +226,7 @@ bool Engine::Data::withdraw(T *object)
         return false;
     auto &buses = Kind<T>::buses(*this);
     const unsigned bus = Kind<T>::firstBus(*this, object);
-    const unsigned count = std::min(channelsOf(object), unsigned(buses.size()) - bus);
+    const unsigned count = std::min(busesOf(object), unsigned(buses.size()) - bus);
     {
         const QMutexLocker listLocker(&listLock);
         objects.erase(position);
@@ -243,14 +263,15 @@ void Engine::removeSink()
     Data::callFromLoop("removeSink", [this, sink] { removeSink(sink); });
 }
 
+// To ask for the sender takes a lock.
 void Engine::removeSource(Source *source)
 {
-    d->remove(source, sender());
+    d->remove(source, isAudioThread() ? nullptr : sender());
 }
 
 void Engine::removeSink(Sink *sink)
 {
-    d->remove(sink, sender());
+    d->remove(sink, isAudioThread() ? nullptr : sender());
 }
 
 template <typename T>
@@ -274,13 +295,16 @@ void Engine::Data::remove(T *object, QObject *caller)
         }
         reason = object->stopReason();
     }
-    // A slot of `stopped` may delete it first.
+    // A slot of `stopped` may delete it first, or the engine.
+    const QPointer<Engine> alive(engine);
     const QPointer<T> guarded(object);
     detach(object);
     Kind<T>::retired(*this).push_back(guarded);
     const unsigned generation = streamGeneration;
     if (users() == 0)
         emit engine->stopped(reason);
+    if (!alive)
+        return;
     // A slot of `stopped` may have closed the stream, and opened another one since.
     if (generation == streamGeneration)
         stopMixerApi();
@@ -306,16 +330,21 @@ void Engine::Data::cleanUp()
         if (owedGeneration == streamGeneration)
             stopMixerApi();
     }
+    const QPointer<Engine> alive(engine);
     cleanUp(sources);
-    cleanUp(sinks);
+    if (alive)
+        cleanUp(sinks);
 }
 
 template <typename T>
 void Engine::Data::cleanUp(const std::vector<T *> &objects)
 {
+    const QPointer<Engine> alive(engine);
     for (T *object : Snapshot<T>(objects.begin(), objects.end())) {
         if (contains(object) && isUnstarted(object))
             Kind<T>::remove(engine, object);
+        if (!alive)
+            return;
     }
     std::vector<QPointer<T>> &retired = Kind<T>::retired(*this);
     while (!retired.empty()) {
@@ -373,8 +402,11 @@ void Engine::deleteSink(Sink *sink)
 template <typename T>
 void Engine::Data::destroy(T *object)
 {
-    if (!object)
+    if (!object || !requireMainThread(Kind<T>::deleting))
         return;
+    Engine *const owner = Kind<T>::Access::engine(*object);
+    if (owner && owner != engine)
+        return Kind<T>::destroy(owner, object);
     const bool listed = detach(object);
     forget(Kind<T>::retired(*this), static_cast<const T *>(object));
     Kind<T>::Access::endAndWait(*object);
@@ -387,7 +419,7 @@ void Engine::Data::destroy(T *object)
 /// before: the stream is then stopped afterwards.
 void Engine::Data::releaseStream()
 {
-    if (bracketDepth == 0) {
+    if (onMainThread() && bracketDepth == 0) {
         stopMixerApi();
         return;
     }
@@ -402,6 +434,32 @@ void Engine::Data::releaseStream()
         owedGeneration = streamGeneration;
         cleanUpTimer->start();
     }
+}
+
+void Engine::letGo(Source *source)
+{
+    d->letGo(source);
+}
+
+void Engine::letGo(Sink *sink)
+{
+    d->letGo(sink);
+}
+
+/// What the host deletes itself leaves as what `destroy` deletes.
+template <typename T>
+void Engine::Data::letGo(T *object)
+{
+    if (!onMainThread()) {
+        {
+            const QMutexLocker locker(&listLock);
+            if (!contains(object))
+                return;
+        }
+        BLDEBUG_Error(-1, Kind<T>::goneElsewhere, static_cast<void *>(object));
+    }
+    if (detach(object))
+        releaseStream();
 }
 
 bool Engine::isValid(Source *source) const

@@ -164,10 +164,6 @@ void Engine::Data::deleteMeters()
     }
     endMeter(input);
     endMeter(output);
-    {
-        const QMutexLocker locker(&listLock);
-        meterThreads.clear();
-    }
     TraceLine("Engine::Data::deleteMeters END")
         .item("inputMeter", inputMeter)
         .item("outputMeter", outputMeter);

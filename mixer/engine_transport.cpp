@@ -96,7 +96,9 @@ bool Engine::pause()
         return false;
     if (d->api)
         d->api->onPause();
-    d->pause();
+    if (!d->pause())
+        return true;
+    d->removeUnstarted();
     emit paused();
     return true;
 }
@@ -107,7 +109,8 @@ bool Engine::resume()
         return false;
     if (d->api && d->api->mayPauseAgain())
         return false;
-    d->resume();
+    if (!d->resume())
+        return true;
     if (d->api)
         d->api->onResume();
     emit resumed();
@@ -127,8 +130,10 @@ bool Engine::stop(Source *source, bool force, StopReason reason)
 bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
 {
     if (!d->onMainThread()) {
+        if (d->refuseInBlock("stop"))
+            return false;
         bool answer = true;
-        if (d->onOwnThread()) {
+        if (d->onWorkerThread()) {
             d->callLater("stop", [=, this, guarded = QPointer<Source>(source)] {
                 if (!source || guarded)
                     stop_mixer(force, guarded, stopReason);

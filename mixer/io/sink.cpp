@@ -7,6 +7,7 @@
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source_p.h>
 
+#include <QtCore/QEvent>
 #include <QtCore/QMutexLocker>
 
 #include <algorithm>
@@ -80,7 +81,32 @@ Sink::Sink(Engine *engine, float bufferSeconds) : d(new Data)
 
 Sink::~Sink()
 {
-    SinkAccess::endAndWait(*this);
+    d->leave(*this);
+}
+
+/// Out of the mix, and without a worker.
+void Sink::Data::leave(Sink &sink)
+{
+    if (Engine *const mixer = engine)
+        mixer->letGo(&sink);
+    SinkAccess::endAndWait(sink);
+}
+
+bool Sink::event(QEvent *event)
+{
+    if (event->type() == QEvent::DeferredDelete)
+        d->leave(*this);
+    return QThread::event(event);
+}
+
+Engine *SinkAccess::engine(const Sink &sink)
+{
+    return sink.d->engine;
+}
+
+bool SinkAccess::isUsedUp(const Sink &sink)
+{
+    return isOver(sink) || sink.isFinished();
 }
 
 bool SinkAccess::threadStarted(const Sink &sink)
@@ -203,7 +229,8 @@ void Sink::onStop() {}
 
 qint64 Sink::freeFrames() const
 {
-    return isRunning() ? d->ring->capacity() - d->ring->fillFrames() : 0;
+    // Not `isRunning`: a block may ask while the sink is destroyed.
+    return SinkAccess::isRunning(*this) ? d->ring->capacity() - d->ring->fillFrames() : 0;
 }
 
 double Sink::recordedTime() const

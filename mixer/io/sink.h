@@ -26,8 +26,12 @@ class aligned_vector;
 /// mix is edited leave no trace, not even silence, since the clock stands still meanwhile.
 ///
 /// Lifetime: the engine adopts an added sink and deletes it when it has been removed, after its
-/// thread has ended; the host does nothing for that. A host that deletes a started sink itself
-/// must call `stop` and `QThread::wait` first: the overrides die before this destructor.
+/// thread has ended; the host does nothing for that. A host that deletes the sink itself may do so
+/// in any state, on the main thread: it is taken out of the mix first, without a signal, and its
+/// worker is waited for. `deleteLater` and `Engine::deleteSink` need nothing more. Before a plain
+/// `delete` of a started sink, by the host or by a `QObject` parent, or first thing in the
+/// subclass's destructor, call `stop` and `QThread::wait`: the overrides die before this class's
+/// destructor. From the end of the worker on the mix calls none of them.
 ///
 /// Calls of the main thread may come from any thread that is not the sink's own and not the
 /// audio thread, one at a time.
@@ -41,12 +45,15 @@ public:
     /// Threads: main.
     Sink(Engine *engine, float bufferSeconds);
 
-    /// Asks the worker to end, wakes it and waits for it.
+    /// Leaves the mix, asks the worker to end, wakes it and waits for it. Threads: main.
     ~Sink() override;
 
 protected:
     /// The worker. It ends at once without channels, without an engine or with a rate of 0.
     void run() override;
+
+    /// Handles the end by `deleteLater` as the destructor does, while the overrides still live.
+    bool event(QEvent *event) override;
 
 public:
     /// True while the worker's loop runs. Threads: any. Real-time: yes.
@@ -58,7 +65,8 @@ public:
     /// The engine's time, seconds; 0 without an engine. Threads: any.
     virtual double time() const;
 
-    /// Channels that the host wants, read when the worker starts. Threads: any.
+    /// Channels that the host wants, asked when the sink is added and when the worker starts.
+    /// Threads: any.
     virtual int numChannels() const QTOVELMIXER_NONBLOCKING = 0;
 
     /// The host's rate in Hz, read when the worker starts. Threads: any.

@@ -48,6 +48,8 @@ struct Sink::Data
     // lock, which the audio thread holds during a block.
     std::unique_ptr<FrameRing> ring;
     alignas(64) std::atomic<int> running{0};
+    std::atomic<unsigned> buses{0};   // channels when it was added; what the host says of itself
+                                      // may not be asked any more while it is destroyed
     std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush
 
     // Audio thread, from running = 1 on.
@@ -60,6 +62,7 @@ struct Sink::Data
     void requestEnd(StopReason reason);
     void endWithoutMemory(const Sink &sink);
     void endWithoutThread(Sink &sink);
+    void leave(Sink &sink);
     void sleep(int milliseconds);
     void waitForUpdates();
     void wakeMix() const;
@@ -74,8 +77,28 @@ struct SinkAccess
 {
     static Sink::Data &data(Sink &sink) { return *sink.d; }
 
+    /// The constructor's.
+    static Engine *engine(const Sink &sink);
+
+    /// How many buses of the mix are the sink's, from its adding on. Real-time: yes.
+    static unsigned buses(const Sink &sink) noexcept QTOVELMIXER_NONBLOCKING
+    {
+        return sink.d->buses.load(std::memory_order_relaxed);
+    }
+    static void setBuses(Sink &sink, unsigned channels) { sink.d->buses = channels; }
+
+    /// Whether the worker's loop runs: only then may a block call what the host overrides.
+    /// Real-time: yes.
+    static bool isRunning(const Sink &sink) noexcept QTOVELMIXER_NONBLOCKING
+    {
+        return sink.d->running.load() != 0;
+    }
+
     /// True once `start` was called.
     static bool threadStarted(const Sink &sink);
+
+    /// The sink will take nothing any more: its end was asked for or has come.
+    static bool isUsedUp(const Sink &sink);
 
     /// The sink can take `frames` frames of the mix and lose none. Real-time: yes.
     static bool isReady(const Sink &sink, qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;

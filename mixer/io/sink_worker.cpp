@@ -3,6 +3,7 @@
 
 #include <base/debug.h>
 #include <base/trace_p.h>
+#include <mixer/engine.h> // a worker that ends waits for the block under way
 #include <mixer/io/sink_p.h>
 
 #include <QtCore/QMutexLocker>
@@ -158,7 +159,10 @@ void Sink::run()
     } catch (const std::bad_alloc &) {
         d->endWithoutMemory(*this);
     }
-    d->running.store(0, std::memory_order_release);
+    d->running.store(0);
+    // A block that saw it running may be calling what the host overrides.
+    if (Engine *const mixer = d->engine)
+        mixer->waitForBlock();
     try {
         state_change();
         Q_EMIT sinkFinished(this);

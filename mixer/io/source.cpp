@@ -6,6 +6,7 @@
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QDebug>
+#include <QtCore/QEvent>
 
 #include <algorithm>
 #include <cmath>
@@ -67,7 +68,22 @@ Source::Source(Engine *engine, int sampleRate, int numChannels, const Range &ran
 
 Source::~Source()
 {
-    SourceAccess::endAndWait(*this);
+    d->leave(*this);
+}
+
+/// Out of the mix, and without a worker.
+void Source::Data::leave(Source &source)
+{
+    if (Engine *const mixer = engine)
+        mixer->letGo(&source);
+    SourceAccess::endAndWait(source);
+}
+
+bool Source::event(QEvent *event)
+{
+    if (event->type() == QEvent::DeferredDelete)
+        d->leave(*this);
+    return QThread::event(event);
 }
 
 double Source::loopStartTime() const

@@ -23,8 +23,12 @@ class aligned_vector;
 /// when the source has one, else it is the material from `setTime`'s position on.
 ///
 /// Lifetime: the engine adopts an added source and deletes it when it has been removed, after
-/// its thread has ended; the host does nothing for that. A host that deletes a started source
-/// itself must call `stop` and `QThread::wait` first: the overrides die before this destructor.
+/// its thread has ended; the host does nothing for that. A host that deletes the source itself
+/// may do so in any state, on the main thread: it is taken out of the mix first, without a signal,
+/// and its worker is waited for. `deleteLater` and `Engine::deleteSource` need nothing more. Before
+/// a plain `delete` of a started source, by the host or by a `QObject` parent, or first thing in
+/// the subclass's destructor, call `stop` and `QThread::wait`: the overrides die before this
+/// class's destructor. From the end of the worker on the mix calls none of them.
 ///
 /// Pausing. With `PauseSoft` the worker goes on and the ring keeps its contents: `resume`
 /// continues to the sample. With `PauseKeepState` (the engine's default) the worker ends for
@@ -47,12 +51,15 @@ public:
     Source(Engine *engine, int sampleRate, int numChannels, const Range &range,
            float bufferSeconds);
 
-    /// Asks the worker to end, wakes it and waits for it.
+    /// Leaves the mix, asks the worker to end, wakes it and waits for it. Threads: main.
     ~Source() override;
 
 protected:
     /// The worker.
     void run() override;
+
+    /// Handles the end by `deleteLater` as the destructor does, while the overrides still live.
+    bool event(QEvent *event) override;
 
 public:
     /// Start of the range; else of the timeline; else the engine's start time. Seconds.

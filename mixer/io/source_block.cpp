@@ -27,7 +27,7 @@ using Bus = aligned_vector<float, 16>;
         .item("source", &source)
         .item("buffer", ring ? ring->handle() : nullptr)
         .item("isRunning", isRunning)
-        .item("isPaused", source.isPaused())
+        .item("isPaused", source.Source::isPaused()) // the subclass may be gone already
         .item("mixerFrame", mixerFrame);
 }
 
@@ -109,7 +109,7 @@ void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Ef
     if (channels < 1)
         return;
     Data &data = *d;
-    const bool isRunningNow = data.running.load(std::memory_order_acquire) != 0;
+    const bool isRunningNow = data.running.load() != 0;
     FrameRing *const ring = data.ring.load(std::memory_order_acquire);
     if (!ring || !isRunningNow || data.pendingUpdates.load() != 0) [[unlikely]] {
         traceRest(*this, ring, isRunningNow, mixerFrame);

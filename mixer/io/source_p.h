@@ -69,7 +69,9 @@ struct Source::Data
     std::atomic<qint64> frameBase{0}; // mixer frame of the ring's first frame since the flush;
                                       // moves only while pendingUpdates keeps the audio thread off
     std::atomic<qint64> consumedFrames{0}; // mixer frames; written by the audio thread
-    std::optional<FrameRing> ringOwner;    // made once; stays as long as this record
+    std::atomic<unsigned> buses{0}; // channels when it was added; what the host says of itself may
+                                    // not be asked any more while it is destroyed
+    std::optional<FrameRing> ringOwner; // made once; stays as long as this record
 
     // Main thread.
     alignas(64)
@@ -127,6 +129,7 @@ struct Source::Data
     static void logNoMemory(const Source &source);
     void announceEnd(Source &source);
     void endWithoutThread(Source &source);
+    void leave(Source &source);
 
     // The audio thread (source_block.cpp).
     void countConsumed(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
@@ -141,8 +144,21 @@ struct SourceAccess
 {
     static Source::Data &data(Source &source) { return *source.d; }
 
+    /// The constructor's.
+    static Engine *engine(const Source &source);
+
+    /// How many buses of the mix are the source's, from its adding on. Real-time: yes.
+    static unsigned buses(const Source &source) noexcept QTOVELMIXER_NONBLOCKING
+    {
+        return source.d->buses.load(std::memory_order_relaxed);
+    }
+    static void setBuses(Source &source, unsigned channels) { source.d->buses = channels; }
+
     /// True once `start` was called.
     static bool threadStarted(const Source &source);
+
+    /// Nothing will come from the source any more: its end was asked for or has come.
+    static bool isUsedUp(const Source &source);
 
     /// The mix can take `frames` frames and lose none. Real-time: yes.
     static bool isReady(const Source &source, qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;

@@ -85,7 +85,7 @@ bool SourceAccess::isReady(const Source &source, qint64 frames) noexcept
     const Source::Data &data = *source.d;
     // At a pause position the mixer is about to pause, and nobody plays past it until then.
     if (data.stopRequested.load(std::memory_order_acquire) != 0)
-        return source.stopReason() != PausePositionReached;
+        return data.stopReason.load(std::memory_order_acquire) != PausePositionReached;
     if (data.running.load(std::memory_order_acquire) == 0 || data.pendingUpdates.load() != 0)
         return false;
     if (data.materialEnded.load(std::memory_order_acquire))
@@ -110,6 +110,17 @@ void SourceAccess::wake(Source &source)
 bool SourceAccess::threadStarted(const Source &source)
 {
     return source.d->started;
+}
+
+Engine *SourceAccess::engine(const Source &source)
+{
+    return source.d->engine;
+}
+
+bool SourceAccess::isUsedUp(const Source &source)
+{
+    return source.d->stopRequested.load(std::memory_order_acquire) != 0 ||
+           source.QThread::isFinished();
 }
 
 void SourceAccess::endAndWait(Source &source)

@@ -230,7 +230,10 @@ void Source::run()
         d->logNoMemory(*this);
         d->endByWorker();
     }
-    d->running.store(0, std::memory_order_release);
+    d->running.store(0);
+    // A block that saw it running may be calling what the host overrides.
+    if (Engine *const mixer = d->engine)
+        mixer->waitForBlock();
     d->wakeMix();
     d->releasePriming();
     d->announceEnd(*this);

@@ -18,6 +18,13 @@ namespace {
 
 constexpr int tickInterval = 21; // ms, half a block
 
+/// Known by its type, wherever it is asked for.
+class MeterThread : public QThread
+{
+public:
+    using QThread::QThread;
+};
+
 // True when a call has to travel to the object's thread. Once that thread has ended nothing would
 // take the call, and nothing else can touch the object either: then whoever calls acts for it.
 bool mustTravel(const QObject *object)
@@ -28,10 +35,15 @@ bool mustTravel(const QObject *object)
 
 } // namespace
 
+bool isMeterThread(const QThread *thread)
+{
+    return dynamic_cast<const MeterThread *>(thread) != nullptr;
+}
+
 Meter::Meter(Type type, int sampleRate, int numChannels, const MeterConfig &config, QObject *parent)
     : QObject(parent), d(std::make_unique<Data>(type, sampleRate, numChannels, config))
 {
-    auto thread = std::make_unique<QThread>();
+    auto thread = std::make_unique<MeterThread>();
     thread->setObjectName(QStringLiteral("QTovelMixer::Meter::Meter(%1)").arg(toString(type)));
     connect(thread.get(), &QThread::finished, thread.get(), &QObject::deleteLater);
     connect(thread.get(), &QThread::finished, this, &QObject::deleteLater);

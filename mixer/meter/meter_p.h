@@ -100,6 +100,9 @@ struct Meter::Data
     bool publishedHasTruePeak = false;
 };
 
+/// Whether it is the thread of a meter.
+bool isMeterThread(const QThread *thread);
+
 /// The benchmarks' way to the private record.
 struct MeterAccess
 {

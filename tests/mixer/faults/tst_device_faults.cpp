@@ -36,6 +36,7 @@ private slots:
 
     void device_failsInARow();
     void device_failsToOpen_againAndAgain();
+    void lateFailure_ofThePreviousDevice_isIgnored();
     void deviceList_changesAThousandTimes();
     void eventLoop_blockedForFiveSeconds();
 
@@ -129,6 +130,38 @@ void tst_DeviceFaults::device_failsToOpen_againAndAgain()
     QVERIFY(session.api->setFailing("Speaker", false));
     session.engine.activate();
     QCOMPARE(activations, 1);
+    playsAgain(session);
+}
+
+// The report waits in the event loop while the host opens another device.
+void tst_DeviceFaults::lateFailure_ofThePreviousDevice_isIgnored()
+{
+    VirtualSession session(Pacing::FreeWheel, 1);
+    QVERIFY(session.api->plug({.name = QStringLiteral("Other"), .outputChannels = 2}));
+    session.engine.doDeviceListUpdate();
+    Device *const other = session.engine.device(DeviceKind::Output, QStringLiteral("Other"));
+    Device *const speaker = session.engine.currentDevice(DeviceKind::Output);
+    QVERIFY(other && other != speaker);
+    int failures = 0;
+    int deactivations = 0;
+    QObject::connect(&session.engine, &Engine::deviceFailed, this, [&] { ++failures; });
+    QObject::connect(&session.engine, &Engine::deactivated, this, [&] { ++deactivations; });
+    session.api->reportDeviceFailure();
+    QVERIFY(session.engine.select(other, nullptr, 48000));
+    QCoreApplication::processEvents();
+    QCOMPARE(failures, 0);
+    QCOMPARE(deactivations, 0);
+    QVERIFY(session.engine.isActive());
+    QCOMPARE(session.engine.currentDevice(DeviceKind::Output), other);
+    // Its own failure counts.
+    session.api->rearmDeviceFailure();
+    session.api->reportDeviceFailure();
+    QCoreApplication::processEvents();
+    QCOMPARE(failures, 1);
+    QCOMPARE(deactivations, 1);
+    disconnect(&session.engine, nullptr, this, nullptr);
+    QVERIFY(session.engine.select(speaker, nullptr, 48000));
+    session.engine.activate();
     playsAgain(session);
 }
 
