@@ -19,7 +19,9 @@ namespace QTovelMixer {
 /// The slices, clipped to the limits, are the chunks that are played; without any chunk the
 /// whole span between the limits is played. Mixer times count from the start of playback and
 /// grow without end; positions are times of the material. Both are seconds. Times are wrapped
-/// and looked up on a grid of 1/192000 second. A time that is not finite counts as 0.
+/// and looked up on a grid of 1/192000 second. The end of the limits and of a selection may be
+/// infinity: such a pass never ends, and never wraps. Any other time that is not finite counts as
+/// 0.
 ///
 /// The engine owns its timelines and hands them to its sources; the host edits them through the
 /// engine. Threads: the questions (the const operations) any, but none may run beside an edit;
@@ -41,7 +43,7 @@ public:
     double start() const QTOVELMIXER_NONBLOCKING;
     double end() const QTOVELMIXER_NONBLOCKING;
 
-    /// The length between the limits, 0 when they are reversed.
+    /// The length between the limits, 0 when they are reversed, infinity for endless material.
     double duration() const QTOVELMIXER_NONBLOCKING;
 
     bool isLooping() const;

@@ -51,6 +51,9 @@ int searchRanges(const std::vector<Range> &ranges, double x) noexcept QTOVELMIXE
 /// The time itself, or 0 when it is not finite.
 double finiteTime(double seconds) noexcept QTOVELMIXER_NONBLOCKING;
 
+/// The same for an end, which may be infinity.
+double endTime(double seconds) noexcept QTOVELMIXER_NONBLOCKING;
+
 } // namespace QTovelMixer
 
 #endif
