@@ -181,8 +181,12 @@ public:
     /// A preview begun by `play` alone needs `force`. Errors: false without `force` when not
     /// active or not running. Threads: any, as `select`.
     bool stop(bool force = false, StopReason reason = NoReason);
-    /// Stops one source. Errors: also false while other sources play on.
+    /// Stops one source. Errors: also false while other sources play on, and for null, which stops
+    /// nothing: a guarded pointer is null when its source has gone.
     bool stop(Source *source, bool force = false, StopReason reason = NoReason);
+    /// A reason alone would count as `force`.
+    bool stop(StopReason reason) = delete;
+    bool stop(Source *source, StopReason reason) = delete;
 
     /// The clock in seconds; 0.0 when not active. Threads: any. Real-time: yes.
     double time() const QTOVELMIXER_NONBLOCKING;
@@ -191,6 +195,10 @@ public:
     /// Blocks that were not mixed because the mix was being changed, or because their size was
     /// not that of the open stream. Threads: any. Real-time: yes.
     quint64 droppedBlocks() const QTOVELMIXER_NONBLOCKING;
+    /// Samples that were not finite and were replaced by 0 in blocks, behind the master gains: of
+    /// the device input, and sums that overflowed on the device output. Each of the two is logged
+    /// once per device. Sources, sinks and effects count their own. Threads: any. Real-time: yes.
+    quint64 replacedSamples() const QTOVELMIXER_NONBLOCKING;
     /// Between `activate` and `deactivate`. Threads: any. Real-time: yes.
     bool isActive() const QTOVELMIXER_NONBLOCKING;
     /// Active, started, and with a source or a sink. Threads: any. Real-time: yes.
@@ -224,17 +232,25 @@ public:
 
     /// Puts a source into the mix, scaled by `gain`, wired by the stored route for its channel
     /// count and the open output device, or by the default matrix. The source attaches to the
-    /// timeline, whose limits are set to the source's span unless they cover it.
+    /// timeline, whose limits are set to the source's span unless they cover it; the end of
+    /// endless material (`contentDuration` infinite) is infinity.
     /// Its number of channels is asked once, here. Emits `sourceAdded`. Errors: false for null, a
-    /// source without channels, an inactive engine, an output that cannot play back, or more than
-    /// 128 input channels; false, logged, for a source that is in the mix already, was built for
-    /// another engine, or is used up: removed, asked to end, or ended. The source then stays the
-    /// host's, unless it is in a mix.
+    /// source without channels, an inactive engine, or an output that cannot play back; false,
+    /// logged, for more than 128 input channels, a rate that cannot be converted to the mixer's
+    /// (<dsp/resample.h> names the limits), a gain that is not finite, and for a source that is in
+    /// the mix already, was built for another engine, or is used up: removed, asked to end, or
+    /// ended. The source then stays the host's, unless it is in a mix.
     bool addSource(Source *source, float gain = 1.0f, Options options = {});
+    /// An option in the gain's place would count as a gain.
+    bool addSource(Source *source, Option options) = delete;
+    bool addSource(Source *source, Options options) = delete;
     /// Puts a sink into the mix, wired by the stored route for the open input device and its
     /// channel count, or by the default matrix. Emits `sinkAdded`. Errors: as `addSource`; the
-    /// backend must be able to play back or to capture.
+    /// backend must be able to play back or to capture. A sink's rate is looked at when it starts.
     bool addSink(Sink *sink, float gain = 1.0f, Options options = {});
+    /// An option in the gain's place would count as a gain.
+    bool addSink(Sink *sink, Option options) = delete;
+    bool addSink(Sink *sink, Options options) = delete;
     /// Adds a source, starts it at the clock's position and primes it. End such a preview with
     /// `stop(true, reason)`. Errors: false when inactive (the source stays the host's) or when
     /// it cannot be added (the source is deleted, unless it is in a mix).
@@ -256,14 +272,14 @@ public:
     // Gains, effects, meters ---------------------------------------------------------------
 
     /// Sets the gain from a source's channel to a device output. Errors: false, logged, for an
-    /// unknown source or an index out of range; nothing changes.
+    /// unknown source, an index out of range or a gain that is not finite; nothing changes.
     bool setGain(Source *source, int channel, int output, float gain);
     /// Sets the gain from a device input to a sink's channel. Errors: as above.
     bool setGain(int input, Sink *sink, int channel, float gain);
     /// Sets the gain from a source's channel to a sink's channel. Errors: as above.
     bool setGain(Source *source, int channel, Sink *sink, int sinkChannel, float gain);
     /// Wires a source into a sink by the default input matrix, scaled by `gain`. Errors: false
-    /// for null; false, logged, when either is unknown.
+    /// for null; false, logged, when either is unknown or the gain is not finite.
     bool addRoute(Source *source, Sink *sink, float gain = 1.0f);
     /// Lets channel c of a source through to the device outputs when bit c of `mask` is set.
     /// Routes into sinks are not masked. Works up to 32 channels; the source is told the mask in
@@ -326,7 +342,8 @@ public:
     void wakeMix();
 
 public Q_SLOTS:
-    /// Target gain of the device output; reached by a linear ramp within one block.
+    /// Target gain of the device output; reached by a linear ramp within one block. Errors: a gain
+    /// that is not finite is logged and ignored.
     /// Threads: any. Real-time: yes, as far as `onMasterGainChanged` is.
     void setMasterOutputGain(float gain);
     /// Target gain of the device input; as `setMasterOutputGain`.
@@ -347,7 +364,8 @@ public Q_SLOTS:
     /// Moves the play position to `time` seconds in the material.
     void setTime(double time);
     /// Adds a selection to the timeline, seconds in the material. This and the five operations
-    /// below do nothing while a sink or a source with a range of its own is in the mix.
+    /// below do nothing while a sink or a source with a range of its own is in the mix. Ends may be
+    /// infinity.
     void addSelection(double begin, double end);
     void removeSelection(double begin, double end);
     void clearSelections();
@@ -369,7 +387,7 @@ public Q_SLOTS:
     void deleteSink(QTovelMixer::Sink *sink);
     /// Deletes a source at once, as `deleteSink`.
     void deleteSource(QTovelMixer::Source *source);
-    /// Writes "StopReason: " and the reason's name to the debug log.
+    /// Writes "StopReason: " and the reason's name to the debug log; nothing for `WorkerFailed`.
     void printStopReason(QTovelMixer::StopReason reason);
 
 Q_SIGNALS:

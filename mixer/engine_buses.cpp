@@ -130,6 +130,8 @@ void Engine::Data::rebuildBuses(Device *output, Device *input)
     outputBuses = makeBuses(numOutputChannels, busFrames);
     inputBuses.reserve(maxChannels);
     outputBuses.reserve(maxChannels);
+    inputReplacementTold = false;
+    outputReplacementTold = false;
     resetGainMatrix();
     const auto append = [busFrames](std::vector<Bus> &buses, unsigned channels) {
         if (buses.size() + channels > maxChannels)

@@ -56,6 +56,14 @@ bool checkSink(const Engine::Data &data, const Sink *sink, int channel)
 
 } // namespace
 
+bool Engine::Data::requireFinite(const char *operation, float gain)
+{
+    if (std::isfinite(gain))
+        return true;
+    BLDEBUG_Error(-1, "QTovelMixer::%s: Invalid gain!!", operation);
+    return false;
+}
+
 // An object without buses has no cells: its first row or column is one past the last.
 bool Engine::Data::setCell(unsigned row, unsigned column, float gain)
 {
@@ -75,7 +83,8 @@ bool Engine::setGain(Source *source, int channel, int output, float gain)
         return false;
     if (output < 0 || unsigned(output) >= numOutputChannels())
         return refuseIndex("QTovelMixer::setGain: Invalid input channel (%d)!!", output);
-    return d->setCell(d->rowOf(source) + unsigned(channel), unsigned(output), gain);
+    return Data::requireFinite("setGain", gain) &&
+           d->setCell(d->rowOf(source) + unsigned(channel), unsigned(output), gain);
 }
 
 bool Engine::setGain(int input, Sink *sink, int channel, float gain)
@@ -87,7 +96,8 @@ bool Engine::setGain(int input, Sink *sink, int channel, float gain)
         return false;
     if (input < 0 || unsigned(input) >= numInputChannels())
         return refuseIndex("QTovelMixer::setGain: Invalid input channel (%d)!!", input);
-    return d->setCell(unsigned(input), d->columnOf(sink) + unsigned(channel), gain);
+    return Data::requireFinite("setGain", gain) &&
+           d->setCell(unsigned(input), d->columnOf(sink) + unsigned(channel), gain);
 }
 
 bool Engine::setGain(Source *source, int channel, Sink *sink, int sinkChannel, float gain)
@@ -95,7 +105,8 @@ bool Engine::setGain(Source *source, int channel, Sink *sink, int sinkChannel, f
     if (!d->requireMainThread("setGain"))
         return false;
     const QMutexLocker locker(&d->updateLock);
-    if (!checkSource(*d, source, channel) || !checkSink(*d, sink, sinkChannel))
+    if (!checkSource(*d, source, channel) || !checkSink(*d, sink, sinkChannel) ||
+        !Data::requireFinite("setGain", gain))
         return false;
     return d->setCell(d->rowOf(source) + unsigned(channel),
                       d->columnOf(sink) + unsigned(sinkChannel), gain);
@@ -110,6 +121,8 @@ bool Engine::addRoute(Source *source, Sink *sink, float gain)
         return refuse("QTovelMixer::addRoute: Invalid sink (%p)!!", sink);
     if (!d->contains(source))
         return refuse("QTovelMixer::addRoute: Invalid source (%p)!!", source);
+    if (!Data::requireFinite("addRoute", gain))
+        return false;
     const unsigned row = d->rowOf(source);
     const unsigned column = d->columnOf(sink);
     const unsigned rows = busesOf(source);
@@ -140,12 +153,16 @@ bool Engine::setChannelsMask(Source *source, unsigned long long mask, float gain
 
 void Engine::setMasterOutputGain(float gain)
 {
+    if (!Data::requireFinite("setMasterOutputGain", gain))
+        return;
     d->masterOutputGain = gain;
     onMasterGainChanged();
 }
 
 void Engine::setMasterInputGain(float gain)
 {
+    if (!Data::requireFinite("setMasterInputGain", gain))
+        return;
     d->masterInputGain = gain;
     onMasterGainChanged();
 }

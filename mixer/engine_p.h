@@ -100,6 +100,8 @@ struct Engine::Data
     unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames,
                         qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
     void mixMatrix(unsigned busCount) noexcept QTOVELMIXER_NONBLOCKING;
+    void countReplaced(size_t samples, bool &told,
+                       const char *place) noexcept QTOVELMIXER_NONBLOCKING;
     void feedSinks(unsigned firstBus, qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
 
     // Blocks at the pace of the workers (engine_freewheel.cpp).
@@ -121,6 +123,8 @@ struct Engine::Data
     /// Rebuilds the mixing plan ahead of the next block, under the update lock.
     void planMix();
     bool setCell(unsigned row, unsigned column, float gain);
+    /// Whether the gain is finite; logs a refusal that names the operation otherwise.
+    static bool requireFinite(const char *operation, float gain);
     Effect *replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect);
     /// Limits and selections stay as they are while something holds the stream.
     bool mayEdit(const char *operation) const;
@@ -339,6 +343,8 @@ struct Engine::Data
     float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
     Timeline *timeline = nullptr;
+    bool inputReplacementTold = false; ///< since the device was opened
+    bool outputReplacementTold = false;
 
     // Audio thread --------------------------------------------------------------------------
     std::atomic<qint64> mixTime{0}; ///< frames
@@ -347,6 +353,7 @@ struct Engine::Data
     std::atomic<unsigned> blockNumber{0}; ///< odd while a block is under way
     std::atomic<quint64> callbackCount{0};
     std::atomic<quint64> droppedBlocks{0};
+    std::atomic<quint64> replacedSamples{0}; ///< that were not finite
     std::atomic<qint64> lastCallbackLoad{0}; ///< tenths of a millisecond
     std::atomic<qint64> peakCallbackLoad{0};
     std::atomic<double> averageCallbackLoad{0.0};

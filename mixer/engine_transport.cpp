@@ -43,6 +43,8 @@ const char *reasonName(StopReason reason)
         return "DeviceListChanged";
     case StopReason::DeviceFailed:
         return "DeviceFailed";
+    case StopReason::WorkerFailed:
+        break; // the hosts' logs know the names of the seven above only
     }
     return nullptr;
 }
@@ -124,6 +126,8 @@ bool Engine::stop(bool force, StopReason reason)
 
 bool Engine::stop(Source *source, bool force, StopReason reason)
 {
+    if (!source)
+        return false;
     return stop_mixer(force, source, reason);
 }
 
@@ -199,6 +203,11 @@ double Engine::time() const
 quint64 Engine::droppedBlocks() const
 {
     return d->droppedBlocks;
+}
+
+quint64 Engine::replacedSamples() const
+{
+    return d->replacedSamples.load(std::memory_order_relaxed);
 }
 
 double Engine::startTime() const

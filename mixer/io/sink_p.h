@@ -29,6 +29,8 @@ struct Sink::Data
     // call inside a change of the mix that holds the worker off.
     RankedRecursiveMutex<LockRank::SinkRing> ringMutex;
     double recordTime = 0.0; // seconds, of the next chunk handed over
+    bool replacementTold = false;
+    std::atomic<quint64> replacedSamples{0}; // of the mix, written by the worker
 
     // Raised when what the resamplers hold back is void. Guarded by ringMutex.
     unsigned generation = 0;
@@ -60,8 +62,11 @@ struct Sink::Data
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
+    void fail();
+    void work(Sink &sink, int sinkHz, int mixerHz, int channels);
+    void replaceNotFinite(const Sink &sink, float *samples, qint64 count);
     void endWithoutMemory(const Sink &sink);
-    void endWithoutThread(Sink &sink);
+    void endWithoutThread(Sink &sink, const char *missing);
     void leave(Sink &sink);
     void sleep(int milliseconds);
     void waitForUpdates();

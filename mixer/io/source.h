@@ -88,7 +88,7 @@ public:
     /// Where the host's material begins, seconds. Threads: main.
     virtual double contentStart() const = 0;
 
-    /// Length of the host's material, seconds. Threads: main.
+    /// Length of the host's material, seconds; infinity for endless material. Threads: main.
     virtual double contentDuration() const = 0;
 
     /// The host's `Config::scale` for a pause; 1.0 unless overridden. Threads: main.
@@ -142,10 +142,12 @@ public:
     /// or before `start`. Threads: main.
     virtual void setTime(double time);
 
-    /// Units: linear. Threads: any.
+    /// Units: linear. Errors: a gain that is not finite is logged and ignored. Threads: any.
     virtual void setGain(float gain);
 
-    /// Starts the worker; later calls do nothing. Threads: main.
+    /// Starts the worker; later calls do nothing. Errors: a source that cannot play (its rate
+    /// cannot be converted to the mixer's, it has more than 128 channels, or there is no memory, no
+    /// thread or no descriptor for one) logs one line and ends with `WorkerFailed`. Threads: main.
     virtual void start(QThread::Priority priority = QThread::InheritPriority);
 
     /// Asks the worker to end. `NoReason` keeps the reason known so far. Threads: any.
@@ -154,7 +156,9 @@ public:
     /// Writes up to `frames` interleaved frames of `channels` channels, from `time` seconds of
     /// the material on, into `buffer` and returns how many; 0 or less means there are no more.
     /// It may block and allocate, but must not wait for the main thread. More frames than asked
-    /// for count as those asked for; an exception is logged and ends the material.
+    /// for count as those asked for. An exception is logged and ends the material; the source then
+    /// ends with `WorkerFailed` when what is buffered has been played. Samples that are not finite
+    /// are replaced by 0, counted by `replacedSamples`, and logged once.
     /// Threads: worker.
     virtual int readSamples(float *buffer, int frames, int channels, double time) = 0;
 
@@ -200,6 +204,10 @@ public:
     /// Frames ready for the mix, at the mixer's rate; 0 before the worker runs. To wait for them,
     /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
     qint64 bufferedFrames() const QTOVELMIXER_NONBLOCKING;
+
+    /// Samples of the host's, or of their conversion, that were not finite and were replaced by 0.
+    /// Threads: any. Real-time: yes.
+    quint64 replacedSamples() const QTOVELMIXER_NONBLOCKING;
 
     /// Frames taken by the mix, counted at the mixer's rate, divided by the source's own rate.
     /// Threads: any.

@@ -282,7 +282,7 @@ void tst_sink_worker::throwingHost_endsTheRecording()
     QTRY_COMPARE(heard.finished, 1);
     QCOMPARE(heard.states, 2);
     QVERIFY(!sink.isRunning());
-    QCOMPARE(sink.stopReason(), UserStopAction);
+    QCOMPARE(sink.stopReason(), WorkerFailed);
     QCOMPARE(sink.takenFrames(), 0);
     QCOMPARE(log.texts().filter("writeSamples"),
              QStringList{"QTovelMixer::writeSamples: Exception (" + what + ") in sink (" +
