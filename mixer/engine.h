@@ -255,8 +255,9 @@ public:
 
     // Gains, effects, meters ---------------------------------------------------------------
 
-    /// Sets the gain from a source's channel to a device output. Errors: false, logged, for an
-    /// unknown source or an index out of range; nothing changes.
+    /// Sets the gain from a source's channel to a device output. It stays until the source leaves,
+    /// also on other devices. Errors: false, logged, for an unknown source or an index out of range
+    /// or beyond the first 128 channels; nothing changes.
     bool setGain(Source *source, int channel, int output, float gain);
     /// Sets the gain from a device input to a sink's channel. Errors: as above.
     bool setGain(int input, Sink *sink, int channel, float gain);

@@ -9,6 +9,7 @@
 #include <mixer/block_lock_p.h>
 #include <mixer/engine.h>
 #include <mixer/gain_matrix_p.h>
+#include <mixer/host_gains_p.h>
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QElapsedTimer>
@@ -120,7 +121,8 @@ struct Engine::Data
     void resetGainMatrix();
     /// Rebuilds the mixing plan ahead of the next block, under the update lock.
     void planMix();
-    bool setCell(unsigned row, unsigned column, float gain);
+    /// Writes what the host set, here and for every device that is opened later.
+    bool setCell(const HostGains::Cell &cell, float gain);
     Effect *replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect);
     /// Limits and selections stay as they are while something holds the stream.
     bool mayEdit(const char *operation) const;
@@ -201,7 +203,11 @@ struct Engine::Data
     void makeRoom(size_t buses);
     template <typename T>
     bool takeOut(T *object);
+    bool writeRoute(const Source *source, const Sink *sink, float gain);
     template <typename T>
+    void writeMask(const Source *source, quint64 mask);
+    void writeHostGains();
+    bool cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const;
     bool withdraw(T *object);
     template <typename T>
     void remove(T *object, QObject *caller);
@@ -321,6 +327,7 @@ struct Engine::Data
 
     BlockGate gate;
     HoldLock holdLock; ///< taken under updateLock or alone
+    HostGains hostGains;
 
     // Guarded by updateLock -----------------------------------------------------------------
     mutable UpdateLock updateLock;

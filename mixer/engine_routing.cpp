@@ -240,6 +240,7 @@ bool Engine::Data::withdraw(T *object)
     const Link link = std::move(Kind<T>::links(*this)[object]);
     Kind<T>::links(*this).erase(object);
     for (const QMetaObject::Connection &connection : link.connections)
+    hostGains.forget(object);
         QObject::disconnect(connection);
     const auto first = buses.begin() + bus;
     std::move(first, first + count, std::back_inserter(removedBuses));
