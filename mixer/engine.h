@@ -172,7 +172,9 @@ public:
     /// `PauseKeepState`, the sources end, leave the mix and are deleted: the host builds them
     /// again from the `Config` that `Source::notifyState` got; a source that was never started
     /// goes as well. With `PauseSoft` they stay, and `resume` goes on with the next frame. Emits
-    /// `paused`. Errors: false when not active, or when already paused while running.
+    /// `paused`. Before a start it may be called any number of times: the next `start` is then
+    /// suspended, until one `resume`. Errors: false when not active, or when already paused while
+    /// running.
     bool pause();
     /// Ends a pause. Emits `resumed`. Errors: false unless active, running and paused.
     bool resume();
@@ -211,6 +213,11 @@ public:
     PauseMode pauseMode() const;
     /// When monitoring ends by itself; `MonitorUntilStop` at first.
     void setMonitorTrigger(MonitorTrigger trigger);
+    /// Where playback stands, seconds in the material; with selections never in a gap. Once nothing
+    /// plays or records, or the mixer was stopped or lost its device, where it stood last. `start`
+    /// and `setTime` set it also while nothing plays; a preview by `play` alone leaves it. It is
+    /// the mix's position: what is heard is later by the device's latency. Threads: main.
+    double position() const;
     MonitorTrigger monitorTrigger() const;
 
     /// Puts the timeline and both effect bypasses aside and goes on with an empty timeline.

@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace QTovelMixer {
 
@@ -332,10 +333,22 @@ void Engine::Data::prime(Source *source)
     source->prime();
 }
 
+// Before the start there is nothing to resume: however often a pause is asked for then, one
+// `resume` after the start ends it.
 bool Engine::Data::pause()
 {
-    raiseHold();
-    return forEachSource([this](Source *source) { source->pause(PauseMode(pauseMode)); });
+    const bool counted = std::exchange(pausedAtRest, !running) && !running;
+    if (!counted)
+        raiseHold();
+    return forEachSource([=, this](Source *source) { pause(source, counted); });
+}
+
+// A slot may delete the source, or the engine: nothing is left to do afterwards.
+void Engine::Data::pause(Source *source, bool counted)
+{
+    if (std::exchange(sourceLinks[source].paused, true) && counted)
+        SourceAccess::takeBackSilence(*source);
+    source->pause(PauseMode(pauseMode));
 }
 
 // No block sees the clock run while a source is still silent.
@@ -343,7 +356,12 @@ bool Engine::Data::resume()
 {
     resuming.fetch_add(1);
     decrement(holdCount);
-    if (!forEachSource([](Source *source) { source->resume(); }))
+    pausedAtRest = false;
+    const bool alive = forEachSource([this](Source *source) {
+        sourceLinks[source].paused = false;
+        source->resume();
+    });
+    if (!alive)
         return false;
     resuming.fetch_sub(1);
     gate.post();

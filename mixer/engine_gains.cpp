@@ -270,6 +270,7 @@ void Engine::setTime(double time)
     d->timeline->adjustLoopTime(d->seconds(d->mixTime));
     // Inside a bracket this is the position to keep.
     d->takeSnapshot();
+    d->keptPosition = d->livePosition();
 }
 
 bool Engine::Data::mayEdit(const char *operation) const

@@ -61,6 +61,7 @@ struct Engine::Data
         QMetaObject::Connection connections[3];
         float gain = 1.0f;        ///< given when it was added; needed again when buses are rebuilt
         bool holdsStream = false; ///< counted in streamUsers
+        bool paused = false;      ///< by `pause`, and not resumed since
     };
     struct SavedState
     {
@@ -143,6 +144,15 @@ struct Engine::Data
 
     void adjSourceTime(double time, double offset);
     void setTime(double time, double start);
+    /// Active, started, and with a source or a sink.
+    bool isRunning() const QTOVELMIXER_NONBLOCKING
+    {
+        return active && running && sourceCount + sinkCount > 0;
+    }
+    /// Where the clock stands in the material, seconds.
+    double livePosition() const;
+    /// Remembers where playback stands, for when it does no more.
+    void keepPosition();
     void startAll(double time, double begin);
     void setMixTime(double time);
     /// Both answer false when a slot has deleted the engine: this record is gone then.
@@ -153,6 +163,7 @@ struct Engine::Data
     /// Both answer as `forEachSource`.
     bool pause();
     bool resume();
+    void pause(Source *source, bool counted);
     void stop(StopReason reason);
     bool stop(Source *source, StopReason reason);
     void stop(Sink *sink, StopReason reason);
@@ -192,7 +203,11 @@ struct Engine::Data
     QList<T *> listed(const std::vector<T *> &objects) const;
     bool contains(const Source *source) const;
     bool contains(const Sink *sink) const;
+    bool writeRoute(const Source *source, const Sink *sink, float gain);
     /// Takes a listed object out of the mix. Answers false when it is not listed.
+    void writeMask(const Source *source, quint64 mask);
+    void writeHostGains();
+    bool cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const;
     bool detach(Source *source);
     bool detach(Sink *sink);
     template <typename T>
@@ -203,11 +218,7 @@ struct Engine::Data
     void makeRoom(size_t buses);
     template <typename T>
     bool takeOut(T *object);
-    bool writeRoute(const Source *source, const Sink *sink, float gain);
     template <typename T>
-    void writeMask(const Source *source, quint64 mask);
-    void writeHostGains();
-    bool cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const;
     bool withdraw(T *object);
     template <typename T>
     void remove(T *object, QObject *caller);
@@ -317,7 +328,10 @@ struct Engine::Data
     std::atomic<int> holdCount{0}; ///< while non-zero neither sources nor the clock move
     std::atomic<int> resuming{0};  ///< as holdCount, until every source has resumed
     std::atomic<int> outputEffectBypass{0};
+    HostGains hostGains;
     std::atomic<int> inputEffectBypass{0};
+    bool pausedAtRest = false; ///< holdCount holds the suspension of a pause before the start
+    double keptPosition = 0.0; ///< seconds in the material, where playback stood last
     std::atomic<float> masterOutputGain{1.0f};
     std::atomic<float> masterInputGain{1.0f};
 
@@ -327,7 +341,6 @@ struct Engine::Data
 
     BlockGate gate;
     HoldLock holdLock; ///< taken under updateLock or alone
-    HostGains hostGains;
 
     // Guarded by updateLock -----------------------------------------------------------------
     mutable UpdateLock updateLock;

@@ -207,6 +207,7 @@ void Engine::Data::unfollow(Sink *) {}
 template <typename T>
 bool Engine::Data::takeOut(T *object)
 {
+    keepPosition();
     if (!withdraw(object))
         return false;
     Kind<T>::count(*this).fetch_sub(1);
@@ -239,8 +240,8 @@ bool Engine::Data::withdraw(T *object)
     }
     const Link link = std::move(Kind<T>::links(*this)[object]);
     Kind<T>::links(*this).erase(object);
-    for (const QMetaObject::Connection &connection : link.connections)
     hostGains.forget(object);
+    for (const QMetaObject::Connection &connection : link.connections)
         QObject::disconnect(connection);
     const auto first = buses.begin() + bus;
     std::move(first, first + count, std::back_inserter(removedBuses));

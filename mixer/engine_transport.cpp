@@ -7,6 +7,7 @@
 #include <mixer/api/api.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
+#include <mixer/io/source_p.h>
 
 #include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
@@ -89,6 +90,7 @@ void Engine::Data::startAll(double time, double begin)
 }
 
 bool Engine::pause()
+    keptPosition = livePosition();
 {
     if (!d->requireMainThread("pause") || !d->active)
         return false;
@@ -168,8 +170,10 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
     d->running = false;
     d->holdCount = 0;
     {
+    d->keepPosition();
         MixBracket bracket(*d);
         d->timeline->reset();
+    d->pausedAtRest = false;
         bracket.position = source ? Data::Position::RestartPlayback : Data::Position::Restart;
     }
     onStopped();
@@ -199,6 +203,27 @@ double Engine::time() const
 quint64 Engine::droppedBlocks() const
 {
     return d->droppedBlocks;
+double Engine::position() const
+{
+    return d->isRunning() ? d->livePosition() : d->keptPosition;
+}
+
+double Engine::Data::livePosition() const
+{
+    double position = timeline->position(seconds(mixTime.load(std::memory_order_relaxed)));
+    for (const Source *source : sources) {
+        if (source->timeline() == timeline)
+            position = SourceAccess::boundedByPause(*source, position);
+    }
+    return position;
+}
+
+void Engine::Data::keepPosition()
+{
+    if (isRunning())
+        keptPosition = livePosition();
+}
+
 }
 
 double Engine::startTime() const
@@ -213,7 +238,7 @@ bool Engine::isActive() const
 
 bool Engine::isRunning() const
 {
-    return d->active && d->running && d->sourceCount + d->sinkCount > 0;
+    return d->isRunning();
 }
 
 bool Engine::isPlaying() const

@@ -169,6 +169,12 @@ struct SourceAccess
     /// Lets the worker look at its ring.
     static void wake(Source &source);
 
+    /// Undoes the silence of one `Source::pause`, and nothing else of it.
+    static void takeBackSilence(Source &source);
+
+    /// The position in the material, or the pause position that reading stopped at before it.
+    static double boundedByPause(const Source &source, double position) noexcept;
+
     /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
     static void endAndWait(Source &source);
 };

@@ -8,6 +8,7 @@
 
 #include <QtCore/QMutexLocker>
 
+#include <algorithm>
 #include <utility>
 
 namespace QTovelMixer {
@@ -105,6 +106,19 @@ void SourceAccess::wake(Source &source)
     const QMutexLocker lock(&source.d->waitMutex);
     source.d->wakePending = true;
     source.d->wakeCondition.wakeAll();
+}
+
+void SourceAccess::takeBackSilence(Source &source)
+{
+    source.d->countUpdateDown();
+}
+
+double SourceAccess::boundedByPause(const Source &source, double position) noexcept
+{
+    const double pausePosition = source.d->pausePositionTime.load(std::memory_order_relaxed);
+    const double playStart = source.d->playStartTime.load(std::memory_order_relaxed);
+    const bool isAhead = playStart <= pausePosition || playStart > position;
+    return pausePosition >= 0.0 && isAhead ? std::min(position, pausePosition) : position;
 }
 
 bool SourceAccess::threadStarted(const Source &source)

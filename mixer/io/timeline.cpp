@@ -179,6 +179,19 @@ double Timeline::time(double mixerTime, bool clamp, double playStart, double pau
     return data.timeOf(rel, rel < 0.0, clamp, playStart, pausePosition);
 }
 
+double Timeline::position(double mixerTime) const
+{
+    const double now = finiteTime(mixerTime);
+    if (d->limits.start < 0.0 || d->limits.end < 0.0)
+        return std::max(now, 0.0);
+    const double earliest = d->chunks.empty() ? 0.0 : d->chunks.front().start;
+    const double latest = d->chunks.empty() ? duration() : d->chunks.back().end;
+    const Data::Position position = d->positionAt(now);
+    const bool isPastTheLast = !d->chunks.empty() && !position.chunk;
+    const double rel = isPastTheLast ? latest : position.rel;
+    return d->limits.start + std::max(earliest, std::min(rel, latest));
+}
+
 double Timeline::mixer_time(double position) const
 {
     const double rel = finiteTime(position) - d->limits.start;

@@ -85,6 +85,10 @@ public:
                 double pausePosition) const QTOVELMIXER_NONBLOCKING;
 
     /// The mixer time of the first pass at a position, between 0 and the distance of the limits;
+
+    /// Where playback stands at a mixer time: as `time`, but before the first selected stretch its
+    /// start and after the last one its end. While the limits are not set, the mixer time itself.
+    double position(double mixerTime) const QTOVELMIXER_NONBLOCKING;
     /// 0 for a position outside every chunk.
     double mixer_time(double position) const;
 
