@@ -77,7 +77,8 @@ public:
     virtual QString currentDeviceName(DeviceKind kind) const;
     /// The rate of the mix in Hz; 0 without a backend. Threads: any. Real-time: yes.
     virtual unsigned int sampleRate() const QTOVELMIXER_NONBLOCKING;
-    /// The frames of one device block; 0 without a backend.
+    /// The frames of one device block, as the backend was told last: an open stream keeps those it
+    /// was opened with (see `Api::setBufferFrames`). 0 without a backend.
     virtual unsigned int bufferFrames() const;
 
     /// Opens a pair of devices, either of which may be null, at `sampleRate` Hz; with its
@@ -150,9 +151,9 @@ public:
     Device *device(DeviceKind kind, const QString &name) const;
     /// The listed device with this number, or the default one.
     Device *device(DeviceKind kind, unsigned int number) const;
-    /// Channels of the open input device. Threads: main.
+    /// Channels of the open input device, also those beyond the 128 that are mixed. Threads: main.
     unsigned int numInputChannels() const;
-    /// Channels of the open output device. Threads: main.
+    /// Channels of the open output device, also those beyond the 128 that are mixed. Threads: main.
     unsigned int numOutputChannels() const;
 
     /// The process-wide choice for a kind: "default" or "null". Errors: throws std::logic_error
@@ -212,12 +213,12 @@ public:
     void setPauseMode(PauseMode mode);
     PauseMode pauseMode() const;
     /// When monitoring ends by itself; `MonitorUntilStop` at first.
-    void setMonitorTrigger(MonitorTrigger trigger);
     /// Where playback stands, seconds in the material; with selections never in a gap. Once nothing
     /// plays or records, or the mixer was stopped or lost its device, where it stood last. `start`
     /// and `setTime` set it also while nothing plays; a preview by `play` alone leaves it. It is
     /// the mix's position: what is heard is later by the device's latency. Threads: main.
     double position() const;
+    void setMonitorTrigger(MonitorTrigger trigger);
     MonitorTrigger monitorTrigger() const;
 
     /// Puts the timeline and both effect bypasses aside and goes on with an empty timeline.

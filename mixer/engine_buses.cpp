@@ -173,7 +173,7 @@ void Engine::Data::writeHostGains()
 // everything that is attached, with its rows and columns. Called under the update lock.
 void Engine::Data::rebuildBuses(Device *output, Device *input)
 {
-    const unsigned busFrames = api->bufferFrames();
+    const unsigned busFrames = blockFrames;
     inputBuses = makeBuses(numInputChannels, busFrames);
     outputBuses = makeBuses(numOutputChannels, busFrames);
     inputBuses.reserve(maxChannels);

@@ -56,6 +56,13 @@ std::vector<unsigned> ascendingRates(const Device *device)
     return rates;
 }
 
+void warnOfWidth(const char *side, unsigned channels)
+{
+    if (channels > Engine::Data::maxChannels)
+        qWarning("QTovelMixer::Engine::open: the mix uses the first %u of %u %s channels",
+                 Engine::Data::maxChannels, channels, side);
+}
+
 } // namespace
 
 QList<Device *> Engine::devices() const
@@ -323,6 +330,8 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
             d->numInputChannels = d->api->numInputChannels();
             d->numOutputChannels = d->api->numOutputChannels();
             d->rebuildBuses(outputDevice, inputDevice);
+            d->blockFrames = d->api->bufferFrames();
+            ++d->streamGeneration;
             const int rate = int(this->sampleRate());
             const MeterConfig inputConfig =
                 Store::store()->findMeterConfig(Type::Input, inputDevice);
@@ -353,6 +362,8 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
         d->startMixerApi();
         d->raiseApiRefs(d->users() + 1);
     }
+    warnOfWidth("input", opened ? d->numInputChannels : 0);
+    warnOfWidth("output", opened ? d->numOutputChannels : 0);
     return opened;
 }
 

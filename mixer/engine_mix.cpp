@@ -209,8 +209,9 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
 
 void Engine::Data::mixMatrix(unsigned busCount) noexcept
 {
-    const int rows = int(busCount);
-    const int columns = int(outputBuses.size());
+    // A device may have more channels than the mix.
+    const int rows = int(std::min(busCount, maxChannels));
+    const int columns = int(std::min<size_t>(outputBuses.size(), maxChannels));
     if (columns == 0)
         return;
     const bool isPlanned = plan.watchesCells() ? plan.matches(matrix, rows, columns)

@@ -344,7 +344,7 @@ struct Engine::Data
 
     // Guarded by updateLock -----------------------------------------------------------------
     mutable UpdateLock updateLock;
-    unsigned numInputChannels = 0;
+    unsigned numInputChannels = 0; ///< of the open device; the mix uses `maxChannels` of them
     unsigned numOutputChannels = 0;
     Meter *inputMeter = nullptr;
     Meter *outputMeter = nullptr;
@@ -356,6 +356,7 @@ struct Engine::Data
     Effect *inputEffect = nullptr;
     GainMatrix matrix;
     float (&gainMatrix)[128][128] = matrix.gain;
+    unsigned blockFrames = 0; ///< of the open stream, whatever the backend is told since
     float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
     Timeline *timeline = nullptr;

@@ -71,7 +71,7 @@ bool Engine::Data::add(T *object, float gain, Options options)
         BLDEBUG_Error(-1, text, static_cast<void *>(object));
         return false;
     }
-    std::vector<Bus> buses = makeBuses(channelsOf(object), engine->bufferFrames());
+    std::vector<Bus> buses = makeBuses(channelsOf(object), blockFrames);
     const Span span = spanOf(object, options);
     auto undo = qScopeGuard([this] { stopMixerApi(); });
     {

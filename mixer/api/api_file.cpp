@@ -200,8 +200,12 @@ void QTovelMixerApiFile::mixerTimeout()
     const size_t outputSamples = size_t(frames) * size_t(f->openOutputChannels);
     // The buffer size may have changed since the file was opened.
     if ((f->inputFile && f->inputBlock->size() < inputSamples) ||
-        (f->outputFile && f->outputBlock->size() < outputSamples))
+        (f->outputFile && f->outputBlock->size() < outputSamples)) {
         f->makeBlocks(frames);
+        qWarning("QTovelMixerApiFile: blocks of %u frames are longer than those of the open stream "
+                 "-- open it again to mix them whole",
+                 frames);
+    }
     if (f->inputFile)
         f->readInput(frames);
     if (mixerCallback(*f->inputBlock, *f->outputBlock, frames, f->streamTime, 0) != 0) {
