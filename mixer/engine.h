@@ -84,10 +84,22 @@ public:
     /// Opens a pair of devices, either of which may be null, at `sampleRate` Hz; with its
     /// fallbacks: output alone, input alone, the same three at the preferred rate, then devices
     /// of the same name. With `startapi` an active engine's stream starts as well.
-    /// Every attempt takes 50 ms at least and replaces both meters.
-    /// Errors: false when nothing could be opened. Threads: any, blocking until the main thread
-    /// has done it; from the thread of a source, sink or meter, of whichever engine, it is queued
-    /// and answers true.
+    /// Every attempt takes 50 ms at least and replaces both meters. When these devices are open at
+    /// that rate already, nothing is done, also after `Api::setBufferFrames`.
+    ///
+    /// What is in the mix plays on, with the gains, masks and routes that the host set, as far as
+    /// the new device has the channels; the other gains come from the stored route for the new
+    /// device, or else from the default matrix. At another rate than before, everything ends with
+    /// `DeviceListChanged`, and the answer is true all the same: compare `sampleRate` to know. With
+    /// `startapi` false, what plays is silent until the next `start`.
+    ///
+    /// A device with more than 128 channels is mixed in its first 128, which is logged.
+    /// Errors: false when nothing could be opened: no device is open then. An active engine stays
+    /// active; `select`, `activate` and the next update of the device list try anew. If something
+    /// plays or records and none of these has helped when the event loop turns, the engine treats
+    /// it as a failure of the device (`deviceFailed`). So it does when the stream does not start.
+    /// Threads: any, blocking until the main thread has done it; from the thread of a source, sink
+    /// or meter, of whichever engine, it is queued and answers true.
     virtual bool select(Device *output, Device *input, unsigned int sampleRate,
                         bool startapi = true);
     /// The rate in Hz at which these devices like to run; 0 for no device.
@@ -129,7 +141,8 @@ protected:
 public Q_SLOTS:
     /// Makes the engine usable: opens the default devices (or, without preference, the active
     /// ones) unless a device is open. Emits `activated` on success, nothing otherwise; after a
-    /// failure the engine counts as active without a device. Threads: any, as `select`.
+    /// failure the engine counts as active without a device. On an active engine it does nothing,
+    /// unless the last device did not open. Threads: any, as `select`.
     virtual void activate(bool preferDefaultOutput = true, bool preferDefaultInput = true);
     /// Stops everything with `stopReason`, closes the device, deletes the meters and emits
     /// `deactivated` and `mixerChanged`. Sources and sinks leave the mix from the event loop
@@ -166,8 +179,13 @@ public:
     // Transport ----------------------------------------------------------------------------
 
     /// Positions every source and sink at `time` in the material, starts their threads and
-    /// waits until every source has 0.2 s buffered. Emits `started`. Starting again positions
-    /// everything anew. Errors: false when not active.
+    /// waits until every source has 0.2 s buffered. Emits `started`.
+    ///
+    /// Starting again positions everything anew, but waits for no source twice: one that has been
+    /// primed may miss its first blocks while it reads. A source with a range of its own begins at
+    /// `time` too, and plays to the end of its range: `start(0)` also plays what lies before the
+    /// range, so start at the range's start. Errors: false when not active, inside a change of the
+    /// mix, or when the stream that a source or sink needs does not start.
     bool start(double time = 0.0);
     /// Suspends the mix; sources pause in the current `pauseMode`. With the default mode,
     /// `PauseKeepState`, the sources end, leave the mix and are deleted: the host builds them
@@ -194,6 +212,11 @@ public:
     /// Blocks that were not mixed because the mix was being changed, or because their size was
     /// not that of the open stream. Threads: any. Real-time: yes.
     quint64 droppedBlocks() const QTOVELMIXER_NONBLOCKING;
+    /// Where playback stands, seconds in the material; with selections never in a gap. Once nothing
+    /// plays or records, or the mixer was stopped or lost its device, where it stood last. `start`
+    /// and `setTime` set it also while nothing plays; a preview by `play` alone leaves it. It is
+    /// the mix's position: what is heard is later by the device's latency. Threads: main.
+    double position() const;
     /// Between `activate` and `deactivate`. Threads: any. Real-time: yes.
     bool isActive() const QTOVELMIXER_NONBLOCKING;
     /// Active, started, and with a source or a sink. Threads: any. Real-time: yes.
@@ -209,15 +232,12 @@ public:
     /// The open input device can capture. The argument goes to the device.
     bool canCapture(bool argument = false) const;
 
+    /// What `setStreaming` was told last; false at first. Threads: main.
+    bool isStreaming() const;
     /// The mode in which `pause` pauses sources; `PauseKeepState` at first.
     void setPauseMode(PauseMode mode);
     PauseMode pauseMode() const;
     /// When monitoring ends by itself; `MonitorUntilStop` at first.
-    /// Where playback stands, seconds in the material; with selections never in a gap. Once nothing
-    /// plays or records, or the mixer was stopped or lost its device, where it stood last. `start`
-    /// and `setTime` set it also while nothing plays; a preview by `play` alone leaves it. It is
-    /// the mix's position: what is heard is later by the device's latency. Threads: main.
-    double position() const;
     void setMonitorTrigger(MonitorTrigger trigger);
     MonitorTrigger monitorTrigger() const;
 
@@ -363,6 +383,10 @@ public Q_SLOTS:
     void setLimits(double begin, double end);
     /// `setLimits` if that reaches beyond the limits, or none are set.
     void expandLimits(double begin, double end);
+    /// Keeps the stream of an active engine running when there is nothing in the mix, so that the
+    /// input meter shows a level and monitoring is heard at any time. Off at first; what it is told
+    /// stays through `deactivate`. The clock goes on with the stream. Threads: main.
+    void setStreaming(bool value);
     /// `setLimits` if that lies inside the limits, or none are set.
     void collapsLimits(double begin, double end);
     /// The backend's failure report: deactivates with `DeviceFailed`, emits `deviceFailed`. A

@@ -315,6 +315,7 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     const unsigned choice = ++d->choices;
     const unsigned oldRate = this->sampleRate();
     d->activatedEmpty = false;
+    d->openFailed = true; // until the end
     d->closeDevice();
     QThread::msleep(settleTime);
 
@@ -329,9 +330,9 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
                 d->adoptRate(oldRate);
             d->numInputChannels = d->api->numInputChannels();
             d->numOutputChannels = d->api->numOutputChannels();
-            d->rebuildBuses(outputDevice, inputDevice);
             d->blockFrames = d->api->bufferFrames();
             ++d->streamGeneration;
+            d->rebuildBuses(outputDevice, inputDevice);
             const int rate = int(this->sampleRate());
             const MeterConfig inputConfig =
                 Store::store()->findMeterConfig(Type::Input, inputDevice);
@@ -346,13 +347,19 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
         }
     }
     undo.dismiss();
+    d->openFailed = !opened;
     if (!opened) {
+        // Nothing plays without a device: it goes on with another one, or is told of the loss.
+        if (d->isBusy())
+            d->reportLostStream();
         composeLine(QtWarningMsg, [&](QDebug &line) {
             line.nospace().noquote()
                 << "QTovelMixer::Engine::open: Failed to open mixerApi (Output: " << outputDevice
                 << " / Input: " << inputDevice << " / Sample Rate: " << sampleRate << "Hz)";
         });
     }
+    warnOfWidth("input", opened ? d->numInputChannels : 0);
+    warnOfWidth("output", opened ? d->numOutputChannels : 0);
     emit mixerChanged();
     if (!alive)
         return false;
@@ -361,9 +368,9 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     if (opened && d->active && startapi) {
         d->startMixerApi();
         d->raiseApiRefs(d->users() + 1);
+    } else if (opened && d->active && d->streaming) {
+        d->startStreamForUsers();
     }
-    warnOfWidth("input", opened ? d->numInputChannels : 0);
-    warnOfWidth("output", opened ? d->numOutputChannels : 0);
     return opened;
 }
 
@@ -461,7 +468,7 @@ void Engine::doDeviceListUpdate()
     const bool found =
         d->activatedEmpty && d->api &&
         (d->api->defaultDevice(DeviceKind::Output) || d->api->defaultDevice(DeviceKind::Input));
-    if (d->active && !d->apiOpen() && (d->activationFailed || lost || found))
+    if (d->active && !d->apiOpen() && (d->openFailed || lost || found))
         d->active = false;
     if (!d->active) {
         d->callLater("activate", [this] {

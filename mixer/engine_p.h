@@ -181,6 +181,15 @@ struct Engine::Data
     void deleteMeters();
     /// Keeps the stream alive for every user, also after it was reopened under them.
     void raiseApiRefs(int users);
+    /// Something in the mix was not told to stop.
+    bool hasLiveUsers() const;
+    /// The mixer is started, or something plays or records without that.
+    bool isBusy() const;
+    /// Starts the open stream if somebody needs it.
+    void startStreamForUsers();
+    /// Has the loss of the stream told as a failure of the device, from the event loop: until then
+    /// another device may be opened.
+    void reportLostStream();
     void releaseStream();
     bool apiRunning() const;
     bool apiOpen() const;
@@ -194,7 +203,11 @@ struct Engine::Data
     void writeSourceGains(Source *source, unsigned row, Device *output, float gain);
     void writeSinkGains(Sink *sink, unsigned column, Device *input, float gain);
     void writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols, float gain);
+    bool writeRoute(const Source *source, const Sink *sink, float gain);
     void writeMonitorGains(bool on);
+    void writeMask(const Source *source, quint64 mask);
+    void writeHostGains();
+    bool cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const;
     void adoptRate(unsigned oldRate);
     /// First row or column of a listed object; the number of buses for one that has none.
     unsigned rowOf(const Source *source) const;
@@ -203,11 +216,7 @@ struct Engine::Data
     QList<T *> listed(const std::vector<T *> &objects) const;
     bool contains(const Source *source) const;
     bool contains(const Sink *sink) const;
-    bool writeRoute(const Source *source, const Sink *sink, float gain);
     /// Takes a listed object out of the mix. Answers false when it is not listed.
-    void writeMask(const Source *source, quint64 mask);
-    void writeHostGains();
-    bool cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const;
     bool detach(Source *source);
     bool detach(Sink *sink);
     template <typename T>
@@ -284,7 +293,7 @@ struct Engine::Data
     unsigned activations = 0;    ///< raised by `activate` and `deactivate`
     unsigned choices = 0;        ///< raised by whatever opens or closes devices for the host
     int apiRefs = 0;
-    unsigned streamGeneration = 0; ///< raised by every close, so that late calls see it
+    unsigned streamGeneration = 0; ///< raised by every open and close, so that late calls see it
     std::atomic<unsigned> sourceCount{0};
     std::atomic<unsigned> sinkCount{0};
     std::atomic<int> streamUsers{0};
@@ -293,8 +302,9 @@ struct Engine::Data
     double savedTime = 0.0;         ///< seconds
     double savedTimelineTime = 0.0; ///< seconds in the material
     double savedLoopOffset = 0.0;   ///< seconds
-    bool activationFailed = false;
-    bool activatedEmpty = false; ///< there was no device at all
+    bool openFailed = false;        ///< the last attempt to open a device
+    bool activatedEmpty = false;    ///< there was no device at all
+    bool streaming = false;         ///< the host wants a stream without users
     int bracketDepth = 0;
     std::vector<Source *> lockedSources; ///< by the outermost bracket
     std::vector<Sink *> lockedSinks;     ///< by the outermost bracket
@@ -318,7 +328,10 @@ struct Engine::Data
     std::map<const Sink *, Link> sinkLinks;
     std::vector<QPointer<Source>> retiredSources; ///< removed, deletion queued
     std::vector<QPointer<Sink>> retiredSinks;
+    HostGains hostGains;
     std::vector<SavedState> savedStates;
+    bool pausedAtRest = false; ///< holdCount holds the suspension of a pause before the start
+    double keptPosition = 0.0; ///< seconds in the material, where playback stood last
 
     // Shared: written on the main thread, read anywhere -------------------------------------
     std::atomic<bool> active{false};
@@ -328,10 +341,7 @@ struct Engine::Data
     std::atomic<int> holdCount{0}; ///< while non-zero neither sources nor the clock move
     std::atomic<int> resuming{0};  ///< as holdCount, until every source has resumed
     std::atomic<int> outputEffectBypass{0};
-    HostGains hostGains;
     std::atomic<int> inputEffectBypass{0};
-    bool pausedAtRest = false; ///< holdCount holds the suspension of a pause before the start
-    double keptPosition = 0.0; ///< seconds in the material, where playback stood last
     std::atomic<float> masterOutputGain{1.0f};
     std::atomic<float> masterInputGain{1.0f};
 
@@ -346,6 +356,7 @@ struct Engine::Data
     mutable UpdateLock updateLock;
     unsigned numInputChannels = 0; ///< of the open device; the mix uses `maxChannels` of them
     unsigned numOutputChannels = 0;
+    unsigned blockFrames = 0; ///< of the open stream, whatever the backend is told since
     Meter *inputMeter = nullptr;
     Meter *outputMeter = nullptr;
     std::vector<Source *> sources;
@@ -356,7 +367,6 @@ struct Engine::Data
     Effect *inputEffect = nullptr;
     GainMatrix matrix;
     float (&gainMatrix)[128][128] = matrix.gain;
-    unsigned blockFrames = 0; ///< of the open stream, whatever the backend is told since
     float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
     Timeline *timeline = nullptr;

@@ -59,6 +59,9 @@ bool Engine::start(double time)
         BLDEBUG_Error(-1, "QTovelMixer::start: refused inside a change of the mix!!");
         return false;
     }
+    d->startStreamForUsers();
+    if (d->hasLiveUsers() && !d->apiRunning())
+        return false;
     const double begin = std::isfinite(time) ? time : 0.0;
     d->startAll(mixerTimeToStart(*d->timeline, begin), begin);
     emit started();
@@ -87,10 +90,10 @@ void Engine::Data::startAll(double time, double begin)
     }
     prime();
     running = true;
+    keptPosition = livePosition();
 }
 
 bool Engine::pause()
-    keptPosition = livePosition();
 {
     if (!d->requireMainThread("pause") || !d->active)
         return false;
@@ -167,13 +170,13 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
         return false;
     if (d->active && d->monitoring && (d->monitorTrigger & MonitorUntilStop) != 0)
         setMonitoring(false);
+    d->keepPosition();
     d->running = false;
     d->holdCount = 0;
+    d->pausedAtRest = false;
     {
-    d->keepPosition();
         MixBracket bracket(*d);
         d->timeline->reset();
-    d->pausedAtRest = false;
         bracket.position = source ? Data::Position::RestartPlayback : Data::Position::Restart;
     }
     onStopped();
@@ -200,9 +203,6 @@ double Engine::time() const
     return d->active ? d->seconds(d->mixTime.load(std::memory_order_relaxed)) : 0.0;
 }
 
-quint64 Engine::droppedBlocks() const
-{
-    return d->droppedBlocks;
 double Engine::position() const
 {
     return d->isRunning() ? d->livePosition() : d->keptPosition;
@@ -224,6 +224,9 @@ void Engine::Data::keepPosition()
         keptPosition = livePosition();
 }
 
+quint64 Engine::droppedBlocks() const
+{
+    return d->droppedBlocks;
 }
 
 double Engine::startTime() const
