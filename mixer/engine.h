@@ -146,7 +146,7 @@ public Q_SLOTS:
     virtual void activate(bool preferDefaultOutput = true, bool preferDefaultInput = true);
     /// Stops everything with `stopReason`, closes the device, deletes the meters and emits
     /// `deactivated` and `mixerChanged`. Sources and sinks leave the mix from the event loop
-    /// afterwards. Threads: any, as `select`.
+    /// afterwards. Empties the timeline, as `stop` does. Threads: any, as `select`.
     virtual void deactivate(QTovelMixer::StopReason stopReason = QTovelMixer::NoReason);
     /// Rebuilds the device list now, whatever the engine is doing. Threads: main.
     virtual void doDeviceListUpdate();
@@ -154,7 +154,8 @@ public Q_SLOTS:
     /// active or not running; with a `source`, false while another source has not stopped.
     virtual bool stop_mixer(bool force, QTovelMixer::Source *source,
                             QTovelMixer::StopReason stopReason);
-    /// The watchdog's tick: stops the mixer when no block was mixed since the last one.
+    /// The watchdog's tick: stops the mixer, by `stop(false)`, when no block was mixed since the
+    /// last one. It leaves what only `play` has started.
     virtual void monitorTimeout();
 
 public:
@@ -195,28 +196,32 @@ public:
     /// suspended, until one `resume`. Errors: false when not active, or when already paused while
     /// running.
     bool pause();
-    /// Ends a pause. Emits `resumed`. Errors: false unless active, running and paused.
+    /// Ends a pause. Emits `resumed`. Errors: false unless active, running and paused: a preview
+    /// that only `play` has started cannot be resumed.
     bool resume();
     /// Stops every source and sink; they leave the mix from the event loop, and `stopped`
     /// follows with the reason of the last one. Reason `NoReason` keeps the objects' own.
+    /// Empties the timeline: limits and selections are gone, looping stays.
     /// A preview begun by `play` alone needs `force`. Errors: false without `force` when not
     /// active or not running. Threads: any, as `select`.
     bool stop(bool force = false, StopReason reason = NoReason);
-    /// Stops one source. Errors: also false while other sources play on.
+    /// Stops one source. When it was the last that played, the mixer stops: the timeline is
+    /// emptied and `isRunning` is false, but sinks record on, and only `stop(true)` ends them.
+    /// Errors: also false while other sources play on.
     bool stop(Source *source, bool force = false, StopReason reason = NoReason);
 
     /// The clock in seconds; 0.0 when not active. Threads: any. Real-time: yes.
     double time() const QTOVELMIXER_NONBLOCKING;
-    /// Where playback last started, seconds in the material. Threads: any. Real-time: yes.
-    double startTime() const QTOVELMIXER_NONBLOCKING;
-    /// Blocks that were not mixed because the mix was being changed, or because their size was
-    /// not that of the open stream. Threads: any. Real-time: yes.
-    quint64 droppedBlocks() const QTOVELMIXER_NONBLOCKING;
     /// Where playback stands, seconds in the material; with selections never in a gap. Once nothing
     /// plays or records, or the mixer was stopped or lost its device, where it stood last. `start`
     /// and `setTime` set it also while nothing plays; a preview by `play` alone leaves it. It is
     /// the mix's position: what is heard is later by the device's latency. Threads: main.
     double position() const;
+    /// Where playback last started, seconds in the material. Threads: any. Real-time: yes.
+    double startTime() const QTOVELMIXER_NONBLOCKING;
+    /// Blocks that were not mixed because the mix was being changed, or because their size was
+    /// not that of the open stream. Threads: any. Real-time: yes.
+    quint64 droppedBlocks() const QTOVELMIXER_NONBLOCKING;
     /// Between `activate` and `deactivate`. Threads: any. Real-time: yes.
     bool isActive() const QTOVELMIXER_NONBLOCKING;
     /// Active, started, and with a source or a sink. Threads: any. Real-time: yes.
@@ -227,13 +232,13 @@ public:
     bool isPaused() const QTOVELMIXER_NONBLOCKING;
     /// The device input is heard on the device output. Threads: any.
     bool isMonitoring() const;
+    /// What `setStreaming` was told last; false at first. Threads: main.
+    bool isStreaming() const;
     /// The open output device can play back. The argument goes to the device.
     bool canPlayback(bool argument = false) const;
     /// The open input device can capture. The argument goes to the device.
     bool canCapture(bool argument = false) const;
 
-    /// What `setStreaming` was told last; false at first. Threads: main.
-    bool isStreaming() const;
     /// The mode in which `pause` pauses sources; `PauseKeepState` at first.
     void setPauseMode(PauseMode mode);
     PauseMode pauseMode() const;
@@ -242,7 +247,8 @@ public:
     MonitorTrigger monitorTrigger() const;
 
     /// Puts the timeline and both effect bypasses aside and goes on with an empty timeline.
-    /// Emits `mixerChanged`. Errors: false when not active, or running; logged.
+    /// Emits `mixerChanged`. Errors: false when not active, or running; logged. A mixer whose
+    /// sources have come to their natural end still counts as running: `stop` it first.
     bool save();
     /// Brings back what the last `save` put aside. Emits `mixerChanged`. Errors: false when not
     /// active, running, or nothing was saved; logged.
@@ -251,8 +257,10 @@ public:
     // Sources and sinks --------------------------------------------------------------------
 
     /// Puts a source into the mix, scaled by `gain`, wired by the stored route for its channel
-    /// count and the open output device, or by the default matrix. The source attaches to the
-    /// timeline, whose limits are set to the source's span unless they cover it.
+    /// count and the open output device, or by the default matrix (`<mixer/gains.h>`). The source
+    /// attaches to the timeline, whose limits are set to the source's span unless they cover it:
+    /// they are replaced, not joined, so that limits of 0 to 5 s and a source from 3 to 8 s give 3
+    /// to 8 s. Call `setLimits` after the last source to have others.
     /// Its number of channels is asked once, here. Emits `sourceAdded`. Errors: false for null, a
     /// source without channels, an inactive engine, an output that cannot play back, or more than
     /// 128 input channels; false, logged, for a source that is in the mix already, was built for
@@ -263,9 +271,11 @@ public:
     /// channel count, or by the default matrix. Emits `sinkAdded`. Errors: as `addSource`; the
     /// backend must be able to play back or to capture.
     bool addSink(Sink *sink, float gain = 1.0f, Options options = {});
-    /// Adds a source, starts it at the clock's position and primes it. End such a preview with
-    /// `stop(true, reason)`. Errors: false when inactive (the source stays the host's) or when
-    /// it cannot be added (the source is deleted, unless it is in a mix).
+    /// Adds a source, starts it at the clock's position and primes it. Such a preview does not
+    /// start the mixer: `isPlaying` stays false, `resume` and `stop` without `force` answer false,
+    /// neither the watchdog nor an update of the device list knows of it, and `pause` silences it
+    /// until `stop`. End it with `stop(true, reason)`. Errors: false when inactive (the source
+    /// stays the host's) or when it cannot be added (the source is deleted, unless it is in a mix).
     bool play(Source *source, float gain = 1.0f);
 
     /// Takes a source whose worker has ended, or was never started, out of the mix and deletes
@@ -295,9 +305,12 @@ public:
     /// for null; false, logged, when either is unknown.
     bool addRoute(Source *source, Sink *sink, float gain = 1.0f);
     /// Lets channel c of a source through to the device outputs when bit c of `mask` is set.
-    /// Routes into sinks are not masked. Works up to 32 channels; the source is told the mask in
-    /// any case. The last two arguments are accepted and have no effect. Errors: false, logged,
-    /// for an unknown source.
+    /// Routes into sinks are not masked. With more than 32 channels of the source, or 33 outputs
+    /// and more, nothing is masked, though the answer is true; the source is told the mask in any
+    /// case. A mask belongs to the source's rows of the mix: when an earlier source leaves, it
+    /// stays on these rows, for whatever source moves there; set masks again after a removal.
+    /// `select` brings every source its own mask again. The last two arguments are accepted and
+    /// have no effect. Errors: false, logged, for an unknown source.
     bool setChannelsMask(Source *source, unsigned long long mask, float gain = 1.0f,
                          bool flag = false);
 
@@ -320,8 +333,10 @@ public:
     /// Switches a channel (0 … 127) of the input or output meter; emits `meterLayoutChanged` when
     /// that changes something. Ignored while inactive, without that meter, or for another type.
     void setChannelMeterEnabled(Type type, int channel, bool enabled);
-    /// The meter of the open input device, idle until `Meter::start`; null while none is open.
-    /// Every `open` replaces it: fetch it again at `mixerChanged`.
+    /// The meter of the open input device, idle until `Meter::start`; null while no device is open.
+    /// When only an output is open it is there, without a channel. It hears something while the
+    /// stream runs only (see `setStreaming`). Every `open` replaces it: fetch it again at
+    /// `mixerChanged`.
     Meter *inputMeter() const;
     /// The meter of the open output device, as `inputMeter`.
     Meter *outputMeter() const;
@@ -365,8 +380,13 @@ public Q_SLOTS:
     /// `activate()` or `deactivate(UserStopAction)`.
     void setActive(bool value);
     /// Passes the device input to the device output by the default matrix. Ignored unless
-    /// active, with a backend that can play back.
+    /// active, with a backend that can play back. It starts no stream: with nothing in the mix it
+    /// is heard only while `setStreaming` or `select` keeps one running.
     void setMonitoring(bool value);
+    /// Keeps the stream of an active engine running when there is nothing in the mix, so that the
+    /// input meter shows a level and monitoring is heard at any time. Off at first; what it is told
+    /// stays through `deactivate`. The clock goes on with the stream. Threads: main.
+    void setStreaming(bool value);
     /// Emits `mixerChanged`. Ignored while inactive.
     void setLooping(bool value);
     /// Removes the source whose signal called; see `removeSource(Source *)`.
@@ -383,10 +403,6 @@ public Q_SLOTS:
     void setLimits(double begin, double end);
     /// `setLimits` if that reaches beyond the limits, or none are set.
     void expandLimits(double begin, double end);
-    /// Keeps the stream of an active engine running when there is nothing in the mix, so that the
-    /// input meter shows a level and monitoring is heard at any time. Off at first; what it is told
-    /// stays through `deactivate`. The clock goes on with the stream. Threads: main.
-    void setStreaming(bool value);
     /// `setLimits` if that lies inside the limits, or none are set.
     void collapsLimits(double begin, double end);
     /// The backend's failure report: deactivates with `DeviceFailed`, emits `deviceFailed`. A
@@ -413,6 +429,7 @@ Q_SIGNALS:
     void sourceFinished(QTovelMixer::SourcePointer source);
     void sinkFinished(QTovelMixer::SinkPointer sink);
     void deviceListChanged();
+    /// Never emitted: compare `defaultDevice` at `deviceListChanged`.
     void defaultDeviceChanged();
     void updatingDeviceList();
     void started();

@@ -148,6 +148,7 @@ public:
     bool failureIsCurrent() const;
 
 Q_SIGNALS:
+    /// Never emitted; the engine's signal of this name is.
     void deviceListChanged();
     void deviceFailure();
 

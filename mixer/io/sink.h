@@ -75,8 +75,9 @@ public:
     /// What the host calls the sink; its object name unless overridden. Threads: any.
     virtual QString name() const;
 
-    /// Asks the worker to end. `NoReason` keeps the reason known so far. What the worker has not
-    /// handed over yet, up to one chunk or its conversion, is dropped. Threads: any.
+    /// Asks the worker to end. `NoReason` keeps the reason known so far. Nothing more is handed
+    /// over: what the ring still holds is dropped, all of it, which is up to a whole ring (5 s and
+    /// more) for a host that writes slowly. `recordedTime` counts it. Threads: any.
     virtual void stop(StopReason reason);
 
     /// Why the sink ended; `UserStopAction` as long as nothing set it. Threads: any.

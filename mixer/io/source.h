@@ -19,6 +19,10 @@ class aligned_vector;
 /// of `readSamples`, converts them to the mixer's rate and keeps a ring several seconds ahead of
 /// the play position, from which the audio thread takes the frames of each block.
 ///
+/// What the host changes in material that was read already is heard when the ring has played out,
+/// after its length (5 s and more). To have it heard after 0.1 s, without a gap, while playing:
+/// `update_lock`, `adjustTime(engine.time(), 0.1)`, `update_unlock`, on the source.
+///
 /// What is read comes from the playback range when it is valid, else from the engine's timeline
 /// when the source has one, else it is the material from `setTime`'s position on.
 ///
@@ -47,7 +51,9 @@ public:
     /// (less is raised to 5). The thread has no parent. Threads: main.
     Source(Engine *engine, int sampleRate, int numChannels, float bufferSeconds);
 
-    /// A source that plays `range` of its material, whatever the engine's timeline says.
+    /// A source that plays `range` of its material, whatever the engine's timeline says. Start the
+    /// engine at the range's start: `Engine::start` moves the source to its time, also before the
+    /// range.
     Source(Engine *engine, int sampleRate, int numChannels, const Range &range,
            float bufferSeconds);
 
