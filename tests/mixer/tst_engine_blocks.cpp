@@ -168,7 +168,7 @@ void tst_EngineBlocks::wideDevice_keepsItsOwnCount_andIsMentionedOnce()
     auto *sink = new TakeSink(&session.engine, 48000, 1);
     QVERIFY(!session.engine.addSink(sink));
     delete sink;
-    EngineAccess::data(session.engine).startMixerApi();
+    session.engine.setStreaming(true);
     session.run(2);
     const float *last = session.api->output.constData() + (Session::blockFrames - 1) * 192;
     for (int channel : {0, 64, 127})
