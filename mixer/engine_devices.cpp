@@ -315,13 +315,16 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     const unsigned choice = ++d->choices;
     const unsigned oldRate = this->sampleRate();
     d->activatedEmpty = false;
-    d->openFailed = true; // until the end
+    d->openFailed = false;
     d->closeDevice();
     QThread::msleep(settleTime);
 
     bool opened = false;
     // A device that is open without all that belongs to it is none.
-    auto undo = qScopeGuard([this] { d->closeDevice(); });
+    auto undo = qScopeGuard([this] {
+        d->openFailed = true;
+        d->closeDevice();
+    });
     {
         const QMutexLocker locker(&d->updateLock);
         opened = d->openMixerApi(outputDevice, inputDevice, sampleRate);
@@ -347,7 +350,6 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
         }
     }
     undo.dismiss();
-    d->openFailed = !opened;
     if (!opened) {
         // Nothing plays without a device: it goes on with another one, or is told of the loss.
         if (d->isBusy())
@@ -365,6 +367,8 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
         return false;
     if (choice != d->choices)
         return d->apiOpen(); // a slot has opened or closed devices since
+    // Not before the slots have run: one that activates would go on for ever.
+    d->openFailed = !opened;
     if (opened && d->active && startapi) {
         d->startMixerApi();
         d->raiseApiRefs(d->users() + 1);
