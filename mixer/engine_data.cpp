@@ -3,6 +3,8 @@
 #include <mixer/engine_p.h>
 
 #include <base/debug.h>
+#include <base/log_line_p.h>
+#include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/gains.h>
@@ -70,7 +72,7 @@ Engine::Data::Data(Engine *owner, Api *backend)
 Engine::Data::~Data()
 {
     if (!IsRunningInMainThread())
-        qWarning("QTovelMixer::Engine::Data: Deleting timer outside mainthread");
+        writeText(QtWarningMsg, "QTovelMixer::Engine::Data: Deleting timer outside mainthread");
     deleteMeters();
     for (const SavedState &state : savedStates)
         delete state.timeline;
@@ -183,6 +185,7 @@ void Engine::Data::update_source_unlock()
 void Engine::Data::lockMix()
 {
     Q_ASSERT(bracketDepth >= 0);
+    ThreadMarks::enter(ThreadMarks::LinesWait);
     raiseHold();
     if (bracketDepth++ == 0) {
         Q_ASSERT(lockedSources.empty());
@@ -199,6 +202,7 @@ void Engine::Data::unlockMix()
     releaseWorkers();
     decrement(holdCount);
     gate.post();
+    ThreadMarks::leave(ThreadMarks::LinesWait);
 }
 
 void Engine::Data::releaseWorkers()

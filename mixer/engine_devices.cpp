@@ -260,9 +260,12 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
         return opened;
     const unsigned prefered = preferedSampleRate(output, input);
     if (prefered != 0 && prefered != sampleRate) {
-        qInfo("QTovelMixer::Engine::select: rate %u Hz not supported by the device -- retrying at "
-              "its preferred rate %u Hz",
-              sampleRate, prefered);
+        composeLine(QtInfoMsg, [&](QDebug &line) {
+            line.nospace().noquote()
+                << "QTovelMixer::Engine::select: rate " << sampleRate
+                << " Hz not supported by the device -- retrying at its preferred rate " << prefered
+                << " Hz";
+        });
         if (tryAll(prefered))
             return opened;
     }

@@ -4,6 +4,7 @@
 
 #include <base/blocking_call_p.h>
 #include <base/debug.h>
+#include <base/hidden_p.h>
 #include <base/nonblocking.h>
 #include <mixer/block_gate_p.h>
 #include <mixer/block_lock_p.h>
@@ -50,7 +51,7 @@ inline bool decrement(std::atomic<int> &counter) noexcept
     return false;
 }
 
-struct Engine::Data
+struct QTOVELMIXER_HIDDEN Engine::Data
 {
     using Bus = aligned_vector<float, 16>;
 
@@ -317,7 +318,7 @@ struct Engine::Data
 
     /// Lets any thread ask what is attached. Beside it the main thread holds updateLock to change
     /// the lists; whoever holds this one takes no other lock but those that workers sleep under.
-    mutable RankedMutex<LockRank::List> listLock;
+    mutable RankedPriorityMutex<LockRank::List> listLock;
 
     BlockGate gate;
     HoldLock holdLock; ///< taken under updateLock or alone

@@ -101,11 +101,12 @@ void Engine::Data::startMixerApi()
                 watchdogTimer->start(int(std::max(base, blocks)));
             }
             lastSeenCallbackCount = callbackCount;
-            writeLine([] { qInfo("Mixer Api Started!"); });
+            wakeTrace();
+            writeText(QtInfoMsg, "Mixer Api Started!");
         } else {
             apiRefs = 0;
             stopWatchdog();
-            writeLine([] { qWarning("Mixer Api failed to start!"); });
+            writeText(QtWarningMsg, "Mixer Api failed to start!");
         }
     }
     traceStream("Engine::Data::startMixerApi END", *this);
@@ -121,7 +122,7 @@ void Engine::Data::stopMixerApi()
         apiRefs = 0;
         api->stop();
         stopWatchdog();
-        writeLine([] { qInfo("Mixer Api Stopped!"); });
+        writeText(QtInfoMsg, "Mixer Api Stopped!");
     } else {
         --apiRefs;
     }

@@ -2,6 +2,7 @@
 #include <mixer/api/api_file.h>
 
 #include <base/debug.h>
+#include <base/hidden_p.h>
 #include <mixer/api/file_device.h>
 
 #include <QtCore/QFile>
@@ -34,7 +35,7 @@ QByteArray logName(Device *device)
 
 } // namespace
 
-struct QTovelMixerApiFile::FileData
+struct QTOVELMIXER_HIDDEN QTovelMixerApiFile::FileData
 {
     QString inputPath;
     int inputChannels;

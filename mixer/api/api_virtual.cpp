@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/api/api_virtual.h>
 
+#include <base/hidden_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/virtual_device_p.h>
 #include <mixer/api/virtual_stream_p.h>
@@ -30,7 +31,7 @@ bool isUsable(const QTovelMixerApiVirtual::DeviceSetup &setup)
 
 } // namespace
 
-struct QTovelMixerApiVirtual::VirtualData
+struct QTOVELMIXER_HIDDEN QTovelMixerApiVirtual::VirtualData
 {
     struct Plugged
     {

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/effect.h>
 
+#include <base/hidden_p.h>
+
 namespace QTovelMixer {
 
-struct Effect::Data
+struct QTOVELMIXER_HIDDEN Effect::Data
 {
     int sampleRate = 0;           // Hz
     unsigned int numChannels = 0; // interleaved channels per frame

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_SINK_P_H
 #define QTOVELMIXER_MIXER_IO_SINK_P_H
 
+#include <base/hidden_p.h>
 #include <base/lock_rank_p.h>
 #include <base/nonblocking.h>
 #include <mixer/io/frame_ring_p.h>
@@ -16,7 +17,7 @@
 
 namespace QTovelMixer {
 
-struct Sink::Data
+struct QTOVELMIXER_HIDDEN Sink::Data
 {
     // Main thread.
     QPointer<Engine> engine; // may go before an object that was never added

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/source.h>
 
+#include <base/log_line_p.h>
 #include <mixer/engine.h>
 #include <mixer/io/source_p.h>
 #include <mixer/io/timeline.h>
@@ -198,7 +199,8 @@ StopReason Source::stopReason() const
 void Source::setRange(const Range &range)
 {
     if (timeline()) {
-        qWarning("You can not assign a playbaack range after adding the object to the mixer.");
+        writeText(QtWarningMsg,
+                  "You can not assign a playbaack range after adding the object to the mixer.");
         return;
     }
     d->range.store(range);

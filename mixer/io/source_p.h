@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_SOURCE_P_H
 #define QTOVELMIXER_MIXER_IO_SOURCE_P_H
 
+#include <base/hidden_p.h>
 #include <base/lock_rank_p.h>
 #include <base/nonblocking.h>
 #include <mixer/io/frame_ring_p.h>
@@ -53,7 +54,7 @@ inline Range SharedRange::load() const noexcept QTOVELMIXER_NONBLOCKING
     }
 }
 
-struct Source::Data
+struct QTOVELMIXER_HIDDEN Source::Data
 {
     // What the audio thread looks at in every block stands together, apart from what others write:
     // with many sources it would else wait for its caches more than it calculates.

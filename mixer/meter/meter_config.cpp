@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/meter/meter_config.h>
 
+#include <base/hidden_p.h>
 #include <mixer/api/device.h>
 
 #include <QtCore/QJsonArray>
@@ -31,7 +32,7 @@ unsigned int channelsOf(const Device &device, Type side)
 
 } // namespace
 
-struct MeterConfig::Data : QSharedData
+struct QTOVELMIXER_HIDDEN MeterConfig::Data : QSharedData
 {
     Type type = Type::NoType;
     QString id;

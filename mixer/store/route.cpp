@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/store/route.h>
 
+#include <base/hidden_p.h>
 #include <mixer/api/device.h>
 #include <mixer/gains.h>
 
@@ -31,7 +32,7 @@ int capped(unsigned int channels)
 
 } // namespace
 
-struct Route::Data : QSharedData
+struct QTOVELMIXER_HIDDEN Route::Data : QSharedData
 {
     Type type = Type::NoType;
     QString id;

@@ -2,6 +2,7 @@
 #include <mixer/store/store.h>
 
 #include <base/debug.h>
+#include <base/hidden_p.h>
 #include <base/log_line_p.h>
 
 #include <QtCore/QJsonArray>
@@ -96,7 +97,7 @@ QMap<QString, T> usable(const QJsonArray &array, const char *place)
 
 } // namespace
 
-struct Store::Data
+struct QTOVELMIXER_HIDDEN Store::Data
 {
     QMap<QString, Route> routes;
     QMap<QString, MeterConfig> meterConfigs;
