@@ -92,6 +92,7 @@ private Q_SLOTS:
     void pause_afterTheEnd_keepsTheEndsReason();
     void pause_soft_letsTheWorkerGoOn();
     void updateLock_holdsReadingOff();
+    void updateLock_manyTimes_letsReadingGoOn();
     void prime_returnsOnceAndForAll();
     void prime_neverStarted_waitsForStart();
     void prime_whileHostBlocks_waits();
@@ -650,6 +651,27 @@ void TestSourceWorker::updateLock_holdsReadingOff()
     }
     // No wake-up got lost: the worker fills the ring again.
     QTRY_VERIFY_WITH_TIMEOUT(readyFrames(source) >= 240000 - 2 * 4096, patience);
+}
+
+void TestSourceWorker::updateLock_manyTimes_letsReadingGoOn()
+{
+    ClockEngine engine(48000);
+    RampSource source(&engine, 48000, 2, 5.0f);
+    source.duration = 1.0e6;
+    source.start();
+    source.prime();
+    FrameRing &ring = *source.record().ring.load();
+    for (int i = 0; i < 2000; ++i) {
+        source.update_lock();
+        ring.consume(ring.readSlice().frames);
+        source.update_unlock();
+    }
+    for (int i = 0; i < 20; ++i) {
+        ring.consume(ring.readSlice().frames);
+        QTRY_VERIFY(ring.readSlice().frames > 0);
+    }
+    source.stop(UserStopAction);
+    QVERIFY(source.wait(10000));
 }
 
 void TestSourceWorker::prime_returnsOnceAndForAll()
