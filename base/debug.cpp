@@ -4,7 +4,7 @@
 #include <base/log_line_p.h>
 #include <base/nonblocking_p.h>
 #include <base/trace_p.h>
-#include <base/trace_queue_p.h>
+#include <base/trace_writer_p.h>
 
 #include <QtCore/QByteArray>
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <base/lock_rank_p.h>
 
+#if QTOVELMIXER_CHECKS_LOCKS
+
 #include <algorithm>
 #include <array>
 
@@ -67,3 +69,5 @@ bool holds(const void *lock) noexcept
 }
 
 } // namespace QTovelMixer::HeldLocks
+
+#endif

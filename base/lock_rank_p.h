@@ -2,6 +2,8 @@
 #ifndef QTOVELMIXER_BASE_LOCK_RANK_P_H
 #define QTOVELMIXER_BASE_LOCK_RANK_P_H
 
+#include <base/priority_mutex_p.h>
+
 #include <QtCore/QMutex>
 #include <QtCore/QRecursiveMutex>
 #include <QtCore/QtGlobal>
@@ -28,6 +30,8 @@ enum class LockRank {
     Values       ///< a meter publishes
 };
 
+#if QTOVELMIXER_CHECKS_LOCKS
+
 /// What the calling thread holds. Allocates nothing.
 namespace HeldLocks {
 
@@ -41,9 +45,7 @@ bool holds(const void *lock) noexcept;
 
 } // namespace HeldLocks
 
-#if QTOVELMIXER_CHECKS_LOCKS
-
-/// A lock of Qt's that checks the order by assertion, where assertions are on; elsewhere it is the
+/// A lock that checks the order by assertion, where assertions are on; elsewhere it is the
 /// lock alone. A try cannot wait for ever and so may come in any order.
 template <typename Mutex, LockRank Rank, bool Recursive = false>
 class RankedLock : public Mutex
@@ -73,19 +75,20 @@ public:
     }
 };
 
+#else
+
+template <typename Mutex, LockRank, bool = false>
+using RankedLock = Mutex;
+
+#endif
+
 template <LockRank Rank>
 using RankedMutex = RankedLock<QMutex, Rank>;
 template <LockRank Rank>
 using RankedRecursiveMutex = RankedLock<QRecursiveMutex, Rank, true>;
-
-#else
-
-template <LockRank>
-using RankedMutex = QMutex;
-template <LockRank>
-using RankedRecursiveMutex = QRecursiveMutex;
-
-#endif
+/// For locks that the audio thread takes, and those taken under them.
+template <LockRank Rank, bool Recursive = false>
+using RankedPriorityMutex = RankedLock<PriorityMutex, Rank, Recursive>;
 
 } // namespace QTovelMixer
 

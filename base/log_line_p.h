@@ -26,7 +26,8 @@ void writeLine(Write &&write)
     }
 }
 
-/// Writes the text as one line.
+/// Writes the text as one line, in order with the lines of traces: at once, or, while the thread
+/// changes the mix or others wait before it, through their queue.
 /// Threads: any but audio. Real-time: no.
 void writeText(QtMsgType type, const char *text);
 

@@ -30,17 +30,17 @@ BLRINGBUFFER *createRing(qint32 bytes, MirroredMemory::Way preferred)
 {
     const size_t capacity = bytes > 0 ? static_cast<size_t>(bytes) : 0;
     std::unique_ptr<BLRINGBUFFER> ring(new (std::nothrow) BLRINGBUFFER(capacity, preferred));
-    if (ring && (capacity == 0 || ring->memory.data()))
-        return ring.release();
-    BLDEBUG_Error(-1, "BLRINGBUFFER_NewEx: Out of memory (%d)!!", int(bytes));
-    return nullptr;
+    return ring && (capacity == 0 || ring->memory.data()) ? ring.release() : nullptr;
 }
 
 } // namespace QTovelMixer
 
 BLRINGBUFFER *BLRINGBUFFER_NewEx(int32_t bytes, int32_t)
 {
-    return QTovelMixer::createRing(bytes, MirroredMemory::Mapped);
+    BLRINGBUFFER *const ring = QTovelMixer::createRing(bytes, MirroredMemory::Mapped);
+    if (!ring)
+        BLDEBUG_Error(-1, "BLRINGBUFFER_NewEx: Out of memory (%d)!!", int(bytes));
+    return ring;
 }
 
 BLRINGBUFFER_Slice BLRINGBUFFER_GetWriteSlice(BLRINGBUFFER *ring)

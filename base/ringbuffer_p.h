@@ -49,7 +49,8 @@ private:
 
 namespace QTovelMixer {
 
-/// As `BLRINGBUFFER_NewEx`, with a choice of how the memory is mirrored.
+/// As `BLRINGBUFFER_NewEx`, with a choice of how the memory is mirrored, and without a word when
+/// there is none.
 BLRINGBUFFER *createRing(qint32 bytes, MirroredMemory::Way preferred);
 
 } // namespace QTovelMixer

@@ -1,95 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include <base/trace_p.h>
 
-#include <base/log_line_p.h>
 #include <base/nonblocking_p.h>
-#include <base/trace_queue_p.h>
+#include <base/thread_marks_p.h>
+#include <base/trace_writer_p.h>
 
 #include <QtCore/QtGlobal>
-
-#include <algorithm>
-#include <charconv>
-#include <cmath>
-#include <cstring>
 
 namespace QTovelMixer {
 
 namespace {
-// Looking the variable up in the dynamic way may allocate on a thread's first use.
-#if defined(__ELF__)
-#define QTOVELMIXER_STATIC_TLS __attribute__((tls_model("initial-exec")))
-#else
-#define QTOVELMIXER_STATIC_TLS
-#endif
-thread_local int audioMarksOfThread QTOVELMIXER_STATIC_TLS = 0;
-
-int &audioMarks() noexcept QTOVELMIXER_NONBLOCKING
-{
-    // It lies at a fixed place of the thread's memory.
-    return assumeNonblocking([]() -> int & { return audioMarksOfThread; });
-}
-
-// Formats on the stack, and the same in every locale.
-class LineBuffer
-{
-public:
-    const char *text()
-    {
-        buffer[used] = '\0';
-        return buffer;
-    }
-
-    void append(const char *words)
-    {
-        const size_t length = std::min(std::strlen(words), sizeof(buffer) - 1 - used);
-        std::memcpy(buffer + used, words, length);
-        used += length;
-    }
-
-    template <typename... Arguments>
-    void appendNumber(Arguments... arguments)
-    {
-        char *const start = buffer + used;
-        const auto result = std::to_chars(start, buffer + sizeof(buffer) - 1, arguments...);
-        if (result.ec == std::errc())
-            used += static_cast<size_t>(result.ptr - start);
-    }
-
-    void append(const TraceItem &item);
-
-private:
-    char buffer[1024];
-    size_t used = 0;
-};
-
-void LineBuffer::append(const TraceItem &item)
-{
-    append(" ");
-    append(item.key);
-    append("=");
-    switch (item.kind) {
-    case TraceItem::Flag:
-        append(item.flag ? "true" : "false");
-        break;
-    case TraceItem::Signed:
-        appendNumber(item.number);
-        break;
-    case TraceItem::Unsigned:
-        appendNumber(item.count);
-        break;
-    case TraceItem::Real:
-        if (std::isnan(item.real))
-            append("nan"); // whatever its sign bit
-        else
-            appendNumber(item.real, std::chars_format::general, 6);
-        break;
-    case TraceItem::Pointer:
-        append("0x");
-        appendNumber(reinterpret_cast<quintptr>(item.pointer), 16);
-        break;
-    }
-}
-
 TraceItem *nextItem(TraceRecord &record, const char *key, TraceItem::Kind kind) noexcept
 {
     Q_ASSERT(record.items < TraceRecord::maxItems);
@@ -172,51 +92,30 @@ TraceLine &TraceLine::item(const char *key, const void *value) noexcept
     return *this;
 }
 
-void writeText(QtMsgType type, const char *text)
+void beginCallback() noexcept
 {
-    switch (type) {
-    case QtDebugMsg:
-        qDebug("%s", text);
-        break;
-    case QtWarningMsg:
-        qWarning("%s", text);
-        break;
-    case QtCriticalMsg:
-        qCritical("%s", text);
-        break;
-    default:
-        qInfo("%s", text);
-        break;
-    }
+    ThreadMarks::enter(ThreadMarks::Audio);
+    expectQueuedLines();
 }
 
-void writeRecord(const TraceRecord &record)
+void endCallback() noexcept
 {
-    if (!record.event) {
-        writeLine([&] { writeText(record.type, record.text); });
-        return;
-    }
-    LineBuffer line;
-    line.append("[TOVEL_DEBUG_MIXER_CRASH_TRACE] ");
-    line.append(record.event);
-    for (int i = 0; i < record.items; ++i)
-        line.append(record.item[i]);
-    writeLine([&] { writeText(record.type, line.text()); });
+    ThreadMarks::leave(ThreadMarks::Audio);
 }
 
 AudioThreadMark::AudioThreadMark() noexcept
 {
-    ++audioMarks();
+    beginCallback();
 }
 
 AudioThreadMark::~AudioThreadMark() noexcept
 {
-    --audioMarks();
+    endCallback();
 }
 
 bool isAudioThread() noexcept
 {
-    return audioMarks() > 0;
+    return ThreadMarks::isInside(ThreadMarks::Audio);
 }
 
 } // namespace QTovelMixer

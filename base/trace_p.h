@@ -11,9 +11,11 @@ namespace QTovelMixer {
 
 /// One crash-trace line, "[TOVEL_DEBUG_MIXER_CRASH_TRACE] ", the event and the items as
 /// " key=value", written as one information message when the object goes out of scope.
-/// On a thread inside an audio callback the line goes through a preallocated queue, and another
-/// thread writes it, in order, within about 10 ms; elsewhere it is written at once. Lines that find
-/// the queue full are counted, and their number is written as a line of its own.
+/// On a thread inside an audio callback or a change of the mix the line goes through a preallocated
+/// queue, and another thread writes it, in order, within about 10 ms; elsewhere it is written at
+/// once, unless lines still wait in the queue: then it waits behind them. Lines that must wait and
+/// find the queue full are counted, and their number is written as a line of its own.
+/// When the program crashes, what is queued is written first.
 /// Event and keys must live for ever (string literals), keys without blank and equals sign.
 /// Flags are written as true and false, pointers as 0x and hexadecimal digits.
 /// Threads: any. Real-time: on a marked thread.
@@ -41,7 +43,12 @@ private:
     TraceRecord record;
 };
 
-/// Marks the thread as being inside an audio callback; may be nested.
+/// Marks the thread as being inside an audio callback, from the one to the other; may be nested.
+/// Real-time: yes.
+void beginCallback() noexcept QTOVELMIXER_NONBLOCKING;
+void endCallback() noexcept QTOVELMIXER_NONBLOCKING;
+
+/// The same as a scope.
 /// Real-time: yes.
 class AudioThreadMark
 {
@@ -56,9 +63,15 @@ public:
 bool isAudioThread() noexcept QTOVELMIXER_NONBLOCKING;
 
 /// Takes the queue's memory and starts the thread that writes queued lines, if that has not
-/// happened yet. Until then queued lines wait. Call before the first audio callback.
+/// happened yet, and has crashes write them. Until then queued lines wait for the next one that is
+/// written at once. Call before the first audio callback.
 /// Threads: any but audio. Real-time: no.
 void prepareTrace();
+
+/// Call when audio callbacks are about to begin: the writing thread, which does not look at the
+/// queue while nothing plays, looks from now on.
+/// Threads: any but audio. Real-time: no.
+void wakeTrace() noexcept;
 
 /// Returns when every line queued so far has been written.
 /// Threads: any but audio. Real-time: no.

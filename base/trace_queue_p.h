@@ -10,20 +10,20 @@
 
 namespace QTovelMixer {
 
-/// A bounded queue of records, from any number of threads to one. Nothing waits: a full queue
-/// refuses. An object of static duration needs no initialisation and so can be used at any time
-/// before, during and after the life of other static objects.
+/// A bounded queue of records between any number of threads. Nothing waits: a full queue refuses.
+/// An object of static duration needs no initialisation and so can be used at any time before,
+/// during and after the life of other static objects.
 class TraceQueue
 {
 public:
     static constexpr quint64 capacity = 2048; // one block of the busiest engine is a few hundred
 
-    /// Copies the record in, or answers false when there is no room.
+    /// Copies the record in, or answers false when no more than `reserve` places are free.
     /// Threads: any. Real-time: yes.
-    bool push(const TraceRecord &record) noexcept QTOVELMIXER_NONBLOCKING;
+    bool push(const TraceRecord &record, quint64 reserve = 0) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// Copies the oldest record out, or answers false when there is none that is complete.
-    /// Threads: one at a time. Real-time: yes.
+    /// Threads: any; those that want to keep the order, one at a time. Real-time: yes.
     bool pop(TraceRecord &record) noexcept QTOVELMIXER_NONBLOCKING;
 
     /// The number of records ever pushed, or ever popped.
@@ -32,6 +32,9 @@ public:
 
     /// Makes the system back every page with memory.
     void touch() noexcept;
+
+    /// Forgets everything, also what was being pushed or popped. Threads: the only one.
+    void reset() noexcept;
 
 private:
     // A cell's turn is twice the number of the round that may fill it, one more once it is filled.
@@ -45,14 +48,6 @@ private:
     alignas(64) std::atomic<quint64> head;
     std::array<Cell, capacity> cells;
 };
-
-/// Queues a record for the writing thread; counts it as lost when there is no room.
-/// Threads: any. Real-time: yes.
-void queueRecord(const TraceRecord &record) noexcept QTOVELMIXER_NONBLOCKING;
-
-/// Writes the record to the log.
-/// Threads: any. Real-time: no.
-void writeRecord(const TraceRecord &record);
 
 } // namespace QTovelMixer
 

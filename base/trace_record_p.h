@@ -23,11 +23,14 @@ struct TraceItem
 };
 
 /// One line on its way to the log: an event with its items, or, when `event` is null, finished
-/// text. Nothing is initialised, so that the queue of them costs no memory before it is used.
+/// text: in the record itself, or, when `items` is `ownsText`, in memory that whoever writes the
+/// line gives back with `std::free`. Nothing is initialised, so that the queue of them costs no
+/// memory before it is used.
 struct TraceRecord
 {
     static constexpr int maxItems = 10;
     static constexpr int maxText = 240; // with the final NUL; as much as the items need
+    static constexpr int ownsText = -1;
 
     const char *event;
     QtMsgType type;
@@ -35,6 +38,7 @@ struct TraceRecord
     union {
         TraceItem item[maxItems];
         char text[maxText];
+        char *longText;
     };
 };
 

@@ -3,6 +3,8 @@
 
 #include <dsp/vector_targets_p.h>
 
+#include <cmath>
+
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "dsp/kernels_arithmetic.cpp"
 #include <hwy/foreach_target.h>
@@ -118,6 +120,44 @@ void multiplyAddVector(float *x, float gain, const float *y, std::size_t count)
     forEach(count, MultiplyAdd{x, y, gain});
 }
 
+/// Calls `step(d, i)`, which returns samples, over all of `count`. Returns whether all of them are
+/// finite: the difference of a sample to itself is 0 then, and else no number.
+template <class Step>
+HWY_INLINE bool allFinite(std::size_t count, const Step &step)
+{
+    const Lanes d;
+    auto even = hn::Zero(d);
+    auto odd = even;
+    std::size_t i = 0;
+    for (; i + 2 * lanes <= count; i += 2 * lanes) {
+        const auto first = step(d, i);
+        const auto second = step(d, i + lanes);
+        even = hn::Or(even, hn::Sub(first, first));
+        odd = hn::Or(odd, hn::Sub(second, second));
+    }
+    auto rest = hn::Zero(Single());
+    for (; i < count; ++i) {
+        const auto sample = step(Single(), i);
+        rest = hn::Or(rest, hn::Sub(sample, sample));
+    }
+    return hn::AllTrue(d, hn::Eq(hn::Or(even, odd), hn::Zero(d))) &&
+           hn::AllTrue(Single(), hn::Eq(rest, hn::Zero(Single())));
+}
+
+bool multiplyAllFinite(float *x, std::size_t count, float value)
+{
+    return allFinite(count, [=](auto d, std::size_t i) HWY_ATTR {
+        const auto product = hn::Mul(hn::LoadU(d, x + i), hn::Set(d, value));
+        hn::StoreU(product, d, x + i);
+        return product;
+    });
+}
+
+bool isAllFinite(const float *x, std::size_t count)
+{
+    return allFinite(count, [=](auto d, std::size_t i) HWY_ATTR { return hn::LoadU(d, x + i); });
+}
+
 /// The bits that differ in a vector of cells.
 template <class D>
 HWY_INLINE auto differences(D d, const float *a, const float *b)
@@ -183,6 +223,8 @@ HWY_EXPORT(multiplyValue);
 HWY_EXPORT(addVector);
 HWY_EXPORT(multiplyVector);
 HWY_EXPORT(multiplyAddVector);
+HWY_EXPORT(multiplyAllFinite);
+HWY_EXPORT(isAllFinite);
 HWY_EXPORT(sameCells);
 HWY_EXPORT(cleanState);
 
@@ -219,6 +261,30 @@ void multiply(float *x, const float *y, std::size_t count) noexcept
 void multiplyAdd(float *x, float gain, const float *y, std::size_t count) noexcept
 {
     HWY_DYNAMIC_DISPATCH(multiplyAddVector)(x, gain, y, count);
+}
+
+bool multiplyFinite(float *x, std::size_t count, float value) noexcept
+{
+    return HWY_DYNAMIC_DISPATCH(multiplyAllFinite)(x, count, value);
+}
+
+bool isFinite(const float *x, std::size_t count) noexcept
+{
+    return HWY_DYNAMIC_DISPATCH(isAllFinite)(x, count);
+}
+
+std::size_t replaceNotFinite(float *x, std::size_t count) noexcept
+{
+    if (isFinite(x, count))
+        return 0;
+    std::size_t replaced = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (std::isfinite(x[i]))
+            continue;
+        x[i] = 0.0f;
+        ++replaced;
+    }
+    return replaced;
 }
 
 void rampGain(float *block, std::size_t frames, std::size_t channels, float applied,

@@ -19,6 +19,12 @@ void add(float *x, std::size_t count, float value) noexcept QTOVELMIXER_NONBLOCK
 void multiply(float *x, std::size_t count, float value) noexcept QTOVELMIXER_NONBLOCKING;
 void add(float *x, const float *y, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
 void multiply(float *x, const float *y, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
+/// x[i] *= value. Returns whether every product is finite.
+bool multiplyFinite(float *x, std::size_t count, float value) noexcept QTOVELMIXER_NONBLOCKING;
+/// Whether every sample is finite.
+bool isFinite(const float *x, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
+/// Writes 0 over every sample that is not finite. Returns how many there were.
+std::size_t replaceNotFinite(float *x, std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;
 /// x[i] += gain × y[i]
 void multiplyAdd(float *x, float gain, const float *y,
                  std::size_t count) noexcept QTOVELMIXER_NONBLOCKING;

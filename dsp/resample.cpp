@@ -3,6 +3,7 @@
 
 #include <dsp/resample_filter_p.h>
 #include <dsp/resample_kernel_p.h>
+#include <dsp/resample_rates_p.h>
 
 #include <algorithm>
 #include <memory>
@@ -74,17 +75,17 @@ int64_t processBlock(DSPB_Resampler &resampler, const float *in, float *out, int
     return ready;
 }
 
-bool isConvertible(int32_t inRate, int32_t outRate)
+} // namespace
+
+bool QTovelMixer::isConvertible(int32_t inRate, int32_t outRate) noexcept
 {
     return inRate > 0 && outRate > 0 && inRate <= highestRate && outRate <= highestRate &&
            outRate <= inRate * highestRatio && inRate <= outRate * highestRatio;
 }
 
-} // namespace
-
 DSPB_Resampler *DSPB_ResampleInit(int32_t inRate, int32_t outRate, const char * /*preset*/)
 {
-    if (!isConvertible(inRate, outRate))
+    if (!QTovelMixer::isConvertible(inRate, outRate))
         return nullptr;
     auto resampler = std::make_unique<DSPB_Resampler>();
     resampler->filter = ResampleFilter::shared(inRate, outRate);

@@ -30,7 +30,8 @@ bool isSame(const Table<Kind> &earlier, const Table<Kind> &later)
 template <typename Kind>
 int restore(const std::uint8_t *data, std::size_t size)
 {
-    constexpr qint64 most = qint64{1} << 22;
+    // What the text names, and what it may claim beyond that.
+    const qint64 most = qint64(size) + (qint64{1} << 18);
     constexpr qint64 mostSaved = 4096; // that a round trip is worth its time
     QTovelMixer::Store &store = *QTovelMixer::Store::store();
     const auto text =
@@ -47,7 +48,7 @@ int restore(const std::uint8_t *data, std::size_t size)
         Kind::check(entry.key(), *entry);
         elements += Kind::elementsOf(*entry);
     }
-    require(elements <= most, "all entries together are bounded");
+    require(elements <= most, "all entries together are bounded by the text");
     if (elements > mostSaved)
         return -1; // slow, so libFuzzer is not to make more of these
     require(Kind::restore(store, Kind::save(store)), "what was saved can be restored");

@@ -2,17 +2,40 @@
 #include <mixer/block_lock_p.h>
 
 #include <base/nonblocking_p.h>
+#include <base/thread_marks_p.h>
+#include <base/trace_p.h>
 
 namespace QTovelMixer {
+
+void UpdateLock::lock() noexcept
+{
+    m_mutex.lock();
+    ThreadMarks::enter(ThreadMarks::LinesWait);
+}
+
+bool UpdateLock::tryLock() noexcept
+{
+    if (!m_mutex.tryLock())
+        return false;
+    ThreadMarks::enter(ThreadMarks::LinesWait);
+    return true;
+}
+
+void UpdateLock::unlock() noexcept
+{
+    ThreadMarks::leave(ThreadMarks::LinesWait);
+    m_mutex.unlock();
+}
 
 BlockLock::BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept
     : m_updateLock(updateLock), m_hold(hold), m_locked(false)
 {
+    beginCallback();
     const RealtimeCheckPause pause;
     m_locked = assumeNonblocking([this, wait] {
         if (wait)
-            m_updateLock.lock();
-        else if (!m_updateLock.tryLock())
+            m_updateLock.m_mutex.lock();
+        else if (!m_updateLock.m_mutex.tryLock())
             return false;
         if (m_hold)
             m_hold->lock();
@@ -22,14 +45,15 @@ BlockLock::BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept
 
 BlockLock::~BlockLock() noexcept
 {
-    if (!m_locked)
-        return;
-    const RealtimeCheckPause pause;
-    assumeNonblocking([this] {
-        if (m_hold)
-            m_hold->unlock();
-        m_updateLock.unlock();
-    });
+    if (m_locked) {
+        const RealtimeCheckPause pause;
+        assumeNonblocking([this] {
+            if (m_hold)
+                m_hold->unlock();
+            m_updateLock.m_mutex.unlock();
+        });
+    }
+    endCallback();
 }
 
 } // namespace QTovelMixer

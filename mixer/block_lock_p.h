@@ -7,17 +7,32 @@
 
 namespace QTovelMixer {
 
-/// Held for a block, and for a change of the mix.
-class UpdateLock : public RankedRecursiveMutex<LockRank::Update>
-{};
+/// Held for a block, and for a change of the mix. Recursive. Its owner inherits the priority of an
+/// audio thread that waits for it.
+class UpdateLock
+{
+public:
+    /// For a change: log lines of the thread wait until the last `unlock`, since a message handler
+    /// may take any time.
+    void lock() noexcept;
+    bool tryLock() noexcept;
+    void unlock() noexcept;
+
+    bool inheritsPriority() const noexcept { return m_mutex.inheritsPriority(); }
+
+private:
+    friend class BlockLock;
+    RankedPriorityMutex<LockRank::Update, true> m_mutex;
+};
 
 /// Held for a free-wheeling block, and to raise the engine's hold.
-class HoldLock : public RankedMutex<LockRank::Hold>
+class HoldLock : public RankedPriorityMutex<LockRank::Hold>
 {};
 
 /// The engine's update lock for one block: the only lock that the audio thread takes, and the one
 /// place where it may wait. The main thread holds it for changes of the mix only; a backend that
 /// must not wait asks for one try. A block that no device paces takes the hold lock as well.
+/// Whatever thread it is, it counts as an audio thread meanwhile.
 class BlockLock
 {
 public:

@@ -111,6 +111,18 @@ void Engine::Data::writeInputGains(unsigned row0, unsigned rows, unsigned col0, 
         set_mixer_gains(row0, rows, col0, cols, gain, gains);
 }
 
+bool Engine::Data::writeRoute(const Source *source, const Sink *sink, float gain)
+{
+    const unsigned row = rowOf(source);
+    const unsigned column = columnOf(sink);
+    const unsigned rows = busesOf(source);
+    const unsigned columns = busesOf(sink);
+    if (row + rows > inputBuses.size() || column + columns > outputBuses.size())
+        return false;
+    writeInputGains(row, rows, column, columns, gain);
+    return true;
+}
+
 void Engine::Data::writeMonitorGains(bool on)
 {
     const unsigned rows = numInputChannels;
@@ -121,15 +133,53 @@ void Engine::Data::writeMonitorGains(bool on)
         set_mixer_gains(0, rows, 0, columns, on ? 1.0f : 0.0f, gains);
 }
 
+void Engine::Data::writeMask(const Source *source, quint64 mask)
+{
+    const unsigned row = rowOf(source);
+    const unsigned channels = busesOf(source);
+    if (row + channels <= inputBuses.size())
+        set_input_mask(row, channels, 0, numOutputChannels,
+                       channels < 64 ? mask & ((1ull << channels) - 1) : mask);
+}
+
+// A device may lack the channel, and an object without buses has no cells: its first row or column
+// is one past the last.
+bool Engine::Data::cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const
+{
+    if ((!cell.source && cell.row >= numInputChannels) ||
+        (!cell.sink && cell.column >= numOutputChannels))
+        return false;
+    row = cell.source ? rowOf(cell.source) + cell.row : cell.row;
+    column = cell.sink ? columnOf(cell.sink) + cell.column : cell.column;
+    return row < std::min<size_t>(inputBuses.size(), maxChannels) &&
+           column < std::min<size_t>(outputBuses.size(), maxChannels);
+}
+
+void Engine::Data::writeHostGains()
+{
+    for (const auto &[pair, gain] : hostGains.routes())
+        writeRoute(pair.first, pair.second, gain);
+    for (const auto &[cell, gain] : hostGains.cells()) {
+        unsigned row = 0;
+        unsigned column = 0;
+        if (cellOf(cell, row, column))
+            matrix.setCell(row, column, gain);
+    }
+    for (const auto &[source, mask] : hostGains.masks())
+        writeMask(source, mask);
+}
+
 // After the device was opened anew: its channels come first, then one bus per channel of
 // everything that is attached, with its rows and columns. Called under the update lock.
 void Engine::Data::rebuildBuses(Device *output, Device *input)
 {
-    const unsigned busFrames = api->bufferFrames();
+    const unsigned busFrames = blockFrames;
     inputBuses = makeBuses(numInputChannels, busFrames);
     outputBuses = makeBuses(numOutputChannels, busFrames);
     inputBuses.reserve(maxChannels);
     outputBuses.reserve(maxChannels);
+    inputReplacementTold = false;
+    outputReplacementTold = false;
     resetGainMatrix();
     const auto append = [busFrames](std::vector<Bus> &buses, unsigned channels) {
         if (buses.size() + channels > maxChannels)
@@ -164,6 +214,7 @@ void Engine::Data::rebuildBuses(Device *output, Device *input)
             sink->stop(StopReason::DeviceListChanged);
     }
     removeUnstarted();
+    writeHostGains();
     if (monitoring)
         writeMonitorGains(true);
     planMix();

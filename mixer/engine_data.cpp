@@ -3,6 +3,8 @@
 #include <mixer/engine_p.h>
 
 #include <base/debug.h>
+#include <base/log_line_p.h>
+#include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/gains.h>
@@ -18,6 +20,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace QTovelMixer {
 
@@ -70,7 +73,7 @@ Engine::Data::Data(Engine *owner, Api *backend)
 Engine::Data::~Data()
 {
     if (!IsRunningInMainThread())
-        qWarning("QTovelMixer::Engine::Data: Deleting timer outside mainthread");
+        writeText(QtWarningMsg, "QTovelMixer::Engine::Data: Deleting timer outside mainthread");
     deleteMeters();
     for (const SavedState &state : savedStates)
         delete state.timeline;
@@ -183,6 +186,7 @@ void Engine::Data::update_source_unlock()
 void Engine::Data::lockMix()
 {
     Q_ASSERT(bracketDepth >= 0);
+    ThreadMarks::enter(ThreadMarks::LinesWait);
     raiseHold();
     if (bracketDepth++ == 0) {
         Q_ASSERT(lockedSources.empty());
@@ -199,6 +203,7 @@ void Engine::Data::unlockMix()
     releaseWorkers();
     decrement(holdCount);
     gate.post();
+    ThreadMarks::leave(ThreadMarks::LinesWait);
 }
 
 void Engine::Data::releaseWorkers()
@@ -332,10 +337,22 @@ void Engine::Data::prime(Source *source)
     source->prime();
 }
 
+// Before the start there is nothing to resume: however often a pause is asked for then, one
+// `resume` after the start ends it.
 bool Engine::Data::pause()
 {
-    raiseHold();
-    return forEachSource([this](Source *source) { source->pause(PauseMode(pauseMode)); });
+    const bool counted = std::exchange(pausedAtRest, !running) && !running;
+    if (!counted)
+        raiseHold();
+    return forEachSource([=, this](Source *source) { pause(source, counted); });
+}
+
+// A slot may delete the source, or the engine: nothing is left to do afterwards.
+void Engine::Data::pause(Source *source, bool counted)
+{
+    if (std::exchange(sourceLinks[source].paused, true) && counted)
+        SourceAccess::takeBackSilence(*source);
+    source->pause(PauseMode(pauseMode));
 }
 
 // No block sees the clock run while a source is still silent.
@@ -343,7 +360,12 @@ bool Engine::Data::resume()
 {
     resuming.fetch_add(1);
     decrement(holdCount);
-    if (!forEachSource([](Source *source) { source->resume(); }))
+    pausedAtRest = false;
+    const bool alive = forEachSource([this](Source *source) {
+        sourceLinks[source].paused = false;
+        source->resume();
+    });
+    if (!alive)
         return false;
     resuming.fetch_sub(1);
     gate.post();

@@ -56,6 +56,13 @@ std::vector<unsigned> ascendingRates(const Device *device)
     return rates;
 }
 
+void warnOfWidth(const char *side, unsigned channels)
+{
+    if (channels > Engine::Data::maxChannels)
+        qWarning("QTovelMixer::Engine::open: the mix uses the first %u of %u %s channels",
+                 Engine::Data::maxChannels, channels, side);
+}
+
 } // namespace
 
 QList<Device *> Engine::devices() const
@@ -260,9 +267,12 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
         return opened;
     const unsigned prefered = preferedSampleRate(output, input);
     if (prefered != 0 && prefered != sampleRate) {
-        qInfo("QTovelMixer::Engine::select: rate %u Hz not supported by the device -- retrying at "
-              "its preferred rate %u Hz",
-              sampleRate, prefered);
+        composeLine(QtInfoMsg, [&](QDebug &line) {
+            line.nospace().noquote()
+                << "QTovelMixer::Engine::select: rate " << sampleRate
+                << " Hz not supported by the device -- retrying at its preferred rate " << prefered
+                << " Hz";
+        });
         if (tryAll(prefered))
             return opened;
     }
@@ -308,12 +318,16 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     const unsigned choice = ++d->choices;
     const unsigned oldRate = this->sampleRate();
     d->activatedEmpty = false;
+    d->openFailed = false;
     d->closeDevice();
     QThread::msleep(settleTime);
 
     bool opened = false;
     // A device that is open without all that belongs to it is none.
-    auto undo = qScopeGuard([this] { d->closeDevice(); });
+    auto undo = qScopeGuard([this] {
+        d->openFailed = true;
+        d->closeDevice();
+    });
     {
         const QMutexLocker locker(&d->updateLock);
         opened = d->openMixerApi(outputDevice, inputDevice, sampleRate);
@@ -322,6 +336,8 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
                 d->adoptRate(oldRate);
             d->numInputChannels = d->api->numInputChannels();
             d->numOutputChannels = d->api->numOutputChannels();
+            d->blockFrames = d->api->bufferFrames();
+            ++d->streamGeneration;
             d->rebuildBuses(outputDevice, inputDevice);
             const int rate = int(this->sampleRate());
             const MeterConfig inputConfig =
@@ -338,20 +354,29 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     }
     undo.dismiss();
     if (!opened) {
+        // Nothing plays without a device: it goes on with another one, or is told of the loss.
+        if (d->isBusy())
+            d->reportLostStream();
         composeLine(QtWarningMsg, [&](QDebug &line) {
             line.nospace().noquote()
                 << "QTovelMixer::Engine::open: Failed to open mixerApi (Output: " << outputDevice
                 << " / Input: " << inputDevice << " / Sample Rate: " << sampleRate << "Hz)";
         });
     }
+    warnOfWidth("input", opened ? d->numInputChannels : 0);
+    warnOfWidth("output", opened ? d->numOutputChannels : 0);
     emit mixerChanged();
     if (!alive)
         return false;
     if (choice != d->choices)
         return d->apiOpen(); // a slot has opened or closed devices since
+    // Not before the slots have run: one that activates would go on for ever.
+    d->openFailed = !opened;
     if (opened && d->active && startapi) {
         d->startMixerApi();
         d->raiseApiRefs(d->users() + 1);
+    } else if (opened && d->active && d->streaming) {
+        d->startStreamForUsers();
     }
     return opened;
 }
@@ -450,7 +475,7 @@ void Engine::doDeviceListUpdate()
     const bool found =
         d->activatedEmpty && d->api &&
         (d->api->defaultDevice(DeviceKind::Output) || d->api->defaultDevice(DeviceKind::Input));
-    if (d->active && !d->apiOpen() && (d->activationFailed || lost || found))
+    if (d->active && !d->apiOpen() && (d->openFailed || lost || found))
         d->active = false;
     if (!d->active) {
         d->callLater("activate", [this] {

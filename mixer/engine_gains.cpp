@@ -22,12 +22,6 @@ bool refuse(const char *format, const void *object)
     return false;
 }
 
-bool refuseIndex(const char *format, int index)
-{
-    BLDEBUG_Error(-1, format, index);
-    return false;
-}
-
 bool refuseChannel(const char *format, int channel, const void *object)
 {
     BLDEBUG_Error(-1, format, channel, object);
@@ -44,6 +38,15 @@ bool checkSource(const Engine::Data &data, const Source *source, int channel)
     return true;
 }
 
+// The mix takes the first channels of a device that has more.
+bool checkDeviceChannel(int channel, unsigned channels)
+{
+    if (channel >= 0 && unsigned(channel) < std::min(channels, Engine::Data::maxChannels))
+        return true;
+    BLDEBUG_Error(-1, "QTovelMixer::setGain: Invalid input channel (%d)!!", channel);
+    return false;
+}
+
 bool checkSink(const Engine::Data &data, const Sink *sink, int channel)
 {
     if (!data.contains(sink))
@@ -56,11 +59,22 @@ bool checkSink(const Engine::Data &data, const Sink *sink, int channel)
 
 } // namespace
 
-// An object without buses has no cells: its first row or column is one past the last.
-bool Engine::Data::setCell(unsigned row, unsigned column, float gain)
+bool Engine::Data::requireFinite(const char *operation, float gain)
 {
-    if (row >= inputBuses.size() || column >= outputBuses.size())
+    if (std::isfinite(gain))
+        return true;
+    BLDEBUG_Error(-1, "QTovelMixer::%s: Invalid gain!!", operation);
+    return false;
+}
+
+bool Engine::Data::setCell(const HostGains::Cell &cell, float gain)
+{
+    const QMutexLocker locker(&updateLock);
+    unsigned row = 0;
+    unsigned column = 0;
+    if (!cellOf(cell, row, column))
         return false;
+    hostGains.setCell(cell, gain);
     matrix.setCell(row, column, gain);
     planMix();
     return true;
@@ -68,55 +82,45 @@ bool Engine::Data::setCell(unsigned row, unsigned column, float gain)
 
 bool Engine::setGain(Source *source, int channel, int output, float gain)
 {
-    if (!d->requireMainThread("setGain"))
+    if (!d->requireMainThread("setGain") || !checkSource(*d, source, channel) ||
+        !checkDeviceChannel(output, numOutputChannels()))
         return false;
-    const QMutexLocker locker(&d->updateLock);
-    if (!checkSource(*d, source, channel))
-        return false;
-    if (output < 0 || unsigned(output) >= numOutputChannels())
-        return refuseIndex("QTovelMixer::setGain: Invalid input channel (%d)!!", output);
-    return d->setCell(d->rowOf(source) + unsigned(channel), unsigned(output), gain);
+    return Data::requireFinite("setGain", gain) &&
+           d->setCell({source, nullptr, unsigned(channel), unsigned(output)}, gain);
 }
 
 bool Engine::setGain(int input, Sink *sink, int channel, float gain)
 {
-    if (!d->requireMainThread("setGain"))
+    if (!d->requireMainThread("setGain") || !checkSink(*d, sink, channel) ||
+        !checkDeviceChannel(input, numInputChannels()))
         return false;
-    const QMutexLocker locker(&d->updateLock);
-    if (!checkSink(*d, sink, channel))
-        return false;
-    if (input < 0 || unsigned(input) >= numInputChannels())
-        return refuseIndex("QTovelMixer::setGain: Invalid input channel (%d)!!", input);
-    return d->setCell(unsigned(input), d->columnOf(sink) + unsigned(channel), gain);
+    return Data::requireFinite("setGain", gain) &&
+           d->setCell({nullptr, sink, unsigned(input), unsigned(channel)}, gain);
 }
 
 bool Engine::setGain(Source *source, int channel, Sink *sink, int sinkChannel, float gain)
 {
-    if (!d->requireMainThread("setGain"))
+    if (!d->requireMainThread("setGain") || !checkSource(*d, source, channel) ||
+        !checkSink(*d, sink, sinkChannel))
         return false;
-    const QMutexLocker locker(&d->updateLock);
-    if (!checkSource(*d, source, channel) || !checkSink(*d, sink, sinkChannel))
-        return false;
-    return d->setCell(d->rowOf(source) + unsigned(channel),
-                      d->columnOf(sink) + unsigned(sinkChannel), gain);
+    return Data::requireFinite("setGain", gain) &&
+           d->setCell({source, sink, unsigned(channel), unsigned(sinkChannel)}, gain);
 }
 
 bool Engine::addRoute(Source *source, Sink *sink, float gain)
 {
     if (!source || !sink || !d->requireMainThread("addRoute"))
         return false;
-    const QMutexLocker locker(&d->updateLock);
     if (!d->contains(sink))
         return refuse("QTovelMixer::addRoute: Invalid sink (%p)!!", sink);
     if (!d->contains(source))
         return refuse("QTovelMixer::addRoute: Invalid source (%p)!!", source);
-    const unsigned row = d->rowOf(source);
-    const unsigned column = d->columnOf(sink);
-    const unsigned rows = busesOf(source);
-    const unsigned columns = busesOf(sink);
-    if (row + rows > d->inputBuses.size() || column + columns > d->outputBuses.size())
+    if (!Data::requireFinite("addRoute", gain))
         return false;
-    d->writeInputGains(row, rows, column, columns, gain);
+    const QMutexLocker locker(&d->updateLock);
+    if (!d->writeRoute(source, sink, gain))
+        return false;
+    d->hostGains.setRoute(source, sink, gain);
     return true;
 }
 
@@ -126,26 +130,27 @@ bool Engine::setChannelsMask(Source *source, unsigned long long mask, float gain
     Q_UNUSED(flag)
     if (!d->requireMainThread("setChannelsMask"))
         return false;
-    const QMutexLocker locker(&d->updateLock);
     if (!d->contains(source))
         return refuse("QTovelMixer::setChannelsMask: Invalid source (%p)!!", source);
-    const unsigned row = d->rowOf(source);
-    const unsigned channels = busesOf(source);
-    if (row + channels <= d->inputBuses.size())
-        d->set_input_mask(row, channels, 0, d->numOutputChannels,
-                          channels < 64 ? mask & ((1ull << channels) - 1) : mask);
+    const QMutexLocker locker(&d->updateLock);
+    d->hostGains.setMask(source, mask);
+    d->writeMask(source, mask);
     d->setSourceChannelMask(source, mask);
     return true;
 }
 
 void Engine::setMasterOutputGain(float gain)
 {
+    if (!Data::requireFinite("setMasterOutputGain", gain))
+        return;
     d->masterOutputGain = gain;
     onMasterGainChanged();
 }
 
 void Engine::setMasterInputGain(float gain)
 {
+    if (!Data::requireFinite("setMasterInputGain", gain))
+        return;
     d->masterInputGain = gain;
     onMasterGainChanged();
 }
@@ -282,6 +287,7 @@ void Engine::setTime(double time)
     d->timeline->adjustLoopTime(d->seconds(d->mixTime));
     // Inside a bracket this is the position to keep.
     d->takeSnapshot();
+    d->keptPosition = d->livePosition();
 }
 
 bool Engine::Data::mayEdit(const char *operation) const

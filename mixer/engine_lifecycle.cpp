@@ -124,7 +124,9 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
                               [=, this] { activate(preferDefaultOutput, preferDefaultInput); });
         return;
     }
-    if (d->active)
+    // Without a device because none opened: another attempt is what brings it back.
+    const bool isBroken = d->openFailed && !d->apiOpen();
+    if (d->active && !isBroken)
         return;
     if (d->isBackendTaken) {
         BLDEBUG_Error(-1, "QTovelMixer::activate: Another engine has the backend!!");
@@ -137,7 +139,7 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
     const unsigned activation = ++d->activations;
     d->active = true;
     auto undo = qScopeGuard([this] { d->active = false; });
-    d->activationFailed = false;
+    d->openFailed = false;
     d->activatedEmpty = false;
     if (d->apiRunning()) {
         undo.dismiss();
@@ -162,13 +164,13 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
             return;
         }
         if (!opened) {
-            d->activationFailed = true;
             undo.dismiss();
             return;
         }
         d->activatedEmpty = !output && !input;
     }
     undo.dismiss();
+    d->startStreamForUsers();
     d->loadClock.restart();
     emit activated();
 }

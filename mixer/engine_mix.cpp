@@ -5,12 +5,13 @@
 
 #include <base/clock_p.h>
 #include <base/denormals_p.h>
+#include <base/nonblocking_p.h>
 #include <base/trace_p.h>
 #include <dsp/kernels_p.h>
 #include <mixer/block_lock_p.h>
 #include <mixer/buffer_access_p.h>
 #include <mixer/buffer_ops.h>
-#include <mixer/io/effect.h>
+#include <mixer/io/effect_p.h>
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source_p.h>
 #include <mixer/meter/meter.h>
@@ -18,6 +19,7 @@
 #include <QtCore/QThread>
 
 #include <algorithm>
+#include <utility>
 
 namespace QTovelMixer {
 
@@ -78,16 +80,19 @@ size_t room(const Bus &bus) noexcept
     return bus.capacity() > spare ? bus.capacity() - spare : bus.capacity();
 }
 
-void applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &applied,
-                     float target) noexcept
+/// Answers how many samples were not finite then, and were replaced by 0.
+size_t applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &applied,
+                       float target) noexcept
 {
     if (applied == target) {
-        block *= target;
-        return;
+        if (Kernels::multiplyFinite(block.data(), block.size(), target)) [[likely]]
+            return 0;
+    } else {
+        if (frames > 0)
+            Kernels::rampGain(block.data(), frames, channels, applied, target);
+        applied = target;
     }
-    if (frames > 0)
-        Kernels::rampGain(block.data(), frames, channels, applied, target);
-    applied = target;
+    return Kernels::replaceNotFinite(block.data(), block.size());
 }
 
 void runWithoutSamples(Effect *effect, unsigned frames) noexcept
@@ -131,12 +136,15 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
 
         if (inCh > 0) {
             const BlockSize size(input, size_t(inCh) * frames);
-            applyMasterGain(input, frames, inCh, masterInputGainApplied,
-                            masterInputGain.load(std::memory_order_relaxed));
+            const size_t replaced =
+                applyMasterGain(input, frames, inCh, masterInputGainApplied,
+                                masterInputGain.load(std::memory_order_relaxed));
+            if (replaced > 0) [[unlikely]]
+                countReplaced(replaced, inputReplacementTold, "device input");
             if (inputMeter)
                 inputMeter->fill(input);
             if (inputEffect && inputEffectBypass.load(std::memory_order_relaxed) == 0)
-                inputEffect->process(input.data(), int(inCh), int(frames));
+                EffectAccess::run(*inputEffect, input.data(), int(inCh), int(frames));
             de_interleave(input, inputBuses.data(), int(inCh));
         }
 
@@ -151,8 +159,11 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
             interleave(outputBuses.data(), output, int(outCh));
             if (length < frames)
                 output.zero(length * outCh, output.size());
-            applyMasterGain(output, frames, outCh, masterOutputGainApplied,
-                            masterOutputGain.load(std::memory_order_relaxed));
+            const size_t replaced =
+                applyMasterGain(output, frames, outCh, masterOutputGainApplied,
+                                masterOutputGain.load(std::memory_order_relaxed));
+            if (replaced > 0) [[unlikely]]
+                countReplaced(replaced, outputReplacementTold, "device output");
             if (outputMeter)
                 outputMeter->fill(output);
         }
@@ -169,6 +180,19 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
                                   double(load) * 0.001,
                               std::memory_order_relaxed);
     return 0;
+}
+
+[[gnu::cold]] void Engine::Data::countReplaced(size_t samples, bool &told,
+                                               const char *place) noexcept
+{
+    replacedSamples.fetch_add(samples, std::memory_order_relaxed);
+    if (std::exchange(told, true))
+        return;
+    // Inside a callback it goes the way of trace lines.
+    assumeNonblocking([place] {
+        BLDEBUG_Error(-1, "QTovelMixer::Engine: Samples that are not finite count as 0 (%s)!!",
+                      place);
+    });
 }
 
 // Buses are made for the device's block, but work in the length of this one, so that what
@@ -209,8 +233,9 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
 
 void Engine::Data::mixMatrix(unsigned busCount) noexcept
 {
-    const int rows = int(busCount);
-    const int columns = int(outputBuses.size());
+    // A device may have more channels than the mix.
+    const int rows = int(std::min(busCount, maxChannels));
+    const int columns = int(std::min<size_t>(outputBuses.size(), maxChannels));
     if (columns == 0)
         return;
     const bool isPlanned = plan.watchesCells() ? plan.matches(matrix, rows, columns)

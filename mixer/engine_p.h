@@ -4,11 +4,13 @@
 
 #include <base/blocking_call_p.h>
 #include <base/debug.h>
+#include <base/hidden_p.h>
 #include <base/nonblocking.h>
 #include <mixer/block_gate_p.h>
 #include <mixer/block_lock_p.h>
 #include <mixer/engine.h>
 #include <mixer/gain_matrix_p.h>
+#include <mixer/host_gains_p.h>
 #include <mixer/io/timeline.h>
 
 #include <QtCore/QElapsedTimer>
@@ -50,7 +52,7 @@ inline bool decrement(std::atomic<int> &counter) noexcept
     return false;
 }
 
-struct Engine::Data
+struct QTOVELMIXER_HIDDEN Engine::Data
 {
     using Bus = aligned_vector<float, 16>;
 
@@ -60,6 +62,7 @@ struct Engine::Data
         QMetaObject::Connection connections[3];
         float gain = 1.0f;        ///< given when it was added; needed again when buses are rebuilt
         bool holdsStream = false; ///< counted in streamUsers
+        bool paused = false;      ///< by `pause`, and not resumed since
     };
     struct SavedState
     {
@@ -100,6 +103,8 @@ struct Engine::Data
     unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames,
                         qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
     void mixMatrix(unsigned busCount) noexcept QTOVELMIXER_NONBLOCKING;
+    void countReplaced(size_t samples, bool &told,
+                       const char *place) noexcept QTOVELMIXER_NONBLOCKING;
     void feedSinks(unsigned firstBus, qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
 
     // Blocks at the pace of the workers (engine_freewheel.cpp).
@@ -120,7 +125,10 @@ struct Engine::Data
     void resetGainMatrix();
     /// Rebuilds the mixing plan ahead of the next block, under the update lock.
     void planMix();
-    bool setCell(unsigned row, unsigned column, float gain);
+    /// Writes what the host set, here and for every device that is opened later.
+    bool setCell(const HostGains::Cell &cell, float gain);
+    /// Whether the gain is finite; logs a refusal that names the operation otherwise.
+    static bool requireFinite(const char *operation, float gain);
     Effect *replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect);
     /// Limits and selections stay as they are while something holds the stream.
     bool mayEdit(const char *operation) const;
@@ -141,6 +149,15 @@ struct Engine::Data
 
     void adjSourceTime(double time, double offset);
     void setTime(double time, double start);
+    /// Active, started, and with a source or a sink.
+    bool isRunning() const QTOVELMIXER_NONBLOCKING
+    {
+        return active && running && sourceCount + sinkCount > 0;
+    }
+    /// Where the clock stands in the material, seconds.
+    double livePosition() const;
+    /// Remembers where playback stands, for when it does no more.
+    void keepPosition();
     void startAll(double time, double begin);
     void setMixTime(double time);
     /// Both answer false when a slot has deleted the engine: this record is gone then.
@@ -151,6 +168,7 @@ struct Engine::Data
     /// Both answer as `forEachSource`.
     bool pause();
     bool resume();
+    void pause(Source *source, bool counted);
     void stop(StopReason reason);
     bool stop(Source *source, StopReason reason);
     void stop(Sink *sink, StopReason reason);
@@ -168,6 +186,15 @@ struct Engine::Data
     void deleteMeters();
     /// Keeps the stream alive for every user, also after it was reopened under them.
     void raiseApiRefs(int users);
+    /// Something in the mix was not told to stop.
+    bool hasLiveUsers() const;
+    /// The mixer is started, or something plays or records without that.
+    bool isBusy() const;
+    /// Starts the open stream if somebody needs it.
+    void startStreamForUsers();
+    /// Has the loss of the stream told as a failure of the device, from the event loop: until then
+    /// another device may be opened.
+    void reportLostStream();
     void releaseStream();
     bool apiRunning() const;
     bool apiOpen() const;
@@ -181,7 +208,11 @@ struct Engine::Data
     void writeSourceGains(Source *source, unsigned row, Device *output, float gain);
     void writeSinkGains(Sink *sink, unsigned column, Device *input, float gain);
     void writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols, float gain);
+    bool writeRoute(const Source *source, const Sink *sink, float gain);
     void writeMonitorGains(bool on);
+    void writeMask(const Source *source, quint64 mask);
+    void writeHostGains();
+    bool cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const;
     void adoptRate(unsigned oldRate);
     /// First row or column of a listed object; the number of buses for one that has none.
     unsigned rowOf(const Source *source) const;
@@ -267,7 +298,7 @@ struct Engine::Data
     unsigned activations = 0;    ///< raised by `activate` and `deactivate`
     unsigned choices = 0;        ///< raised by whatever opens or closes devices for the host
     int apiRefs = 0;
-    unsigned streamGeneration = 0; ///< raised by every close, so that late calls see it
+    unsigned streamGeneration = 0; ///< raised by every open and close, so that late calls see it
     std::atomic<unsigned> sourceCount{0};
     std::atomic<unsigned> sinkCount{0};
     std::atomic<int> streamUsers{0};
@@ -276,8 +307,9 @@ struct Engine::Data
     double savedTime = 0.0;         ///< seconds
     double savedTimelineTime = 0.0; ///< seconds in the material
     double savedLoopOffset = 0.0;   ///< seconds
-    bool activationFailed = false;
-    bool activatedEmpty = false; ///< there was no device at all
+    bool openFailed = false;        ///< the last attempt to open a device
+    bool activatedEmpty = false;    ///< there was no device at all
+    bool streaming = false;         ///< the host wants a stream without users
     int bracketDepth = 0;
     std::vector<Source *> lockedSources; ///< by the outermost bracket
     std::vector<Sink *> lockedSinks;     ///< by the outermost bracket
@@ -301,7 +333,10 @@ struct Engine::Data
     std::map<const Sink *, Link> sinkLinks;
     std::vector<QPointer<Source>> retiredSources; ///< removed, deletion queued
     std::vector<QPointer<Sink>> retiredSinks;
+    HostGains hostGains;
     std::vector<SavedState> savedStates;
+    bool pausedAtRest = false; ///< holdCount holds the suspension of a pause before the start
+    double keptPosition = 0.0; ///< seconds in the material, where playback stood last
 
     // Shared: written on the main thread, read anywhere -------------------------------------
     std::atomic<bool> active{false};
@@ -317,15 +352,16 @@ struct Engine::Data
 
     /// Lets any thread ask what is attached. Beside it the main thread holds updateLock to change
     /// the lists; whoever holds this one takes no other lock but those that workers sleep under.
-    mutable RankedMutex<LockRank::List> listLock;
+    mutable RankedPriorityMutex<LockRank::List> listLock;
 
     BlockGate gate;
     HoldLock holdLock; ///< taken under updateLock or alone
 
     // Guarded by updateLock -----------------------------------------------------------------
     mutable UpdateLock updateLock;
-    unsigned numInputChannels = 0;
+    unsigned numInputChannels = 0; ///< of the open device; the mix uses `maxChannels` of them
     unsigned numOutputChannels = 0;
+    unsigned blockFrames = 0; ///< of the open stream, whatever the backend is told since
     Meter *inputMeter = nullptr;
     Meter *outputMeter = nullptr;
     std::vector<Source *> sources;
@@ -339,6 +375,8 @@ struct Engine::Data
     float (&enableMatrix)[128][128] = matrix.enable;
     MixPlan plan;
     Timeline *timeline = nullptr;
+    bool inputReplacementTold = false; ///< since the device was opened
+    bool outputReplacementTold = false;
 
     // Audio thread --------------------------------------------------------------------------
     std::atomic<qint64> mixTime{0}; ///< frames
@@ -347,6 +385,7 @@ struct Engine::Data
     std::atomic<unsigned> blockNumber{0}; ///< odd while a block is under way
     std::atomic<quint64> callbackCount{0};
     std::atomic<quint64> droppedBlocks{0};
+    std::atomic<quint64> replacedSamples{0}; ///< that were not finite
     std::atomic<qint64> lastCallbackLoad{0}; ///< tenths of a millisecond
     std::atomic<qint64> peakCallbackLoad{0};
     std::atomic<double> averageCallbackLoad{0.0};

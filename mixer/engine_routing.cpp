@@ -37,6 +37,14 @@ bool Engine::addSource(Source *source, float gain, Options options)
         return false;
     if (!source || !d->active || !canPlayback() || source->numChannels() < 1)
         return false;
+    if (!Data::requireFinite("addSource", gain))
+        return false;
+    const int rate = source->sampleRate();
+    if (!ResamplerBank::canConvert(rate, int(sampleRate()))) {
+        BLDEBUG_Error(-1, "QTovelMixer::addSource: Cannot play %d Hz at %u Hz (%p)!!", rate,
+                      sampleRate(), static_cast<void *>(source));
+        return false;
+    }
     return d->add(source, gain, options);
 }
 
@@ -47,7 +55,7 @@ bool Engine::addSink(Sink *sink, float gain, Options options)
     // A sink may record the device, or the mix on a device that only plays.
     if (!sink || !d->active || !(canPlayback() || canCapture()) || sink->numChannels() < 1)
         return false;
-    return d->add(sink, gain, options);
+    return Data::requireFinite("addSink", gain) && d->add(sink, gain, options);
 }
 
 template <typename T>
@@ -71,7 +79,10 @@ bool Engine::Data::add(T *object, float gain, Options options)
         BLDEBUG_Error(-1, text, static_cast<void *>(object));
         return false;
     }
-    std::vector<Bus> buses = makeBuses(channelsOf(object), engine->bufferFrames());
+    // No bus is made for an object that will be refused: it may claim any number of channels.
+    const unsigned channels = channelsOf(object);
+    const bool fits = Kind<T>::buses(*this).size() + channels <= maxChannels;
+    std::vector<Bus> buses = makeBuses(fits ? channels : 0, blockFrames);
     const Span span = spanOf(object, options);
     auto undo = qScopeGuard([this] { stopMixerApi(); });
     {
@@ -81,7 +92,7 @@ bool Engine::Data::add(T *object, float gain, Options options)
             hold.emplace(*this);
         const QMutexLocker locker(&updateLock);
         startMixerApi();
-        if (Kind<T>::buses(*this).size() + buses.size() > maxChannels) {
+        if (!fits) {
             BLDEBUG_Error(-1, Kind<T>::noRoom, static_cast<void *>(object));
             return false;
         }
@@ -207,6 +218,7 @@ void Engine::Data::unfollow(Sink *) {}
 template <typename T>
 bool Engine::Data::takeOut(T *object)
 {
+    keepPosition();
     if (!withdraw(object))
         return false;
     Kind<T>::count(*this).fetch_sub(1);
@@ -239,6 +251,7 @@ bool Engine::Data::withdraw(T *object)
     }
     const Link link = std::move(Kind<T>::links(*this)[object]);
     Kind<T>::links(*this).erase(object);
+    hostGains.forget(object);
     for (const QMetaObject::Connection &connection : link.connections)
         QObject::disconnect(connection);
     const auto first = buses.begin() + bus;

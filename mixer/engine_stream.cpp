@@ -5,6 +5,8 @@
 #include <base/log_line_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
+#include <mixer/io/sink_p.h>
+#include <mixer/io/source_p.h>
 #include <mixer/meter/meter.h>
 
 #include <QtCore/QDebug>
@@ -33,6 +35,33 @@ void endMeter(Meter *meter)
     }
     if (isElsewhere())
         thread->wait(meterEndTimeout);
+}
+
+bool isLive(const Source *source)
+{
+    return !source->wasStoped();
+}
+
+bool isLive(const Sink *sink)
+{
+    return !SinkAccess::isOver(*sink);
+}
+
+bool works(const Source *source)
+{
+    return isLive(source) && SourceAccess::threadStarted(*source);
+}
+
+bool works(const Sink *sink)
+{
+    return isLive(sink) && SinkAccess::threadStarted(*sink);
+}
+
+template <typename Question>
+bool anyUser(const Engine::Data &data, Question question)
+{
+    return std::any_of(data.sources.begin(), data.sources.end(), question) ||
+           std::any_of(data.sinks.begin(), data.sinks.end(), question);
 }
 
 } // namespace
@@ -101,11 +130,13 @@ void Engine::Data::startMixerApi()
                 watchdogTimer->start(int(std::max(base, blocks)));
             }
             lastSeenCallbackCount = callbackCount;
-            writeLine([] { qInfo("Mixer Api Started!"); });
+            wakeTrace();
+            writeText(QtInfoMsg, "Mixer Api Started!");
         } else {
             apiRefs = 0;
             stopWatchdog();
-            writeLine([] { qWarning("Mixer Api failed to start!"); });
+            writeText(QtWarningMsg, "Mixer Api failed to start!");
+            reportLostStream();
         }
     }
     traceStream("Engine::Data::startMixerApi END", *this);
@@ -117,11 +148,13 @@ void Engine::Data::stopMixerApi()
     if (!apiRunning()) {
         apiRefs = 0;
         stopWatchdog();
+    } else if (apiRefs < 2 && streaming && active) {
+        apiRefs = 0;
     } else if (apiRefs < 2) {
         apiRefs = 0;
         api->stop();
         stopWatchdog();
-        writeLine([] { qInfo("Mixer Api Stopped!"); });
+        writeText(QtInfoMsg, "Mixer Api Stopped!");
     } else {
         --apiRefs;
     }
@@ -148,6 +181,51 @@ void Engine::Data::raiseApiRefs(int users)
 {
     if (apiRunning())
         apiRefs = std::max(apiRefs, users);
+}
+
+bool Engine::Data::hasLiveUsers() const
+{
+    return anyUser(*this, [](const auto *object) { return isLive(object); });
+}
+
+bool Engine::Data::isBusy() const
+{
+    return isRunning() ||
+           (active && anyUser(*this, [](const auto *object) { return works(object); }));
+}
+
+void Engine::Data::startStreamForUsers()
+{
+    if (!apiOpen() || apiRunning() || !(streaming || hasLiveUsers()))
+        return;
+    startMixerApi();
+    if (apiRunning())
+        apiRefs = users();
+}
+
+void Engine::setStreaming(bool value)
+{
+    if (!d->requireMainThread("setStreaming"))
+        return;
+    d->streaming = value;
+    if (d->active)
+        d->startStreamForUsers();
+    // Without users nobody else would stop it.
+    if (!value && d->apiRunning() && d->apiRefs < 1)
+        d->stopMixerApi();
+}
+
+bool Engine::isStreaming() const
+{
+    return d->streaming;
+}
+
+void Engine::Data::reportLostStream()
+{
+    callLater("onApiDeviceFailure", [this, generation = streamGeneration] {
+        if (generation == streamGeneration && active && !apiRunning())
+            engine->onApiDeviceFailure();
+    });
 }
 
 void Engine::Data::deleteMeters()

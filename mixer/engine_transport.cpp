@@ -3,10 +3,12 @@
 #include <mixer/engine_p.h>
 
 #include <base/debug.h>
+#include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
+#include <mixer/io/source_p.h>
 
 #include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
@@ -43,6 +45,8 @@ const char *reasonName(StopReason reason)
         return "DeviceListChanged";
     case StopReason::DeviceFailed:
         return "DeviceFailed";
+    case StopReason::WorkerFailed:
+        break; // the hosts' logs know the names of the seven above only
     }
     return nullptr;
 }
@@ -58,6 +62,9 @@ bool Engine::start(double time)
         BLDEBUG_Error(-1, "QTovelMixer::start: refused inside a change of the mix!!");
         return false;
     }
+    d->startStreamForUsers();
+    if (d->hasLiveUsers() && !d->apiRunning())
+        return false;
     const double begin = std::isfinite(time) ? time : 0.0;
     d->startAll(mixerTimeToStart(*d->timeline, begin), begin);
     emit started();
@@ -71,6 +78,7 @@ void Engine::Data::startAll(double time, double begin)
     const auto mixAgain = qScopeGuard([this] {
         decrement(holdCount);
         gate.post();
+        ThreadMarks::leave(ThreadMarks::LinesWait);
     });
     {
         // All are let go before the first is waited for.
@@ -86,6 +94,7 @@ void Engine::Data::startAll(double time, double begin)
     }
     prime();
     running = true;
+    keptPosition = livePosition();
 }
 
 bool Engine::pause()
@@ -124,6 +133,8 @@ bool Engine::stop(bool force, StopReason reason)
 
 bool Engine::stop(Source *source, bool force, StopReason reason)
 {
+    if (!source)
+        return false;
     return stop_mixer(force, source, reason);
 }
 
@@ -165,8 +176,10 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
         return false;
     if (d->active && d->monitoring && (d->monitorTrigger & MonitorUntilStop) != 0)
         setMonitoring(false);
+    d->keepPosition();
     d->running = false;
     d->holdCount = 0;
+    d->pausedAtRest = false;
     {
         MixBracket bracket(*d);
         d->timeline->reset();
@@ -196,9 +209,35 @@ double Engine::time() const
     return d->active ? d->seconds(d->mixTime.load(std::memory_order_relaxed)) : 0.0;
 }
 
+double Engine::position() const
+{
+    return d->isRunning() ? d->livePosition() : d->keptPosition;
+}
+
+double Engine::Data::livePosition() const
+{
+    double position = timeline->position(seconds(mixTime.load(std::memory_order_relaxed)));
+    for (const Source *source : sources) {
+        if (source->timeline() == timeline)
+            position = SourceAccess::boundedByPause(*source, position);
+    }
+    return position;
+}
+
+void Engine::Data::keepPosition()
+{
+    if (isRunning())
+        keptPosition = livePosition();
+}
+
 quint64 Engine::droppedBlocks() const
 {
     return d->droppedBlocks;
+}
+
+quint64 Engine::replacedSamples() const
+{
+    return d->replacedSamples.load(std::memory_order_relaxed);
 }
 
 double Engine::startTime() const
@@ -213,7 +252,7 @@ bool Engine::isActive() const
 
 bool Engine::isRunning() const
 {
-    return d->active && d->running && d->sourceCount + d->sinkCount > 0;
+    return d->isRunning();
 }
 
 bool Engine::isPlaying() const

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstring>
 
 namespace QTovelMixer {
@@ -30,7 +31,8 @@ void GainMatrix::set(unsigned row0, unsigned rows, unsigned column0, unsigned co
     ++changes;
     for (unsigned r = 0; r < inside(row0, rows); ++r) {
         for (unsigned c = 0; c < inside(column0, columns); ++c) {
-            gain[row0 + r][column0 + c] = table[std::size_t(r) * columns + c] * factor;
+            const float product = table[std::size_t(r) * columns + c] * factor;
+            gain[row0 + r][column0 + c] = std::isfinite(product) ? product : 0.0f;
             enable[row0 + r][column0 + c] = 1.0f;
         }
     }

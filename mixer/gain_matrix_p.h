@@ -27,7 +27,8 @@ struct GainMatrix
 
     /// Every gain 0, every cell enabled.
     void reset() noexcept;
-    /// Writes `table` (rows × columns, row-major) × `factor` and enables the cells.
+    /// Writes `table` (rows × columns, row-major) × `factor` and enables the cells. A product that
+    /// is not finite counts as 0: tables come from hosts.
     void set(unsigned row0, unsigned rows, unsigned column0, unsigned columns, float factor,
              const float *table) noexcept;
     /// Enables (bit set) or disables row r of the block by bit r of `mask`. Does nothing when rows

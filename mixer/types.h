@@ -27,7 +27,9 @@ enum StopReason : qint32 {
     UserStopAction = 3,       ///< the user stopped; also what an untouched object answers
     UserPauseAction = 4,      ///< the user paused with `PauseKeepState`
     DeviceListChanged = 5,    ///< the devices changed under a running mixer
-    DeviceFailed = 6          ///< the device backend reported a failure
+    DeviceFailed = 6,         ///< the device backend reported a failure
+    WorkerFailed = 7 ///< a source could not play, or a sink not record: its rate or channels
+                     ///< are refused, there is no memory or no thread, or its host threw
 };
 
 /// The side of a device.

@@ -18,6 +18,7 @@ Suite allCases()
     addLockFigures(suite);
     addHostFigures(suite);
     addOfflineFigures(suite);
+    addPriorityFigures(suite);
     return suite;
 }
 

@@ -18,6 +18,7 @@ void addWorkerFigures(Suite &suite);
 void addLockFigures(Suite &suite);
 void addHostFigures(Suite &suite);
 void addOfflineFigures(Suite &suite);
+void addPriorityFigures(Suite &suite);
 
 /// The whole table.
 Suite allCases();

@@ -220,7 +220,8 @@ void Api::addDevice(Device *device)
         return;
     Device *existing = findDevice(device->uniqueId());
     if (existing && existing != device) {
-        qCritical("TovelMixer::Api::addNewDevice: Trying to add existing device. Use "
+        writeText(QtCriticalMsg,
+                  "TovelMixer::Api::addNewDevice: Trying to add existing device. Use "
                   "findDevice(...) to check if the device already exists");
         return;
     }

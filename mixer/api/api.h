@@ -85,6 +85,11 @@ public:
     virtual bool isRunning() const = 0;
     /// True for a backend that pauses by itself, beside the engine. Threads: any. Real-time: yes.
     virtual bool mayPauseAgain() const QTOVELMIXER_NONBLOCKING;
+    /// Frames of the blocks of streams that are opened from now on; `bufferFrames` answers it at
+    /// once. An open stream, and what is added to the mix meanwhile, keeps its block: to change it,
+    /// call `Engine::open` again (`Engine::select` leaves a device alone that is open already), or
+    /// `deactivate` and `activate`. The file backend alone changes its blocks at once; longer ones
+    /// than it was opened with are mixed in part only, and logged.
     virtual void setBufferFrames(unsigned int frames);
 
 protected:
@@ -143,6 +148,7 @@ public:
     bool failureIsCurrent() const;
 
 Q_SIGNALS:
+    /// Never emitted; the engine's signal of this name is.
     void deviceListChanged();
     void deviceFailure();
 

@@ -2,6 +2,7 @@
 #include <mixer/api/api_file.h>
 
 #include <base/debug.h>
+#include <base/hidden_p.h>
 #include <mixer/api/file_device.h>
 
 #include <QtCore/QFile>
@@ -34,7 +35,7 @@ QByteArray logName(Device *device)
 
 } // namespace
 
-struct QTovelMixerApiFile::FileData
+struct QTOVELMIXER_HIDDEN QTovelMixerApiFile::FileData
 {
     QString inputPath;
     int inputChannels;
@@ -200,8 +201,12 @@ void QTovelMixerApiFile::mixerTimeout()
     const size_t outputSamples = size_t(frames) * size_t(f->openOutputChannels);
     // The buffer size may have changed since the file was opened.
     if ((f->inputFile && f->inputBlock->size() < inputSamples) ||
-        (f->outputFile && f->outputBlock->size() < outputSamples))
+        (f->outputFile && f->outputBlock->size() < outputSamples)) {
         f->makeBlocks(frames);
+        qWarning("QTovelMixerApiFile: blocks of %u frames are longer than those of the open stream "
+                 "-- open it again to mix them whole",
+                 frames);
+    }
     if (f->inputFile)
         f->readInput(frames);
     if (mixerCallback(*f->inputBlock, *f->outputBlock, frames, f->streamTime, 0) != 0) {

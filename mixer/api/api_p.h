@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_API_API_P_H
 #define QTOVELMIXER_MIXER_API_API_P_H
 
+#include <base/hidden_p.h>
 #include <mixer/api/api.h>
 
 #include <QtCore/QElapsedTimer>
@@ -10,7 +11,7 @@
 
 namespace QTovelMixer {
 
-struct Api::Data
+struct QTOVELMIXER_HIDDEN Api::Data
 {
     QString name;
     Backend backend;

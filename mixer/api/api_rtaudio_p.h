@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_API_API_RTAUDIO_P_H
 #define QTOVELMIXER_MIXER_API_API_RTAUDIO_P_H
 
+#include <base/hidden_p.h>
 #include <base/nonblocking.h>
 #include <mixer/api/api_rtaudio.h>
 #include <mixer/api/rtaudio_answer_p.h>
@@ -26,7 +27,7 @@ bool isCompiled(RtAudio::Api api);
 
 } // namespace QTovelMixer
 
-struct QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
+struct QTOVELMIXER_HIDDEN QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer::RtAudioOwner
 {
     using Block = QTovelMixer::aligned_vector<float, 16>;
     using Instance = QTovelMixer::RtAudioInstance;

@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/api/api_virtual.h>
 
+#include <base/debug.h>
+#include <base/hidden_p.h>
+#include <base/thread_start_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/virtual_device_p.h>
 #include <mixer/api/virtual_stream_p.h>
 
 #include <algorithm>
+#include <utility>
 
 using QTovelMixer::AudioThreadMark;
 using QTovelMixer::Device;
+using QTovelMixer::ThreadStart;
 using QTovelMixer::VirtualStream;
 
 namespace {
@@ -30,7 +35,7 @@ bool isUsable(const QTovelMixerApiVirtual::DeviceSetup &setup)
 
 } // namespace
 
-struct QTovelMixerApiVirtual::VirtualData
+struct QTOVELMIXER_HIDDEN QTovelMixerApiVirtual::VirtualData
 {
     struct Plugged
     {
@@ -224,10 +229,18 @@ bool QTovelMixerApiVirtual::start()
             const AudioThreadMark mark;
             return mixerCallback(input, output, frames, time, 0);
         };
-    v->running = std::make_unique<VirtualStream>(setup);
-    v->running->start(v->pacing == Pacing::RealTime ? QThread::TimeCriticalPriority
-                                                    : QThread::InheritPriority);
-    return true;
+    auto stream = std::make_unique<VirtualStream>(setup);
+    watchStart(*stream);
+    v->running = std::move(stream);
+    const bool inRealTime = v->pacing == Pacing::RealTime;
+    const ThreadStart answer = startThread(*v->running, inRealTime ? QThread::TimeCriticalPriority
+                                                                   : QThread::InheritPriority);
+    if (answer == ThreadStart::Started)
+        return true;
+    BLDEBUG_Error(-1, "QTovelMixerApiVirtual::start: Cannot start a thread, %s!!",
+                  missingFor(answer));
+    v->running.reset();
+    return false;
 }
 
 bool QTovelMixerApiVirtual::stop()

@@ -5,6 +5,7 @@
 
 #include <QtCore/QDebug>
 
+#include <system_error>
 #include <utility>
 
 namespace QTovelMixer {
@@ -23,7 +24,12 @@ constexpr int idleInterval = 1000;    // ms, after a stream
 RtAudioInstance::Made RtAudioInstance::make(RtAudio::Api api, const QDeadlineTimer &deadline)
 {
     auto instance = std::make_shared<RtAudioInstance>(Private());
-    instance->m_thread = std::thread([instance, api] { instance->run(api); });
+    try {
+        instance->m_thread = std::thread([instance, api] { instance->run(api); });
+    } catch (const std::system_error &) {
+        qWarning("Mixer Api: Cannot start a thread!");
+        return {nullptr, true};
+    }
     QMutexLocker locker(&instance->m_mutex);
     while (!instance->m_ready) {
         if (!instance->m_changed.wait(&instance->m_mutex, deadline) && !instance->m_ready) {

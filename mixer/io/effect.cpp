@@ -1,13 +1,29 @@
 // SPDX-License-Identifier: MIT
-#include <mixer/io/effect.h>
+#include <mixer/io/effect_p.h>
+
+#include <base/debug.h>
+#include <base/nonblocking_p.h>
+#include <dsp/kernels_p.h>
 
 namespace QTovelMixer {
 
-struct Effect::Data
+void EffectAccess::run(Effect &effect, float *buffer, int channels, int frames) noexcept
 {
-    int sampleRate = 0;           // Hz
-    unsigned int numChannels = 0; // interleaved channels per frame
-};
+    effect.process(buffer, channels, frames);
+    if (channels < 1 || frames < 1)
+        return;
+    const quint64 replaced =
+        Kernels::replaceNotFinite(buffer, static_cast<size_t>(channels) * size_t(frames));
+    if (replaced == 0) [[likely]]
+        return;
+    if (effect.d->replacedSamples.fetch_add(replaced, std::memory_order_relaxed) > 0)
+        return;
+    // Inside a callback it goes the way of trace lines.
+    assumeNonblocking([&effect] {
+        BLDEBUG_Error(-1, "QTovelMixer::Effect: Samples that are not finite count as 0 (%p)!!",
+                      static_cast<void *>(&effect));
+    });
+}
 
 Effect::Effect(int sampleRate, unsigned int numChannels) : d(new Data{sampleRate, numChannels}) {}
 
@@ -21,6 +37,11 @@ QString Effect::name() const
 int Effect::process(float *buffer, int channels, int frames)
 {
     return buffer ? processBuffers(buffer, buffer, channels, frames) : 0;
+}
+
+quint64 Effect::replacedSamples() const
+{
+    return d->replacedSamples.load(std::memory_order_relaxed);
 }
 
 void Effect::reset() {}

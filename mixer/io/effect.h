@@ -53,6 +53,10 @@ public:
     /// Threads: main.
     virtual void onReplaced();
 
+    /// Samples that the effect left in the mix and that were not finite: the mix took 0 instead,
+    /// and logged it once. Threads: any. Real-time: yes.
+    quint64 replacedSamples() const QTOVELMIXER_NONBLOCKING;
+
     /// The constructor's channel count. Threads: any. Real-time: yes.
     virtual unsigned int numChannels() const QTOVELMIXER_NONBLOCKING;
 
@@ -60,6 +64,7 @@ public:
     virtual int sampleRate() const QTOVELMIXER_NONBLOCKING;
 
 private:
+    friend struct EffectAccess;
     struct Data;
     std::unique_ptr<Data> d;
 };

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bit>
 #include <limits>
+#include <new>
 
 namespace QTovelMixer {
 
@@ -13,7 +14,9 @@ FrameRing::FrameRing(qint64 frames, int channels)
     if (std::has_single_bit(unsigned(m_frameBytes)))
         m_shift = std::countr_zero(unsigned(m_frameBytes));
     const qint64 fitting = fittingFrames(frames, channels);
-    m_ring = BLRINGBUFFER_NewEx(static_cast<qint32>(fitting * m_frameBytes), 1);
+    m_ring = createRing(static_cast<qint32>(fitting * m_frameBytes), MirroredMemory::Mapped);
+    if (!m_ring)
+        throw std::bad_alloc();
     m_capacity = writeSlice().frames;
 }
 

@@ -27,7 +27,7 @@ public:
     };
 
     /// Takes all memory. A size beyond what the byte ring can hold is cut to whole frames;
-    /// counts of 0 or less give a ring without room.
+    /// counts of 0 or less give a ring without room. Errors: throws std::bad_alloc.
     FrameRing(qint64 frames, int channels);
     ~FrameRing();
 

@@ -3,6 +3,7 @@
 
 #include <dsp/kernels_p.h>
 #include <dsp/resample.h>
+#include <dsp/resample_rates_p.h>
 
 #include <algorithm>
 #include <array>
@@ -34,6 +35,11 @@ ResamplerBank::ResamplerBank(int inputRate, int outputRate, int channels)
 void ResamplerBank::Destroy::operator()(DSPB_Resampler *resampler) const
 {
     DSPB_ResampleDestroy(resampler);
+}
+
+bool ResamplerBank::canConvert(int inputRate, int outputRate)
+{
+    return inputRate >= 1 && (inputRate == outputRate || isConvertible(inputRate, outputRate));
 }
 
 bool ResamplerBank::isValid() const

@@ -24,6 +24,10 @@ public:
     /// Takes all memory that processing needs.
     ResamplerBank(int inputRate, int outputRate, int channels);
 
+    /// Whether the converter knows these rates, or they are the same, so that there is nothing to
+    /// convert. Takes no memory.
+    static bool canConvert(int inputRate, int outputRate);
+
     /// False when the converter does not know these rates; `process` then writes nothing.
     bool isValid() const;
 

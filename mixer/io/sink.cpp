@@ -2,6 +2,7 @@
 #include <mixer/io/sink.h>
 
 #include <base/debug.h>
+#include <base/thread_start_p.h>
 #include <base/trace_p.h>
 #include <mixer/engine.h> // a sink asks its engine for the clock, the rate and the start time
 #include <mixer/io/sink_p.h>
@@ -28,6 +29,16 @@ void Sink::Data::requestEnd(StopReason reason)
         stopReason.store(reason, std::memory_order_release);
     stopRequested.store(1, std::memory_order_release);
     wakeCondition.wakeAll();
+}
+
+/// Ends the worker for want of something, unless somebody else has ended it before.
+void Sink::Data::fail()
+{
+    const QMutexLocker lock(&waitMutex);
+    if (stopRequested.load(std::memory_order_relaxed) != 0)
+        return;
+    stopReason.store(WorkerFailed, std::memory_order_release);
+    stopRequested.store(1, std::memory_order_release);
 }
 
 void Sink::Data::sleep(int milliseconds)
@@ -74,6 +85,7 @@ void SinkAccess::wake(Sink &sink)
 
 Sink::Sink(Engine *engine, float bufferSeconds) : d(new Data)
 {
+    watchStart(*this);
     d->engine = engine;
     d->self = this;
     d->bufferSeconds = std::fmax(bufferSeconds, 5.0f); // fmax: a NaN becomes 5 as well
@@ -195,17 +207,17 @@ void Sink::start(QThread::Priority priority)
     const double frames = std::trunc(representableTime(skipTime(), rate) * rate);
     d->skipFrames.store(std::max(static_cast<qint64>(frames), qint64{0}),
                         std::memory_order_relaxed);
-    QThread::start(priority);
-    if (!QThread::isRunning() && !QThread::isFinished())
-        d->endWithoutThread(*this);
+    const ThreadStart answer = startThread(*this, priority);
+    if (answer != ThreadStart::Started)
+        d->endWithoutThread(*this, missingFor(answer));
 }
 
 // Announced from the event loop, as a worker's end is: here the mix may be held.
-void Sink::Data::endWithoutThread(Sink &sink)
+void Sink::Data::endWithoutThread(Sink &sink, const char *missing)
 {
-    BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot start a thread (%p)!!",
-                  static_cast<void *>(&sink));
-    requestEnd(NoReason);
+    BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot start a thread (%p), %s!!",
+                  static_cast<void *>(&sink), missing);
+    fail();
     QMetaObject::invokeMethod(
         &sink,
         [guarded = QPointer<Sink>(&sink)] {
@@ -231,6 +243,11 @@ qint64 Sink::freeFrames() const
 {
     // Not `isRunning`: a block may ask while the sink is destroyed.
     return SinkAccess::isRunning(*this) ? d->ring->capacity() - d->ring->fillFrames() : 0;
+}
+
+quint64 Sink::replacedSamples() const
+{
+    return d->replacedSamples.load(std::memory_order_relaxed);
 }
 
 double Sink::recordedTime() const

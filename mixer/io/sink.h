@@ -49,7 +49,7 @@ public:
     ~Sink() override;
 
 protected:
-    /// The worker. It ends at once without channels, without an engine or with a rate of 0.
+    /// The worker. It ends at once without channels or without an engine.
     void run() override;
 
     /// Handles the end by `deleteLater` as the destructor does, while the overrides still live.
@@ -75,8 +75,9 @@ public:
     /// What the host calls the sink; its object name unless overridden. Threads: any.
     virtual QString name() const;
 
-    /// Asks the worker to end. `NoReason` keeps the reason known so far. What the worker has not
-    /// handed over yet, up to one chunk or its conversion, is dropped. Threads: any.
+    /// Asks the worker to end. `NoReason` keeps the reason known so far. Nothing more is handed
+    /// over: what the ring still holds is dropped, all of it, which is up to a whole ring (5 s and
+    /// more) for a host that writes slowly. `recordedTime` counts it. Threads: any.
     virtual void stop(StopReason reason);
 
     /// Why the sink ended; `UserStopAction` as long as nothing set it. Threads: any.
@@ -90,13 +91,16 @@ public:
     virtual void setSkipTime(double seconds);
     virtual double skipTime() const;
 
-    /// Starts the worker; later calls do nothing. Threads: main.
+    /// Starts the worker; later calls do nothing. Errors: a sink that cannot record (the mixer's
+    /// rate cannot be converted to its own, it has more than 128 channels, or there is no memory,
+    /// no thread or no descriptor for one) logs one line and ends with `WorkerFailed`. Threads:
+    /// main.
     virtual void start(QThread::Priority priority = QThread::InheritPriority);
 
     /// Takes `frames` interleaved frames (1 or more) of `channels` channels at the sink's rate,
     /// recorded at `time` seconds. The memory is the sink's own and valid during the call only.
-    /// It may block and allocate, but must not wait for the main thread. An exception is logged
-    /// and ends the recording. Threads: worker.
+    /// It may block and allocate, but must not wait for the main thread. Every sample is finite.
+    /// An exception is logged and ends the recording with `WorkerFailed`. Threads: worker.
     virtual void writeSamples(float *buffer, int frames, int channels, double time) = 0;
 
     /// Told when an engine has adopted the sink. Threads: main.
@@ -115,6 +119,10 @@ public:
     /// Room for frames of the mix, at the mixer's rate; 0 unless the worker runs. To wait for it,
     /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
     qint64 freeFrames() const QTOVELMIXER_NONBLOCKING;
+
+    /// Samples of the mix that were not finite (sums or gains that overflowed) and were replaced by
+    /// 0 before they were handed over; logged once. Threads: any. Real-time: yes.
+    quint64 replacedSamples() const QTOVELMIXER_NONBLOCKING;
 
     /// Frames taken from the mix, with the silence between them, in seconds of the mixer's
     /// clock. Threads: any.

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_SINK_P_H
 #define QTOVELMIXER_MIXER_IO_SINK_P_H
 
+#include <base/hidden_p.h>
 #include <base/lock_rank_p.h>
 #include <base/nonblocking.h>
 #include <mixer/io/frame_ring_p.h>
@@ -16,7 +17,7 @@
 
 namespace QTovelMixer {
 
-struct Sink::Data
+struct QTOVELMIXER_HIDDEN Sink::Data
 {
     // Main thread.
     QPointer<Engine> engine; // may go before an object that was never added
@@ -29,6 +30,8 @@ struct Sink::Data
     // call inside a change of the mix that holds the worker off.
     RankedRecursiveMutex<LockRank::SinkRing> ringMutex;
     double recordTime = 0.0; // seconds, of the next chunk handed over
+    bool replacementTold = false;
+    std::atomic<quint64> replacedSamples{0}; // of the mix, written by the worker
 
     // Raised when what the resamplers hold back is void. Guarded by ringMutex.
     unsigned generation = 0;
@@ -60,8 +63,11 @@ struct Sink::Data
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void requestEnd(StopReason reason);
+    void fail();
+    void work(Sink &sink, int sinkHz, int mixerHz, int channels);
+    void replaceNotFinite(const Sink &sink, float *samples, qint64 count);
     void endWithoutMemory(const Sink &sink);
-    void endWithoutThread(Sink &sink);
+    void endWithoutThread(Sink &sink, const char *missing);
     void leave(Sink &sink);
     void sleep(int milliseconds);
     void waitForUpdates();

@@ -3,8 +3,10 @@
 
 #include <base/debug.h>
 #include <base/trace_p.h>
+#include <dsp/kernels_p.h>
 #include <mixer/engine.h> // a worker that ends waits for the block under way
 #include <mixer/io/sink_p.h>
+#include <mixer/io/source_p.h>
 
 #include <QtCore/QMutexLocker>
 
@@ -70,11 +72,6 @@ int Sink::Data::Worker::waitMilliseconds() const
 
 void Sink::Data::Worker::drainRing()
 {
-    if (d.ring->capacity() == 0 || (resamplers && !resamplers->isValid())) {
-        BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot record %d channels of %d Hz at %d Hz (%p)!!",
-                      channels, mixerRate, sinkRate, static_cast<void *>(&sink));
-        d.requestEnd(NoReason);
-    }
     const int milliseconds = waitMilliseconds();
     try {
         while (d.stopRequested.load(std::memory_order_acquire) == 0) {
@@ -99,11 +96,14 @@ bool Sink::Data::Worker::pass()
     if (frames <= 0)
         return false;
     int handed = frames;
+    d.replaceNotFinite(sink, slice.data, qint64{frames} * channels);
     if (resamplers) {
         // After a reposition the held-back audio belongs elsewhere.
         if (std::exchange(generation, d.generation) != d.generation)
             resamplers->restart();
         handed = resamplers->process(slice.data, frames, converted.data());
+        // The filter may overshoot what a float can hold.
+        d.replaceNotFinite(sink, converted.data(), qint64{handed} * channels);
         if (handed > 0)
             handOver(converted.data(), handed);
     } else {
@@ -124,14 +124,41 @@ void Sink::Data::Worker::logFailure(const char *what) const
 {
     BLDEBUG_Error(-1, "QTovelMixer::writeSamples: Exception (%s) in sink (%p)!!", what,
                   static_cast<void *>(&sink));
-    d.requestEnd(NoReason);
+    d.fail();
+}
+
+void Sink::Data::replaceNotFinite(const Sink &sink, float *samples, qint64 count)
+{
+    const quint64 replaced = Kernels::replaceNotFinite(samples, static_cast<size_t>(count));
+    if (replaced == 0)
+        return;
+    replacedSamples.fetch_add(replaced, std::memory_order_relaxed);
+    if (!std::exchange(replacementTold, true))
+        BLDEBUG_Error(-1, "QTovelMixer::Sink: Samples that are not finite count as 0 (%p)!!",
+                      static_cast<const void *>(&sink));
 }
 
 void Sink::Data::endWithoutMemory(const Sink &sink)
 {
     BLDEBUG_Error(-1, "QTovelMixer::Sink: Out of memory (%p)!!", static_cast<const void *>(&sink));
-    requestEnd(NoReason);
+    fail();
     wakeMix();
+}
+
+void Sink::Data::work(Sink &sink, int sinkHz, int mixerHz, int channels)
+{
+    try {
+        Worker worker(sink, sinkHz, mixerHz, channels);
+        worker.takeRing();
+        running.store(1, std::memory_order_release);
+        wakeMix();
+        sink.state_change();
+        if (stopRequested.load(std::memory_order_acquire) == 0)
+            sink.onRunStart();
+        worker.drainRing();
+    } catch (const std::bad_alloc &) {
+        endWithoutMemory(sink);
+    }
 }
 
 void Sink::run()
@@ -139,7 +166,7 @@ void Sink::run()
     const int channels = numChannels();
     const int mixerHz = d->mixerRate();
     const int sinkHz = sampleRate();
-    if (channels < 1 || mixerHz < 1 || sinkHz < 1)
+    if (channels < 1 || !mixerEngine())
         return;
     TraceLine("Sink::run BEGIN")
         .item("sink", this)
@@ -147,17 +174,13 @@ void Sink::run()
         .item("mixerSampleRate", mixerHz)
         .item("channels", channels)
         .item("thread", QThread::currentThreadId());
-    try {
-        Data::Worker worker(*this, sinkHz, mixerHz, channels);
-        worker.takeRing();
-        d->running.store(1, std::memory_order_release);
-        d->wakeMix();
-        state_change();
-        if (d->stopRequested.load(std::memory_order_acquire) == 0)
-            onRunStart();
-        worker.drainRing();
-    } catch (const std::bad_alloc &) {
-        d->endWithoutMemory(*this);
+    // Before any memory is taken: the rates and channels of hosts may ask for gigabytes.
+    if (channels <= maxMixerChannels && ResamplerBank::canConvert(mixerHz, sinkHz)) {
+        d->work(*this, sinkHz, mixerHz, channels);
+    } else {
+        BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot record %d channels of %d Hz at %d Hz (%p)!!",
+                      channels, mixerHz, sinkHz, static_cast<void *>(this));
+        d->fail();
     }
     d->running.store(0);
     // A block that saw it running may be calling what the host overrides.

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/source.h>
 
+#include <base/debug.h>
+#include <base/log_line_p.h>
+#include <base/thread_start_p.h>
 #include <mixer/engine.h>
 #include <mixer/io/source_p.h>
 #include <mixer/io/timeline.h>
@@ -56,6 +59,7 @@ Source::Source(Engine *engine, int sampleRate, int numChannels, const Range &ran
                float bufferSeconds)
     : d(new Data)
 {
+    watchStart(*this);
     d->engine = engine;
     d->self = this;
     d->sampleRate = sampleRate;
@@ -198,7 +202,8 @@ StopReason Source::stopReason() const
 void Source::setRange(const Range &range)
 {
     if (timeline()) {
-        qWarning("You can not assign a playbaack range after adding the object to the mixer.");
+        writeText(QtWarningMsg,
+                  "You can not assign a playbaack range after adding the object to the mixer.");
         return;
     }
     d->range.store(range);
@@ -235,6 +240,11 @@ void Source::setTime(double time)
 
 void Source::setGain(float gain)
 {
+    if (!std::isfinite(gain)) {
+        BLDEBUG_Error(-1, "QTovelMixer::Source::setGain: Invalid gain (%p)!!",
+                      static_cast<void *>(this));
+        return;
+    }
     d->gain.store(gain, std::memory_order_relaxed);
 }
 
@@ -275,7 +285,9 @@ void Source::adjustTime(double playTime, double keepSeconds)
     const qint64 base = d->frameBase.load(std::memory_order_relaxed);
     const qint64 next = slice.position + base;
     const qint64 shift = framesOfTime(playTime, rate) - next;
-    const qint64 keep = framesOfTime(std::fmax(keepSeconds, 0.0), rate);
+    // All of it when more is to be kept than there is, for ever included.
+    const double most = static_cast<double>(slice.frames) / rate + 1.0;
+    const qint64 keep = framesOfTime(std::fmin(std::fmax(keepSeconds, 0.0), most), rate);
     const qint64 excess = slice.frames - keep;
     if (excess <= 0 && shift == 0)
         return;
@@ -296,6 +308,11 @@ qint64 Source::bufferedFrames() const
 {
     const FrameRing *ring = d->ring.load(std::memory_order_acquire);
     return ring ? ring->fillFrames() : 0;
+}
+
+quint64 Source::replacedSamples() const
+{
+    return d->replacedSamples.load(std::memory_order_relaxed);
 }
 
 double Source::pausePosition() const

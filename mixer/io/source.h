@@ -19,6 +19,10 @@ class aligned_vector;
 /// of `readSamples`, converts them to the mixer's rate and keeps a ring several seconds ahead of
 /// the play position, from which the audio thread takes the frames of each block.
 ///
+/// What the host changes in material that was read already is heard when the ring has played out,
+/// after its length (5 s and more). To have it heard after 0.1 s, without a gap, while playing:
+/// `update_lock`, `adjustTime(engine.time(), 0.1)`, `update_unlock`, on the source.
+///
 /// What is read comes from the playback range when it is valid, else from the engine's timeline
 /// when the source has one, else it is the material from `setTime`'s position on.
 ///
@@ -47,7 +51,9 @@ public:
     /// (less is raised to 5). The thread has no parent. Threads: main.
     Source(Engine *engine, int sampleRate, int numChannels, float bufferSeconds);
 
-    /// A source that plays `range` of its material, whatever the engine's timeline says.
+    /// A source that plays `range` of its material, whatever the engine's timeline says. Start the
+    /// engine at the range's start: `Engine::start` moves the source to its time, also before the
+    /// range.
     Source(Engine *engine, int sampleRate, int numChannels, const Range &range,
            float bufferSeconds);
 
@@ -88,7 +94,7 @@ public:
     /// Where the host's material begins, seconds. Threads: main.
     virtual double contentStart() const = 0;
 
-    /// Length of the host's material, seconds. Threads: main.
+    /// Length of the host's material, seconds; infinity for endless material. Threads: main.
     virtual double contentDuration() const = 0;
 
     /// The host's `Config::scale` for a pause; 1.0 unless overridden. Threads: main.
@@ -142,10 +148,12 @@ public:
     /// or before `start`. Threads: main.
     virtual void setTime(double time);
 
-    /// Units: linear. Threads: any.
+    /// Units: linear. Errors: a gain that is not finite is logged and ignored. Threads: any.
     virtual void setGain(float gain);
 
-    /// Starts the worker; later calls do nothing. Threads: main.
+    /// Starts the worker; later calls do nothing. Errors: a source that cannot play (its rate
+    /// cannot be converted to the mixer's, it has more than 128 channels, or there is no memory, no
+    /// thread or no descriptor for one) logs one line and ends with `WorkerFailed`. Threads: main.
     virtual void start(QThread::Priority priority = QThread::InheritPriority);
 
     /// Asks the worker to end. `NoReason` keeps the reason known so far. Threads: any.
@@ -154,7 +162,9 @@ public:
     /// Writes up to `frames` interleaved frames of `channels` channels, from `time` seconds of
     /// the material on, into `buffer` and returns how many; 0 or less means there are no more.
     /// It may block and allocate, but must not wait for the main thread. More frames than asked
-    /// for count as those asked for; an exception is logged and ends the material.
+    /// for count as those asked for. An exception is logged and ends the material; the source then
+    /// ends with `WorkerFailed` when what is buffered has been played. Samples that are not finite
+    /// are replaced by 0, counted by `replacedSamples`, and logged once.
     /// Threads: worker.
     virtual int readSamples(float *buffer, int frames, int channels, double time) = 0;
 
@@ -200,6 +210,10 @@ public:
     /// Frames ready for the mix, at the mixer's rate; 0 before the worker runs. To wait for them,
     /// a backend calls `Engine::mixWhenReady`. Threads: any. Real-time: yes.
     qint64 bufferedFrames() const QTOVELMIXER_NONBLOCKING;
+
+    /// Samples of the host's, or of their conversion, that were not finite and were replaced by 0.
+    /// Threads: any. Real-time: yes.
+    quint64 replacedSamples() const QTOVELMIXER_NONBLOCKING;
 
     /// Frames taken by the mix, counted at the mixer's rate, divided by the source's own rate.
     /// Threads: any.

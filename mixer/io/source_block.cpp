@@ -4,7 +4,7 @@
 #include <base/trace_p.h>
 #include <dsp/kernels_p.h>
 #include <mixer/aligned_vector.h>
-#include <mixer/io/effect.h>
+#include <mixer/io/effect_p.h>
 #include <mixer/io/source_p.h>
 
 #include <algorithm>
@@ -140,7 +140,7 @@ void Source::mixer_callback(Bus *outputs, int channels, long long mixerFrame, Ef
     const qint64 frames = std::min(slice.frames, static_cast<qint64>(outputs[0].size()));
     const int width = ring->channels();
     if (effect && width == channels && effect->numChannels() == static_cast<unsigned>(channels))
-        effect->process(slice.data, channels, static_cast<int>(frames));
+        EffectAccess::run(*effect, slice.data, channels, static_cast<int>(frames));
     const float gain = data.gain.load(std::memory_order_relaxed);
     if (channels == 2 && width == 2) [[likely]]
         renderStereo(slice.data, static_cast<size_t>(frames), gain, outputs);

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_SOURCE_P_H
 #define QTOVELMIXER_MIXER_IO_SOURCE_P_H
 
+#include <base/hidden_p.h>
 #include <base/lock_rank_p.h>
 #include <base/nonblocking.h>
 #include <mixer/io/frame_ring_p.h>
@@ -53,7 +54,7 @@ inline Range SharedRange::load() const noexcept QTOVELMIXER_NONBLOCKING
     }
 }
 
-struct Source::Data
+struct QTOVELMIXER_HIDDEN Source::Data
 {
     // What the audio thread looks at in every block stands together, apart from what others write:
     // with many sources it would else wait for its caches more than it calculates.
@@ -95,7 +96,10 @@ struct Source::Data
     std::atomic<double> rangeCursor{-1.0}; // seconds, of the next chunk inside the range
     std::atomic<bool> pausePositionReached{false};
     std::atomic<bool> materialEnded{false}; // the last look at the material found nothing
-    bool readFailed = false;                // readSamples threw; logged once
+    bool readFailed = false;                // the last readSamples threw
+    bool readFailureTold = false;
+    bool replacementTold = false;
+    std::atomic<quint64> replacedSamples{0}; // of the host's, written by the worker
 
     // The sleep of the worker and everything that ends it, guarded by waitMutex. The atomics are
     // written under it and read without it.
@@ -115,7 +119,7 @@ struct Source::Data
 
     // The hand-over between the threads (source_transport.cpp).
     void requestEnd();
-    void endByWorker();
+    void endByWorker(StopReason reason);
     void endForPause();
     void waitForWake(int milliseconds);
     void waitForUpdates();
@@ -126,9 +130,12 @@ struct Source::Data
     // The worker (source_worker.cpp).
     int callHost(Source &source, float *buffer, int frames, int channels, double time);
     void logReadFailure(const Source &source, const char *what);
+    void replaceNotFinite(float *samples, qint64 count);
+    void tellReplacement(const Source &source);
     static void logNoMemory(const Source &source);
+    void work(Source &source, int sourceHz, int mixerHz, int channels);
     void announceEnd(Source &source);
-    void endWithoutThread(Source &source);
+    void endWithoutThread(Source &source, const char *missing);
     void leave(Source &source);
 
     // The audio thread (source_block.cpp).
@@ -169,9 +176,18 @@ struct SourceAccess
     /// Lets the worker look at its ring.
     static void wake(Source &source);
 
+    /// Undoes the silence of one `Source::pause`, and nothing else of it.
+    static void takeBackSilence(Source &source);
+
+    /// The position in the material, or the pause position that reading stopped at before it.
+    static double boundedByPause(const Source &source, double position) noexcept;
+
     /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
     static void endAndWait(Source &source);
 };
+
+/// Channels that a mixer has on either side.
+constexpr int maxMixerChannels = 128;
 
 /// Frames (to the nearest) of a time; 0 for a time that is not finite or beyond 64 bits.
 qint64 framesOfTime(double seconds, double rate) noexcept QTOVELMIXER_NONBLOCKING;

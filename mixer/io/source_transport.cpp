@@ -2,12 +2,14 @@
 #include <mixer/io/source.h>
 
 #include <base/debug.h>
+#include <base/thread_start_p.h>
 #include <base/trace_p.h>
 #include <mixer/engine.h>
 #include <mixer/io/source_p.h>
 
 #include <QtCore/QMutexLocker>
 
+#include <algorithm>
 #include <utility>
 
 namespace QTovelMixer {
@@ -19,15 +21,15 @@ void Source::Data::requestEnd()
     wakeCondition.wakeAll();
 }
 
-/// Ends the worker for want of data, unless somebody else has ended it before.
-void Source::Data::endByWorker()
+/// Ends the worker by itself, unless somebody else has ended it before.
+void Source::Data::endByWorker(StopReason reason)
 {
     const QMutexLocker lock(&waitMutex);
     int notRequested = 0;
     if (!stopRequested.compare_exchange_strong(notRequested, 1))
         return;
     endedByItself = true;
-    stopReason = pausePositionReached ? PausePositionReached : AudioFinished;
+    stopReason = reason;
 }
 
 /// A worker that is ending by itself already keeps its own reason and its last announcement.
@@ -107,6 +109,19 @@ void SourceAccess::wake(Source &source)
     source.d->wakeCondition.wakeAll();
 }
 
+void SourceAccess::takeBackSilence(Source &source)
+{
+    source.d->countUpdateDown();
+}
+
+double SourceAccess::boundedByPause(const Source &source, double position) noexcept
+{
+    const double pausePosition = source.d->pausePositionTime.load(std::memory_order_relaxed);
+    const double playStart = source.d->playStartTime.load(std::memory_order_relaxed);
+    const bool isAhead = playStart <= pausePosition || playStart > position;
+    return pausePosition >= 0.0 && isAhead ? std::min(position, pausePosition) : position;
+}
+
 bool SourceAccess::threadStarted(const Source &source)
 {
     return source.d->started;
@@ -133,18 +148,18 @@ void Source::start(QThread::Priority priority)
 {
     if (d->started.exchange(true))
         return;
-    QThread::start(priority);
-    if (!QThread::isRunning() && !QThread::isFinished())
-        d->endWithoutThread(*this);
+    const ThreadStart answer = startThread(*this, priority);
+    if (answer != ThreadStart::Started)
+        d->endWithoutThread(*this, missingFor(answer));
 }
 
 // Priming must not wait for a worker that never comes. The end is announced from the event loop, as
 // a worker's is: here the mix may be held.
-void Source::Data::endWithoutThread(Source &source)
+void Source::Data::endWithoutThread(Source &source, const char *missing)
 {
-    BLDEBUG_Error(-1, "QTovelMixer::Source: Cannot start a thread (%p)!!",
-                  static_cast<void *>(&source));
-    endByWorker();
+    BLDEBUG_Error(-1, "QTovelMixer::Source: Cannot start a thread (%p), %s!!",
+                  static_cast<void *>(&source), missing);
+    endByWorker(WorkerFailed);
     releasePriming();
     QMetaObject::invokeMethod(
         &source,

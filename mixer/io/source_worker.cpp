@@ -3,6 +3,7 @@
 
 #include <base/debug.h>
 #include <base/trace_p.h>
+#include <dsp/kernels_p.h>
 #include <mixer/engine.h>
 #include <mixer/io/source_p.h>
 #include <mixer/io/timeline.h>
@@ -48,6 +49,7 @@ struct Source::Data::Worker
     void takeRing();
 
     void fillRing();
+    StopReason reasonOfEnd() const;
     bool pass(int waitMilliseconds);
     int readChunk(float *room, int &written);
     void advance(int frames, int written);
@@ -87,12 +89,6 @@ void Source::Data::Worker::takeRing()
 
 void Source::Data::Worker::fillRing()
 {
-    if (ring->capacity() <= roomNeeded() || (resamplers && !resamplers->isValid())) {
-        BLDEBUG_Error(-1, "QTovelMixer::Source: Cannot play %d channels of %d Hz at %d Hz (%p)!!",
-                      channels, sourceRate, mixerRate, static_cast<void *>(&source));
-        d.endByWorker();
-        return;
-    }
     if (converting)
         production.resize(static_cast<size_t>(chunkFrames) * static_cast<size_t>(channels));
     const int waitMilliseconds = std::max(static_cast<int>(chunkMilliseconds()), 1);
@@ -101,6 +97,13 @@ void Source::Data::Worker::fillRing()
         if (!pass(waitMilliseconds))
             break;
     }
+}
+
+StopReason Source::Data::Worker::reasonOfEnd() const
+{
+    if (d.pausePositionReached)
+        return PausePositionReached;
+    return d.readFailed ? WorkerFailed : AudioFinished;
 }
 
 /// One look at the ring and, if it has room, one chunk. False when the end was asked for.
@@ -122,12 +125,13 @@ bool Source::Data::Worker::pass(int waitMilliseconds)
     if (frames > 0) {
         advance(frames, written);
         lock.unlock();
+        d.tellReplacement(source);
         d.wakeMix();
     } else {
         // Under the mutex: a seek that comes after this look must find the end decided.
         const bool playedOut = ring->isEmpty();
         if (playedOut)
-            d.endByWorker();
+            d.endByWorker(reasonOfEnd());
         lock.unlock();
         d.releasePriming();
         d.wakeMix();
@@ -152,6 +156,8 @@ int Source::Data::Worker::readChunk(float *room, int &written)
     const int frames = source.fill_production_buffer(production.data(), chunkFrames, sourceRate,
                                                      channels, d.readTime);
     written = resamplers->process(production.data(), frames, room);
+    // The filter may overshoot what a float can hold.
+    d.replaceNotFinite(room, qint64{written} * channels);
     d.withheld = resamplers->withheldInputFrames();
     return frames;
 }
@@ -201,13 +207,30 @@ void Source::Data::announceEnd(Source &source)
         .item("pausePositionReached", pausePositionReached.load());
 }
 
+void Source::Data::work(Source &source, int sourceHz, int mixerHz, int channels)
+{
+    try {
+        Worker worker(source, sourceHz, mixerHz, channels);
+        worker.takeRing();
+        running.store(1, std::memory_order_release);
+        wakeMix();
+        source.state_change(Playing, Config());
+        if (stopRequested == 0)
+            source.onRunStart(worker.chunkMilliseconds());
+        worker.fillRing();
+    } catch (const std::bad_alloc &) {
+        logNoMemory(source);
+        endByWorker(WorkerFailed);
+    }
+}
+
 void Source::run()
 {
     const int sourceHz = sampleRate();
     const int mixerHz = d->mixerRate();
     const FrameRing *ring = d->ring.load(std::memory_order_acquire);
     const int channels = ring ? ring->channels() : numChannels();
-    if (channels < 1 || sourceHz < 1 || mixerHz < 1) {
+    if (channels < 1 || !mixerEngine()) {
         d->releasePriming();
         return;
     }
@@ -217,18 +240,13 @@ void Source::run()
         .item("mixerSampleRate", mixerHz)
         .item("channels", channels)
         .item("thread", QThread::currentThreadId());
-    try {
-        Data::Worker worker(*this, sourceHz, mixerHz, channels);
-        worker.takeRing();
-        d->running.store(1, std::memory_order_release);
-        d->wakeMix();
-        state_change(Playing, Config());
-        if (d->stopRequested == 0)
-            onRunStart(worker.chunkMilliseconds());
-        worker.fillRing();
-    } catch (const std::bad_alloc &) {
-        d->logNoMemory(*this);
-        d->endByWorker();
+    // Before any memory is taken: a rate of 1 Hz would ask for gigabytes.
+    if (channels <= maxMixerChannels && ResamplerBank::canConvert(sourceHz, mixerHz)) {
+        d->work(*this, sourceHz, mixerHz, channels);
+    } else {
+        BLDEBUG_Error(-1, "QTovelMixer::Source: Cannot play %d channels of %d Hz at %d Hz (%p)!!",
+                      channels, sourceHz, mixerHz, static_cast<void *>(this));
+        d->endByWorker(WorkerFailed);
     }
     d->running.store(0);
     // A block that saw it running may be calling what the host overrides.
@@ -278,14 +296,34 @@ int Source::Data::callHost(Source &source, float *buffer, int frames, int channe
 {
     if (frames <= 0)
         return 0;
+    readFailed = true;
     try {
-        return std::min(source.readSamples(buffer, frames, channels, time), frames);
+        const int read = std::min(source.readSamples(buffer, frames, channels, time), frames);
+        readFailed = false;
+        replaceNotFinite(buffer, qint64{read} * channels);
+        return read;
     } catch (const std::exception &error) {
         logReadFailure(source, error.what());
     } catch (...) {
         logReadFailure(source, "unknown");
     }
     return 0;
+}
+
+void Source::Data::replaceNotFinite(float *samples, qint64 count)
+{
+    if (count > 0)
+        replacedSamples.fetch_add(Kernels::replaceNotFinite(samples, static_cast<size_t>(count)),
+                                  std::memory_order_relaxed);
+}
+
+void Source::Data::tellReplacement(const Source &source)
+{
+    if (replacementTold || source.replacedSamples() == 0)
+        return;
+    replacementTold = true;
+    BLDEBUG_Error(-1, "QTovelMixer::Source: Samples that are not finite count as 0 (%p)!!",
+                  static_cast<const void *>(&source));
 }
 
 void Source::Data::logNoMemory(const Source &source)
@@ -296,7 +334,7 @@ void Source::Data::logNoMemory(const Source &source)
 
 void Source::Data::logReadFailure(const Source &source, const char *what)
 {
-    if (!std::exchange(readFailed, true))
+    if (!std::exchange(readFailureTold, true))
         BLDEBUG_Error(-1, "QTovelMixer::readSamples: Exception (%s) in source (%p)!!", what,
                       static_cast<const void *>(&source));
 }

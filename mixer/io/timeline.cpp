@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iostream>
+#include <limits>
 
 namespace QTovelMixer {
 
@@ -21,6 +22,14 @@ qint64 unitsOf(double seconds, double unitsPerSecond) noexcept
     constexpr double beyond = 9223372036854775808.0; // 2^63
     const double units = seconds * unitsPerSecond + 0.5;
     return units > -beyond && units < beyond ? qint64(units) : 0;
+}
+
+/// Ticks of one pass; for one that never ends, or nearly so, more than any clock counts.
+qint64 passTicks(double seconds) noexcept
+{
+    constexpr double most = 9.0e18;
+    const bool ends = seconds * ticksPerSecond < most;
+    return ends ? unitsOf(seconds, ticksPerSecond) : std::numeric_limits<qint64>::max();
 }
 
 bool contains(const Range &range, double x) noexcept
@@ -38,6 +47,11 @@ double length(const Range &range) noexcept
 double finiteTime(double seconds) noexcept
 {
     return std::isfinite(seconds) ? seconds : 0.0;
+}
+
+double endTime(double seconds) noexcept
+{
+    return seconds == std::numeric_limits<double>::infinity() ? seconds : finiteTime(seconds);
 }
 
 int searchRanges(const std::vector<Range> &ranges, double x) noexcept
@@ -65,7 +79,7 @@ Timeline::Data::Position Timeline::Data::positionAt(double mixerTime) const noex
 {
     Position position;
     if (looping) {
-        const qint64 pass = unitsOf(playDuration, ticksPerSecond);
+        const qint64 pass = passTicks(playDuration);
         if (pass > 0)
             position.rel = double(unitsOf(mixerTime, ticksPerSecond) % pass) / ticksPerSecond;
     } else {
@@ -154,7 +168,7 @@ bool Timeline::hasSlices() const
 
 void Timeline::setLimits(double start, double end)
 {
-    d->change(Range{finiteTime(start), finiteTime(end)}, d->slices);
+    d->change(Range{finiteTime(start), endTime(end)}, d->slices);
 }
 
 bool Timeline::limitsExpanded(double start, double end) const
@@ -177,6 +191,19 @@ double Timeline::time(double mixerTime, bool clamp, double playStart, double pau
         return data.windingTime(now, clamp, playStart, pausePosition);
     const double rel = now - data.timeOffset;
     return data.timeOf(rel, rel < 0.0, clamp, playStart, pausePosition);
+}
+
+double Timeline::position(double mixerTime) const
+{
+    const double now = finiteTime(mixerTime);
+    if (d->limits.start < 0.0 || d->limits.end < 0.0)
+        return std::max(now, 0.0);
+    const double earliest = d->chunks.empty() ? 0.0 : d->chunks.front().start;
+    const double latest = d->chunks.empty() ? duration() : d->chunks.back().end;
+    const Data::Position position = d->positionAt(now);
+    const bool isPastTheLast = !d->chunks.empty() && !position.chunk;
+    const double rel = isPastTheLast ? latest : position.rel;
+    return d->limits.start + std::max(earliest, std::min(rel, latest));
 }
 
 double Timeline::mixer_time(double position) const
@@ -268,7 +295,7 @@ void Timeline::adjustLoopTime(double mixerTime)
     if (d->playDuration <= 0.0 || d->playDuration == time)
         return;
     const qint64 now = unitsOf(time, ticksPerSecond);
-    const qint64 pass = unitsOf(d->playDuration, ticksPerSecond);
+    const qint64 pass = passTicks(d->playDuration);
     const qint64 intoPass = pass > 0 ? now % pass : 0;
     d->timeOffset = double(now - intoPass) / ticksPerSecond;
 }

@@ -19,12 +19,16 @@ namespace QTovelMixer {
 /// The slices, clipped to the limits, are the chunks that are played; without any chunk the
 /// whole span between the limits is played. Mixer times count from the start of playback and
 /// grow without end; positions are times of the material. Both are seconds. Times are wrapped
-/// and looked up on a grid of 1/192000 second. A time that is not finite counts as 0.
+/// and looked up on a grid of 1/192000 second. The end of the limits and of a selection may be
+/// infinity: such a pass never ends, and never wraps. Any other time that is not finite counts as
+/// 0.
 ///
 /// The engine owns its timelines and hands them to its sources; the host edits them through the
-/// engine. Threads: the questions (the const operations) any, but none may run beside an edit;
-/// the engine holds its sources and the mix off during one. Edits: main.
-/// Real-time: the questions yes, except for `debug` and `printTimeline`; the edits no.
+/// engine. `Engine::addSource` sets the limits to the span of a source that they do not cover;
+/// `Engine::stop` and `deactivate` reset the timeline, so that a host sets limits and selections
+/// anew before each start. Threads: the questions (the const operations) any, but none may run
+/// beside an edit; the engine holds its sources and the mix off during one. Edits: main. Real-time:
+/// the questions yes, except for `debug` and `printTimeline`; the edits no.
 class QTOVELMIXER_EXPORT Timeline
 {
     Q_DISABLE_COPY_MOVE(Timeline)
@@ -41,7 +45,7 @@ public:
     double start() const QTOVELMIXER_NONBLOCKING;
     double end() const QTOVELMIXER_NONBLOCKING;
 
-    /// The length between the limits, 0 when they are reversed.
+    /// The length between the limits, 0 when they are reversed, infinity for endless material.
     double duration() const QTOVELMIXER_NONBLOCKING;
 
     bool isLooping() const;
@@ -83,6 +87,10 @@ public:
     /// beyond it or lies beyond the position.
     double time(double mixerTime, bool clamp, double playStart,
                 double pausePosition) const QTOVELMIXER_NONBLOCKING;
+
+    /// Where playback stands at a mixer time: as `time`, but before the first selected stretch its
+    /// start and after the last one its end. While the limits are not set, the mixer time itself.
+    double position(double mixerTime) const QTOVELMIXER_NONBLOCKING;
 
     /// The mixer time of the first pass at a position, between 0 and the distance of the limits;
     /// 0 for a position outside every chunk.

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_IO_TIMELINE_P_H
 #define QTOVELMIXER_MIXER_IO_TIMELINE_P_H
 
+#include <base/hidden_p.h>
 #include <base/nonblocking.h>
 #include <mixer/io/timeline.h>
 #include <mixer/types.h>
@@ -10,7 +11,7 @@
 
 namespace QTovelMixer {
 
-struct Timeline::Data
+struct QTOVELMIXER_HIDDEN Timeline::Data
 {
     Range limits;              // seconds
     double playDuration = 0.0; // seconds that one pass plays
@@ -50,6 +51,9 @@ int searchRanges(const std::vector<Range> &ranges, double x) noexcept QTOVELMIXE
 
 /// The time itself, or 0 when it is not finite.
 double finiteTime(double seconds) noexcept QTOVELMIXER_NONBLOCKING;
+
+/// The same for an end, which may be infinity.
+double endTime(double seconds) noexcept QTOVELMIXER_NONBLOCKING;
 
 } // namespace QTovelMixer
 

@@ -12,9 +12,9 @@ namespace {
 
 Range ordered(double a, double b) noexcept
 {
-    a = finiteTime(a);
-    b = finiteTime(b);
-    return {std::min(a, b), std::max(a, b)};
+    a = endTime(a);
+    b = endTime(b);
+    return {finiteTime(std::min(a, b)), std::max(a, b)};
 }
 
 void eraseRanges(std::vector<Range> &ranges, int first, int last)

@@ -5,6 +5,7 @@
 #include <base/blocking_call_p.h>
 #include <base/debug.h>
 #include <base/ringbuffer_p.h>
+#include <base/thread_start_p.h>
 #include <mixer/aligned_vector.h>
 
 #include <QtCore/QTimerEvent>
@@ -45,13 +46,17 @@ Meter::Meter(Type type, int sampleRate, int numChannels, const MeterConfig &conf
 {
     auto thread = std::make_unique<MeterThread>();
     thread->setObjectName(QStringLiteral("QTovelMixer::Meter::Meter(%1)").arg(toString(type)));
+    watchStart(*thread);
     connect(thread.get(), &QThread::finished, thread.get(), &QObject::deleteLater);
     connect(thread.get(), &QThread::finished, this, &QObject::deleteLater);
     if (!parent)
         moveToThread(thread.get());
     d->thread = thread.get();
     static_cast<void>(thread.release()); // not before: making a weak pointer takes memory
-    d->thread->start(QThread::InheritPriority);
+    const ThreadStart answer = startThread(*d->thread, QThread::InheritPriority);
+    if (answer != ThreadStart::Started)
+        BLDEBUG_Error(-1, "QTovelMixer::Meter: Cannot start a thread (%p), %s!!",
+                      static_cast<void *>(this), missingFor(answer));
 }
 
 Meter::~Meter()

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/meter/meter_config.h>
 
+#include <base/hidden_p.h>
 #include <mixer/api/device.h>
+#include <mixer/meter/meter_config_json_p.h>
 
 #include <QtCore/QJsonArray>
 
 #include <algorithm>
+#include <optional>
 
 namespace QTovelMixer {
 
@@ -29,9 +32,24 @@ unsigned int channelsOf(const Device &device, Type side)
     return side == Type::Input ? device.numInputChannels() : device.numOutputChannels();
 }
 
+/// The count of a configuration's JSON; none for an object that lacks a key or asks for too many.
+std::optional<int> countOf(const QJsonObject &json)
+{
+    if (!json.contains(idKey) || !json.contains(countKey) || !json.contains(metersKey))
+        return std::nullopt;
+    const int count = json.value(countKey).toInt(0);
+    return count <= mostStoredMeters ? std::optional(count) : std::nullopt;
+}
+
 } // namespace
 
-struct MeterConfig::Data : QSharedData
+qint64 MeterConfigJson::unnamedFlags(const QJsonObject &json)
+{
+    const qint64 count = countOf(json).value_or(0);
+    return std::max(count - json.value(metersKey).toArray().size(), qint64{0});
+}
+
+struct QTOVELMIXER_HIDDEN MeterConfig::Data : QSharedData
 {
     Type type = Type::NoType;
     QString id;
@@ -55,15 +73,13 @@ MeterConfig::MeterConfig(Type type, Device *device) : d(new Data)
 
 MeterConfig::MeterConfig(const QJsonObject &json) : d(new Data)
 {
-    if (!json.contains(idKey) || !json.contains(countKey) || !json.contains(metersKey))
-        return;
-    const int count = json.value(countKey).toInt(0);
-    if (count > mostStoredMeters)
+    const std::optional<int> count = countOf(json);
+    if (!count)
         return;
     d->id = json.value(idKey).toString();
     d->type = fromTypeString(json.value(typeKey).toString());
-    d->numMeters = count;
-    d->meters.assign(size_t(std::max(count, 0)), false);
+    d->numMeters = *count;
+    d->meters.assign(size_t(std::max(*count, 0)), false);
     const QJsonArray flags = json.value(metersKey).toArray();
     const qsizetype stored = std::min(flags.size(), qsizetype(d->meters.size()));
     for (qsizetype i = 0; i < stored; ++i)

@@ -2,6 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_METER_METER_P_H
 #define QTOVELMIXER_MIXER_METER_METER_P_H
 
+#include <base/hidden_p.h>
 #include <base/lock_rank_p.h>
 #include <base/ringbuffer.h>
 #include <dsp/statistics.h>
@@ -17,7 +18,7 @@
 
 namespace QTovelMixer {
 
-struct Meter::Data
+struct QTOVELMIXER_HIDDEN Meter::Data
 {
     struct RingDeleter
     {

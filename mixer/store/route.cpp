@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/store/route.h>
 
+#include <base/hidden_p.h>
 #include <mixer/api/device.h>
 #include <mixer/gains.h>
+#include <mixer/store/route_json_p.h>
 
 #include <QtCore/QJsonArray>
 #include <QtCore/QStringList>
 
 #include <algorithm>
+#include <cmath>
+#include <optional>
 #include <vector>
 
 namespace QTovelMixer {
@@ -29,9 +33,51 @@ int capped(unsigned int channels)
     return int(std::min(channels, unsigned(mostChannels)));
 }
 
+/// The counts of a route's JSON, and the matrix that they stand for.
+struct Shape
+{
+    int inputs;
+    int outputs;
+    int audio;
+
+    int rows() const { return std::max(inputs >= 1 ? inputs : audio, 0); }
+    int columns() const { return std::max(outputs >= 1 ? outputs : audio, 0); }
+    qint64 cells() const { return qint64(rows()) * columns(); }
+};
+
+/// None for an object that lacks a key or asks for too large a matrix.
+std::optional<Shape> shapeOf(const QJsonObject &json)
+{
+    for (const QLatin1String key : {idKey, inputsKey, outputsKey, audioKey, gainsKey}) {
+        if (!json.contains(key))
+            return std::nullopt;
+    }
+    const Shape shape{json.value(inputsKey).toInt(0), json.value(outputsKey).toInt(0),
+                      json.value(audioKey).toInt(0)};
+    return shape.cells() <= mostStoredGains ? std::optional(shape) : std::nullopt;
+}
+
 } // namespace
 
-struct Route::Data : QSharedData
+qint64 RouteJson::unnamedGains(const QJsonObject &json)
+{
+    const std::optional<Shape> shape = shapeOf(json);
+    if (!shape)
+        return 0;
+    return std::max(shape->cells() - json.value(gainsKey).toArray().size(), qint64{0});
+}
+
+bool RouteJson::hasInfiniteGain(const QJsonObject &json)
+{
+    const std::optional<Shape> shape = shapeOf(json);
+    const QJsonArray gains = json.value(gainsKey).toArray();
+    const qsizetype named = shape ? std::min(gains.size(), qsizetype(shape->cells())) : 0;
+    return std::any_of(gains.begin(), gains.begin() + named, [](const QJsonValue &gain) {
+        return !std::isfinite(float(gain.toDouble(0.0)));
+    });
+}
+
+struct QTOVELMIXER_HIDDEN Route::Data : QSharedData
 {
     Type type = Type::NoType;
     QString id;
@@ -118,31 +164,28 @@ Route::Route(Type type, Device *input, int channels, Device *output) : d(new Dat
 
 Route::Route(const QJsonObject &json) : d(new Data)
 {
-    for (const QLatin1String key : {idKey, inputsKey, outputsKey, audioKey, gainsKey}) {
-        if (!json.contains(key))
-            return;
-    }
-    const int inputs = json.value(inputsKey).toInt(0);
-    const int outputs = json.value(outputsKey).toInt(0);
-    const int audio = json.value(audioKey).toInt(0);
-    const int rows = inputs >= 1 ? inputs : audio;
-    const int columns = outputs >= 1 ? outputs : audio;
-    if (qint64(std::max(rows, 0)) * std::max(columns, 0) > mostStoredGains)
+    const std::optional<Shape> shape = shapeOf(json);
+    if (!shape)
         return;
-
     Data &route = *d;
     route.type = fromTypeString(json.value(kindKey).toString());
     route.id = json.value(idKey).toString();
-    route.inputDeviceChannels = inputs;
-    route.outputDeviceChannels = outputs;
-    route.numAudioChannels = audio;
-    route.makeMatrix(rows, columns);
+    route.inputDeviceChannels = shape->inputs;
+    route.outputDeviceChannels = shape->outputs;
+    route.numAudioChannels = shape->audio;
+    route.makeMatrix(shape->rows(), shape->columns());
     if (route.type == Type::NoType)
         route.type = route.typeFromCounts();
     const QJsonArray gains = json.value(gainsKey).toArray();
     const qsizetype stored = std::min(gains.size(), qsizetype(route.cells()));
-    for (qsizetype i = 0; i < stored; ++i)
-        route.gains[size_t(i)] = float(gains.at(i).toDouble(0.0));
+    for (qsizetype i = 0; i < stored; ++i) {
+        const float gain = float(gains.at(i).toDouble(0.0));
+        if (!std::isfinite(gain)) {
+            d = new Data;
+            return;
+        }
+        route.gains[size_t(i)] = gain;
+    }
 }
 
 Route::Route(const Route &other) = default;

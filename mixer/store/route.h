@@ -39,8 +39,8 @@ public:
     /// a count below 1. So a route between two devices has gains here. Without a known "kind" the
     /// type follows from the counts. Gains that are missing are 0.0, those beyond the matrix are
     /// left out.
-    /// Errors: the empty route without one of the keys other than "kind", or with more than 2^20
-    /// gains.
+    /// Errors: the empty route without one of the keys other than "kind", with more than 2^20
+    /// gains, or with one that no float can hold.
     explicit Route(const QJsonObject &json);
 
     Route(const Route &other);

@@ -2,7 +2,10 @@
 #include <mixer/store/store.h>
 
 #include <base/debug.h>
+#include <base/hidden_p.h>
 #include <base/log_line_p.h>
+#include <mixer/meter/meter_config_json_p.h>
+#include <mixer/store/route_json_p.h>
 
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
@@ -13,17 +16,28 @@ namespace QTovelMixer {
 
 namespace {
 
-constexpr qint64 mostElements = qint64{1} << 22; // what a damaged file may cost in memory
+// What a damaged file may cost in memory and time beyond what its length costs: far more than hosts
+// leave out, and made in a fraction of a millisecond.
+constexpr qint64 mostUnnamed = qint64{1} << 18;
 
-qint64 elementsOf(const Route &route)
-{
-    return qint64(route.numInputs()) * route.numOutputs();
-}
+template <typename T>
+struct Stored;
 
-qint64 elementsOf(const MeterConfig &config)
+template <>
+struct Stored<Route>
 {
-    return config.numMeters();
-}
+    static constexpr const char *name = "routes";
+    static qint64 unnamed(const QJsonObject &json) { return RouteJson::unnamedGains(json); }
+    static bool isInfinite(const QJsonObject &json) { return RouteJson::hasInfiniteGain(json); }
+};
+
+template <>
+struct Stored<MeterConfig>
+{
+    static constexpr const char *name = "meter configs";
+    static qint64 unnamed(const QJsonObject &json) { return MeterConfigJson::unnamedFlags(json); }
+    static bool isInfinite(const QJsonObject &) { return false; }
+};
 
 QString idOf(const Route &route)
 {
@@ -66,37 +80,41 @@ std::optional<QJsonArray> parse(const QByteArray &data, const char *place)
     return document.array();
 }
 
-// A few characters of text can ask for a large matrix, so the sum is bounded too.
+// A few characters of text can ask for a large table. One that is named element by element costs
+// what its text costs; what is not named is bounded in sum, before anything is made of it.
 template <typename T>
-QMap<QString, T> usable(const QJsonArray &array, const char *place)
+QMap<QString, T> usable(const QJsonArray &array)
 {
     QMap<QString, T> table;
-    qint64 elements = 0;
+    qint64 unnamed = 0;
     int tooMany = 0;
+    int infinite = 0;
     for (const auto &value : array) {
-        if (!value.isObject())
-            continue;
-        const T entry(value.toObject());
-        if (!entry.isValid())
-            continue;
-        const auto former = table.constFind(idOf(entry));
-        const qint64 replaced = former != table.constEnd() ? elementsOf(*former) : 0;
-        const qint64 sum = elements - replaced + elementsOf(entry);
-        if (sum > mostElements) {
+        const QJsonObject json = value.toObject();
+        const qint64 asked = Stored<T>::unnamed(json);
+        if (unnamed + asked > mostUnnamed) {
             ++tooMany;
             continue;
         }
-        elements = sum;
-        table.insert(idOf(entry), entry);
+        unnamed += asked;
+        const T entry(json);
+        if (entry.isValid())
+            table.insert(idOf(entry), entry);
+        else if (Stored<T>::isInfinite(json))
+            ++infinite;
     }
     if (tooMany > 0)
-        BLDEBUG_Error(-1, "QTovelMixer::Store: left out %d %s, too large in sum!!", tooMany, place);
+        BLDEBUG_Error(-1, "QTovelMixer::Store: left out %d %s, too large in sum!!", tooMany,
+                      Stored<T>::name);
+    if (infinite > 0)
+        BLDEBUG_Error(-1, "QTovelMixer::Store: left out %d %s, gains are not finite!!", infinite,
+                      Stored<T>::name);
     return table;
 }
 
 } // namespace
 
-struct Store::Data
+struct QTOVELMIXER_HIDDEN Store::Data
 {
     QMap<QString, Route> routes;
     QMap<QString, MeterConfig> meterConfigs;
@@ -143,7 +161,7 @@ bool Store::restoreRoutes(const QByteArray &data)
     const std::optional<QJsonArray> array = parse(data, ") in mixer routes");
     if (!array)
         return false;
-    d->routes = usable<Route>(*array, "routes");
+    d->routes = usable<Route>(*array);
     return true;
 }
 
@@ -178,7 +196,7 @@ bool Store::restoreMeterConfigs(const QByteArray &data)
     const std::optional<QJsonArray> array = parse(data, ") in mixer meter configs");
     if (!array)
         return false;
-    d->meterConfigs = usable<MeterConfig>(*array, "meter configs");
+    d->meterConfigs = usable<MeterConfig>(*array);
     return true;
 }
 

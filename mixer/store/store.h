@@ -43,9 +43,12 @@ public:
     /// All routes as a JSON array in the order of their ids: compact UTF-8, `[]` without any.
     QByteArray saveRoutes() const;
     /// Replaces all routes by those of a JSON array. What is no usable route is left out, of two
-    /// with one id the later one counts, and a JSON object counts as an empty array. Routes that
-    /// would bring the sum of all gains above 2^22 are left out too.
-    /// Errors: false, with one critical line, for text that is no JSON; nothing changes.
+    /// with one id the later one counts, and a JSON object counts as an empty array. Whatever
+    /// `saveRoutes` wrote comes back whole. Left out with a line in the log: routes with a gain
+    /// that no float can hold, and routes whose gains the text does not name, beyond 2^18 such
+    /// gains in sum. What is left out, and keys of an object that are not a route's own, are lost
+    /// with the next save. Errors: false, with one critical line, for text that is no JSON; nothing
+    /// changes.
     bool restoreRoutes(const QByteArray &data);
 
     /// The configuration with the id that `MeterConfig::makeId` gives for these, else the empty
@@ -61,8 +64,8 @@ public:
 
     /// All configurations, as `saveRoutes` does.
     QByteArray saveMeterConfigs() const;
-    /// Replaces all configurations, as `restoreRoutes` does; those that would bring the sum of all
-    /// flags above 2^22 are left out.
+    /// Replaces all configurations, as `restoreRoutes` does; those whose flags the text does not
+    /// name, beyond 2^18 such flags in sum, are left out.
     bool restoreMeterConfigs(const QByteArray &data);
 
 private:

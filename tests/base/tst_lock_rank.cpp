@@ -133,7 +133,7 @@ void tst_LockRank::lock_countsAsHeld_untilItsUnlock()
     {
         const QMutexLocker locker(&update);
         const QMutexLocker again(&update);
-        QCOMPARE(HeldLocks::holds(&update), bool(QTOVELMIXER_CHECKS_LOCKS));
+        QVERIFY(HeldLocks::holds(&update));
         QVERIFY(list.tryLock());
         list.unlock();
     }
@@ -157,7 +157,7 @@ void tst_LockRank::violation_endsTheProgram()
 {
     QFETCH(QByteArray, way);
     QFETCH(QByteArray, words);
-    const bool ends = !words.isEmpty() && QTOVELMIXER_CHECKS_LOCKS != 0;
+    const bool ends = !words.isEmpty();
     QProcess process;
     process.start(QCoreApplication::applicationFilePath(), {"--violate", way});
     QVERIFY(process.waitForFinished(60000));

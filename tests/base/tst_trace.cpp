@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <base/trace_p.h>
 
+#include <base/log_line_p.h>
+#include <base/thread_marks_p.h>
 #include <base/trace_queue_p.h>
 #include <support/log_capture.h>
 #include <support/rtguard.h>
@@ -12,14 +14,24 @@
 
 #include <atomic>
 #include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <vector>
+
+#if defined(Q_OS_UNIX)
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 
 using namespace QTovelMixer;
 
 namespace {
 const QString prefix = QStringLiteral("[TOVEL_DEBUG_MIXER_CRASH_TRACE] ");
+constexpr int audioCapacity = 2048 - 256; // the rest is for other threads
 
 // Runs as an audio thread and waits for its end.
 template <typename Work>
@@ -63,6 +75,90 @@ void rememberingHandler(QtMsgType type, const QMessageLogContext &context, const
     handlerBehind(type, context, text);
 }
 
+// The modes below run as programs of their own.
+
+int endBlocked()
+{
+    prepareTrace();
+    handlerHolds.storeRelease(1);
+    handlerBehind = [](QtMsgType, const QMessageLogContext &, const QString &) {};
+    qInstallMessageHandler(holdingHandler);
+    const AudioThreadMark mark;
+    TraceLine("Test::first");
+    const bool entered = handlerEntered.tryAcquire(1, 10000);
+    TraceLine("Test::second");
+    return entered ? 0 : 1;
+}
+
+void queueTen()
+{
+    const AudioThreadMark mark;
+    for (int i = 0; i < 10; ++i)
+        TraceLine("Test::crash").item("number", i);
+}
+
+void crash(const char *way)
+{
+#if defined(Q_OS_UNIX)
+    const rlimit noCore = {0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+#endif
+    if (qstrcmp(way, "own") == 0) {
+        std::signal(SIGABRT, [](int number) {
+            std::fputs("own\n", stderr);
+            std::signal(number, SIG_DFL);
+            std::raise(number);
+        });
+    }
+    prepareTrace();
+    if (qstrcmp(way, "handler") == 0) {
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {
+            std::fputs("inside\n", stderr);
+            queueTen();
+            std::abort();
+        });
+        ThreadMarks::enter(ThreadMarks::LinesWait);
+        TraceLine("Test::handler");
+        QSemaphore().acquire(); // the writing thread ends us
+    }
+    queueTen();
+    if (qstrcmp(way, "fault") == 0)
+        std::raise(SIGSEGV);
+    std::abort();
+}
+
+#if defined(Q_OS_UNIX)
+// A child of a process that plays, as `system` and desktop helpers make them, ends.
+int forkChild()
+{
+    prepareTrace();
+    handlerHolds.storeRelease(1);
+    QtMessageHandler original = qInstallMessageHandler(holdingHandler);
+    handlerBehind = original;
+    int status = -1;
+    {
+        const AudioThreadMark mark;
+        TraceLine("Test::parent"); // is being written when the child begins
+        if (!handlerEntered.tryAcquire(1, 10000))
+            return 1;
+        TraceLine("Test::behind");
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        TraceLine("Test::child");
+        exit(0);
+    }
+    // A limit, so that a child that never ends is not left behind.
+    for (int i = 0; i < 1000 && waitpid(child, &status, WNOHANG) == 0; ++i)
+        QThread::msleep(10);
+    if (status != 0)
+        kill(child, SIGKILL);
+    handlerMayGo.release();
+    flushTrace();
+    return status == 0 ? 0 : 2;
+}
+#endif
+
 int leaveLinesQueued()
 {
     prepareTrace();
@@ -94,7 +190,15 @@ private slots:
     void audioSide_isRealTimeSafe();
     void audioSide_isRealTimeSafe_whenTheQueueIsFull();
     void flush_returns_insideAMessageHandler();
+    void line_waits_duringAChangeOfTheMix();
+    void line_waitsBehindThoseInTheQueue();
+    void longText_isWrittenWhole_fromTheQueue();
+    void line_ofAMessageHandler_followsThatOfTheQueue();
     void queuedLines_areWritten_atTheEndOfTheProcess();
+    void end_doesNotWait_forABlockedMessageHandler();
+    void queuedLines_areWritten_whenTheProcessCrashes_data();
+    void queuedLines_areWritten_whenTheProcessCrashes();
+    void forkedChild_ends_andLeavesTheLinesToItsParent();
     void queue_givesBackWhatWasPushed_overManyRounds();
     void queue_refuses_whenFull();
 };
@@ -139,14 +243,17 @@ void tst_Trace::item_isWritten_byItsType()
 void tst_Trace::line_isWrittenAtOnce_onOrdinaryThreads()
 {
     LogCapture log;
-    int countAfterLine = 0;
+    handlerBehind = qInstallMessageHandler(rememberingHandler);
+    bool byItself = false;
     const std::unique_ptr<QThread> thread(QThread::create([&] {
+        writerThread = nullptr;
         TraceLine("Source::run BEGIN").item("channels", 2);
-        countAfterLine = log.count();
+        byItself = writerThread == QThread::currentThreadId();
     }));
     thread->start();
     QVERIFY(thread->wait(10000));
-    QCOMPARE(countAfterLine, 1);
+    qInstallMessageHandler(handlerBehind);
+    QVERIFY(byItself);
     QCOMPARE(log.texts(), QStringList(prefix + "Source::run BEGIN channels=2"));
 }
 
@@ -269,19 +376,28 @@ void tst_Trace::lostLines_areCountedAndLogged()
     // The first line has left the queue and keeps the writing thread: the whole queue is free.
     const bool entered = handlerEntered.tryAcquire(1, 10000);
     onAudioThread([] {
-        for (int i = 0; i < int(TraceQueue::capacity) + tooMany; ++i)
+        for (int i = 0; i < audioCapacity + tooMany; ++i)
             TraceLine("Test::flood").item("number", i);
     });
+    const int others = int(TraceQueue::capacity) - audioCapacity;
+    {
+        // Other threads find room where audio threads no longer do.
+        ThreadMarks::enter(ThreadMarks::LinesWait);
+        for (int i = 0; i < others + 5; ++i)
+            writeText(QtInfoMsg, "other");
+        ThreadMarks::leave(ThreadMarks::LinesWait);
+    }
     handlerMayGo.release();
     flushTrace();
     qInstallMessageHandler(handlerBehind);
 
     QVERIFY(entered);
     const QStringList texts = log.texts(QtInfoMsg);
-    QCOMPARE(texts.size(), 1 + int(TraceQueue::capacity) + 1);
-    for (int i = 0; i < int(TraceQueue::capacity); ++i)
+    QCOMPARE(texts.size(), 1 + audioCapacity + others + 1);
+    for (int i = 0; i < audioCapacity; ++i)
         QCOMPARE(texts[1 + i], prefix + QStringLiteral("Test::flood number=%1").arg(i));
-    QCOMPARE(texts.last(), prefix + QStringLiteral("Trace overflow lost=37"));
+    QCOMPARE(texts.count(QStringLiteral("other")), others);
+    QCOMPARE(texts.last(), prefix + QStringLiteral("Trace overflow lost=42"));
 }
 
 // Faster than any log can be written, beside a thread that writes lines of its own.
@@ -325,7 +441,7 @@ void tst_Trace::lines_areInOrder_andAccountedFor_underLoad()
             QCOMPARE(text, prefix + QStringLiteral("Test::ordinary"));
         }
     }
-    QVERIFY(seen >= int(TraceQueue::capacity));
+    QVERIFY(seen >= audioCapacity);
     QCOMPARE(seen + lost, lines);
 }
 
@@ -364,7 +480,7 @@ void tst_Trace::audioSide_isRealTimeSafe_whenTheQueueIsFull()
     });
     QVERIFY2(violations == 0, qPrintable(RealtimeGuard::first()));
     flushTrace();
-    QVERIFY(log.count() >= int(TraceQueue::capacity));
+    QVERIFY(log.count() >= audioCapacity);
 }
 
 void tst_Trace::flush_returns_insideAMessageHandler()
@@ -380,6 +496,74 @@ void tst_Trace::flush_returns_insideAMessageHandler()
     QCOMPARE(log.count(), 10);
 }
 
+// Whoever changes the mix keeps the audio thread waiting: no message handler may run then.
+void tst_Trace::line_waits_duringAChangeOfTheMix()
+{
+    LogCapture log;
+    handlerBehind = qInstallMessageHandler(rememberingHandler);
+    writerThread = nullptr;
+    QStringList expected;
+    ThreadMarks::enter(ThreadMarks::LinesWait);
+    for (int i = 0; i < 20; ++i) {
+        TraceLine("Test::change").item("number", i);
+        writeText(QtWarningMsg, "Test text");
+        expected << prefix + QStringLiteral("Test::change number=%1").arg(i)
+                 << QStringLiteral("Test text");
+    }
+    QTRY_COMPARE(log.texts(), expected);
+    ThreadMarks::leave(ThreadMarks::LinesWait);
+    qInstallMessageHandler(handlerBehind);
+    QVERIFY(writerThread != nullptr);
+    QCOMPARE(log.count(QtWarningMsg, QStringLiteral("Test text")), 20);
+}
+
+// What caused what stays visible: nothing overtakes a line that somebody has queued before.
+void tst_Trace::line_waitsBehindThoseInTheQueue()
+{
+    LogCapture log;
+    handlerHolds.storeRelease(1);
+    handlerBehind = qInstallMessageHandler(holdingHandler);
+    onAudioThread([] { TraceLine("Test::first"); });
+    const bool entered = handlerEntered.tryAcquire(1, 10000);
+    TraceLine("Test::second");
+    const std::unique_ptr<QThread> other(
+        QThread::create([] { writeText(QtCriticalMsg, "Test third"); }));
+    other->start();
+    const bool ended = other->wait(10000);
+    handlerMayGo.release();
+    flushTrace();
+    qInstallMessageHandler(handlerBehind);
+    QVERIFY(entered);
+    QVERIFY(ended);
+    QCOMPARE(log.texts(), QStringList({prefix + "Test::first", prefix + "Test::second",
+                                       QStringLiteral("Test third")}));
+}
+
+void tst_Trace::longText_isWrittenWhole_fromTheQueue()
+{
+    LogCapture log;
+    const QByteArray text(5000, 'x');
+    ThreadMarks::enter(ThreadMarks::LinesWait);
+    writeText(QtInfoMsg, text.constData());
+    ThreadMarks::leave(ThreadMarks::LinesWait);
+    QCOMPARE(log.texts(QtInfoMsg), QStringList(QString::fromLatin1(text)));
+}
+
+void tst_Trace::line_ofAMessageHandler_followsThatOfTheQueue()
+{
+    LogCapture log;
+    handlerBehind = qInstallMessageHandler(
+        [](QtMsgType type, const QMessageLogContext &context, const QString &text) {
+            if (text.endsWith(QLatin1String("Test::queued")))
+                TraceLine("Test::nested");
+            handlerBehind(type, context, text);
+        });
+    onAudioThread([] { TraceLine("Test::queued"); });
+    const QStringList expected({prefix + "Test::queued", prefix + "Test::nested"});
+    QTRY_COMPARE(log.texts(), expected);
+    qInstallMessageHandler(handlerBehind);
+}
+
 void tst_Trace::queuedLines_areWritten_atTheEndOfTheProcess()
 {
     QProcess process;
@@ -392,6 +576,61 @@ void tst_Trace::queuedLines_areWritten_atTheEndOfTheProcess()
     for (int i = 0; i < 100; ++i)
         expected += prefix.toLatin1() + "Test::leave number=" + QByteArray::number(i) + '\n';
     QCOMPARE(process.readAllStandardError(), expected);
+}
+
+void tst_Trace::end_doesNotWait_forABlockedMessageHandler()
+{
+    QProcess process;
+    process.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--end-blocked")});
+    QVERIFY(process.waitForFinished(60000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 0);
+    // The first line is the message handler's, which never returned.
+    QCOMPARE(process.readAllStandardError(), QByteArray(prefix.toLatin1() + "Test::second\n"));
+}
+
+void tst_Trace::queuedLines_areWritten_whenTheProcessCrashes_data()
+{
+    QTest::addColumn<QString>("way");
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+    QTest::newRow("abort") << "abort" << QByteArray() << QByteArray();
+    QTest::newRow("a fault") << "fault" << QByteArray() << QByteArray();
+    QTest::newRow("a handler of the host's") << "own" << QByteArray() << QByteArray("own\n");
+    QTest::newRow("inside the message handler")
+        << "handler" << QByteArray("inside\n") << QByteArray();
+}
+
+void tst_Trace::queuedLines_areWritten_whenTheProcessCrashes()
+{
+#if defined(QTOVELMIXER_GUARD_LEFT_OUT)
+    QSKIP("a sanitizer has its own way with crashes");
+#endif
+    QFETCH(QString, way);
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    QProcess process;
+    process.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--crash"), way});
+    QVERIFY(process.waitForFinished(60000));
+    QCOMPARE(process.exitStatus(), QProcess::CrashExit);
+    QByteArray expected = before;
+    for (int i = 0; i < 10; ++i)
+        expected += prefix.toLatin1() + "Test::crash number=" + QByteArray::number(i) + '\n';
+    QCOMPARE(process.readAllStandardError(), expected + after);
+}
+
+void tst_Trace::forkedChild_ends_andLeavesTheLinesToItsParent()
+{
+#if defined(Q_OS_UNIX)
+    QProcess process;
+    process.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--fork")});
+    QVERIFY(process.waitForFinished(60000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 0);
+    QCOMPARE(process.readAllStandardError(),
+             QByteArray(prefix.toLatin1() + "Test::child\n" + prefix.toLatin1() + "Test::parent\n" +
+                        prefix.toLatin1() + "Test::behind\n"));
+#endif
 }
 
 void tst_Trace::queue_givesBackWhatWasPushed_overManyRounds()
@@ -437,6 +676,14 @@ int main(int argc, char **argv)
 {
     if (argc > 1 && qstrcmp(argv[1], "--leave-lines-queued") == 0)
         return leaveLinesQueued();
+    if (argc > 1 && qstrcmp(argv[1], "--end-blocked") == 0)
+        return endBlocked();
+    if (argc > 2 && qstrcmp(argv[1], "--crash") == 0)
+        crash(argv[2]);
+#if defined(Q_OS_UNIX)
+    if (argc > 1 && qstrcmp(argv[1], "--fork") == 0)
+        return forkChild();
+#endif
     QCoreApplication application(argc, argv);
     tst_Trace test;
     return QTest::qExec(&test, argc, argv);

@@ -169,6 +169,10 @@ private slots:
     void mixDense_equalsThePlainLoop();
     void mix_beginsAtPositiveZero_data() { addTargets(); }
     void mix_beginsAtPositiveZero();
+    void multiplyFinite_tellsWhetherAllAre_data() { addTargets(); }
+    void multiplyFinite_tellsWhetherAllAre();
+    void replaceNotFinite_leavesTheOthers_data() { addTargets(); }
+    void replaceNotFinite_leavesTheOthers();
     void sameBits_seesEveryCellAndNoOther_data() { addTargets(); }
     void sameBits_seesEveryCellAndNoOther();
     void cleanVectorState_keepsResults_data() { addTargets(); }
@@ -581,6 +585,51 @@ void tst_Kernels::mix_beginsAtPositiveZero()
     Kernels::mixDense(planes, 1, rows, gains, width, 1, frames);
     for (const Floats &plane : out)
         QCOMPARE(firstDifference(plane, positive), -1);
+}
+
+void tst_Kernels::multiplyFinite_tellsWhetherAllAre()
+{
+    useTarget();
+    Samples samples(8);
+    // One sample of each kind at every place, and none.
+    for (std::size_t count = 1; count < 70; ++count) {
+        for (std::size_t place = 0; place <= count; ++place) {
+            Floats x(count, count % 9);
+            for (std::size_t i = 0; i < count; ++i)
+                x[i] = i == place ? samples.any() : samples.ordinary();
+            const float value = samples.ordinary();
+            std::vector<float> expected(count);
+            bool finite = true;
+            for (std::size_t i = 0; i < count; ++i) {
+                expected[i] = x[i] * value;
+                finite = finite && std::isfinite(expected[i]);
+            }
+            QCOMPARE(Kernels::multiplyFinite(x.data(), count, value), finite);
+            QVERIFY(x.isIntact());
+            QCOMPARE(firstDifference(x, expected), -1);
+            QCOMPARE(Kernels::isFinite(x.data(), count), finite);
+        }
+    }
+    QVERIFY(Kernels::multiplyFinite(nullptr, 0, 1.0f));
+    QVERIFY(Kernels::isFinite(nullptr, 0));
+}
+
+void tst_Kernels::replaceNotFinite_leavesTheOthers()
+{
+    useTarget();
+    Samples samples(9);
+    for (std::size_t count = 0; count < 140; ++count) {
+        Floats x = samples.floats(count);
+        std::vector<float> expected(count);
+        std::size_t replaced = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            expected[i] = std::isfinite(x[i]) ? x[i] : 0.0f;
+            replaced += std::isfinite(x[i]) ? 0 : 1;
+        }
+        QCOMPARE(Kernels::replaceNotFinite(x.data(), count), replaced);
+        QVERIFY(x.isIntact());
+        QCOMPARE(firstDifference(x, expected), -1);
+    }
 }
 
 void tst_Kernels::sameBits_seesEveryCellAndNoOther()

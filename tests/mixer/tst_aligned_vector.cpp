@@ -4,11 +4,14 @@
 
 #include <QtTest/QTest>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <numeric>
 #include <random>
+#include <utility>
 #include <vector>
 
 using namespace QTovelMixer;
@@ -98,6 +101,8 @@ private slots:
     void setSize_staysWithinCapacity();
     void shorts_shareWrapAndClear();
     void shorts_calculateInWholeGroups();
+    void shorts_touchNothingBehindTheLastGroup_data();
+    void shorts_touchNothingBehindTheLastGroup();
 };
 
 void tst_AlignedVector::constructor_hasNoStorage_byDefault()
@@ -531,6 +536,42 @@ void tst_AlignedVector::shorts_calculateInWholeGroups()
     vector.madd(-9, other);
     for (std::size_t i = 0; i < vector.capacity(); ++i)
         QCOMPARE(vector.data()[i], short(i < 8 ? 72 : 0));
+}
+
+void tst_AlignedVector::shorts_touchNothingBehindTheLastGroup_data()
+{
+    using Change = std::function<void(ShortVector &, const ShortVector &)>;
+    QTest::addColumn<Change>("change");
+    QTest::addColumn<short>("expected");
+    const auto row = [](const char *name, Change change, short expected) {
+        QTest::newRow(name) << std::move(change) << expected;
+    };
+    row(
+        "=", [](ShortVector &x, const ShortVector &) { x = 9; }, 9);
+    row(
+        "+= value", [](ShortVector &x, const ShortVector &) { x += 5; }, 7);
+    row(
+        "*= value", [](ShortVector &x, const ShortVector &) { x *= 5; }, 10);
+    row(
+        "+=", [](ShortVector &x, const ShortVector &y) { x += y; }, 5);
+    row(
+        "*=", [](ShortVector &x, const ShortVector &y) { x *= y; }, 6);
+    row(
+        "madd", [](ShortVector &x, const ShortVector &y) { x.madd(5, y); }, 17);
+}
+
+void tst_AlignedVector::shorts_touchNothingBehindTheLastGroup()
+{
+    QFETCH(const std::function<void(ShortVector &, const ShortVector &)>, change);
+    QFETCH(const short, expected);
+    ShortVector vector(5);
+    ShortVector other(5);
+    std::fill_n(vector.data(), vector.capacity(), short(2));
+    std::fill_n(other.data(), other.capacity(), short(3));
+    change(vector, other);
+    QVERIFY(vector.capacity() > 8);
+    for (std::size_t i = 0; i < vector.capacity(); ++i)
+        QCOMPARE(vector.data()[i], i < 8 ? expected : short(2));
 }
 
 QTEST_GUILESS_MAIN(tst_AlignedVector)

@@ -31,6 +31,7 @@ private slots:
     void stop_withoutForce_refuses_whenNotRunning();
     void stop_clearsTheTransport();
     void stop_ofOneSource_waitsForTheOthers();
+    void stop_ofNoSource_stopsNothing();
     void stop_beforeStart_removesTheSource();
     void stop_thenStart_doesNotHang();
     void stop_traceNamesEverything();
@@ -171,24 +172,23 @@ void tst_EngineLifecycle::pause_countsHolds()
 {
     Session session;
     Engine::Data &data = EngineAccess::shipped(session.engine);
-    // Idle: every pause counts, and none can be taken back by resume.
+    // Idle: no pause can be taken back by resume, and all count as one.
     QVERIFY(session.engine.pause());
     QVERIFY(session.engine.pause());
-    QCOMPARE(data.holdCount.load(), 2);
+    QCOMPARE(data.holdCount.load(), 1);
     QVERIFY(!session.engine.resume());
     QVERIFY(session.engine.start());
-    QCOMPARE(data.holdCount.load(), 2);
+    QCOMPARE(data.holdCount.load(), 1);
     QVERIFY(session.engine.isPaused());
     QVERIFY(!session.engine.pause());
     QVERIFY(session.engine.resume());
-    QCOMPARE(data.holdCount.load(), 1);
-    QVERIFY(session.engine.resume());
+    QCOMPARE(data.holdCount.load(), 0);
     QVERIFY(!session.engine.resume());
     QVERIFY(session.engine.pause());
     session.stopAll();
     QCOMPARE(data.holdCount.load(), 0);
     QCOMPARE(session.count("paused"), 3);
-    QCOMPARE(session.count("resumed"), 2);
+    QCOMPARE(session.count("resumed"), 1);
 }
 
 void tst_EngineLifecycle::pause_asksTheBackend()
@@ -295,6 +295,29 @@ void tst_EngineLifecycle::stop_ofOneSource_waitsForTheOthers()
     QVERIFY(!session.engine.stop(&stranger, true, UserStopAction));
     QVERIFY(log.contains("QTovelMixer::stop: Invalid source ("));
     session.checkAtRest();
+}
+
+void tst_EngineLifecycle::stop_ofNoSource_stopsNothing()
+{
+    Session session;
+    QVERIFY(session.addRamp(48000, 10.0));
+    QVERIFY(session.engine.start(0.0));
+    session.run(10);
+    auto source = std::make_unique<RampSource>(&session.engine, 48000, 2, 1.0);
+    const QPointer<Source> gone(source.get());
+    source.reset();
+    for (const bool force : {false, true}) {
+        QVERIFY(!session.engine.stop(gone, force, UserStopAction));
+        QVERIFY(session.engine.isRunning());
+        QVERIFY(!session.engine.activeSources().first()->wasStoped());
+    }
+    const std::vector<float> heard = session.run(10);
+    for (size_t i = 0; i < heard.size(); ++i)
+        QCOMPARE(heard[i], float(10 * Session::blockFrames + int(i)));
+    QCOMPARE(session.count("stopped"), 0);
+    // All, as ever.
+    QVERIFY(session.engine.stop_mixer(true, nullptr, UserStopAction));
+    QTRY_COMPARE(session.count("stopped"), 1);
 }
 
 void tst_EngineLifecycle::stop_beforeStart_removesTheSource()

@@ -170,7 +170,7 @@ void tst_EngineMix::setCell(unsigned row, unsigned column, float gain)
     if (isWatched)
         data().gainMatrix[row][column] = gain;
     else
-        QVERIFY(data().setCell(row, column, gain));
+        QVERIFY(data().setCell({nullptr, nullptr, row, column}, gain));
 }
 
 void tst_EngineMix::setEnabled(unsigned row, unsigned column, bool enabled)

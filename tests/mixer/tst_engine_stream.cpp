@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: MIT
-// References to the device's stream, and the watchdog over it.
+// References to the device's stream, what survives its reopening, and its timers.
+#include <mixer/meter/meter.h>
 #include <support/log_capture.h>
 #include <support/session.h>
 
+#include <QtCore/QPointer>
+#include <QtCore/QThread>
 #include <QtTest/QTest>
+
+#include <memory>
 
 using namespace QTovelMixer;
 
@@ -15,6 +20,11 @@ private slots:
     void start_keepsNoReferences_whenTheStreamIsGone();
     void stop_endsTheWatchdog_whenTheStreamIsGone();
     void watchdog_isTimedFromTheStart();
+    void reopening_keepsSources_thatFillTheBuses();
+    void deviceListTimer_waitsForTheEnd_whilePlaying();
+    void engine_deletesWhatWasRemoved_whenItGoesFirst();
+    void meterThreads_end_withTheDevice();
+    void cleanUp_paysWhatIsOwed();
 };
 
 void tst_EngineStream::start_keepsNoReferences_whenTheStreamIsGone()
@@ -56,6 +66,87 @@ void tst_EngineStream::watchdog_isTimedFromTheStart()
     data.startMixerApi();
     QVERIFY(data.watchdogClock.isValid());
     data.stopMixerApi();
+}
+
+void tst_EngineStream::reopening_keepsSources_thatFillTheBuses()
+{
+    Session session(2, 2);
+    Engine &engine = session.engine;
+    auto *source = new RampSource(&engine, 48000, 126, 20.0);
+    QVERIFY(engine.addSource(source));
+    QVERIFY(engine.open(engine.currentDevice(DeviceKind::Output),
+                        engine.currentDevice(DeviceKind::Input), 48000, false));
+    QCOMPARE(EngineAccess::shipped(engine).inputBuses.size(), size_t(128));
+    QCOMPARE(source->stopReason(), NoReason);
+    session.checkMapping();
+    session.stopAll();
+}
+
+// Playback may begin between the start of the timer and its end.
+void tst_EngineStream::deviceListTimer_waitsForTheEnd_whilePlaying()
+{
+    Session session;
+    QVERIFY(session.addRamp(48000, 20.0));
+    QVERIFY(session.engine.start());
+    Engine::Data &data = EngineAccess::shipped(session.engine);
+    data.deviceListTimer->start(0);
+    QTRY_VERIFY(data.stoppedLink);
+    QCOMPARE(session.count("updatingDeviceList"), 0);
+    session.stopAll();
+    QTRY_COMPARE(session.count("updatingDeviceList"), 1);
+}
+
+// The deletion waits for an event loop that never comes.
+void tst_EngineStream::engine_deletesWhatWasRemoved_whenItGoesFirst()
+{
+    auto session = std::make_unique<Session>(2, 2);
+    const QPointer<Source> source = session->addRamp(48000, 20.0);
+    const QPointer<Sink> sink = new TakeSink(&session->engine, 48000, 2);
+    QVERIFY(session->engine.addSink(sink));
+    session->engine.removeSource(source);
+    session->engine.removeSink(sink);
+    QVERIFY(source && sink);
+    session.reset();
+    QVERIFY(!source);
+    QVERIFY(!sink);
+}
+
+void tst_EngineStream::meterThreads_end_withTheDevice()
+{
+    Session session(2, 2);
+    const QPointer<QThread> input = session.engine.inputMeter()->thread();
+    const QPointer<QThread> output = session.engine.outputMeter()->thread();
+    QVERIFY(input->isRunning() && output->isRunning());
+    session.engine.deactivate();
+    QVERIFY(!input || input->isFinished());
+    QVERIFY(!output || output->isFinished());
+}
+
+// What a system without memory could not queue.
+void tst_EngineStream::cleanUp_paysWhatIsOwed()
+{
+    Session session(2, 2);
+    Engine::Data &data = EngineAccess::shipped(session.engine);
+    const LogCapture quiet;
+    data.startMixerApi();
+    data.startMixerApi();
+    data.startMixerApi();
+    data.owedStops = 1;
+    data.owedGeneration = data.streamGeneration;
+    data.cleanUp();
+    QCOMPARE(data.apiRefs, 2);
+    data.owedStops = 1;
+    data.owedGeneration = data.streamGeneration - 1; // of a stream that was closed since
+    data.cleanUp();
+    QCOMPARE(data.apiRefs, 2);
+    QCOMPARE(data.owedStops, 0);
+
+    const QPointer<Source> source = session.addRamp(48000, 20.0);
+    session.engine.removeSource(source);
+    QVERIFY(source);
+    data.cleanUp();
+    QVERIFY(!source);
+    session.stopAll();
 }
 
 QTEST_GUILESS_MAIN(tst_EngineStream)

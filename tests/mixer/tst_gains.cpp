@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/gains.h>
 
+#include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
 #include <QtTest/QTest>
 
 #include <cmath>
@@ -53,6 +55,37 @@ bool isListed(int rows, int columns)
 
 constexpr float untouched = -77.0f;
 
+/// A default matrix as a comment of the header tells it.
+struct ToldMatrix
+{
+    bool toOutputs = false;
+    int rows = 0;
+    int columns = 0;
+    QList<float> gains;
+};
+
+/// The table rows of the header, in order. A row whose first cell is empty goes on with the one
+/// before.
+QList<ToldMatrix> toldMatrices(const QString &header)
+{
+    static const QRegularExpression row(R"(^/// \| (\d+) x (\d+) \| (.*) \|$|^/// \| \| (.*) \|$)");
+    static const QRegularExpression number(R"(-?[0-9.]+)");
+    QList<ToldMatrix> told;
+    bool toOutputs = false;
+    for (const QString &line : header.split('\n')) {
+        toOutputs = toOutputs || line.contains("channels x outputs");
+        const QRegularExpressionMatch match = row.match(line);
+        if (!match.hasMatch())
+            continue;
+        if (!match.captured(1).isEmpty())
+            told.append({toOutputs, match.captured(1).toInt(), match.captured(2).toInt(), {}});
+        auto gains = number.globalMatch(match.captured(3) + match.captured(4));
+        while (gains.hasNext())
+            told.last().gains.append(gains.next().captured().toFloat());
+    }
+    return told;
+}
+
 } // namespace
 
 class tst_Gains : public QObject
@@ -69,6 +102,7 @@ private slots:
     void inputMixerGains_fillsTheBuffer_beyondEight();
     void builtInTables_needNoBufferAndStay();
     void bothTables_answerNull_withoutChannelsOrBuffer();
+    void header_tellsTheTables();
 };
 
 void tst_Gains::outputMixerGains_followsTheRule_upToEight()
@@ -208,6 +242,24 @@ void tst_Gains::bothTables_answerNull_withoutChannelsOrBuffer()
         QVERIFY(!Gains::inputMixerGains(rows, columns, nullptr));
         QVERIFY(!Gains::outputMixerGains(rows, columns, nullptr));
     }
+}
+
+void tst_Gains::header_tellsTheTables()
+{
+    QFile header(GAINS_HEADER);
+    QVERIFY(header.open(QIODevice::ReadOnly | QIODevice::Text));
+    const QList<ToldMatrix> told = toldMatrices(QString::fromUtf8(header.readAll()));
+    int toOutputs = 0;
+    for (const ToldMatrix &matrix : told) {
+        std::vector<float> buffer(size_t(matrix.rows) * size_t(matrix.columns));
+        const auto gains = matrix.toOutputs ? Gains::outputMixerGains : Gains::inputMixerGains;
+        const float *table = gains(matrix.rows, matrix.columns, buffer.data());
+        QCOMPARE(matrix.gains,
+                 QList<float>(table, table + qsizetype(matrix.rows) * matrix.columns));
+        toOutputs += matrix.toOutputs ? 1 : 0;
+    }
+    QCOMPARE(toOutputs, 17);
+    QCOMPARE(int(told.size()) - toOutputs, 10);
 }
 
 QTEST_GUILESS_MAIN(tst_Gains)

@@ -1,16 +1,31 @@
 // SPDX-License-Identifier: MIT
 #include <support/log_capture.h>
 
+#include <base/trace_p.h>
+
 #include <algorithm>
 
 namespace {
 // Guards the current capture and its lines: a thread may be logging while a capture ends.
 QBasicMutex mutex;
 LogCapture *current = nullptr;
+
+/// Lines that still wait belong to what has been done so far. Audio threads leave them waiting.
+void flush()
+{
+    if (!QTovelMixer::isAudioThread())
+        QTovelMixer::flushTrace();
+}
+
+QtMessageHandler install(QtMessageHandler handler)
+{
+    flush();
+    return qInstallMessageHandler(handler);
+}
 } // namespace
 
 LogCapture::LogCapture(Way wayToGo)
-    : way(wayToGo), outer(current), previous(qInstallMessageHandler(&LogCapture::handle))
+    : way(wayToGo), outer(current), previous(install(&LogCapture::handle))
 {
     const QMutexLocker lock(&mutex);
     current = this;
@@ -18,6 +33,7 @@ LogCapture::LogCapture(Way wayToGo)
 
 LogCapture::~LogCapture()
 {
+    flush();
     const QMutexLocker lock(&mutex);
     current = outer;
     qInstallMessageHandler(previous);
@@ -42,6 +58,7 @@ void LogCapture::handle(QtMsgType type, const QMessageLogContext &context, const
 
 QList<LogCapture::Line> LogCapture::lines() const
 {
+    flush();
     // A list of its own: one that shares its data would be copied later, outside the lock.
     const QMutexLocker lock(&mutex);
     return QList<Line>(collected.cbegin(), collected.cend());
@@ -67,8 +84,7 @@ QStringList LogCapture::texts(QtMsgType type) const
 
 int LogCapture::count() const
 {
-    const QMutexLocker lock(&mutex);
-    return static_cast<int>(collected.size());
+    return static_cast<int>(lines().size());
 }
 
 int LogCapture::count(const QString &text) const
@@ -97,6 +113,7 @@ bool LogCapture::contains(const QString &words) const
 
 void LogCapture::clear()
 {
+    flush();
     const QMutexLocker lock(&mutex);
     collected.clear();
 }

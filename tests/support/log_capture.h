@@ -7,8 +7,9 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
-/// Collects what any thread writes to Qt's message log while the object lives. Of several objects
-/// the youngest collects; they end in reverse order.
+/// Collects what any thread writes to Qt's message log while the object lives, the library's lines
+/// that still wait in their queue included. Of several objects the youngest collects; they end in
+/// reverse order.
 class LogCapture
 {
 public:

@@ -138,8 +138,8 @@ def run_test(command, seconds, **environment):
     timer.start()
     failure = ''
     for line in process.stdout:
-        if match := re.match(r'(?:FAIL!|XPASS)\s*: \w+::(.*)', line):
-            failure = match.group(1)[:60]
+        if match := re.match(r'(?:FAIL!|XPASS)\s*: \w+::(\w+\(.*?\))', line):
+            failure = match.group(1)
             break
     timer.cancel()
     if failure:

@@ -135,7 +135,7 @@ void tst_FaultySources::throwing_endsTheMaterial()
     for (size_t i = 0; i < heard.size(); ++i)
         QCOMPARE(heard[i], float(i));
     QTRY_COMPARE_WITH_TIMEOUT((session.runWithoutWaiting(2), session.count("stopped")), 1, longest);
-    QCOMPARE(session.lastReason, AudioFinished);
+    QCOMPARE(session.lastReason, WorkerFailed);
     QCOMPARE(session.count("sourceFinished"), 1);
     QCOMPARE(log.countStarting(
                  QString("QTovelMixer::readSamples: Exception (%1) in source (").arg(what)),

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Workers for which the system has no thread.
 #include "faulty_hosts.h"
+#include "resource_limits.h"
 
 #include <support/log_capture.h>
 
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <fstream>
 #include <limits>
 
 using namespace QTovelMixer;
@@ -15,34 +12,6 @@ using namespace QTovelMixer;
 namespace {
 
 constexpr size_t hugeStack = std::numeric_limits<unsigned>::max(); // bytes
-
-size_t mappedBytes()
-{
-    size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * size_t(sysconf(_SC_PAGESIZE));
-}
-
-/// While it lives, this process may map less than a huge stack needs.
-class AddressLimit
-{
-public:
-    AddressLimit()
-    {
-        getrlimit(RLIMIT_AS, &m_before);
-        rlimit lowered = m_before;
-        lowered.rlim_cur = rlim_t(mappedBytes() + hugeStack / 2);
-        m_isSet = setrlimit(RLIMIT_AS, &lowered) == 0;
-    }
-    ~AddressLimit() { setrlimit(RLIMIT_AS, &m_before); }
-    Q_DISABLE_COPY_MOVE(AddressLimit)
-
-    bool isSet() const { return m_isSet; }
-
-private:
-    rlimit m_before = {};
-    bool m_isSet = false;
-};
 
 } // namespace
 
@@ -69,7 +38,7 @@ void tst_MissingThreads::source_ends_andOthersPlay()
     QVERIFY(other);
     session.expectEnd(lonely, 0);
     {
-        const AddressLimit limit;
+        const AddressLimit limit(hugeStack / 2);
         QVERIFY(limit.isSet());
         QVERIFY(session.engine.start(0.0));
     }
@@ -93,12 +62,13 @@ void tst_MissingThreads::source_ends_inPlay()
     auto *source = new RampSource(&session.engine, 48000, 2, 60.0);
     source->setStackSize(hugeStack);
     {
-        const AddressLimit limit;
+        const AddressLimit limit(hugeStack / 2);
         QVERIFY(limit.isSet());
         QVERIFY(session.engine.play(source));
     }
     QTRY_COMPARE_WITH_TIMEOUT(session.count("sourceFinished"), 1, longest);
     QTRY_COMPARE_WITH_TIMEOUT(session.engine.numActiveSources(), 0, longest);
+    QCOMPARE(session.lastReason, WorkerFailed);
     QCOMPARE(log.countStarting("QTovelMixer::Source: Cannot start a thread ("), 1);
     playsAgain(session);
 }
@@ -113,7 +83,7 @@ void tst_MissingThreads::source_ends_deletedByASlot()
     connect(source.data(), &Source::sourceFinished, &session.engine,
             [&session](const QPointer<Source> &ended) { session.engine.deleteSource(ended); });
     {
-        const AddressLimit limit;
+        const AddressLimit limit(hugeStack / 2);
         QVERIFY(limit.isSet());
         QVERIFY(session.engine.start(0.0));
     }
@@ -132,7 +102,7 @@ void tst_MissingThreads::sink_ends_andOthersPlay()
     RampSource *const source = session.addRamp(48000, 60.0);
     QVERIFY(source);
     {
-        const AddressLimit limit;
+        const AddressLimit limit(hugeStack / 2);
         QVERIFY(limit.isSet());
         QVERIFY(session.engine.start(0.0));
     }

@@ -27,6 +27,7 @@ private slots:
     void init() { m_quiet.emplace(); }
     void cleanup() { m_quiet.reset(); }
 
+    void wake_isTaken_byAWorkerWithoutFrames();
     void setTime_movesTheRecording();
     void setTime_beforeStart_placesTheTake();
     void setTime_takesZero_forTimesThatAreNotFinite();
@@ -44,6 +45,21 @@ private slots:
 private:
     std::optional<LogCapture> m_quiet; // the trace lines of the tests that do not look at them
 };
+
+// It sleeps then, instead of looking for frames without end.
+void tst_sink_worker::wake_isTaken_byAWorkerWithoutFrames()
+{
+    ClockEngine engine;
+    RecordingSink sink(&engine, 1, 48000);
+    sink.start();
+    QVERIFY(sink.waitForStart());
+    SinkAccess::wake(sink);
+    const auto isTaken = [&sink] {
+        const QMutexLocker lock(&SinkAccess::data(sink).waitMutex);
+        return !SinkAccess::data(sink).wakePending;
+    };
+    QTRY_VERIFY(isTaken());
+}
 
 void tst_sink_worker::setTime_movesTheRecording()
 {
@@ -282,7 +298,7 @@ void tst_sink_worker::throwingHost_endsTheRecording()
     QTRY_COMPARE(heard.finished, 1);
     QCOMPARE(heard.states, 2);
     QVERIFY(!sink.isRunning());
-    QCOMPARE(sink.stopReason(), UserStopAction);
+    QCOMPARE(sink.stopReason(), WorkerFailed);
     QCOMPARE(sink.takenFrames(), 0);
     QCOMPARE(log.texts().filter("writeSamples"),
              QStringList{"QTovelMixer::writeSamples: Exception (" + what + ") in sink (" +

@@ -132,12 +132,19 @@ void tst_timeline::setLimits_takesZero_forTimesThatAreNotFinite()
     QCOMPARE(timeline.start(), 0.0);
     timeline.setLimits(-infinite, infinite);
     QCOMPARE(timeline.start(), 0.0);
+    QCOMPARE(timeline.end(), infinite); // the one time that may be
+    timeline.setLimits(infinite, -infinite);
+    QCOMPARE(timeline.start(), 0.0);
     QCOMPARE(timeline.end(), 0.0);
     timeline.setLimits(0.0, 10.0);
     timeline.addSlice(notANumber, 1.0);
     QCOMPARE(textOf(slicesOf(timeline)), "[0,1]");
-    timeline.removeSlice(-infinite, infinite);
+    timeline.removeSlice(-infinite, notANumber);
     QCOMPARE(textOf(slicesOf(timeline)), "[0,1]"); // an empty stretch at the slice's start
+    timeline.addSlice(4.0, infinite);
+    QCOMPARE(textOf(slicesOf(timeline)), "[0,1][4,inf]");
+    timeline.removeSlice(0.5, infinite);
+    QCOMPARE(textOf(slicesOf(timeline)), "[0,0.5]");
 }
 
 void tst_timeline::update_clipsSlicesToTheLimits_data()

@@ -4,7 +4,10 @@
 #include <mixer/store/store.h>
 #include <support/log_capture.h>
 
+#include <QtCore/QElapsedTimer>
 #include <QtTest/QTest>
+
+#include <algorithm>
 
 using namespace QTovelMixer;
 
@@ -48,7 +51,10 @@ private Q_SLOTS:
     void restore_otherTopLevel_empties();
     void restore_skipsWhatIsUnusable();
     void restore_laterWins();
-    void restore_keepsNoMoreThanTheBound();
+    void restore_takesBackEverythingSaved();
+    void restore_boundsWhatIsNotNamed();
+    void restore_refusesHugeClaims_atOnce();
+    void restore_refusesGains_thatAreNotFinite();
     void restore_refuses_whatIsNestedTooDeep();
 };
 
@@ -336,29 +342,101 @@ void tst_Store::restore_laterWins()
     QCOMPARE(store->meterConfigs().first().numMeters(), 2);
 }
 
-// 2^20 elements each for a few characters: without a bound on their sum a small file would take all
-// memory.
-void tst_Store::restore_keepsNoMoreThanTheBound()
+// As many channels as a route has, and more devices than anybody owns: once 4096 of them came back.
+void tst_Store::restore_takesBackEverythingSaved()
 {
-    const auto texts = [](const char *form) {
-        QByteArray array = "[";
-        for (const char *id : {"a", "b", "c", "c", "d", "e", "f"})
-            array += QString(form).arg(id).toUtf8() + ',';
-        array.back() = ']';
-        return array;
-    };
+    constexpr int devices = 4200;
+    constexpr int channels = 32;
+    Store *store = Store::store();
+    for (int i = 0; i < devices; ++i) {
+        Box box(QString("Device %1").arg(i), channels, channels);
+        Route route(channels, &box);
+        QVERIFY(route.setGain(i % channels, 7, 0.25f));
+        store->addRoute(route);
+        store->addMeterConfig(MeterConfig(Type::Output, &box));
+    }
+    const QMap<QString, Route> saved = store->routes();
+    const QByteArray routes = store->saveRoutes();
+    const QByteArray configs = store->saveMeterConfigs();
+    init();
+    LogCapture log;
+    QVERIFY(store->restoreRoutes(routes));
+    QVERIFY(store->restoreMeterConfigs(configs));
+    QVERIFY(store->routes().keys() == saved.keys());
+    const bool alike = std::equal(
+        saved.begin(), saved.end(), store->routes().begin(),
+        [](const float *a, const float *b) { return std::equal(a, a + channels * channels, b); });
+    QVERIFY(alike);
+    QCOMPARE(store->meterConfigs().size(), devices);
+    QCOMPARE(log.count(), 0);
+}
+
+namespace {
+
+QByteArray claims(int count, const char *form)
+{
+    QByteArray array = "[";
+    for (int i = 0; i < count; ++i)
+        array += QString(form).arg(i).toUtf8() + ',';
+    array.back() = ']';
+    return array;
+}
+
+} // namespace
+
+// A few characters ask for 2^16 elements each, and 2^18 in sum is what there is for such claims.
+void tst_Store::restore_boundsWhatIsNotNamed()
+{
     Store *store = Store::store();
     LogCapture log;
-    QVERIFY(
-        store->restoreRoutes(texts(R"({"id":"%1","numInputChannels":1024,"numOutputChannels":1024,)"
-                                   R"("numAudioChannels":0,"gains":[]})")));
-    QCOMPARE(store->routes().keys(), (QStringList{"a", "b", "c", "d"}));
-    QVERIFY(store->restoreMeterConfigs(texts(R"({"id":"%1","numMeters":1048576,"meters":[]})")));
-    QCOMPARE(store->meterConfigs().keys(), (QStringList{"a", "b", "c", "d"}));
+    QVERIFY(store->restoreRoutes(
+        claims(6, R"({"id":"%1","numInputChannels":256,"numOutputChannels":256,)"
+                  R"("numAudioChannels":0,"gains":[]})")));
+    QCOMPARE(store->routes().keys(), (QStringList{"0", "1", "2", "3"}));
+    QCOMPARE(store->routes().last().gain(255, 255), 0.0f);
+    QVERIFY(store->restoreMeterConfigs(claims(6, R"({"id":"%1","numMeters":65536,"meters":[]})")));
+    QCOMPARE(store->meterConfigs().keys(), (QStringList{"0", "1", "2", "3"}));
     // What is lost is told, once for each.
     QCOMPARE(log.count(), 2);
     QVERIFY(log.contains("QTovelMixer::Store: left out 2 routes, too large in sum!!"));
     QVERIFY(log.contains("QTovelMixer::Store: left out 2 meter configs, too large in sum!!"));
+}
+
+// Each replaces the one before, so that their sum never grows: making them took 8 s.
+void tst_Store::restore_refusesHugeClaims_atOnce()
+{
+    const QByteArray routes =
+        claims(2000, R"({"id":"same","x":%1,"numInputChannels":1024,"numOutputChannels":1024,)"
+                     R"("numAudioChannels":0,"gains":[]})");
+    Store *store = Store::store();
+    LogCapture log;
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(store->restoreRoutes(routes));
+    const qint64 milliseconds = clock.elapsed();
+    QVERIFY(store->routes().isEmpty());
+    QVERIFY(log.contains("QTovelMixer::Store: left out 2000 routes, too large in sum!!"));
+    // 10 ms are promised; a sanitizer or a busy machine may take its time.
+    QVERIFY2(milliseconds < 500, qPrintable(QString::number(milliseconds)));
+}
+
+void tst_Store::restore_refusesGains_thatAreNotFinite()
+{
+    Store *store = Store::store();
+    LogCapture log;
+    QByteArray high = routeJson("high", stereo);
+    high.replace("0.5", "1e39");
+    QByteArray low = routeJson("low", stereo);
+    low.replace("0.5", "-1e39");
+    QByteArray largest = routeJson("largest", stereo);
+    largest.replace("0.5", "3.4e38");
+    QByteArray unread = routeJson("unread", stereo);
+    unread.replace("0.5", "0.5,1e39");
+    QVERIFY(store->restoreRoutes('[' + high + ',' + largest + ',' + low + ',' + unread + ']'));
+    QCOMPARE(store->routes().keys(), (QStringList{"largest", "unread"}));
+    QCOMPARE(store->routes().value("largest").gain(0, 1), 3.4e38f);
+    QCOMPARE(log.texts(QtCriticalMsg),
+             QStringList{"QTovelMixer::Store: left out 2 routes, gains are not finite!!"});
 }
 
 void tst_Store::restore_refuses_whatIsNestedTooDeep()
