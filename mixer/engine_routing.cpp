@@ -40,7 +40,7 @@ bool Engine::addSource(Source *source, float gain, Options options)
     if (!Data::requireFinite("addSource", gain))
         return false;
     const int rate = source->sampleRate();
-    if (!ResamplerBank::canConvert(rate, int(sampleRate()))) {
+    if (!d->refusal(source) && !ResamplerBank::canConvert(rate, int(sampleRate()))) {
         BLDEBUG_Error(-1, "QTovelMixer::addSource: Cannot play %d Hz at %u Hz (%p)!!", rate,
                       sampleRate(), static_cast<void *>(source));
         return false;

@@ -77,7 +77,8 @@ void tst_EngineStream::reopening_keepsSources_thatFillTheBuses()
     QVERIFY(engine.open(engine.currentDevice(DeviceKind::Output),
                         engine.currentDevice(DeviceKind::Input), 48000, false));
     QCOMPARE(EngineAccess::shipped(engine).inputBuses.size(), size_t(128));
-    QCOMPARE(source->stopReason(), NoReason);
+    QVERIFY(engine.isValid(source));
+    QVERIFY(source->stopReason() != DeviceListChanged);
     session.checkMapping();
     session.stopAll();
 }

@@ -129,7 +129,12 @@ inline void runFault(QTovelMixer::Backend backend, const Fault &fault, unsigned 
     QVERIFY(session.openDefaults());
     QVERIFY(session.play());
     QVERIFY(session.rest());
-    QCOMPARE(session.failures, fault.outcome == Fault::Lost ? fault.failures : 0);
+    const int told = fault.outcome == Fault::Lost ? fault.failures : 0;
+    // A start that is refused has told of the loss as well.
+    if (fault.state == Fault::Open)
+        QVERIFY2(session.failures <= told, qPrintable(QString::number(session.failures)));
+    else
+        QCOMPARE(session.failures, told);
     QVERIFY2(TimedApplication::longest <= longestHold,
              qPrintable(QStringLiteral("held for %1 ms").arg(TimedApplication::longest)));
     if (!fault.leavesThread)
