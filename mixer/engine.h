@@ -98,8 +98,8 @@ public:
     /// active; `select`, `activate` and the next update of the device list try anew. If something
     /// plays or records and none of these has helped when the event loop turns, the engine treats
     /// it as a failure of the device (`deviceFailed`). So it does when the stream does not start.
-    /// Threads: any, blocking until the main thread has done it; from the thread of a source, sink or
-    /// meter, of whichever engine, it is queued and answers true.
+    /// Threads: any, blocking until the main thread has done it; from the thread of a source, sink
+    /// or meter, of whichever engine, it is queued and answers true.
     virtual bool select(Device *output, Device *input, unsigned int sampleRate,
                         bool startapi = true);
     /// The rate in Hz at which these devices like to run; 0 for no device.
