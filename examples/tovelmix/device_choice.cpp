@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/device_choice.h>
 
+#include <tovelmix/hardware.h>
+
 #include <mixer/api/api_virtual.h>
 
 namespace tovelmix {
@@ -15,7 +17,7 @@ constexpr int exactScore = 128;
 
 QString others(const QString &used)
 {
-    QStringList names = QTovelMixerApiRtAudio::getAvailableBackends();
+    QStringList names = hardwareBackends();
     names.removeAll(used);
     return names.isEmpty() ? QString() : QString("; --backend also knows %1").arg(names.join(", "));
 }
@@ -49,7 +51,7 @@ QString option(DeviceKind kind)
 
 QStringList backendNames()
 {
-    return QStringList("Auto") + QTovelMixerApiRtAudio::getAvailableBackends();
+    return QStringList("Auto") + hardwareBackends();
 }
 
 QString backendName(const Api &api)
@@ -61,10 +63,8 @@ std::unique_ptr<Api> openBackend(const DeviceOptions &options, Outcome &outcome)
 {
     if (options.isVirtual)
         return openVirtual(options);
-    using RtAudioApi = QTovelMixerApiRtAudio;
-    auto api = std::make_unique<RtAudioApi>(options.backend, "tovelmix", RtAudioApi::Options(),
-                                            options.bufferFrames);
-    if (api->backend() == QTovelMixer::NoBackend) {
+    std::unique_ptr<Api> api = createHardware(options);
+    if (!api) {
         outcome = {NothingThere, "no sound system can be used"};
         return nullptr;
     }

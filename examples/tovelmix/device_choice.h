@@ -4,7 +4,7 @@
 
 #include <tovelmix/outcome.h>
 
-#include <mixer/api/api_rtaudio.h>
+#include <mixer/api/api.h>
 #include <mixer/api/device.h>
 
 #include <QtCore/QString>

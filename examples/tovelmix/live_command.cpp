@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/live_command.h>
 
+#include <tovelmix/hardware.h>
+
 #include <mixer/meter/meter.h>
 
 #include <QtCore/QTimerEvent>
@@ -141,8 +143,8 @@ double LiveCommand::attachedTime() const
 
 double LiveCommand::outputLatency() const
 {
-    const auto *api = dynamic_cast<const QTovelMixerApiRtAudio *>(m_api);
-    return api ? double(api->streamStatus().outputLatency) / m_engine->sampleRate() : 0.0;
+    const qint64 frames = hardwareLatency(*m_api);
+    return frames > 0 ? double(frames) / m_engine->sampleRate() : 0.0;
 }
 
 QString LiveCommand::title() const

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/options.h>
 
+#include <tovelmix/manual.h>
 #include <tovelmix/take.h>
+#include <tovelmix/verbs.h>
 
 #include <mixer/version.h>
 
@@ -18,67 +20,6 @@ constexpr int lowestRate = 10; // Hz
 constexpr int highestRate = 192000;
 constexpr int leastFrames = 32;
 constexpr int mostFrames = 4096;
-
-const QCommandLineOption fileOption("in",
-                                    "File to record from: raw signed 16-bit samples at "
-                                    "44100 Hz (.raw, .pcm, .s16), or an audio file.",
-                                    "INPUT");
-const QCommandLineOption channelsOption("channels", "Channels of a raw INPUT, 1 to 128.", "N");
-const QCommandLineOption secondsOption("seconds", "Ends after so many seconds.", "S");
-const QCommandLineOption outputOption("out", "File that record or render writes.", "FILE");
-const QCommandLineOption
-    pictureOption("picture", "PNG with the waveform, true peaks and loudness of a mix.", "MIX.png");
-const QCommandLineOption takeOption("take", "WAV file that verify compares.", "TAKE.wav");
-const QCommandLineOption backendOption("backend",
-                                       "Sound system: " + backendNames().join(", ") + ".", "NAME");
-const QCommandLineOption deviceOption("device",
-                                      "Device that plays, by its name or its identity (devices "
-                                      "--json); the default one without this.",
-                                      "NAME");
-const QCommandLineOption inputOption("input", "Device that records, likewise.", "NAME");
-const QCommandLineOption rateOption("rate", "Sample rate of the devices, 10 to 192000.", "HZ");
-const QCommandLineOption bufferOption("buffer", "Frames of one block, 32 to 4096.", "FRAMES");
-const QCommandLineOption followOption("follow",
-                                      "After a device was lost, goes on as soon as it, or another "
-                                      "default one, is there.");
-const QCommandLineOption jsonOption("json",
-                                    "Prints the devices, or the figures of a mix, as JSON.");
-const QCommandLineOption forceOption("force",
-                                     "Lets render replace its inputs and older recordings.");
-const QCommandLineOption watchOption("watch", "Goes on printing what changes.");
-const QCommandLineOption throughOption("through", "Plays the input on the output device.");
-const QCommandLineOption virtualOption("virtual",
-                                       "Plays without hardware, in real time, for nobody to hear.");
-const QCommandLineOption verboseOption("verbose", "Show the library's messages on stderr.");
-
-struct Verb
-{
-    Options::Command command;
-    const char *name;
-    QList<QCommandLineOption> allowed;
-};
-
-const QList<QCommandLineOption> &deviceOptions()
-{
-    static const QList<QCommandLineOption> options = {backendOption, secondsOption, followOption,
-                                                      rateOption, bufferOption};
-    return options;
-}
-
-QList<Verb> verbs()
-{
-    using Command = Options::Command;
-    return {
-        {Command::Devices, "devices", {jsonOption, watchOption, backendOption, secondsOption}},
-        {Command::Play, "play", deviceOptions() + QList{deviceOption, virtualOption}},
-        {Command::RecordDevice, "record", deviceOptions() + QList{inputOption, outputOption}},
-        {Command::Record, "record", {fileOption, channelsOption, secondsOption, outputOption}},
-        {Command::Render, "render", {outputOption, jsonOption, pictureOption, forceOption}},
-        {Command::Monitor, "monitor",
-         deviceOptions() + QList{deviceOption, inputOption, throughOption}},
-        {Command::Verify, "verify", {fileOption, channelsOption, takeOption}},
-    };
-}
 
 QString readNumber(const QCommandLineParser &parser, const QCommandLineOption &option, int least,
                    int most, int &number)
@@ -195,11 +136,11 @@ QString readAllowed(const QCommandLineParser &parser, const Verb &verb)
 
 QString readCommand(const QCommandLineParser &parser, Options &options)
 {
-    const QString known = "devices, play, record, render, monitor or verify (see --help)";
+    const QString known = verbNames().join(", ") + " (see --help)";
     const QStringList words = parser.positionalArguments();
     if (words.isEmpty())
         return "no command given: " + known;
-    const QList<Verb> all = verbs();
+    const QList<Verb> &all = verbs();
     const auto verb = std::find_if(all.begin(), all.end(), [&](const Verb &each) {
         const bool fromFile = each.command == Options::Command::Record;
         const bool fromDevice = each.command == Options::Command::RecordDevice;
@@ -226,39 +167,32 @@ QString readCommand(const QCommandLineParser &parser, Options &options)
 
 Options parseOptions(const QStringList &arguments)
 {
+    const QCommandLineOption help(QStringList{"h", "help"});
+    const QCommandLineOption version(QStringList{"v", "version"});
+    const QCommandLineOption manual("manual");
+    const QCommandLineOption completion("completion");
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        "Plays and records through the mixer, on real devices or from a file.\n\n"
-        "  tovelmix devices [--json] [--watch]           lists the devices\n"
-        "  tovelmix play FILES…                          plays audio files side by side\n"
-        "  tovelmix record --out TAKE.wav                records a device\n"
-        "  tovelmix record --in INPUT --seconds S --out TAKE.wav\n"
-        "                                                records a file, played in a loop\n"
-        "  tovelmix render SESSION.json --out MIX.wav|.flac [--json] [--picture MIX.png] "
-        "[--force]\n"
-        "                                                mixes files into one, without a device\n"
-        "  tovelmix monitor [--through]                  shows what a device hears\n"
-        "  tovelmix verify --in INPUT --take TAKE.wav    compares a take with its file\n\n"
-        "It ends with 0 when all went well, 1 after a failure, 2 when it was called wrongly, and\n"
-        "3 when there is no sound server or no device.");
-    parser.addPositionalArgument("command", "devices, play, record, render, monitor or verify",
-                                 "devices|play|record|render|monitor|verify");
-    parser.addPositionalArgument("files", "Audio files for play, a session for render.",
-                                 "[FILES…]");
-    parser.addOptions({fileOption, channelsOption, secondsOption, outputOption, takeOption,
-                       backendOption, deviceOption, inputOption, rateOption, bufferOption,
-                       followOption, forceOption, jsonOption, pictureOption, watchOption,
-                       throughOption, virtualOption, verboseOption});
-    const QCommandLineOption help = parser.addHelpOption();
-    const QCommandLineOption version = parser.addVersionOption();
+    parser.addOptions({help, version, manual, completion, verboseOption});
+    QStringList known;
+    for (const Verb &verb : verbs()) {
+        for (const QCommandLineOption &option : verb.allowed) {
+            if (!known.contains(option.names().constFirst()))
+                parser.addOption(option);
+            known += option.names();
+        }
+    }
 
     Options options;
     if (!parser.parse(arguments)) {
         options.error = parser.errorText();
     } else if (parser.isSet(help)) {
-        options.text = parser.helpText();
+        options.text = helpText(parser.positionalArguments().value(0));
     } else if (parser.isSet(version)) {
         options.text = QString("tovelmix, %1\n").arg(QtTovelMixerVersionString());
+    } else if (parser.isSet(manual)) {
+        options.text = manualPage();
+    } else if (parser.isSet(completion)) {
+        options.text = bashCompletion();
     } else {
         options.verbose = parser.isSet(verboseOption);
         options.error = readCommand(parser, options);

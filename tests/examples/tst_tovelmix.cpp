@@ -40,6 +40,11 @@ private slots:
     void usage_isExplained_whenArgumentsAreWrong_data();
     void usage_isExplained_whenArgumentsAreWrong();
     void help_isPrinted_whenAsked();
+    void help_showsTheOptionsOfItsCommand_data();
+    void help_showsTheOptionsOfItsCommand();
+    void manual_hasTheTextOfTheHelp();
+    void completion_offersWhatACommandKnows_data();
+    void completion_offersWhatACommandKnows();
     void verify_tellsTheFirstDifference();
     void verify_refusesAnotherForm();
 
@@ -401,10 +406,95 @@ void tst_Tovelmix::help_isPrinted_whenAsked()
 {
     const Run run = tovelmix({"--help"});
     QCOMPARE(run.status, 0);
-    QVERIFY(run.output.contains("--seconds <S>"));
+    QVERIFY(run.output.contains("tovelmix render SESSION.json"));
+    QVERIFY(run.output.contains("--verbose"));
     const Run version = tovelmix({"--version"});
     QCOMPARE(version.status, 0);
     QVERIFY2(version.output.contains("version 3.20.4.1"), qPrintable(version.output));
+}
+
+void tst_Tovelmix::help_showsTheOptionsOfItsCommand_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QStringList>("shown");
+    QTest::addColumn<QStringList>("absent");
+    QTest::newRow("render") << "render" << QStringList{"--out", "--json", "--picture", "--force"}
+                            << QStringList{"--device", "--seconds", "--take", "tovelmix play"};
+    QTest::newRow("record") << "record"
+                            << QStringList{"--input", "--backend", "--in INPUT", "--channels"}
+                            << QStringList{"--picture", "--through", "--force"};
+    QTest::newRow("verify") << "verify" << QStringList{"--in", "--take"}
+                            << QStringList{"--out", "--seconds"};
+}
+
+void tst_Tovelmix::help_showsTheOptionsOfItsCommand()
+{
+    QFETCH(QString, command);
+    QFETCH(QStringList, shown);
+    QFETCH(QStringList, absent);
+    const Run run = tovelmix({command, "--help"});
+    QCOMPARE(run.status, 0);
+    for (const QString &text : shown)
+        QVERIFY2(run.output.contains(text), qPrintable(text + " is missing in\n" + run.output));
+    for (const QString &text : absent)
+        QVERIFY2(!run.output.contains(text), qPrintable(text + " stands in\n" + run.output));
+    for (const QString &line : run.output.split('\n'))
+        QVERIFY2(line.size() <= 80, qPrintable(line));
+}
+
+void tst_Tovelmix::manual_hasTheTextOfTheHelp()
+{
+    QString manual = tovelmix({"--manual"}).output;
+    QVERIFY(manual.startsWith(".TH TOVELMIX 1\n"));
+    manual.replace("\\-", "-");
+    for (const char *command : {"devices", "play", "record", "render", "monitor", "verify"}) {
+        const QString help = tovelmix({command, "--help"}).output;
+        QVERIFY2(manual.contains(help.section('\n', 1, 1)), command);
+        int options = 0;
+        for (const QString &line : help.split('\n')) {
+            if (!line.startsWith("  --"))
+                continue;
+            ++options;
+            QVERIFY2(manual.contains(".B " + line.trimmed().section("  ", 0, 0).section(' ', 0, 0)),
+                     qPrintable(line));
+        }
+        QVERIFY2(options >= 3, command);
+    }
+}
+
+void tst_Tovelmix::completion_offersWhatACommandKnows_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("offers");
+    QTest::newRow("a command") << "ren"
+                               << "render";
+    QTest::newRow("several commands") << "re"
+                                      << "record render";
+    QTest::newRow("an option") << "render --pi"
+                               << "--picture";
+    QTest::newRow("an option of another command") << "render --dev"
+                                                  << "";
+    QTest::newRow("options of both uses") << "record --in"
+                                          << "--input --in";
+}
+
+void tst_Tovelmix::completion_offersWhatACommandKnows()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, offers);
+    const QString script = file("completion");
+    QFile out(script);
+    QVERIFY(out.open(QIODevice::WriteOnly));
+    out.write(tovelmix({"--completion"}).output.toUtf8());
+    out.close();
+    QProcess bash;
+    bash.start("bash", {"-c", QString("source %1; COMP_WORDS=(tovelmix %2); "
+                                      "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tovelmix; "
+                                      "echo \"${COMPREPLY[*]}\"")
+                                  .arg(script, words)});
+    const Run run = finish(bash);
+    QCOMPARE(run.errors, QString());
+    QCOMPARE(run.output.trimmed(), offers);
 }
 
 void tst_Tovelmix::verify_tellsTheFirstDifference()
