@@ -116,7 +116,7 @@ elseif(APPLE)
 else()
   add_sound_system(__LINUX_ALSA__ alsa)
   add_sound_system(__UNIX_JACK__ jack)
-  add_sound_system(__LINUX_PULSE__ libpulse-simple)
+  add_sound_system(QTOVELMIXER_PULSE libpulse)
 endif()
 
 # Its warnings are not ours to mend. What its own threads share without synchronisation is hidden

@@ -283,6 +283,17 @@ void SoundServer::endMain(int signal)
         m_programs.back()->end(signal);
 }
 
+QStringList PulseControl::commonArguments(const Sink &sink)
+{
+    QStringList arguments{
+        QStringLiteral("sink_name=%1").arg(sink.name), QStringLiteral("format=float32le"),
+        QStringLiteral("rate=%1").arg(sink.rate), QStringLiteral("channels=%1").arg(sink.channels),
+        QStringLiteral("sink_properties=device.description=%1").arg(sink.description)};
+    if (!sink.map.isEmpty())
+        arguments.append(QStringLiteral("channel_map=") + sink.map);
+    return arguments;
+}
+
 int PulseControl::loadSink(const Sink &sink)
 {
     QString output;
@@ -359,12 +370,8 @@ bool PulseServer::start()
 
 QStringList PulseServer::sinkArguments(const Sink &sink) const
 {
-    return {QStringLiteral("sink_name=%1").arg(sink.name),
-            QStringLiteral("format=float32le"),
-            QStringLiteral("rate=%1").arg(sink.rate),
-            QStringLiteral("channels=%1").arg(sink.channels),
-            QStringLiteral("norewinds=%1").arg(m_prompt ? 1 : 0),
-            QStringLiteral("sink_properties=device.description=%1").arg(sink.description)};
+    return commonArguments(sink) +
+           QStringList{QStringLiteral("norewinds=%1").arg(m_prompt ? 1 : 0)};
 }
 
 AlsaServer::AlsaServer(const QList<Sink> &sinks) : PulseServer(sinks)
@@ -446,10 +453,7 @@ bool PipeWireServer::forceQuantum(int frames)
 
 QStringList PipeWireServer::sinkArguments(const Sink &sink) const
 {
-    return {QStringLiteral("sink_name=%1").arg(sink.name), QStringLiteral("format=float32le"),
-            QStringLiteral("rate=%1").arg(sink.rate),
-            QStringLiteral("channels=%1").arg(sink.channels),
-            QStringLiteral("sink_properties=device.description=%1").arg(sink.description)};
+    return commonArguments(sink);
 }
 
 // Servers share memory that knows eight of them by name, also those that were killed, until one of

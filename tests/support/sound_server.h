@@ -127,6 +127,7 @@ public:
         QString description;
         int rate = 48000;
         int channels = 2;
+        QString map = {}; ///< names of the channels with commas between; empty: the server's own
     };
 
     /// Loads a sink without hardware, which passes every float to its monitor as it is. Answers
@@ -139,6 +140,8 @@ public:
 
 protected:
     virtual QStringList sinkArguments(const Sink &sink) const = 0;
+    /// What every such server understands.
+    static QStringList commonArguments(const Sink &sink);
 };
 
 /// A PulseAudio server with the sinks given.

@@ -10,6 +10,7 @@ class tst_RtAudioJack : public QObject
 
 private slots:
     void device_isListed();
+    void update_adoptsNewPorts();
     void stream_takesTheServersRateAndSize_data();
     void stream_takesTheServersRateAndSize();
     void ramp_arrivesWhole_overAConnectionToItself_data();
@@ -30,6 +31,32 @@ void tst_RtAudioJack::device_isListed()
     QVERIFY(device->isDefaultInput());
     QVERIFY(device->isDefaultOutput());
     QCOMPARE(device->sampleRates(), QList<unsigned>{44100});
+}
+
+// A client that comes back under its name may have other ports.
+void tst_RtAudioJack::update_adoptsNewPorts()
+{
+    JackServer server;
+    QVERIFY2(server.start(), qPrintable(server.report()));
+    RtAudioSession session(Jack, RtAudioSession::Playback);
+    QTovelMixerApiRtAudio other(Jack, QStringLiteral("other"), {}, 512);
+    QVERIFY(other.updateDeviceList());
+    QTovelMixer::Device *system = other.defaultDevice(DeviceKind::Output);
+    const auto ports = [&session](DeviceKind kind) {
+        session.api->updateDeviceList();
+        QTovelMixer::Device *device = session.device(kind, QStringLiteral("other"));
+        return device ? std::pair(device->numInputChannels(), device->numOutputChannels())
+                      : std::pair(0u, 0u);
+    };
+    QVERIFY(other.open(system, nullptr, 48000));
+    QCOMPARE(ports(DeviceKind::Input), std::pair(2u, 0u));
+    QVERIFY(other.close());
+    QVERIFY(other.open(system, system, 48000));
+    QCOMPARE(ports(DeviceKind::Input), std::pair(2u, 2u));
+    QVERIFY(other.close());
+    QVERIFY(other.open(nullptr, system, 48000));
+    QCOMPARE(ports(DeviceKind::Output), std::pair(0u, 2u));
+    QVERIFY(other.close());
 }
 
 void tst_RtAudioJack::stream_takesTheServersRateAndSize_data()

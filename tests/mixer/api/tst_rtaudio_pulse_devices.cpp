@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "rtaudio_fixture.h"
 
+#include <mixer/api/rtaudio_device.h>
 #include <support/log_capture.h>
 
 using QTovelMixer::Device;
@@ -24,6 +25,8 @@ private slots:
     void defaults_followTheServer();
     void storedIdentity_findsItsDevice_afterNumbersChanged();
     void device_thatIsGone_doesNotOpen();
+    void device_thatWasReplaced_opensAsItIs();
+    void device_tellsWhatItIs();
 
 private:
     int load(const char *name)
@@ -311,6 +314,53 @@ void tst_RtAudioPulseDevices::device_thatIsGone_doesNotOpen()
     QVERIFY(session.play());
     QCOMPARE(playedSink(), QStringLiteral("null2"));
     QVERIFY(session.rest());
+}
+
+// A headset that changes its profile keeps its name.
+void tst_RtAudioPulseDevices::device_thatWasReplaced_opensAsItIs()
+{
+    const QString name = QStringLiteral("null3");
+    RtAudioSession session(Pulse, RtAudioSession::Playback);
+    Engine &engine = *session.engine;
+    for (const int channels : {2, 6, 1, 8}) {
+        const int module = m_server->loadSink({name, name.toUpper(), 48000, channels});
+        QVERIFY(module >= 0);
+        QVERIFY(session.timed([&] { return session.api->updateDeviceList(); }));
+        Device *device = session.device(DeviceKind::Output, name.toUpper());
+        QVERIFY(device);
+        QCOMPARE(device->numOutputChannels(), unsigned(channels));
+        QVERIFY(engine.open(device, nullptr, 48000));
+        QCOMPARE(engine.numOutputChannels(), unsigned(channels));
+        QVERIFY(session.api->close());
+        QVERIFY(m_server->unload(module));
+    }
+}
+
+void tst_RtAudioPulseDevices::device_tellsWhatItIs()
+{
+#if defined(QTOVELMIXER_CARRIED_RTAUDIO)
+    using Names = std::vector<std::string>;
+    QVERIFY(m_server->loadSink({QStringLiteral("quad"), QStringLiteral("QUAD"), 48000, 4,
+                                QStringLiteral("front-left,front-right,rear-left,rear-right")}) >=
+            0);
+    RtAudioSession session(Pulse, RtAudioSession::Duplex);
+    QVERIFY(session.api->updateDeviceList());
+    const auto info = [&session](DeviceKind kind, const char *name) {
+        auto *device = dynamic_cast<QTovelMixerRtAudioDevice *>(
+            session.device(kind, QString::fromLatin1(name)));
+        return device ? device->info() : RtAudio::DeviceInfo();
+    };
+    const RtAudio::DeviceInfo sink = info(DeviceKind::Output, "QUAD");
+    QVERIFY(!sink.isMonitor);
+    QCOMPARE(sink.outputChannelNames,
+             (Names{"front-left", "front-right", "rear-left", "rear-right"}));
+    QVERIFY(sink.inputChannelNames.empty());
+    const RtAudio::DeviceInfo monitor = info(DeviceKind::Input, "Monitor of QUAD");
+    QVERIFY(monitor.isMonitor);
+    QCOMPARE(monitor.inputChannelNames, sink.outputChannelNames);
+#else
+    QSKIP("the system's RtAudio does not tell");
+#endif
 }
 
 RTAUDIO_TEST_MAIN(tst_RtAudioPulseDevices)
