@@ -5,6 +5,7 @@
 #include <base/trace_p.h>
 #include <mixer/api/rtaudio_device.h>
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QThread>
 
@@ -123,7 +124,9 @@ QTovelMixerApiRtAudio::QTovelMixerApiRtAudio(QTovelMixer::Backend backend,
                                              unsigned int bufferFrames)
     : QTovelMixerApiRtAudio(backend, QTovelMixer::convertBackendToString(backend), options,
                             bufferFrames)
-{}
+{
+    r->named = false;
+}
 
 QTovelMixerApiRtAudio::~QTovelMixerApiRtAudio()
 {
@@ -234,7 +237,10 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
         clamp(input);
     }
     opening->frames = frames;
-    opening->options.streamName = name().toStdString();
+    // What users see in their volume control.
+    const QString application = QCoreApplication::applicationName();
+    opening->options.streamName =
+        (r->named || application.isEmpty() ? name() : application).toStdString();
     opening->options.flags =
         (r->options.testFlag(ScheduleRealtime) ? RTAUDIO_SCHEDULE_REALTIME : 0u) |
         (r->options.testFlag(MinimizeLatency) ? RTAUDIO_MINIMIZE_LATENCY : 0u);

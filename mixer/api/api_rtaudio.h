@@ -55,12 +55,13 @@ public:
     };
 
     /// `backend`: the interface; Auto takes the preferred one, NoBackend and File leave the choice
-    /// to RtAudio. `bufferFrames`: the block asked for, 32 to 4096 frames; the interface may give
-    /// another. Errors: one log line, and `backend()` is NoBackend, when RtAudio was not compiled
-    /// with the interface or fails; every operation is then refused.
+    /// to RtAudio. `name`: also what sound servers show users. `bufferFrames`: the block asked for,
+    /// 32 to 4096 frames; the interface may give another. Errors: one log line, and `backend()` is
+    /// NoBackend, when RtAudio was not compiled with the interface or fails; every operation is
+    /// then refused.
     QTovelMixerApiRtAudio(QTovelMixer::Backend backend, const QString &name,
                           const QFlags<Option> &options, unsigned int bufferFrames);
-    /// The same, under the name of the backend.
+    /// The same, under the name of the backend. Sound servers show users the application's name.
     QTovelMixerApiRtAudio(QTovelMixer::Backend backend, const QFlags<Option> &options,
                           unsigned int bufferFrames);
     ~QTovelMixerApiRtAudio() override;

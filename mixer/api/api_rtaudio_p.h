@@ -56,6 +56,7 @@ struct QTOVELMIXER_HIDDEN QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer
     std::atomic<qint32> closing{0};
     std::atomic<qint32> callbacksInFlight{0};
     QFlags<Option> options;
+    bool named = true; ///< the host gave a name
 
     qint64 timeLost = 0; ///< ms spent on calls that did not come back, since the event loop turned
     /// Instances that were left to themselves, and since when.

@@ -19,6 +19,7 @@ private slots:
     void ramp_arrivesWhole_fromTheMonitor_data();
     void ramp_arrivesWhole_fromTheMonitor();
     void firstClient_isNotStopped_onASinkThatRests();
+    void client_bearsTheNameOfItsHost();
 };
 
 void tst_RtAudioPulse::devices_areListed()
@@ -135,6 +136,32 @@ void tst_RtAudioPulse::firstClient_isNotStopped_onASinkThatRests()
     QCOMPARE(session.failures, 0);
     QCOMPARE(session.stops, 0);
     QVERIFY(session.rest());
+}
+
+void tst_RtAudioPulse::client_bearsTheNameOfItsHost()
+{
+    PulseServer server(PulseServer::oneSink());
+    QVERIFY2(server.start(), qPrintable(server.report()));
+    const auto isShown = [&server](const QString &client) {
+        QString clients;
+        server.run(QStringLiteral("pactl"), {QStringLiteral("list"), QStringLiteral("clients")},
+                   &clients);
+        return clients.contains(QStringLiteral("application.name = \"%1\"").arg(client));
+    };
+    QCoreApplication::setApplicationName(QStringLiteral("An Editor"));
+    const auto open = [](QTovelMixerApiRtAudio &api) {
+        return api.updateDeviceList() &&
+               api.open(api.defaultDevice(DeviceKind::Output), nullptr, 48000);
+    };
+    {
+        QTovelMixerApiRtAudio unnamed(Pulse, {}, 512);
+        QVERIFY(open(unnamed));
+        QVERIFY(isShown(QStringLiteral("An Editor")));
+    }
+    QTovelMixerApiRtAudio named(Pulse, QStringLiteral("Second Output"), {}, 512);
+    QVERIFY(open(named));
+    QVERIFY(isShown(QStringLiteral("Second Output")));
+    QVERIFY(!isShown(QStringLiteral("An Editor")));
 }
 
 RTAUDIO_TEST_MAIN(tst_RtAudioPulse)
