@@ -190,6 +190,7 @@ bool PulseStream::start()
         return false;
     m_time = 0.0;
     m_inputSamples = 0;
+    m_outputLeft = 0;
     m_early.clear();
     m_inputLost = false;
     m_outputDry = false;
@@ -276,13 +277,8 @@ void PulseStream::schedule()
 void PulseStream::pump()
 {
     while (m_running) {
-        if (m_output.stream) {
-            const size_t room = pa_stream_writable_size(m_output.stream);
-            if (room == size_t(-1))
-                return lose(lastError());
-            if (room < m_output.block.size() * sizeof(float))
-                return;
-        }
+        if (m_output.stream && !giveOutput())
+            return;
         if (m_input.stream && !takeInput())
             return;
         const int answer = m_user.streamBlock(m_output.stream ? m_output.block.data() : nullptr,
@@ -291,8 +287,10 @@ void PulseStream::pump()
         m_inputLost = false;
         m_outputDry = false;
         m_time += double(m_format.frames) / m_format.rate;
-        if (answer != 2 && m_output.stream && !giveOutput())
-            return lose(lastError());
+        if (m_output.stream && answer != 2)
+            m_outputLeft = m_output.block.size();
+        if (answer == 1)
+            write(m_outputLeft);
         if (answer != 0)
             end(answer == 1);
     }
@@ -338,11 +336,32 @@ bool PulseStream::takeInput()
     return true;
 }
 
+// The server's room need not be a whole number of blocks, and it begins to play when there is none
+// left. True when the last block is handed over and there is room for some of the next.
 bool PulseStream::giveOutput()
 {
-    return pa_stream_write(m_output.stream, m_output.block.data(),
-                           m_output.block.size() * sizeof(float), nullptr, 0,
-                           PA_SEEK_RELATIVE) >= 0;
+    const size_t room = pa_stream_writable_size(m_output.stream);
+    if (room == size_t(-1)) {
+        lose(lastError());
+        return false;
+    }
+    const size_t samples = room / sizeof(float) / m_output.channels * m_output.channels;
+    const size_t written = std::min(samples, m_outputLeft);
+    return write(written) && m_outputLeft == 0 && written < samples;
+}
+
+bool PulseStream::write(size_t samples)
+{
+    if (samples == 0)
+        return true;
+    const float *rest = m_output.block.data() + (m_output.block.size() - m_outputLeft);
+    if (pa_stream_write(m_output.stream, rest, samples * sizeof(float), nullptr, 0,
+                        PA_SEEK_RELATIVE) < 0) {
+        lose(lastError());
+        return false;
+    }
+    m_outputLeft -= samples;
+    return true;
 }
 
 } // namespace QTovelMixer

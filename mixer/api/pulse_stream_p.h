@@ -82,6 +82,7 @@ private:
     void pump();
     bool takeInput();
     bool giveOutput();
+    bool write(size_t samples);
     void end(bool drained);
     void lose(const std::string &text);
     std::string lastError() const { return pa_strerror(pa_context_errno(m_connection.context())); }
@@ -93,6 +94,7 @@ private:
     std::string m_reason;
     double m_time = 0.0;        ///< seconds since the start
     size_t m_inputSamples = 0;  ///< of the next block that are there
+    size_t m_outputLeft = 0;    ///< samples of the last block that the server had no room for
     std::vector<float> m_early; ///< what came with them of the blocks after it
     bool m_running = false;
     bool m_lost = false;

@@ -30,7 +30,6 @@ void RtAudioInstance::beginStream(unsigned rate)
     m_warnings = 0;
     m_warningsAtBlock = 0;
     m_failed = false;
-    m_lost = false;
     m_endAsked = false;
     m_audioThread = 0;
     m_policy = -1;

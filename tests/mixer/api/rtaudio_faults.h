@@ -26,6 +26,7 @@ struct Fault
     std::function<void()> afterwards = {}; ///< once the outcome is known
     std::function<bool()> heal = {};       ///< brings the server back
     int failures = 1;                      ///< reported, when lost
+    int mayFollow = 0;                     ///< more of them, of what comes afterwards
     bool leavesThread = false;             ///< what is stuck for good cannot be brought back
 };
 
@@ -129,12 +130,11 @@ inline void runFault(QTovelMixer::Backend backend, const Fault &fault, unsigned 
     QVERIFY(session.openDefaults());
     QVERIFY(session.play());
     QVERIFY(session.rest());
-    const int told = fault.outcome == Fault::Lost ? fault.failures : 0;
+    const int most = fault.outcome == Fault::Lost ? fault.failures + fault.mayFollow : 0;
     // A start that is refused has told of the loss as well.
-    if (fault.state == Fault::Open)
-        QVERIFY2(session.failures <= told, qPrintable(QString::number(session.failures)));
-    else
-        QCOMPARE(session.failures, told);
+    const int least = fault.outcome == Fault::Lost && fault.state != Fault::Open ? fault.failures : 0;
+    QVERIFY2(session.failures >= least && session.failures <= most,
+             qPrintable(QStringLiteral("%1 failures").arg(session.failures)));
     QVERIFY2(TimedApplication::longest <= longestHold,
              qPrintable(QStringLiteral("held for %1 ms").arg(TimedApplication::longest)));
     if (!fault.leavesThread)

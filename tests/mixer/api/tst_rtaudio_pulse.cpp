@@ -75,7 +75,8 @@ void tst_RtAudioPulse::stream_opens_inEveryDirection()
     QCOMPARE(session.engine->numOutputChannels(), direction == RtAudioSession::Capture ? 0u : 2u);
     QCOMPARE(session.engine->numInputChannels(), direction == RtAudioSession::Playback ? 0u : 2u);
     QVERIFY(session.play());
-    QCOMPARE(session.api->streamStatus().schedulingClass, QTovelMixerApiRtAudio::NormalScheduling);
+    QTRY_COMPARE(session.api->streamStatus().schedulingClass,
+                 QTovelMixerApiRtAudio::NormalScheduling);
     QVERIFY(session.rest());
     QCOMPARE(session.failures, 0);
 }
