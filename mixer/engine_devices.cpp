@@ -338,6 +338,7 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
             d->numOutputChannels = d->api->numOutputChannels();
             d->blockFrames = d->api->bufferFrames();
             ++d->streamGeneration;
+            d->isLossTold = false;
             d->rebuildBuses(outputDevice, inputDevice);
             const int rate = int(this->sampleRate());
             const MeterConfig inputConfig =

@@ -215,6 +215,10 @@ void Engine::onApiDeviceFailure()
                     "QTovelMixer::onApiDeviceFailure: Another device was opened since, ignored");
         return;
     }
+    if (reporter && d->isLossTold) {
+        BLDEBUG_Log(-1, "QTovelMixer::onApiDeviceFailure: This loss was told before, ignored");
+        return;
+    }
     const bool busy = d->active && d->running;
     const bool wasPlaying = busy && d->sourceCount > 0;
     const bool wasCapturing = busy && d->sourceCount == 0 && d->sinkCount > 0;

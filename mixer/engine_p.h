@@ -299,6 +299,7 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     unsigned choices = 0;        ///< raised by whatever opens or closes devices for the host
     int apiRefs = 0;
     unsigned streamGeneration = 0; ///< raised by every open and close, so that late calls see it
+    bool isLossTold = false;       ///< the host knows that the device opened last is lost
     std::atomic<unsigned> sourceCount{0};
     std::atomic<unsigned> sinkCount{0};
     std::atomic<int> streamUsers{0};

@@ -223,8 +223,11 @@ bool Engine::isStreaming() const
 void Engine::Data::reportLostStream()
 {
     callLater("onApiDeviceFailure", [this, generation = streamGeneration] {
-        if (generation == streamGeneration && active && !apiRunning())
-            engine->onApiDeviceFailure();
+        if (generation != streamGeneration || !active || apiRunning())
+            return;
+        // The backend may have seen the same: its report comes later.
+        isLossTold = true;
+        engine->onApiDeviceFailure();
     });
 }
 

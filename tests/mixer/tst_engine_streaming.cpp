@@ -52,6 +52,8 @@ private slots:
     void failedActivate_isRepairedByActivate();
     void stream_thatDoesNotStart_isADeviceFailure();
     void stream_thatDoesNotStart_isNoPlayback();
+    void stream_thatDoesNotStart_isToldOnce_data();
+    void stream_thatDoesNotStart_isToldOnce();
     void stream_thatDoesNotStart_isToldOfASelect();
     void stream_thatStartsAtTheSecondAttempt_isNoFailure();
     void streaming_keepsTheStreamOpen_withoutUsers();
@@ -239,6 +241,40 @@ void tst_EngineStreaming::stream_thatDoesNotStart_isNoPlayback()
     QCOMPARE(session.count("deviceFailed"), 1);
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 2);
+}
+
+void tst_EngineStreaming::stream_thatDoesNotStart_isToldOnce_data()
+{
+    QTest::addColumn<bool>("backendIsFirst");
+    QTest::newRow("the backend tells first") << true;
+    QTest::newRow("the start fails first") << false;
+}
+
+// The start fails because the device is gone, which the backend tells as well.
+void tst_EngineStreaming::stream_thatDoesNotStart_isToldOnce()
+{
+    QFETCH(bool, backendIsFirst);
+    Session session;
+    int deactivations = 0;
+    connect(&session.engine, &Engine::deactivated, this, [&] { ++deactivations; });
+    session.api->failStart = true;
+    if (backendIsFirst)
+        session.api->reportDeviceFailure();
+    QVERIFY(session.addRamp(48000, 20.0));
+    if (!backendIsFirst)
+        session.api->reportDeviceFailure();
+    QTRY_COMPARE(session.count("stopped"), 1);
+    QCoreApplication::processEvents();
+    QCOMPARE(session.count("deviceFailed"), 1);
+    QCOMPARE(deactivations, 1);
+
+    // What befalls the next device is news.
+    session.api->failStart = false;
+    session.api->rearmDeviceFailure();
+    session.engine.activate();
+    session.api->reportDeviceFailure();
+    QTRY_COMPARE(session.count("deviceFailed"), 2);
+    session.checkAtRest();
 }
 
 void tst_EngineStreaming::stream_thatDoesNotStart_isToldOfASelect()
