@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/api/pulse_connection_p.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace QTovelMixer {
@@ -8,10 +9,10 @@ namespace QTovelMixer {
 PulseConnection::~PulseConnection()
 {
     halt();
-    if (m_context) {
-        pa_context_set_state_callback(m_context, nullptr, nullptr);
-        pa_context_disconnect(m_context);
-        pa_context_unref(m_context);
+    for (pa_context *context : m_contexts) {
+        pa_context_set_state_callback(context, nullptr, nullptr);
+        pa_context_disconnect(context);
+        pa_context_unref(context);
     }
     if (m_loop)
         pa_threaded_mainloop_free(m_loop);
@@ -19,18 +20,13 @@ PulseConnection::~PulseConnection()
 
 bool PulseConnection::open(const std::string &client, int timeout)
 {
+    m_client = client;
     m_loop = pa_threaded_mainloop_new();
-    if (m_loop)
-        m_context = pa_context_new(pa_threaded_mainloop_get_api(m_loop), client.c_str());
-    if (!m_context) {
-        m_reason = "out of memory";
+    pa_context *const context = connect();
+    if (!context)
         return false;
-    }
-    pa_context_set_state_callback(m_context, &onState, this);
-    // A server is never started from here: that would copy the host's process.
-    if (pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0 ||
-        pa_threaded_mainloop_start(m_loop) < 0) {
-        m_reason = pa_strerror(pa_context_errno(m_context));
+    if (pa_threaded_mainloop_start(m_loop) < 0) {
+        m_reason = "no thread for the connection";
         return false;
     }
     m_started = true;
@@ -40,10 +36,39 @@ bool PulseConnection::open(const std::string &client, int timeout)
         connection.m_expired = true;
         connection.wake();
     };
-    pa_context_rttime_new(m_context, pa_rtclock_now() + pa_usec_t(timeout) * PA_USEC_PER_MSEC,
-                          expire, this);
-    m_ready = wait([this] { return pa_context_get_state(m_context) == PA_CONTEXT_READY; });
+    pa_context_rttime_new(context, pa_rtclock_now() + pa_usec_t(timeout) * PA_USEC_PER_MSEC, expire,
+                          this);
+    m_ready = waitForReady(context);
     return m_ready;
+}
+
+pa_context *PulseConnection::openAnother()
+{
+    pa_context *const context = connect();
+    return context && waitForReady(context) ? context : nullptr;
+}
+
+pa_context *PulseConnection::connect()
+{
+    pa_context *const context =
+        m_loop ? pa_context_new(pa_threaded_mainloop_get_api(m_loop), m_client.c_str()) : nullptr;
+    if (!context) {
+        m_reason = "out of memory";
+        return nullptr;
+    }
+    m_contexts.push_back(context);
+    pa_context_set_state_callback(context, &onState, this);
+    // A server is never started from here: that would copy the host's process.
+    if (pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        m_reason = pa_strerror(pa_context_errno(context));
+        return nullptr;
+    }
+    return context;
+}
+
+bool PulseConnection::waitForReady(pa_context *context)
+{
+    return wait([context] { return pa_context_get_state(context) == PA_CONTEXT_READY; });
 }
 
 void PulseConnection::onState(pa_context *context, void *self)
@@ -59,7 +84,10 @@ void PulseConnection::onState(pa_context *context, void *self)
 
 bool PulseConnection::isGood() const
 {
-    return m_context && PA_CONTEXT_IS_GOOD(pa_context_get_state(m_context));
+    return !m_contexts.empty() &&
+           std::all_of(m_contexts.begin(), m_contexts.end(), [](pa_context *context) {
+               return PA_CONTEXT_IS_GOOD(pa_context_get_state(context));
+           });
 }
 
 std::string PulseConnection::reason() const
@@ -67,7 +95,7 @@ std::string PulseConnection::reason() const
     if (!m_reason.empty())
         return m_reason;
     return m_expired ? "the sound server does not answer"
-                     : pa_strerror(pa_context_errno(m_context));
+                     : pa_strerror(pa_context_errno(context()));
 }
 
 bool PulseConnection::waitFor(pa_operation *operation)

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace QTovelMixer {
 
@@ -42,8 +43,12 @@ public:
     /// `client`: the name that users see. All waiting, this and what follows, ends `timeout` ms
     /// from now. Errors: false, and `reason()` tells why.
     bool open(const std::string &client, int timeout);
+    /// Under the lock: one more to the same server, on the same loop, under the same name and
+    /// deadline. The connection is good while both are. Errors: null.
+    pa_context *openAnother();
 
-    pa_context *context() const { return m_context; }
+    /// The first one.
+    pa_context *context() const { return m_contexts.empty() ? nullptr : m_contexts.front(); }
     /// Called once when an open connection ends by itself. Set it while the loop is locked.
     void setLost(std::function<void()> lost) { m_lost = std::move(lost); }
 
@@ -73,10 +78,13 @@ public:
     void halt();
 
 private:
+    pa_context *connect();
+    bool waitForReady(pa_context *context);
     static void onState(pa_context *context, void *self);
 
     pa_threaded_mainloop *m_loop = nullptr;
-    pa_context *m_context = nullptr;
+    std::vector<pa_context *> m_contexts;
+    std::string m_client;
     std::function<void()> m_lost;
     std::string m_reason;
     bool m_started = false;

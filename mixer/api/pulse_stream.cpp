@@ -29,6 +29,11 @@ void keepMap(pa_context *, const Info *info, int, void *map)
         *static_cast<std::optional<pa_channel_map> *>(map) = info->channel_map;
 }
 
+std::string lastError(pa_stream *stream)
+{
+    return pa_strerror(pa_context_errno(pa_stream_get_context(stream)));
+}
+
 void discard(pa_operation *operation)
 {
     if (operation)
@@ -64,7 +69,7 @@ bool PulseStream::connect(const std::string &client, int timeout)
     if (!m_connection.open(client, timeout))
         return false;
     const PulseConnection::Lock lock(m_connection);
-    m_connection.setLost([this] { lose(lastError()); });
+    m_connection.setLost([this] { lose(m_connection.reason()); });
     return true;
 }
 
@@ -87,7 +92,8 @@ bool PulseStream::openOutput(const std::string &sink, unsigned channels)
         m_reason = m_connection.reason();
         return false;
     }
-    return openSide(m_output, "Playback", sink, channels, *map, &connectOutput);
+    return openSide(m_output, m_connection.context(), "Playback", sink, channels, *map,
+                    &connectOutput);
 }
 
 bool PulseStream::openInput(const std::string &source, unsigned channels)
@@ -104,8 +110,15 @@ bool PulseStream::openInput(const std::string &source, unsigned channels)
         m_reason = m_connection.reason();
         return false;
     }
+    // PipeWire's PulseAudio face keeps what was recorded back while the same connection plays.
+    pa_context *const context =
+        m_output.stream ? m_connection.openAnother() : m_connection.context();
+    if (!context) {
+        m_reason = m_connection.reason();
+        return false;
+    }
     m_early.reserve(largestFragment / sizeof(float));
-    return openSide(m_input, "Record", source, channels, *map, &connectInput);
+    return openSide(m_input, context, "Record", source, channels, *map, &connectInput);
 }
 
 int PulseStream::connectOutput(PulseStream &self, const std::string &device, pa_stream *stream,
@@ -142,8 +155,9 @@ int PulseStream::connectInput(PulseStream &self, const std::string &device, pa_s
 }
 
 // The loop is locked.
-bool PulseStream::openSide(Side &side, const char *name, const std::string &device,
-                           unsigned channels, const pa_channel_map &map, Connect connectTo)
+bool PulseStream::openSide(Side &side, pa_context *context, const char *name,
+                           const std::string &device, unsigned channels, const pa_channel_map &map,
+                           Connect connectTo)
 {
     const pa_channel_map asked = firstChannels(map, channels);
     pa_sample_spec format = {};
@@ -156,9 +170,9 @@ bool PulseStream::openSide(Side &side, const char *name, const std::string &devi
     }
     side.channels = channels;
     side.block.resize(size_t(m_format.frames) * channels);
-    side.stream = pa_stream_new(m_connection.context(), name, &format, &asked);
+    side.stream = pa_stream_new(context, name, &format, &asked);
     if (!side.stream) {
-        m_reason = lastError();
+        m_reason = pa_strerror(pa_context_errno(context));
         return false;
     }
     pa_stream_set_state_callback(
@@ -167,7 +181,7 @@ bool PulseStream::openSide(Side &side, const char *name, const std::string &devi
             auto &self = *static_cast<PulseStream *>(user);
             self.m_connection.wake();
             if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream)))
-                self.lose(self.lastError());
+                self.lose(lastError(stream));
         },
         this);
     const auto flags = pa_stream_flags_t(PA_STREAM_START_CORKED | PA_STREAM_ADJUST_LATENCY |
@@ -317,7 +331,7 @@ bool PulseStream::takeInput()
         const void *data = nullptr;
         size_t bytes = 0;
         if (pa_stream_peek(m_input.stream, &data, &bytes) < 0) {
-            lose(lastError());
+            lose(lastError(m_input.stream));
             return false;
         }
         if (bytes == 0)
@@ -342,7 +356,7 @@ bool PulseStream::giveOutput()
 {
     const size_t room = pa_stream_writable_size(m_output.stream);
     if (room == size_t(-1)) {
-        lose(lastError());
+        lose(lastError(m_output.stream));
         return false;
     }
     const size_t samples = room / sizeof(float) / m_output.channels * m_output.channels;
@@ -357,7 +371,7 @@ bool PulseStream::write(size_t samples)
     const float *rest = m_output.block.data() + (m_output.block.size() - m_outputLeft);
     if (pa_stream_write(m_output.stream, rest, samples * sizeof(float), nullptr, 0,
                         PA_SEEK_RELATIVE) < 0) {
-        lose(lastError());
+        lose(lastError(m_output.stream));
         return false;
     }
     m_outputLeft -= samples;

@@ -71,8 +71,8 @@ private:
 
     using Connect = int (*)(PulseStream &self, const std::string &device, pa_stream *stream,
                             pa_stream_flags_t flags);
-    bool openSide(Side &side, const char *name, const std::string &device, unsigned channels,
-                  const pa_channel_map &map, Connect connectTo);
+    bool openSide(Side &side, pa_context *context, const char *name, const std::string &device,
+                  unsigned channels, const pa_channel_map &map, Connect connectTo);
     static int connectOutput(PulseStream &self, const std::string &device, pa_stream *stream,
                              pa_stream_flags_t flags);
     static int connectInput(PulseStream &self, const std::string &device, pa_stream *stream,
@@ -85,7 +85,6 @@ private:
     bool write(size_t samples);
     void end(bool drained);
     void lose(const std::string &text);
-    std::string lastError() const { return pa_strerror(pa_context_errno(m_connection.context())); }
 
     PulseStreamUser &m_user;
     const Format m_format;

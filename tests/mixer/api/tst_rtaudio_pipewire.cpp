@@ -28,6 +28,8 @@ void tst_RtAudioPipeWire::ramp_arrivesWhole_fromTheMonitor()
     const Arrival arrival(session.take->samples(), 2);
     QVERIFY2(arrival.mismatch.isEmpty(), qPrintable(arrival.mismatch));
     QVERIFY(arrival.frames > 48000);
+    // A machine under load may leave the server hungry now and then, not in every tenth block.
+    QVERIFY2(arrival.gaps < arrival.frames / 20, qPrintable(QString::number(arrival.gaps)));
     qInfo(
         "RAMP | PipeWire | 48000 Hz | 512 frames | 2 channels | %lld frames, none lost or doubled, "
         "%lld frames of silence between | arrives after %lld frames",
