@@ -8,6 +8,9 @@
 #include <QtCore/QSemaphore>
 #include <QtTest/QTest>
 
+#include <algorithm>
+#include <atomic>
+
 using namespace QTovelMixer;
 
 namespace {
@@ -46,6 +49,34 @@ public:
     std::atomic<qint64> written{0};
 };
 
+/// Material that a host changes, or takes its time to read.
+class EditedSource : public RampSource
+{
+public:
+    using RampSource::RampSource;
+    ~EditedSource() override
+    {
+        isSlow = false;
+        mayRead.release(1000);
+        stop(NoReason);
+        wait();
+    }
+    int readSamples(float *buffer, int frames, int channels, double) override
+    {
+        if (isSlow) {
+            reading.release();
+            mayRead.acquire();
+        }
+        std::fill_n(buffer, frames * channels, level.load());
+        framesRead += frames;
+        return frames;
+    }
+    std::atomic<float> level{1.0f};
+    std::atomic<bool> isSlow{false};
+    QSemaphore reading;
+    QSemaphore mayRead;
+};
+
 } // namespace
 
 class tst_EngineSurprises : public QObject
@@ -66,6 +97,10 @@ private slots:
     void mask_isLost_beyond32Outputs();
     void mask_staysOnItsRow_whenAnEarlierSourceLeaves();
     void start_movesARangeToo();
+    void start_waitsOnceOnly();
+    void edit_isHeard_afterTheRing_data();
+    void edit_isHeard_afterTheRing();
+    void defaultDevice_changesWithoutItsSignal();
     void inputMeter_isThere_withoutAnInput();
     void limits_areReplaced_bySourcesThatReachBeyond();
     void sinkStop_dropsTheRing();
@@ -215,6 +250,97 @@ void tst_EngineSurprises::start_movesARangeToo()
         session.stopAll();
         QTRY_COMPARE(session.count("stopped"), 1);
     }
+}
+
+// The second start has nothing to play while its read is under way, and returns all the same.
+void tst_EngineSurprises::start_waitsOnceOnly()
+{
+    Session session;
+    auto *source = new EditedSource(&session.engine, 48000, 2, 3.0);
+    QVERIFY(session.engine.addSource(source));
+    QVERIFY(session.engine.start());
+    QTRY_VERIFY(source->framesRead >= 3 * 48000);
+    session.api->output.zero();
+    session.runWithoutWaiting(1);
+    QCOMPARE(session.api->output[0], 1.0f);
+
+    source->isSlow = true;
+    QVERIFY(session.engine.start(1.0));
+    QVERIFY(source->reading.tryAcquire(1, 10000));
+    session.api->output.zero();
+    session.runWithoutWaiting(1);
+    QCOMPARE(session.api->output[0], 0.0f);
+    source->isSlow = false;
+    source->mayRead.release(1000);
+    QCOMPARE(session.run(1).back(), 1.0f);
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+void tst_EngineSurprises::edit_isHeard_afterTheRing_data()
+{
+    QTest::addColumn<bool>("isAdjusted");
+    QTest::addColumn<double>("earliest"); // s
+    QTest::addColumn<double>("latest");
+    // A full ring lacks a piece of the size that the worker reads.
+    QTest::newRow("as it is") << false << 4.9 << 8.0;
+    QTest::newRow("adjusted") << true << 0.0 << 0.11;
+}
+
+void tst_EngineSurprises::edit_isHeard_afterTheRing()
+{
+    QFETCH(bool, isAdjusted);
+    QFETCH(double, earliest);
+    QFETCH(double, latest);
+    Session session;
+    auto *source = new EditedSource(&session.engine, 48000, 2, 60.0);
+    QVERIFY(session.engine.addSource(source));
+    QVERIFY(session.engine.start());
+    QCOMPARE(session.run(1).back(), 1.0f);
+    QTRY_VERIFY2(source->framesRead >= qint64(earliest * 48000),
+                 qPrintable(QString::number(source->framesRead / 48000.0)));
+    source->level = 2.0f;
+    if (isAdjusted) {
+        source->update_lock();
+        source->adjustTime(session.engine.time(), 0.1);
+        source->update_unlock();
+    }
+    int frames = 0;
+    float heard = 1.0f;
+    while (heard == 1.0f && frames < 10 * 48000) {
+        for (const float sample : session.run(1)) {
+            if (sample != 1.0f) {
+                heard = sample;
+                break;
+            }
+            ++frames;
+        }
+    }
+    QCOMPARE(heard, 2.0f); // without a gap
+    QVERIFY2(frames >= earliest * 48000 && frames <= latest * 48000,
+             qPrintable(QString::number(frames / 48000.0)));
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+void tst_EngineSurprises::defaultDevice_changesWithoutItsSignal()
+{
+    Session session;
+    int told = 0;
+    int listChanges = 0;
+    connect(&session.engine, &Engine::defaultDeviceChanged, this, [&] { ++told; });
+    connect(session.api, &Api::deviceListChanged, this, [&] { ++listChanges; });
+    auto *before = dynamic_cast<TestDevice *>(session.engine.defaultDevice(DeviceKind::Output));
+    QVERIFY(before);
+    before->defaultOutput = false;
+    TestDevice *other = session.api->addTestDevice("Other", 0, 2);
+    other->defaultOutput = true;
+    session.engine.doDeviceListUpdate();
+    QCoreApplication::processEvents();
+    QCOMPARE(session.engine.defaultDevice(DeviceKind::Output), other);
+    QVERIFY(session.count("deviceListChanged") > 0);
+    QCOMPARE(told, 0);
+    QCOMPARE(listChanges, 0);
 }
 
 void tst_EngineSurprises::inputMeter_isThere_withoutAnInput()
