@@ -128,6 +128,7 @@ if("thread" IN_LIST QTTOVELMIXER_SANITIZE)
 endif()
 set_source_files_properties("${rtaudio_folder}/RtAudio.cpp" PROPERTIES
   SKIP_AUTOMOC ON
+  SKIP_PRECOMPILE_HEADERS ON
   COMPILE_DEFINITIONS "${rtaudio_definitions}"
   COMPILE_OPTIONS "${rtaudio_options}")
 target_include_directories(qttovelmixer SYSTEM PUBLIC "$<BUILD_INTERFACE:${rtaudio_root}>")
