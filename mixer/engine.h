@@ -155,7 +155,7 @@ public Q_SLOTS:
     virtual bool stop_mixer(bool force, QTovelMixer::Source *source,
                             QTovelMixer::StopReason stopReason);
     /// The watchdog's tick: stops the mixer, by `stop(false)`, when no block was mixed since the
-    /// last one. It leaves what only `play` has started.
+    /// last one, after `deviceStalled`. It leaves what only `play` has started.
     virtual void monitorTimeout();
 
 public:
@@ -462,6 +462,12 @@ Q_SIGNALS:
     void meterLayoutChanged();
     void updateDeviceListFailed(QString backendString);
     void deviceFailed(bool wasPlaying, bool wasCapturing, QString backendString);
+    /// The open device asks for no blocks any more, and reports no failure: a frozen sound server
+    /// does so. Emitted once per stall, by the watchdog, before it stops what plays and records;
+    /// `stopped` follows, with the reason of a host's own `stop`. When a slot opens a device, or
+    /// makes the stream start again, the watchdog leaves it at that. `position`: seconds in the
+    /// material, as `position()`.
+    void deviceStalled(double position);
 
 public:
     struct Data;

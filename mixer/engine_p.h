@@ -326,6 +326,7 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     QElapsedTimer streamClock; ///< since the stream was started
     QElapsedTimer loadClock;
     quint64 lastSeenCallbackCount = 0;
+    bool isStallTold = false; ///< of the stall at that count
     QMetaObject::Connection stoppedLink;
     QMetaObject::Connection deactivatedLink;
     QMetaObject::Connection outputEffectLink;

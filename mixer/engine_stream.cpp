@@ -130,6 +130,7 @@ void Engine::Data::startMixerApi()
                 watchdogTimer->start(int(std::max(base, blocks)));
             }
             lastSeenCallbackCount = callbackCount;
+            isStallTold = false;
             wakeTrace();
             writeText(QtInfoMsg, "Mixer Api Started!");
         } else {

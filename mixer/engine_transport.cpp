@@ -194,7 +194,16 @@ void Engine::monitorTimeout()
     const quint64 count = d->callbackCount;
     if (count != d->lastSeenCallbackCount) {
         d->lastSeenCallbackCount = count;
+        d->isStallTold = false;
         return;
+    }
+    if (!d->isStallTold) {
+        d->isStallTold = true;
+        const QPointer<Engine> alive(this);
+        const unsigned generation = d->streamGeneration;
+        emit deviceStalled(position());
+        if (!alive || generation != d->streamGeneration || !d->isStallTold)
+            return;
     }
     stop(false, StopReason::NoReason);
 }

@@ -42,6 +42,8 @@ private slots:
     void streamUsers_startAndStopTogether();
     void stream_thatFailsToStart_isReported();
     void watchdog_stopsADeadDevice();
+    void watchdog_tellsEachStallOnce();
+    void watchdog_leavesWhatTheHostOpens();
     void watchdog_letsAPulseSinkRest();
     void watchdog_intervalFollowsTheBuffer_data();
     void watchdog_intervalFollowsTheBuffer();
@@ -482,14 +484,60 @@ void tst_EngineLifecycle::watchdog_stopsADeadDevice()
     Engine::Data &data = EngineAccess::shipped(session.engine);
     QVERIFY(data.watchdogTimer->isActive());
     QCOMPARE(data.watchdogTimer->interval(), 1000);
+    QList<double> stalls;
+    connect(&session.engine, &Engine::deviceStalled, this, [&](double position) {
+        QVERIFY(data.running);
+        stalls.append(position);
+    });
     session.run(1);
     session.engine.monitorTimeout();
     QVERIFY(data.running);
+    QVERIFY(stalls.isEmpty());
     session.engine.monitorTimeout();
     QVERIFY(!data.running);
+    QCOMPARE(stalls, QList<double>{Session::blockFrames / 48000.0});
     QTRY_COMPARE(session.count("stopped"), 1);
     QCOMPARE(session.lastReason, UserStopAction);
+    session.engine.monitorTimeout();
+    QCOMPARE(stalls.size(), 1);
     session.checkAtRest();
+}
+
+// The watchdog does not stop a preview, and does not tell of its stall at every tick.
+void tst_EngineLifecycle::watchdog_tellsEachStallOnce()
+{
+    Session session;
+    int stalls = 0;
+    connect(&session.engine, &Engine::deviceStalled, this, [&] { ++stalls; });
+    QVERIFY(session.engine.play(new RampSource(&session.engine, 48000, 2, 20.0)));
+    for (int expected = 1; expected <= 2; ++expected) {
+        session.run(1);
+        for (int tick = 0; tick < 4; ++tick)
+            session.engine.monitorTimeout();
+        QCOMPARE(stalls, expected);
+    }
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
+// The host opens the next device itself, which is then not stopped for the stall of the last one.
+void tst_EngineLifecycle::watchdog_leavesWhatTheHostOpens()
+{
+    Session session;
+    Device *other = session.api->addTestDevice("Other", 0, 2);
+    session.api->updateDeviceList();
+    QVERIFY(session.addRamp(48000, 20.0));
+    QVERIFY(session.engine.start());
+    connect(&session.engine, &Engine::deviceStalled, this,
+            [&] { QVERIFY(session.engine.select(other, nullptr, 48000)); });
+    session.run(1);
+    session.engine.monitorTimeout();
+    session.engine.monitorTimeout();
+    QVERIFY(session.engine.isPlaying());
+    session.run(1);
+    QCOMPARE(session.count("stopped"), 0);
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
 }
 
 void tst_EngineLifecycle::watchdog_letsAPulseSinkRest()

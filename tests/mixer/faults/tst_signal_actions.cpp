@@ -54,6 +54,7 @@ const SignalRow signalRows[] = {
     {"meterLayoutChanged", via(&Engine::meterLayoutChanged)},
     {"updateDeviceListFailed", via(&Engine::updateDeviceListFailed)},
     {"deviceFailed", via(&Engine::deviceFailed)},
+    {"deviceStalled", via(&Engine::deviceStalled)},
 };
 
 /// A mixer on the heap, on a backend with two devices whose blocks run on a thread of their own.
@@ -157,6 +158,16 @@ void Desk::operate()
             if (add() && engine)
                 engine->start(0.0);
         },
+        [&] {
+            api->stopThread();
+            engine->monitorTimeout();
+            if (engine)
+                engine->monitorTimeout();
+        },
+        [&] {
+            if (add() && engine)
+                engine->start(0.0);
+        },
         [&] { engine->setPauseMode(PauseKeepState); },
         [&] { engine->pause(); },
         [&] {
@@ -251,7 +262,7 @@ void tst_SignalActions::table_holdsEverySignal()
     std::set<QByteArray> listed;
     for (const SignalRow &row : signalRows)
         listed.insert(row.name);
-    QCOMPARE(listed.size(), size_t(19));
+    QCOMPARE(listed.size(), size_t(20));
     QVERIFY(listed == emitted);
 }
 
