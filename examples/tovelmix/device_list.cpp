@@ -68,6 +68,7 @@ QByteArray DeviceList::json(bool compact) const
         QJsonObject object = device->toJsonObject();
         object.insert("identity", device->uniqueId());
         object.insert("preferredSampleRate", int(device->preferedSampleRate()));
+        object.insert("isMonitor", device->isMonitor());
         devices.append(object);
     }
     const QJsonDocument document(
@@ -89,6 +90,8 @@ void DeviceList::print()
             text += ", default output";
         if (device->isDefaultInput())
             text += ", default input";
+        if (device->isMonitor())
+            text += ", a monitor of an output";
         text += '\n';
     }
     tovelmix::print(text.toUtf8());

@@ -70,6 +70,26 @@ unsigned char Device::matchScore(const QString &id) const
     return id == uniqueId() ? 128 : 0;
 }
 
+bool Device::isMonitor() const
+{
+    return false;
+}
+
+QString Device::formFactor() const
+{
+    return {};
+}
+
+QString Device::bus() const
+{
+    return {};
+}
+
+QStringList Device::channelNames(DeviceKind) const
+{
+    return {};
+}
+
 Api *Device::owner() const
 {
     return m_owner;

@@ -9,6 +9,7 @@
 #include <QtCore/QJsonObject>
 #include <QtCore/QList>
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtCore/QTextStream>
 
 namespace QTovelMixer {
@@ -73,6 +74,17 @@ public:
     /// How well a remembered identity fits: 128 for the identity itself, 0 for another device,
     /// and in between what a kind of device knows of near misses. Higher is better.
     virtual unsigned char matchScore(const QString &id) const;
+    /// True when the input hears what an output of the machine plays: a policy that looks for a
+    /// microphone leaves it out. `defaultDevice` does not. False where the system does not tell.
+    virtual bool isMonitor() const;
+    /// What the device is, in the system's word: "headset", "webcam", "speaker" … Empty where
+    /// unknown.
+    virtual QString formFactor() const;
+    /// How it is attached, in the system's word: "usb", "bluetooth", "pci" … Empty where unknown.
+    virtual QString bus() const;
+    /// Which speaker or microphone each channel is, in the system's words: "front-left", "lfe",
+    /// "aux0" … One for each channel of this kind, in their order; empty where unknown.
+    virtual QStringList channelNames(DeviceKind kind) const;
 
     /// The backend that made the device.
     Api *owner() const;

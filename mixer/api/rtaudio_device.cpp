@@ -4,6 +4,8 @@
 #include <QtCore/QStringList>
 
 #include <algorithm>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -18,6 +20,13 @@ QString model(const QString &id)
 {
     return head(id, QLatin1Char('[')).split(QLatin1Char(':')).constLast().trimmed();
 }
+
+#if defined(QTOVELMIXER_CARRIED_RTAUDIO)
+QString text(const std::string &bytes)
+{
+    return QString::fromUtf8(bytes.data(), qsizetype(bytes.size()));
+}
+#endif
 
 } // namespace
 
@@ -152,3 +161,56 @@ unsigned char QTovelMixerRtAudioDevice::matchScore(const QString &id) const
         return 32;
     return model(id) == model(own) ? 16 : 0;
 }
+
+#if defined(QTOVELMIXER_CARRIED_RTAUDIO)
+
+bool QTovelMixerRtAudioDevice::isMonitor() const
+{
+    return m_info.isMonitor;
+}
+
+QString QTovelMixerRtAudioDevice::formFactor() const
+{
+    return text(m_info.formFactor);
+}
+
+QString QTovelMixerRtAudioDevice::bus() const
+{
+    return text(m_info.bus);
+}
+
+QStringList QTovelMixerRtAudioDevice::channelNames(QTovelMixer::DeviceKind kind) const
+{
+    const bool isInput = kind == QTovelMixer::DeviceKind::Input;
+    const std::vector<std::string> &known =
+        isInput ? m_info.inputChannelNames : m_info.outputChannelNames;
+    const size_t channels = isInput ? numInputChannels() : numOutputChannels();
+    QStringList names;
+    for (size_t channel = 0; channel < std::min(known.size(), channels); ++channel)
+        names.append(text(known[channel]));
+    return names;
+}
+
+#else
+
+bool QTovelMixerRtAudioDevice::isMonitor() const
+{
+    return Device::isMonitor();
+}
+
+QString QTovelMixerRtAudioDevice::formFactor() const
+{
+    return Device::formFactor();
+}
+
+QString QTovelMixerRtAudioDevice::bus() const
+{
+    return Device::bus();
+}
+
+QStringList QTovelMixerRtAudioDevice::channelNames(QTovelMixer::DeviceKind kind) const
+{
+    return Device::channelNames(kind);
+}
+
+#endif

@@ -61,6 +61,11 @@ public:
     /// 128: the same identity; 64: the same name and channel counts; 32: the same name; 16: the
     /// same name but for the manufacturer before its last ":"; 0 otherwise.
     unsigned char matchScore(const QString &id) const override;
+    /// These four are known of PulseAudio's devices; a packaged RtAudio knows them of none.
+    bool isMonitor() const override;
+    QString formFactor() const override;
+    QString bus() const override;
+    QStringList channelNames(QTovelMixer::DeviceKind kind) const override;
 
 private:
     RtAudio::DeviceInfo m_info;

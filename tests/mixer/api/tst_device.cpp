@@ -53,6 +53,7 @@ private slots:
     void isDefault_asksForTheKind();
     void bufferFrames_haveTheirDefaults();
     void matchScore_isAllOrNothing();
+    void device_saysNothing_ofWhatIsUnknown();
     void write_setsItsKeys_andLeavesOthers();
     void toJsonObject_keepsTheOrderOfRates();
     void statics_answerForNullAndInvalid();
@@ -141,6 +142,17 @@ void tst_Device::bufferFrames_haveTheirDefaults()
     QCOMPARE(device.Device::minBufferFrames(), 64u);
     QCOMPARE(device.Device::maxBufferFrames(), 4096u);
     QCOMPARE(device.Device::defaultBufferFrames(), 1024u);
+}
+
+void tst_Device::device_saysNothing_ofWhatIsUnknown()
+{
+    TestApi api;
+    TestDevice device(&api);
+    makeSpeakers(device);
+    QVERIFY(!device.isMonitor());
+    QVERIFY(device.formFactor().isEmpty());
+    QVERIFY(device.bus().isEmpty());
+    QVERIFY(device.channelNames(DeviceKind::Output).isEmpty());
 }
 
 void tst_Device::matchScore_isAllOrNothing()

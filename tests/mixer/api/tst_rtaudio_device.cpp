@@ -40,6 +40,7 @@ private slots:
     void matchScore_isGraded_data();
     void matchScore_isGraded();
     void setInfo_replacesTheRecord();
+    void record_tellsWhatTheDeviceIs();
 };
 
 void tst_RtAudioDevice::answers_followTheRecord()
@@ -182,6 +183,26 @@ void tst_RtAudioDevice::matchScore_isGraded()
     RtAudio::DeviceInfo info = makeInfo(73, "Maker: Desk", 0, 2);
     info.isDefaultOutput = true;
     QCOMPARE(int(RtAudioDevice(nullptr, info).matchScore(id)), score);
+}
+
+void tst_RtAudioDevice::record_tellsWhatTheDeviceIs()
+{
+#if defined(QTOVELMIXER_CARRIED_RTAUDIO)
+    RtAudio::DeviceInfo info = makeInfo(5, "Headset", 1, 40);
+    info.isMonitor = true;
+    info.formFactor = "headset";
+    info.bus = "usb";
+    info.inputChannelNames = {"mono"};
+    info.outputChannelNames.assign(40, "aux");
+    const RtAudioDevice device(nullptr, info);
+    QVERIFY(device.isMonitor());
+    QCOMPARE(device.formFactor(), QStringLiteral("headset"));
+    QCOMPARE(device.bus(), QStringLiteral("usb"));
+    QCOMPARE(device.channelNames(DeviceKind::Input), QStringList{"mono"});
+    QCOMPARE(device.channelNames(DeviceKind::Output).size(), 32);
+#else
+    QSKIP("the system's RtAudio does not tell");
+#endif
 }
 
 void tst_RtAudioDevice::setInfo_replacesTheRecord()

@@ -358,6 +358,15 @@ void tst_RtAudioPulseDevices::device_tellsWhatItIs()
     const RtAudio::DeviceInfo monitor = info(DeviceKind::Input, "Monitor of QUAD");
     QVERIFY(monitor.isMonitor);
     QCOMPARE(monitor.inputChannelNames, sink.outputChannelNames);
+
+    const QTovelMixer::Device *device = session.device(DeviceKind::Output, QStringLiteral("QUAD"));
+    QVERIFY(device && !device->isMonitor());
+    const QStringList names{"front-left", "front-right", "rear-left", "rear-right"};
+    QCOMPARE(device->channelNames(DeviceKind::Output), names);
+    QVERIFY(device->channelNames(DeviceKind::Input).isEmpty());
+    device = session.device(DeviceKind::Input, QStringLiteral("Monitor of QUAD"));
+    QVERIFY(device && device->isMonitor());
+    QCOMPARE(device->channelNames(DeviceKind::Input), names);
 #else
     QSKIP("the system's RtAudio does not tell");
 #endif
