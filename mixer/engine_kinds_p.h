@@ -58,8 +58,12 @@ struct Engine::Data::Kind<Source>
             connect(source, &Source::sourceStateChanged, engine, &Engine::sourceStateChanged);
         link.connections[1] =
             connect(source, &Source::sourceFinished, engine, &Engine::sourceFinished);
+        // The call may come when the source is gone and another one has its address.
         link.connections[2] =
-            connect(source, &QThread::finished, engine, qOverload<>(&Engine::removeSource));
+            connect(source, &QThread::finished, engine, [engine, guarded = QPointer(source)] {
+                if (guarded)
+                    callFromLoop("removeSource", [&] { engine->removeSource(guarded); });
+            });
     }
     static void announce(Engine *engine, Source *source) { emit engine->sourceAdded(source); }
     static void remove(Engine *engine, Source *source) { engine->removeSource(source); }
@@ -112,7 +116,10 @@ struct Engine::Data::Kind<Sink>
             connect(sink, &Sink::sinkStateChanged, engine, &Engine::sinkStateChanged);
         link.connections[1] = connect(sink, &Sink::sinkFinished, engine, &Engine::sinkFinished);
         link.connections[2] =
-            connect(sink, &QThread::finished, engine, qOverload<>(&Engine::removeSink));
+            connect(sink, &QThread::finished, engine, [engine, guarded = QPointer(sink)] {
+                if (guarded)
+                    callFromLoop("removeSink", [&] { engine->removeSink(guarded); });
+            });
     }
     static void announce(Engine *engine, Sink *sink) { emit engine->sinkAdded(sink); }
     static void remove(Engine *engine, Sink *sink) { engine->removeSink(sink); }

@@ -5,6 +5,9 @@
 
 #include <support/log_capture.h>
 
+#include <cstddef>
+#include <type_traits>
+
 using namespace QTovelMixer;
 
 namespace {
@@ -40,6 +43,68 @@ private:
     std::atomic<bool> whole{true};
 };
 
+/// Always at the same address, where an allocator may well put what follows what was deleted.
+template <typename T>
+class Placed : public T
+{
+public:
+    using T::T;
+    static void *operator new(std::size_t)
+    {
+        alignas(T) static std::byte place[sizeof(Placed)];
+        return place;
+    }
+    static void operator delete(void *) {}
+};
+
+template <typename T>
+Placed<T> *newPlaced(Engine *engine)
+{
+    if constexpr (std::is_base_of_v<Source, T>)
+        return new Placed<T>(engine, 60.0);
+    else
+        return new Placed<T>(engine, 2);
+}
+
+/// The first one has ended, and its worker's last call is still to come, when the second takes its
+/// place.
+template <typename T>
+void checkSuccessor(bool engineDeletes)
+{
+    LogCapture log;
+    Session session(2, 2);
+    const auto add = [&](T *object) {
+        if constexpr (std::is_base_of_v<Source, T>)
+            return session.engine.addSource(object);
+        else
+            return session.engine.addSink(object);
+    };
+    QVERIFY(session.addRamp(48000, 60.0));
+    T *const first = newPlaced<T>(&session.engine);
+    QVERIFY(add(first));
+    QVERIFY(session.engine.start());
+    first->stop(UserStopAction);
+    QVERIFY(first->wait(longest));
+    if (!engineDeletes) {
+        delete first;
+    } else if constexpr (std::is_base_of_v<Source, T>) {
+        session.engine.deleteSource(first);
+    } else {
+        session.engine.deleteSink(first);
+    }
+    T *const second = newPlaced<T>(&session.engine);
+    QCOMPARE(static_cast<void *>(second), static_cast<void *>(first));
+    const QPointer<T> alive(second);
+    QVERIFY(add(second));
+    QCoreApplication::processEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(alive);
+    QCOMPARE(session.engine.numActiveSources() + session.engine.numActiveSinks(), 2);
+    QVERIFY(!log.contains("remove"));
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
+}
+
 /// Deletes the object in one of the ways that hosts have.
 void erase(QThread *object, int way)
 {
@@ -69,6 +134,8 @@ private slots:
 
     void object_leavesTheMix_data();
     void object_leavesTheMix();
+    void successor_atTheSameAddress_stays_data();
+    void successor_atTheSameAddress_stays();
     void stream_isGivenBack_withTheLast();
     void stoppedObjects_mayBeDeleted_whileBlocksRun();
     void deleteLater_needsNoStop_whileBlocksRun();
@@ -128,6 +195,28 @@ void tst_HostDeletes::object_leavesTheMix()
     session.api->stopThread();
     session.checkMapping();
     playsAgain(session);
+}
+
+void tst_HostDeletes::successor_atTheSameAddress_stays_data()
+{
+    QTest::addColumn<bool>("isSink");
+    QTest::addColumn<bool>("engineDeletes");
+    for (bool isSink : {false, true}) {
+        for (bool engineDeletes : {false, true})
+            QTest::addRow("%s, %s", isSink ? "sink" : "source",
+                          engineDeletes ? "deleted by the engine" : "deleted by the host")
+                << isSink << engineDeletes;
+    }
+}
+
+void tst_HostDeletes::successor_atTheSameAddress_stays()
+{
+    QFETCH(bool, isSink);
+    QFETCH(bool, engineDeletes);
+    if (isSink)
+        checkSuccessor<FaultySink>(engineDeletes);
+    else
+        checkSuccessor<FaultySource>(engineDeletes);
 }
 
 void tst_HostDeletes::stream_isGivenBack_withTheLast()
