@@ -479,6 +479,9 @@ private:
     // Takes an object that is about to be destroyed out of the mix.
     void letGo(Source *source);
     void letGo(Sink *sink);
+    // Pauses later what the source has brought to its pause position, unless the host stops or
+    // starts before. Threads: the source's worker.
+    void pauseFor(Source *source);
     // Returns when no block that began before is under way. Threads: worker.
     void waitForBlock() const;
     std::unique_ptr<Data> d;

@@ -294,9 +294,10 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     Engine *engine;
     QPointer<Engine> self; ///< the first one: further ones share its memory and take none
     QPointer<Api> api;
-    bool isBackendTaken = false; ///< by another engine
-    unsigned activations = 0;    ///< raised by `activate` and `deactivate`
-    unsigned choices = 0;        ///< raised by whatever opens or closes devices for the host
+    bool isBackendTaken = false;        ///< by another engine
+    unsigned activations = 0;           ///< raised by `activate` and `deactivate`
+    std::atomic<unsigned> playbacks{0}; ///< raised by `start` and `stop`
+    unsigned choices = 0;               ///< raised by whatever opens or closes devices for the host
     int apiRefs = 0;
     unsigned streamGeneration = 0; ///< raised by every open and close, so that late calls see it
     bool isLossTold = false;       ///< the host knows that the device opened last is lost

@@ -62,6 +62,7 @@ bool Engine::start(double time)
         BLDEBUG_Error(-1, "QTovelMixer::start: refused inside a change of the mix!!");
         return false;
     }
+    ++d->playbacks;
     d->startStreamForUsers();
     if (d->hasLiveUsers() && !d->apiRunning())
         return false;
@@ -110,6 +111,16 @@ bool Engine::pause()
     d->removeUnstarted();
     emit paused();
     return true;
+}
+
+// Only posted: the engine's state belongs to its own thread, which may be waiting for the worker.
+void Engine::pauseFor(Source *source)
+{
+    d->callLater("pause",
+                 [this, guarded = QPointer<Source>(source), playback = d->playbacks.load()] {
+                     if (guarded && d->contains(guarded.data()) && playback == d->playbacks)
+                         pause();
+                 });
 }
 
 bool Engine::resume()
@@ -174,6 +185,7 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
     d->removeUnstarted();
     if (!allStopped)
         return false;
+    ++d->playbacks;
     if (d->active && d->monitoring && (d->monitorTrigger & MonitorUntilStop) != 0)
         setMonitoring(false);
     d->keepPosition();

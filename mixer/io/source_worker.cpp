@@ -181,12 +181,9 @@ void Source::Data::announceEnd(Source &source)
         reason = source.stopReason();
     }
     try {
-        // Only posted: the engine's state belongs to its own thread, which may be waiting for us.
         Engine *const mixer = engine;
-        if (mixer && reason == PausePositionReached) {
-            QMetaObject::invokeMethod(
-                mixer, [mixer] { mixer->pause(); }, Qt::QueuedConnection);
-        }
+        if (mixer && reason == PausePositionReached)
+            mixer->pauseFor(&source);
         if (!keepState)
             source.state_change(Stopped, Config());
         if (!keepState && guarded)

@@ -41,6 +41,8 @@ private slots:
     void bracket_nests();
     void streamUsers_startAndStopTogether();
     void stream_thatFailsToStart_isReported();
+    void pausePosition_ofThePlaybackBefore_isForgotten_data();
+    void pausePosition_ofThePlaybackBefore_isForgotten();
     void watchdog_stopsADeadDevice();
     void watchdog_tellsEachStallOnce();
     void watchdog_leavesWhatTheHostOpens();
@@ -473,6 +475,45 @@ void tst_EngineLifecycle::stream_thatFailsToStart_isReported()
     QCOMPARE(EngineAccess::shipped(session.engine).apiRefs, 2);
     session.stopAll();
     QTRY_COMPARE(session.count("stopped"), 1);
+    session.checkAtRest();
+}
+
+void tst_EngineLifecycle::pausePosition_ofThePlaybackBefore_isForgotten_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("isDeleted");
+    QTest::newRow("keep state, deleted") << int(PauseKeepState) << true;
+    QTest::newRow("soft, deleted") << int(PauseSoft) << true;
+    QTest::newRow("keep state, stopped") << int(PauseKeepState) << false;
+    QTest::newRow("soft, stopped") << int(PauseSoft) << false;
+}
+
+// The host has stopped and begins anew before the event loop brings the pause.
+void tst_EngineLifecycle::pausePosition_ofThePlaybackBefore_isForgotten()
+{
+    QFETCH(int, mode);
+    QFETCH(bool, isDeleted);
+    Session session;
+    session.engine.setPauseMode(PauseMode(mode));
+    RampSource *paused = session.addRamp(48000, 20.0);
+    paused->pauseAt = 0.3;
+    QVERIFY(session.engine.start());
+    const QDeadlineTimer deadline(10000);
+    while (!paused->isFinished() && !deadline.hasExpired())
+        session.runWithoutWaiting(1);
+    QVERIFY(paused->isFinished());
+    if (isDeleted)
+        session.engine.deleteSource(paused);
+    session.engine.stop(true, UserStopAction);
+    const QPointer<RampSource> next = session.addRamp(48000, 20.0);
+    QVERIFY(session.engine.start());
+    QCoreApplication::processEvents();
+    QCOMPARE(session.count("paused"), 0);
+    QVERIFY(next);
+    QCOMPARE(session.engine.numActiveSources(), 1);
+    QCOMPARE(session.run(1).back(), float(Session::blockFrames - 1));
+    session.stopAll();
+    QTRY_VERIFY(session.count("stopped") >= 1);
     session.checkAtRest();
 }
 
