@@ -73,6 +73,13 @@ void prepareTrace();
 /// Threads: any but audio. Real-time: no.
 void wakeTrace() noexcept;
 
+/// From the one to the other the calling thread may keep an audio thread waiting: its lines go
+/// through the queue, and nobody is woken to write them before the end, since that is a system
+/// call. May be nested.
+/// Threads: any but audio. Real-time: no.
+void holdLines() noexcept;
+void releaseLines() noexcept;
+
 /// Returns when every line queued so far has been written.
 /// Threads: any but audio. Real-time: no.
 void flushTrace();

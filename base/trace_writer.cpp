@@ -49,6 +49,7 @@ TraceQueue queue;
 std::atomic<quint64> written; // records that the log has, or that nobody will write
 std::atomic<quint64> lost;
 std::atomic<bool> isExpected; // audio threads may queue lines
+std::atomic<bool> isWakeOwed; // lines were queued by a thread that holds them back
 std::atomic<bool> wasAsked;   // the writing thread has been woken, and has not looked yet
 std::atomic<bool> isRunning;  // the writing thread; without it others write what they find
 std::atomic<bool> isEnding;   // the process
@@ -173,7 +174,10 @@ bool queueInOrder(const TraceRecord &record)
         return false;
     }
     if (queue.push(record)) {
-        wake();
+        if (mustWait)
+            isWakeOwed.store(true);
+        else
+            wake();
         return true;
     }
     if (!mustWait)
@@ -218,6 +222,7 @@ void forgetInChild()
 {
     isRunning.store(false);
     wasAsked.store(false);
+    isWakeOwed.store(false);
     writingThread.store(nullptr);
     new (&writing) QBasicMutex;
     queue.reset();
@@ -370,6 +375,19 @@ void prepareTrace()
 void wakeTrace() noexcept
 {
     wake();
+}
+
+void holdLines() noexcept
+{
+    ThreadMarks::enter(ThreadMarks::LinesWait);
+}
+
+void releaseLines() noexcept
+{
+    ThreadMarks::leave(ThreadMarks::LinesWait);
+    if (isWakeOwed.load(std::memory_order_relaxed) &&
+        !ThreadMarks::isInside(ThreadMarks::LinesWait) && isWakeOwed.exchange(false))
+        wake();
 }
 
 void flushTrace()

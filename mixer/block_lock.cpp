@@ -2,7 +2,6 @@
 #include <mixer/block_lock_p.h>
 
 #include <base/nonblocking_p.h>
-#include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 
 namespace QTovelMixer {
@@ -10,21 +9,21 @@ namespace QTovelMixer {
 void UpdateLock::lock() noexcept
 {
     m_mutex.lock();
-    ThreadMarks::enter(ThreadMarks::LinesWait);
+    holdLines();
 }
 
 bool UpdateLock::tryLock() noexcept
 {
     if (!m_mutex.tryLock())
         return false;
-    ThreadMarks::enter(ThreadMarks::LinesWait);
+    holdLines();
     return true;
 }
 
 void UpdateLock::unlock() noexcept
 {
-    ThreadMarks::leave(ThreadMarks::LinesWait);
     m_mutex.unlock();
+    releaseLines();
 }
 
 BlockLock::BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept

@@ -47,6 +47,19 @@ std::vector<float> gainTable(const Route &route, unsigned rows, unsigned columns
     return table;
 }
 
+/// A copy of the default matrix; empty without rows or columns.
+std::vector<float> builtIn(const float *(*choose)(int, int, float *), unsigned rows,
+                           unsigned columns)
+{
+    std::vector<float> table(size_t(rows) * columns);
+    const float *const gains = choose(int(rows), int(columns), table.data());
+    if (!gains)
+        table.clear();
+    else if (gains != table.data())
+        std::copy_n(gains, table.size(), table.begin());
+    return table;
+}
+
 } // namespace
 
 std::vector<Engine::Data::Bus> Engine::Data::makeBuses(unsigned count, unsigned frames)
@@ -80,28 +93,41 @@ bool Engine::Data::contains(const Sink *sink) const
     return std::find(sinks.begin(), sinks.end(), sink) != sinks.end();
 }
 
-void Engine::Data::writeSourceGains(Source *source, unsigned row, Device *output, float gain)
+// A sink's table is always that for inputs: on a device without outputs it may begin at column 0,
+// where `set_mixer_gains` would choose the one for outputs.
+std::vector<float> Engine::Data::initialGains(const Source *, unsigned channels,
+                                              Device *output) const
 {
-    const unsigned channels = busesOf(source);
     const Route route = Store::store()->findRoute(nullptr, int(channels), output);
-    const std::vector<float> table = gainTable(route, channels, numOutputChannels);
-    set_mixer_gains(row, channels, 0, numOutputChannels, gain,
-                    table.empty() ? nullptr : table.data());
-}
-
-void Engine::Data::writeSinkGains(Sink *sink, unsigned column, Device *input, float gain)
-{
-    const unsigned channels = busesOf(sink);
-    const Route route = Store::store()->findRoute(input, int(channels), nullptr);
-    const std::vector<float> table = gainTable(route, numInputChannels, channels);
+    std::vector<float> table = gainTable(route, channels, numOutputChannels);
     if (table.empty())
-        writeInputGains(0, numInputChannels, column, channels, gain);
-    else
-        set_mixer_gains(0, numInputChannels, column, channels, gain, table.data());
+        table = builtIn(Gains::outputMixerGains, channels, numOutputChannels);
+    return table;
 }
 
-// On a device without outputs a sink may begin at column 0, where the built-in choice would be
-// the table for outputs.
+std::vector<float> Engine::Data::initialGains(const Sink *, unsigned channels, Device *input) const
+{
+    const Route route = Store::store()->findRoute(input, int(channels), nullptr);
+    std::vector<float> table = gainTable(route, numInputChannels, channels);
+    if (table.empty())
+        table = builtIn(Gains::inputMixerGains, numInputChannels, channels);
+    return table;
+}
+
+void Engine::Data::writeGains(const Source *source, unsigned row, float gain,
+                              const std::vector<float> &table)
+{
+    if (!table.empty())
+        set_mixer_gains(row, busesOf(source), 0, numOutputChannels, gain, table.data());
+}
+
+void Engine::Data::writeGains(const Sink *sink, unsigned column, float gain,
+                              const std::vector<float> &table)
+{
+    if (!table.empty())
+        set_mixer_gains(0, numInputChannels, column, busesOf(sink), gain, table.data());
+}
+
 void Engine::Data::writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols,
                                    float gain)
 {
@@ -193,14 +219,16 @@ void Engine::Data::rebuildBuses(Device *output, Device *input)
     for (Source *source : sources) {
         const unsigned row = unsigned(inputBuses.size());
         if (append(inputBuses, busesOf(source)))
-            writeSourceGains(source, row, output, sourceLinks[source].gain);
+            writeGains(source, row, sourceLinks[source].gain,
+                       initialGains(source, busesOf(source), output));
         else
             silentSources.append(source);
     }
     for (Sink *sink : sinks) {
         const unsigned column = unsigned(outputBuses.size());
         if (append(outputBuses, busesOf(sink)))
-            writeSinkGains(sink, column, input, sinkLinks[sink].gain);
+            writeGains(sink, column, sinkLinks[sink].gain,
+                       initialGains(sink, busesOf(sink), input));
         else
             deafSinks.append(sink);
     }

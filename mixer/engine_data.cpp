@@ -4,7 +4,6 @@
 
 #include <base/debug.h>
 #include <base/log_line_p.h>
-#include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/gains.h>
@@ -186,7 +185,7 @@ void Engine::Data::update_source_unlock()
 void Engine::Data::lockMix()
 {
     Q_ASSERT(bracketDepth >= 0);
-    ThreadMarks::enter(ThreadMarks::LinesWait);
+    holdLines();
     raiseHold();
     if (bracketDepth++ == 0) {
         Q_ASSERT(lockedSources.empty());
@@ -203,7 +202,7 @@ void Engine::Data::unlockMix()
     releaseWorkers();
     decrement(holdCount);
     gate.post();
-    ThreadMarks::leave(ThreadMarks::LinesWait);
+    releaseLines();
 }
 
 void Engine::Data::releaseWorkers()

@@ -69,12 +69,13 @@ bool Engine::Data::requireFinite(const char *operation, float gain)
 
 bool Engine::Data::setCell(const HostGains::Cell &cell, float gain)
 {
+    HostGains wish = HostGains::cell(cell, gain);
     const QMutexLocker locker(&updateLock);
     unsigned row = 0;
     unsigned column = 0;
     if (!cellOf(cell, row, column))
         return false;
-    hostGains.setCell(cell, gain);
+    hostGains.adopt(wish);
     matrix.setCell(row, column, gain);
     planMix();
     return true;
@@ -117,10 +118,11 @@ bool Engine::addRoute(Source *source, Sink *sink, float gain)
         return refuse("QTovelMixer::addRoute: Invalid source (%p)!!", source);
     if (!Data::requireFinite("addRoute", gain))
         return false;
-    const QMutexLocker locker(&d->updateLock);
+    HostGains wish = HostGains::route(source, sink, gain);
     if (!d->writeRoute(source, sink, gain))
         return false;
-    d->hostGains.setRoute(source, sink, gain);
+    const QMutexLocker locker(&d->updateLock);
+    d->hostGains.adopt(wish);
     return true;
 }
 
@@ -132,8 +134,9 @@ bool Engine::setChannelsMask(Source *source, unsigned long long mask, float gain
         return false;
     if (!d->contains(source))
         return refuse("QTovelMixer::setChannelsMask: Invalid source (%p)!!", source);
+    HostGains wish = HostGains::mask(source, mask);
     const QMutexLocker locker(&d->updateLock);
-    d->hostGains.setMask(source, mask);
+    d->hostGains.adopt(wish);
     d->writeMask(source, mask);
     d->setSourceChannelMask(source, mask);
     return true;
@@ -169,7 +172,6 @@ void Engine::setMonitoring(bool value)
 {
     if (!d->requireMainThread("setMonitoring") || !d->active || !canPlayback())
         return;
-    const QMutexLocker locker(&d->updateLock);
     d->writeMonitorGains(value);
     d->monitoring = value;
 }

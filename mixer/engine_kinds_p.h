@@ -34,6 +34,8 @@ struct Engine::Data::Kind<Source>
     static constexpr const char *item = "source";
     static constexpr const char *removeEvent = "Engine::removeSource";
 
+    static constexpr DeviceKind wiredTo = DeviceKind::Output;
+
     static auto &list(Data &d) { return d.sources; }
     static auto &links(Data &d) { return d.sourceLinks; }
     static auto &locked(Data &d) { return d.lockedSources; }
@@ -47,10 +49,6 @@ struct Engine::Data::Kind<Source>
     static void removeGains(Data &d, unsigned first, unsigned channels)
     {
         d.remove_input_gains(first, channels);
-    }
-    static void writeGains(Data &d, Source *source, unsigned bus, float gain)
-    {
-        d.writeSourceGains(source, bus, d.engine->currentDevice(DeviceKind::Output), gain);
     }
     static void connectTo(Engine *engine, Source *source, Link &link)
     {
@@ -92,6 +90,8 @@ struct Engine::Data::Kind<Sink>
     static constexpr const char *item = "sink";
     static constexpr const char *removeEvent = "Engine::removeSink";
 
+    static constexpr DeviceKind wiredTo = DeviceKind::Input;
+
     static auto &list(Data &d) { return d.sinks; }
     static auto &links(Data &d) { return d.sinkLinks; }
     static auto &locked(Data &d) { return d.lockedSinks; }
@@ -105,10 +105,6 @@ struct Engine::Data::Kind<Sink>
     static void removeGains(Data &d, unsigned first, unsigned channels)
     {
         d.remove_output_gains(first, channels);
-    }
-    static void writeGains(Data &d, Sink *sink, unsigned bus, float gain)
-    {
-        d.writeSinkGains(sink, bus, d.engine->currentDevice(DeviceKind::Input), gain);
     }
     static void connectTo(Engine *engine, Sink *sink, Link &link)
     {

@@ -78,6 +78,14 @@ struct QTOVELMIXER_HIDDEN Engine::Data
         double begin = 0.0;  ///< seconds
         double end = 0.0;
     };
+    /// All that adding takes memory for, made before the update lock is taken.
+    template <typename T>
+    struct Arrival
+    {
+        std::vector<Bus> buses;
+        std::vector<float> gains; ///< its wiring to the device; empty for none
+        std::map<const T *, Link> link;
+    };
     template <typename T>
     struct Kind; ///< of source or sink (engine_kinds_p.h)
 
@@ -205,8 +213,12 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     static constexpr unsigned maxChannels = 128;
     static std::vector<Bus> makeBuses(unsigned count, unsigned frames);
     void rebuildBuses(Device *output, Device *input);
-    void writeSourceGains(Source *source, unsigned row, Device *output, float gain);
-    void writeSinkGains(Sink *sink, unsigned column, Device *input, float gain);
+    /// The stored or the default wiring of what has so many channels to a device.
+    std::vector<float> initialGains(const Source *, unsigned channels, Device *output) const;
+    std::vector<float> initialGains(const Sink *, unsigned channels, Device *input) const;
+    void writeGains(const Source *source, unsigned row, float gain,
+                    const std::vector<float> &table);
+    void writeGains(const Sink *sink, unsigned column, float gain, const std::vector<float> &table);
     void writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols, float gain);
     bool writeRoute(const Source *source, const Sink *sink, float gain);
     void writeMonitorGains(bool on);
@@ -227,7 +239,11 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     template <typename T>
     bool add(T *object, float gain, Options options);
     template <typename T>
-    void attach(T *object, float gain, std::vector<Bus> added, const Span &span);
+    void prepare(T *object, unsigned channels, float gain, Arrival<T> &arrival);
+    template <typename T>
+    void attach(T *object, Arrival<T> &arrival, const Span &span);
+    template <typename T>
+    static void disconnect(const std::map<const T *, Link> &links);
     template <typename T>
     void makeRoom(size_t buses);
     template <typename T>

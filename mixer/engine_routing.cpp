@@ -82,8 +82,11 @@ bool Engine::Data::add(T *object, float gain, Options options)
     // No bus is made for an object that will be refused: it may claim any number of channels.
     const unsigned channels = channelsOf(object);
     const bool fits = Kind<T>::buses(*this).size() + channels <= maxChannels;
-    std::vector<Bus> buses = makeBuses(fits ? channels : 0, blockFrames);
+    Arrival<T> arrival;
+    const auto disconnectUnused = qScopeGuard([&arrival] { disconnect(arrival.link); });
     const Span span = spanOf(object, options);
+    if (fits)
+        prepare(object, channels, gain, arrival);
     auto undo = qScopeGuard([this] { stopMixerApi(); });
     {
         // Workers read the limits, so that they are held off when the limits change.
@@ -96,7 +99,7 @@ bool Engine::Data::add(T *object, float gain, Options options)
             BLDEBUG_Error(-1, Kind<T>::noRoom, static_cast<void *>(object));
             return false;
         }
-        attach(object, gain, std::move(buses), span);
+        attach(object, arrival, span);
     }
     undo.dismiss();
     if (!options.testFlag(NoAddedSignal))
@@ -119,27 +122,49 @@ Engine::Data::Span Engine::Data::spanOf(const Sink *, Options) const
     return {};
 }
 
+// A block may be waiting while the update lock is held. So all that takes memory, or locks of
+// Qt's, which inherit no priority, is done before.
 template <typename T>
-void Engine::Data::attach(T *object, float gain, std::vector<Bus> added, const Span &span)
+void Engine::Data::prepare(T *object, unsigned channels, float gain, Arrival<T> &arrival)
+{
+    arrival.buses = makeBuses(channels, blockFrames);
+    arrival.gains = initialGains(object, channels, engine->currentDevice(Kind<T>::wiredTo));
+    makeRoom<T>(Kind<T>::buses(*this).size() + channels);
+    Link &link = arrival.link[object];
+    link.gain = gain;
+    link.holdsStream = Kind<T>::holdsStream(object);
+    Kind<T>::connectTo(engine, object, link);
+}
+
+template <typename T>
+void Engine::Data::disconnect(const std::map<const T *, Link> &links)
+{
+    for (const auto &[object, link] : links) {
+        for (const QMetaObject::Connection &connection : link.connections)
+            QObject::disconnect(connection);
+    }
+}
+
+/// What it takes over is no longer in `arrival` afterwards.
+template <typename T>
+void Engine::Data::attach(T *object, Arrival<T> &arrival, const Span &span)
 {
     std::vector<Bus> &buses = Kind<T>::buses(*this);
     const unsigned first = unsigned(buses.size());
-    makeRoom<T>(buses.size() + added.size());
-    Kind<T>::Access::setBuses(*object, unsigned(added.size()));
-    Link &link = Kind<T>::links(*this)[object];
-    link.gain = gain;
-    link.holdsStream = Kind<T>::holdsStream(object);
+    Kind<T>::Access::setBuses(*object, unsigned(arrival.buses.size()));
+    const Link &link = arrival.link[object];
+    const float gain = link.gain;
     if (link.holdsStream)
         streamUsers.fetch_add(1);
+    Kind<T>::links(*this).insert(arrival.link.extract(object));
     {
         const QMutexLocker locker(&listLock);
         Kind<T>::list(*this).push_back(object);
     }
     auto undo = qScopeGuard([this, object] { withdraw(object); });
-    std::move(added.begin(), added.end(), std::back_inserter(buses));
-    Kind<T>::writeGains(*this, object, first, gain);
+    std::move(arrival.buses.begin(), arrival.buses.end(), std::back_inserter(buses));
+    writeGains(object, first, gain, arrival.gains);
     planMix();
-    Kind<T>::connectTo(engine, object, link);
     follow(object, span);
     on_add(object, engine);
     undo.dismiss();
@@ -152,12 +177,15 @@ template <typename T>
 void Engine::Data::makeRoom(size_t buses)
 {
     const size_t listed = Kind<T>::list(*this).size() + 1;
-    {
-        const QMutexLocker locker(&listLock);
-        Kind<T>::list(*this).reserve(listed);
-    }
     Kind<T>::locked(*this).reserve(listed);
     Kind<T>::retired(*this).reserve(Kind<T>::retired(*this).size() + listed);
+    if (Kind<T>::list(*this).capacity() >= listed && Kind<T>::buses(*this).capacity() >= buses)
+        return;
+    const QMutexLocker locker(&updateLock);
+    {
+        const QMutexLocker listLocker(&listLock);
+        Kind<T>::list(*this).reserve(listed);
+    }
     Kind<T>::buses(*this).reserve(buses);
 }
 
@@ -230,7 +258,13 @@ bool Engine::Data::takeOut(T *object)
 template <typename T>
 bool Engine::Data::withdraw(T *object)
 {
-    const auto release = qScopeGuard([this] { removedBuses.clear(); });
+    // Given back when the lock is free again.
+    std::map<const T *, Link> gone;
+    HostGains wishes;
+    const auto release = qScopeGuard([this, &gone] {
+        disconnect(gone);
+        removedBuses.clear();
+    });
     const QMutexLocker locker(&updateLock);
     auto &objects = Kind<T>::list(*this);
     const auto position = std::find(objects.begin(), objects.end(), object);
@@ -249,16 +283,13 @@ bool Engine::Data::withdraw(T *object)
         held.erase(locked);
         Kind<T>::updateUnlock(object);
     }
-    const Link link = std::move(Kind<T>::links(*this)[object]);
-    Kind<T>::links(*this).erase(object);
-    hostGains.forget(object);
-    for (const QMetaObject::Connection &connection : link.connections)
-        QObject::disconnect(connection);
+    gone.insert(Kind<T>::links(*this).extract(object));
+    wishes = hostGains.take(object);
     const auto first = buses.begin() + bus;
     std::move(first, first + count, std::back_inserter(removedBuses));
     buses.erase(first, first + count);
     Kind<T>::removeGains(*this, bus, count);
-    if (link.holdsStream)
+    if (!gone.empty() && gone.begin()->second.holdsStream)
         decrement(streamUsers);
     unfollow(object);
     return true;

@@ -3,7 +3,6 @@
 #include <mixer/engine_p.h>
 
 #include <base/debug.h>
-#include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/io/sink.h>
@@ -79,7 +78,7 @@ void Engine::Data::startAll(double time, double begin)
     const auto mixAgain = qScopeGuard([this] {
         decrement(holdCount);
         gate.post();
-        ThreadMarks::leave(ThreadMarks::LinesWait);
+        releaseLines();
     });
     {
         // All are let go before the first is waited for.

@@ -28,13 +28,19 @@ public:
     };
     using Pair = std::pair<const Source *, const Sink *>;
 
-    void setCell(const Cell &cell, float gain);
+    // One wish, made before the update lock is taken.
+    static HostGains cell(const Cell &cell, float gain);
     /// The default wiring of a source into a sink, in place of the cells between the two.
-    void setRoute(const Source *source, const Sink *sink, float gain);
-    void setMask(const Source *source, quint64 mask);
-    /// Forgets everything that has to do with an object. Takes no memory.
-    void forget(const Source *source) noexcept;
-    void forget(const Sink *sink) noexcept;
+    static HostGains route(const Source *source, const Sink *sink, float gain);
+    static HostGains mask(const Source *source, quint64 mask);
+
+    /// Remembers the wishes. What they replace is in `wishes` afterwards: memory is neither taken
+    /// nor given back.
+    void adopt(HostGains &wishes) noexcept;
+    /// Forgets everything that has to do with an object, and answers it: memory is neither taken
+    /// nor given back.
+    HostGains take(const Source *source) noexcept;
+    HostGains take(const Sink *sink) noexcept;
 
     // To be applied in this order.
     const std::map<Pair, float> &routes() const { return m_routes; }

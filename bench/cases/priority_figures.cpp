@@ -5,6 +5,7 @@
 #include "cases/live_mixer.h"
 
 #include <mixer/api/api_virtual.h>
+#include <mixer/engine_p.h>
 
 #include <algorithm>
 #include <thread>
@@ -70,12 +71,20 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-/// Cells, masks, the loop, and where wished now and then a source that comes and goes.
-void edit(Engine &engine, const QList<Source *> &playing, bool withSources)
+enum class Edits {
+    Empty,   ///< the lock is taken and given back: what is seen then is the machine's
+    Gains,   ///< cells, masks and the loop
+    Sources, ///< and now and then a source that comes and goes
+};
+
+void edit(Engine &engine, const QList<Source *> &playing, Edits kind)
 {
     for (int i = 0; i < edits; ++i) {
         Source *const source = playing[i % playing.size()];
-        if (withSources && i % 500 == 499) {
+        if (kind == Edits::Empty) {
+            EngineAccess::shipped(engine).updateLock.lock();
+            EngineAccess::shipped(engine).updateLock.unlock();
+        } else if (kind == Edits::Sources && i % 500 == 499) {
             auto *more = new NoiseSource(&engine);
             if (engine.addSource(more))
                 engine.deleteSource(more);
@@ -89,7 +98,20 @@ void edit(Engine &engine, const QList<Source *> &playing, bool withSources)
     }
 }
 
-std::vector<Figure> longestBlock(bool withSources)
+QString nameOf(Edits kind)
+{
+    switch (kind) {
+    case Edits::Empty:
+        return QStringLiteral("the same, with edits that do nothing under the lock");
+    case Edits::Gains:
+        break;
+    case Edits::Sources:
+        return QStringLiteral("the same, and sources that come and go");
+    }
+    return QStringLiteral("longest block of a SCHED_FIFO thread: 10,000 edits, 4 busy threads");
+}
+
+std::vector<Figure> longestBlock(Edits kind)
 {
     Engine::Initialize();
     std::atomic<int> isRealTime{-1};
@@ -120,26 +142,21 @@ std::vector<Figure> longestBlock(bool withSources)
     if (isRealTime == 1) {
         const Bustle bustle;
         do
-            edit(engine, engine.activeSources(), withSources);
+            edit(engine, engine.activeSources(), kind);
         while (blocks < leastBlocks);
     }
     engine.deactivate(UserStopAction);
     if (isRealTime == 0)
         return {};
-    if (withSources)
-        return {{section, QStringLiteral("the same, and sources that come and go"),
-                 double(longest.load()), QStringLiteral("ns")}};
-    return {{section,
-             QStringLiteral("longest block of a SCHED_FIFO thread: 10,000 edits, 4 busy threads"),
-             double(longest.load()), QStringLiteral("ns"), bound}};
+    return {{section, nameOf(kind), double(longest.load()), QStringLiteral("ns"), bound}};
 }
 
 } // namespace
 
 void addPriorityFigures(Suite &suite)
 {
-    suite.addFigures(section, [] { return longestBlock(false); });
-    suite.addFigures(section, [] { return longestBlock(true); });
+    for (Edits kind : {Edits::Gains, Edits::Sources, Edits::Empty})
+        suite.addFigures(section, [kind] { return longestBlock(kind); });
 }
 
 } // namespace Bench
