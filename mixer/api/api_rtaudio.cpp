@@ -2,6 +2,7 @@
 #include <mixer/api/api_rtaudio_p.h>
 
 #include <base/debug.h>
+#include <base/log_line_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/rtaudio_device.h>
 
@@ -198,10 +199,13 @@ bool QTovelMixerApiRtAudio::updateDeviceList()
         else
             device = made.release();
         addDevice(device);
-        if (!device->isAvailable())
-            qInfo().nospace().noquote()
+        if (device->isAvailable())
+            continue;
+        QTovelMixer::composeLine(QtInfoMsg, [device](QDebug &line) {
+            line.nospace().noquote()
                 << "QTovelMixerApiRtAudio::updateDeviceList: Unsuccessfull Probe \""
                 << device->name() << "\"";
+        });
     }
     endDeviceUpdate();
     return true;
@@ -272,8 +276,10 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
     r->adoptStream({sampleRate, opening->frames,
                     opening->inputDevice ? opening->input.nChannels : 0,
                     opening->outputDevice ? opening->output.nChannels : 0, buffers});
-    qInfo().noquote() << "QTovelMixerApiRtAudio::open::streamLatency:"
-                      << double(opening->latency) * 1000.0 / sampleRate << "ms";
+    QTovelMixer::composeLine(QtInfoMsg, [&](QDebug &line) {
+        line.noquote() << "QTovelMixerApiRtAudio::open::streamLatency:"
+                       << double(opening->latency) * 1000.0 / sampleRate << "ms";
+    });
     BLDEBUG_Log(1,
                 "QTovelMixer::open: Output: %s (%d channels) / Input: %s (%d channels) / Sample "
                 "Rate: %d Hz / %d samples buffer ",

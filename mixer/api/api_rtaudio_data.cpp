@@ -2,6 +2,7 @@
 // The instance behind the backend: calling it, losing it, replacing it.
 #include <mixer/api/api_rtaudio_p.h>
 
+#include <base/log_line_p.h>
 #include <base/trace_p.h>
 
 #include <QtCore/QDebug>
@@ -360,8 +361,9 @@ void QTovelMixerApiRtAudio::RtAudioData::streamLost(Instance &instance)
 {
     q->reportDeviceFailure();
     if (instance.api() == RtAudio::WINDOWS_DS && instance.isRunning()) {
-        qInfo("QTovelMixerApiRtAudio__ErrorCallback: DirectSound device failed in use -- aborting "
-              "stream to silence the looping buffer");
+        QTovelMixer::writeText(
+            QtInfoMsg, "QTovelMixerApiRtAudio__ErrorCallback: DirectSound device failed in use "
+                       "-- aborting stream to silence the looping buffer");
         instance.post(
             [](RtAudioDriver &driver) { attempt(driver, [&] { return driver.abortStream(); }); });
     }

@@ -4,6 +4,7 @@
 #include <mixer/api/rtaudio_instance_p.h>
 
 #include <base/clock_p.h>
+#include <base/log_line_p.h>
 
 #include <QtCore/QDebug>
 
@@ -111,7 +112,9 @@ void RtAudioInstance::receiveError(RtAudioErrorType type, const std::string &tex
 
 void RtAudioInstance::handleError(const std::string &text)
 {
-    qInfo().nospace().noquote() << errorPrefix << QString::fromStdString(text);
+    composeLine(QtInfoMsg, [&text](QDebug &line) {
+        line.nospace().noquote() << errorPrefix << QString::fromStdString(text);
+    });
     const Visit visit(*this);
     if (visit.owner)
         visit.owner->streamError(text);
@@ -171,8 +174,11 @@ void RtAudioInstance::writeNotes()
             handleError(text);
     }
     left += m_notes.takeLost();
-    if (left > 0)
-        qInfo().nospace().noquote() << errorPrefix << "and " << left << " more";
+    if (left > 0) {
+        composeLine(QtInfoMsg, [left](QDebug &line) {
+            line.nospace().noquote() << errorPrefix << "and " << left << " more";
+        });
+    }
 }
 
 // JACK's own teardown must have ended before anybody touches the stream.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/timeline.h>
 
+#include <base/log_line_p.h>
 #include <mixer/io/timeline_p.h>
 
 #include <QtCore/QDebug>
@@ -311,11 +312,13 @@ double Timeline::maxBlockDuration(double mixerTime) const
 
 void Timeline::debug(const QString &label) const
 {
-    qInfo().nospace().noquote() << label << (label.isEmpty() ? "" : " ") << "Timeline {"
-                                << "\n   start: " << d->limits.start
-                                << "\n   end: " << d->limits.end << "\n   duration: " << duration()
-                                << "\n   looped_time: " << d->playDuration
-                                << "\n   loop: " << d->looping << "\n}";
+    composeLine(QtInfoMsg, [&](QDebug &line) {
+        line.nospace().noquote() << label << (label.isEmpty() ? "" : " ") << "Timeline {"
+                                 << "\n   start: " << d->limits.start
+                                 << "\n   end: " << d->limits.end << "\n   duration: " << duration()
+                                 << "\n   looped_time: " << d->playDuration
+                                 << "\n   loop: " << d->looping << "\n}";
+    });
 }
 
 void Timeline::printTimeline() const

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/io/timeline.h>
 
+#include <base/trace_p.h>
 #include <mixer/io/timeline_p.h>
 #include <support/log_capture.h>
 
@@ -41,6 +42,7 @@ private slots:
     void removeSlice_splitsIntoTouchingSlices_forAnEmptyStretch();
     void clearSlices_playsEverythingAgain();
     void debug_writesOneInformationMessage();
+    void debug_waits_duringAChangeOfTheMix();
     void printTimeline_writesTheChunks();
 };
 
@@ -355,6 +357,29 @@ void tst_timeline::debug_writesOneInformationMessage()
                                          "   duration: 8.5\n   looped_time: 2\n   loop: %1\n}");
     QCOMPARE(log.texts(QtInfoMsg), (QStringList{"seek " + state.arg("true"), state.arg("false")}));
     QCOMPARE(log.count(), 2);
+}
+
+// A message handler may take any time, and a block may be waiting for the change to end.
+void tst_timeline::debug_waits_duringAChangeOfTheMix()
+{
+    static thread_local int written;
+    written = 0;
+    prepareTrace();
+    const LogCapture log;
+    static QtMessageHandler behind;
+    behind = qInstallMessageHandler(
+        [](QtMsgType type, const QMessageLogContext &context, const QString &text) {
+            ++written;
+            behind(type, context, text);
+        });
+    holdLines();
+    Timeline().debug(QStringLiteral("held"));
+    const int writtenHere = written;
+    releaseLines();
+    flushTrace();
+    qInstallMessageHandler(behind);
+    QCOMPARE(writtenHere, 0);
+    QCOMPARE(log.count(), 1);
 }
 
 void tst_timeline::printTimeline_writesTheChunks()
