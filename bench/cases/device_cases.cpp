@@ -77,7 +77,7 @@ struct Hardware
     Hardware()
     {
         rtAudioSystem() = {
-            [] { return std::vector<RtAudio::Api>{RtAudio::UNIX_JACK}; },
+            [] { return RtAudioApis{{RtAudio::UNIX_JACK}}; },
             [](RtAudio::Api, RtAudioErrorCallback) { return std::make_unique<BenchDriver>(); }};
         api = new QTovelMixerApiRtAudio(Jack, {}, blockFrames);
         engine = std::make_unique<Engine>(api);

@@ -207,23 +207,26 @@ std::vector<Figure> mixingBesideGains()
 // Selections -------------------------------------------------------------------------------------
 
 constexpr int selections = 10000;
+constexpr double selected = 1000.0; ///< seconds that the selections and the gaps fill
 
-/// Selections of 50 ms, every 100 ms.
+/// Every second half of equal parts.
 double select(Host &host, int count)
 {
-    host.engine.setLimits(0.0, selections);
+    const double part = selected / count;
+    host.engine.setLimits(0.0, selected);
     return workOf([&] {
         for (int i = 0; i < count; ++i)
-            host.engine.addSelection(0.1 * i, 0.1 * i + 0.05);
+            host.engine.addSelection(part * i, part * (i + 0.5));
     });
 }
 
 double blockWithSelections(int count)
 {
+    constexpr double left =
+        40.0; // seconds, enough for rings that fill and blocks that are measured
     Host host({.sources = 32});
     select(host, count);
-    // Seconds of the material, near the end.
-    host.play(count > 1 ? 0.1 * (count - 400) : 0.0);
+    host.play((count > 1 ? selected : selected / 2.0) - left);
     std::vector<double> turns;
     for (int turn = 0; turn < 9; ++turn) {
         constexpr int blocks = 20;
