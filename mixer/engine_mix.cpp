@@ -14,6 +14,7 @@
 #include <mixer/io/effect_p.h>
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source_p.h>
+#include <mixer/io/timeline_p.h>
 #include <mixer/meter/meter.h>
 
 #include <QtCore/QThread>
@@ -216,6 +217,7 @@ unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frame
         runWithoutSamples(effect, frames);
         return mixing ? firstBus : 0;
     }
+    TimelineAccess::remember(*timeline, seconds(now));
     Bus *const buses = inputBuses.data();
     const size_t room = inputBuses.size();
     unsigned busCount = firstBus;

@@ -86,16 +86,13 @@ Timeline::Data::Position Timeline::Data::positionAt(double mixerTime) const noex
     } else {
         position.rel = mixerTime - timeOffset;
     }
-    if (!chunks.empty()) {
-        auto chunk = chunks.begin();
-        for (; chunk != chunks.end() && position.rel >= length(*chunk); ++chunk)
-            position.rel -= length(*chunk);
-        if (chunk == chunks.end()) {
+    if (!chunks.isEmpty()) {
+        position.chunk = chunks.find(position.rel);
+        if (!position.chunk) {
             position.outside = true;
             return position;
         }
-        position.chunk = &*chunk;
-        position.rel += chunk->start;
+        position.rel += position.chunk->start;
     }
     position.outside = position.rel < 0.0;
     return position;
@@ -117,8 +114,30 @@ inline double Timeline::Data::timeOf(double rel, bool outside, bool clamp, doubl
 [[gnu::noinline]] double Timeline::Data::windingTime(double mixerTime, bool clamp, double playStart,
                                                      double pausePosition) const noexcept
 {
+    if (const std::optional<double> rel = remembered.at(mixerTime))
+        return timeOf(*rel, std::isnan(*rel), clamp, playStart, pausePosition);
     const Position position = positionAt(mixerTime);
     return timeOf(position.rel, position.outside, clamp, playStart, pausePosition);
+}
+
+void Timeline::Data::remember(double mixerTime) noexcept
+{
+    const Position position = positionAt(mixerTime);
+    remembered.store(mixerTime, position.outside ? std::nan("") : position.rel);
+}
+
+void RememberedPosition::store(double mixerTime, double rel) noexcept
+{
+    const unsigned version = m_version.load(std::memory_order_relaxed);
+    m_version.store(version + 1, std::memory_order_relaxed);
+    m_mixerTime.store(mixerTime, std::memory_order_release);
+    m_rel.store(rel, std::memory_order_release);
+    m_version.store(version + 2, std::memory_order_release);
+}
+
+void RememberedPosition::forget() noexcept
+{
+    store(none, none);
 }
 
 Timeline::Timeline() : d(std::make_unique<Data>())
@@ -131,9 +150,8 @@ Timeline::~Timeline() = default;
 void Timeline::reset()
 {
     d->slices.clear();
-    d->chunks.clear();
     d->limits = Range();
-    d->playDuration = 0.0;
+    d->update(0);
     d->timeOffset = 0.0;
 }
 
@@ -160,16 +178,18 @@ bool Timeline::isLooping() const
 void Timeline::setLooping(bool looping)
 {
     d->looping = looping;
+    d->remembered.forget();
 }
 
 bool Timeline::hasSlices() const
 {
-    return !d->chunks.empty();
+    return !d->chunks.isEmpty();
 }
 
 void Timeline::setLimits(double start, double end)
 {
-    d->change(Range{finiteTime(start), endTime(end)}, d->slices);
+    d->limits = {finiteTime(start), endTime(end)};
+    d->update(0);
 }
 
 bool Timeline::limitsExpanded(double start, double end) const
@@ -188,7 +208,7 @@ double Timeline::time(double mixerTime, bool clamp, double playStart, double pau
 {
     const Data &data = *d;
     const double now = finiteTime(mixerTime);
-    if (data.looping || !data.chunks.empty())
+    if (data.looping || !data.chunks.isEmpty())
         return data.windingTime(now, clamp, playStart, pausePosition);
     const double rel = now - data.timeOffset;
     return data.timeOf(rel, rel < 0.0, clamp, playStart, pausePosition);
@@ -199,10 +219,11 @@ double Timeline::position(double mixerTime) const
     const double now = finiteTime(mixerTime);
     if (d->limits.start < 0.0 || d->limits.end < 0.0)
         return std::max(now, 0.0);
-    const double earliest = d->chunks.empty() ? 0.0 : d->chunks.front().start;
-    const double latest = d->chunks.empty() ? duration() : d->chunks.back().end;
+    const std::vector<Range> &chunks = d->chunks.ranges();
+    const double earliest = chunks.empty() ? 0.0 : chunks.front().start;
+    const double latest = chunks.empty() ? duration() : chunks.back().end;
     const Data::Position position = d->positionAt(now);
-    const bool isPastTheLast = !d->chunks.empty() && !position.chunk;
+    const bool isPastTheLast = !chunks.empty() && !position.chunk;
     const double rel = isPastTheLast ? latest : position.rel;
     return d->limits.start + std::max(earliest, std::min(rel, latest));
 }
@@ -211,16 +232,12 @@ double Timeline::mixer_time(double position) const
 {
     const double rel = finiteTime(position) - d->limits.start;
     double result = rel;
-    if (!d->chunks.empty()) {
-        const int found = searchRanges(d->chunks, rel);
-        const Range &chunk = d->chunks[size_t(found)];
+    if (!d->chunks.isEmpty()) {
+        const size_t found = size_t(searchRanges(d->chunks.ranges(), rel));
+        const Range &chunk = d->chunks.ranges()[found];
         result = -1.0;
-        if (contains(chunk, rel)) {
-            double earlier = 0.0;
-            for (int i = 0; i < found; ++i)
-                earlier += length(d->chunks[size_t(i)]);
-            result = earlier + (rel - chunk.start);
-        }
+        if (contains(chunk, rel))
+            result = d->chunks.startOf(found) + (rel - chunk.start);
     }
     return std::max(0.0, std::min(result, duration()));
 }
@@ -241,10 +258,10 @@ std::pair<double, double> Timeline::nextChunk(double mixerTime, double span, int
 
         const double rel = where - d->limits.start;
         double len = 0.0;
-        if (d->chunks.empty()) {
+        if (d->chunks.isEmpty()) {
             len = std::min(duration() - rel, wanted);
         } else {
-            const Range &chunk = d->chunks[size_t(searchRanges(d->chunks, rel))];
+            const Range &chunk = d->chunks.ranges()[size_t(searchRanges(d->chunks.ranges(), rel))];
             len = std::min(contains(chunk, rel) ? chunk.end - rel : 0.0, wanted);
         }
         if (len <= 0.0 && d->playDuration <= 0.0)
@@ -266,25 +283,27 @@ std::pair<double, double> Timeline::nextChunk(double mixerTime, double span, int
 
 double Timeline::currentChunkEnd(double time) const
 {
-    if (d->chunks.empty())
+    const std::vector<Range> &chunks = d->chunks.ranges();
+    if (chunks.empty())
         return d->limits.end;
     // A time that counts from the start limit: not what the answer without chunks counts from.
     const double x = finiteTime(time);
-    const Range &chunk = d->chunks[size_t(searchRanges(d->chunks, x))];
+    const Range &chunk = chunks[size_t(searchRanges(chunks, x))];
     return contains(chunk, x) ? chunk.end : 0.0;
 }
 
 double Timeline::timeToLoop(double mixerTime) const
 {
     const Data::Position position = d->positionAt(finiteTime(mixerTime));
-    if (d->chunks.empty())
+    const std::vector<Range> &chunks = d->chunks.ranges();
+    if (chunks.empty())
         return d->limits.end - (d->limits.start + position.rel);
     if (position.outside)
         return 0.0;
-    const size_t found = size_t(searchRanges(d->chunks, position.rel));
-    const Range &last = d->chunks.back();
+    const size_t found = size_t(searchRanges(chunks, position.rel));
+    const Range &last = chunks.back();
     // With chunks still to come the engine keeps no more of them than the last one's length.
-    if (found + 1 < d->chunks.size())
+    if (found + 1 < chunks.size())
         return length(last);
     return contains(last, position.rel) ? std::max(last.end - position.rel, 0.0) : 0.0;
 }
@@ -293,6 +312,7 @@ void Timeline::adjustLoopTime(double mixerTime)
 {
     const double time = finiteTime(mixerTime);
     d->timeOffset = 0.0;
+    d->remembered.forget();
     if (d->playDuration <= 0.0 || d->playDuration == time)
         return;
     const qint64 now = unitsOf(time, ticksPerSecond);
@@ -323,12 +343,12 @@ void Timeline::debug(const QString &label) const
 
 void Timeline::printTimeline() const
 {
-    if (d->chunks.empty()) {
+    if (d->chunks.isEmpty()) {
         std::cerr << "[]\n";
         return;
     }
     std::cerr << "[ ";
-    for (const Range &chunk : d->chunks)
+    for (const Range &chunk : d->chunks.ranges())
         std::cerr << '[' << chunk.start << ',' << chunk.end << ']';
     std::cerr << '\n';
 }

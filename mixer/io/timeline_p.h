@@ -4,12 +4,46 @@
 
 #include <base/hidden_p.h>
 #include <base/nonblocking.h>
+#include <mixer/io/chunk_list_p.h>
 #include <mixer/io/timeline.h>
 #include <mixer/types.h>
 
+#include <atomic>
+#include <limits>
+#include <optional>
 #include <vector>
 
 namespace QTovelMixer {
+
+/// The last position that a block looked up, for all who ask for the same time. One thread at a
+/// time writes, any may read without waiting.
+class QTOVELMIXER_HIDDEN RememberedPosition
+{
+public:
+    /// The position remembered for a mixer time; NaN outside the material, nothing for other times.
+    std::optional<double> at(double mixerTime) const noexcept QTOVELMIXER_NONBLOCKING;
+    void store(double mixerTime, double rel) noexcept QTOVELMIXER_NONBLOCKING;
+    void forget() noexcept;
+
+private:
+    static constexpr double none = std::numeric_limits<double>::quiet_NaN();
+
+    std::atomic<unsigned> m_version{0}; // odd during a store
+    std::atomic<double> m_mixerTime{none};
+    std::atomic<double> m_rel{none};
+};
+
+inline std::optional<double>
+RememberedPosition::at(double mixerTime) const noexcept QTOVELMIXER_NONBLOCKING
+{
+    // Whoever sees a value of a later store sees that store's version as well.
+    const unsigned version = m_version.load(std::memory_order_acquire);
+    const bool isSame = m_mixerTime.load(std::memory_order_acquire) == mixerTime;
+    const double rel = m_rel.load(std::memory_order_acquire);
+    if (!isSame || version % 2 != 0 || m_version.load(std::memory_order_acquire) != version)
+        return std::nullopt;
+    return rel;
+}
 
 struct QTOVELMIXER_HIDDEN Timeline::Data
 {
@@ -18,7 +52,10 @@ struct QTOVELMIXER_HIDDEN Timeline::Data
     double timeOffset = 0.0;   // seconds, taken off the mixer time when not looping
     bool looping = false;
     std::vector<Range> slices; // the host's selections; sorted, disjoint
-    std::vector<Range> chunks; // the slices within the limits, relative to limits.start
+    ChunkList chunks;          // the slices within the limits, relative to limits.start; has room
+                               // for all of them
+    size_t firstPlayed = 0;    // index of the first chunk's slice; the others follow it
+    RememberedPosition remembered;
 
     /// Where a mixer time lies.
     struct Position
@@ -27,8 +64,13 @@ struct QTOVELMIXER_HIDDEN Timeline::Data
         const Range *chunk = nullptr; // the chunk reached, null without chunks
         bool outside = false;
     };
-    /// Makes these the limits and the selections, or changes nothing when memory runs out.
-    void change(const Range &wantedLimits, std::vector<Range> wantedSlices);
+    /// Makes room for one more slice. Errors: out of memory, then nothing has changed.
+    void makeRoom();
+    /// Makes the chunks of the slices from index `changed` on; those before it are as they were,
+    /// and so are the limits unless it is 0.
+    void update(size_t changed) noexcept;
+    /// Looks a position up for everybody who asks for the same time before the next edit.
+    void remember(double mixerTime) noexcept QTOVELMIXER_NONBLOCKING;
     Position positionAt(double mixerTime) const noexcept QTOVELMIXER_NONBLOCKING;
 
     /// What `Timeline::time` answers of a position.
@@ -39,10 +81,18 @@ struct QTOVELMIXER_HIDDEN Timeline::Data
                        double pausePosition) const noexcept QTOVELMIXER_NONBLOCKING;
 };
 
-/// The tests' way to the private record.
+/// The engine's and the tests' way to the private record.
 struct TimelineAccess
 {
     static const Timeline::Data &data(const Timeline &timeline) { return *timeline.d; }
+
+    /// Before the sources of a block ask for its position one after another.
+    static void remember(Timeline &timeline, double mixerTime) noexcept QTOVELMIXER_NONBLOCKING
+    {
+        Timeline::Data &data = *timeline.d;
+        if (data.looping || !data.chunks.isEmpty())
+            data.remember(mixerTime);
+    }
 };
 
 /// Index of the range that contains x, else of the one before x, else 0. `ranges` is not empty,

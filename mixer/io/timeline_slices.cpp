@@ -62,10 +62,11 @@ void cutSeveralSlices(std::vector<Range> &slices, int first, int last, const Ran
 void Timeline::addSlice(double start, double end)
 {
     const Range added = ordered(start, end);
-    std::vector<Range> slices = d->slices;
+    d->makeRoom();
+    std::vector<Range> &slices = d->slices;
     if (slices.empty()) {
         slices.push_back(added);
-        d->change(d->limits, std::move(slices));
+        d->update(0);
         return;
     }
     const int i = searchRanges(slices, added.start);
@@ -82,55 +83,62 @@ void Timeline::addSlice(double start, double end)
     } else {
         slice = {std::min(added.start, slice.start), std::max(added.end, slice.end)};
     }
-    d->change(d->limits, std::move(slices));
+    d->update(size_t(i));
 }
 
 void Timeline::removeSlice(double start, double end)
 {
-    std::vector<Range> slices = d->slices;
-    if (!slices.empty()) {
-        const Range cut = ordered(start, end);
-        const int i = searchRanges(slices, cut.start);
-        const int j = searchRanges(slices, cut.end);
-        if (i == j)
-            cutOneSlice(slices, i, cut);
-        else
-            cutSeveralSlices(slices, i, j, cut);
-    }
-    d->change(d->limits, std::move(slices));
+    if (d->slices.empty())
+        return;
+    d->makeRoom();
+    const Range cut = ordered(start, end);
+    const int i = searchRanges(d->slices, cut.start);
+    const int j = searchRanges(d->slices, cut.end);
+    if (i == j)
+        cutOneSlice(d->slices, i, cut);
+    else
+        cutSeveralSlices(d->slices, i, j, cut);
+    d->update(size_t(i));
 }
 
 void Timeline::clearSlices()
 {
-    d->change(d->limits, {});
+    d->slices.clear();
+    d->update(0);
 }
 
 void Timeline::update()
 {
-    d->change(d->limits, d->slices);
+    d->update(0);
 }
 
-// All that takes memory comes first: without it everything stays as it was.
-void Timeline::Data::change(const Range &wantedLimits, std::vector<Range> wantedSlices)
+// Growing by doubling: a host may add selections by the thousand, one after another.
+void Timeline::Data::makeRoom()
 {
-    const Range bounds = ordered(wantedLimits.start, wantedLimits.end);
-    std::vector<Range> played;
-    double total = 0.0;
-    for (const Range &slice : wantedSlices) {
+    const size_t count = slices.size() + 1;
+    if (slices.capacity() < count)
+        slices.reserve(std::max(count, 2 * slices.capacity()));
+    chunks.reserve(count);
+}
+
+void Timeline::Data::update(size_t changed) noexcept
+{
+    const Range bounds = ordered(limits.start, limits.end);
+    chunks.truncate(changed > firstPlayed ? changed - firstPlayed : 0);
+    for (size_t i = changed; i < slices.size(); ++i) {
+        const Range &slice = slices[i];
         const double start = std::max(slice.start, bounds.start);
         const double end = std::min(slice.end, bounds.end);
         // What only touches a limit plays nothing; an empty slice inside stays as it is.
         const bool inside = bounds.start < slice.start && slice.end < bounds.end;
         if (start >= end && !inside)
             continue;
-        const Range chunk{start - wantedLimits.start, end - wantedLimits.start};
-        played.push_back(chunk);
-        total += chunk.end - chunk.start;
+        if (chunks.isEmpty())
+            firstPlayed = i;
+        chunks.append({start - limits.start, end - limits.start});
     }
-    limits = wantedLimits;
-    slices = std::move(wantedSlices);
-    chunks = std::move(played);
-    playDuration = chunks.empty() ? std::max(limits.end - limits.start, 0.0) : total;
+    playDuration = chunks.isEmpty() ? std::max(limits.end - limits.start, 0.0) : chunks.total();
+    remembered.forget();
 }
 
 } // namespace QTovelMixer

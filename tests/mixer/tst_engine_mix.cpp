@@ -6,6 +6,7 @@
 #include <mixer/gains.h>
 #include <mixer/io/effect.h>
 #include <mixer/io/source.h>
+#include <mixer/io/timeline_p.h>
 #include <support/log_capture.h>
 #include <support/session.h>
 #include <support/take_sink.h>
@@ -16,6 +17,7 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <random>
 #include <thread>
 #include <utility>
@@ -101,6 +103,7 @@ private slots:
     void callback_takesDenormalsForZero_andLeavesTheThreadAsItWas();
     void outputEffect_getsNoSamples_withoutSources();
     void block_asksEverySourceForItsTime();
+    void block_looksThePositionUpOnce_forAllSources();
     void effect_isLetGo_whenDestroyedOrReplaced();
     void setMixerGains_withoutTable_usesTheDefaults();
     void setMixerGains_withoutChannels_changesNothing();
@@ -572,6 +575,22 @@ void tst_EngineMix::block_asksEverySourceForItsTime()
     source->away = true;
     heard = session.run(1);
     QVERIFY(std::all_of(heard.begin(), heard.end(), [](float sample) { return sample == 0.0f; }));
+    session.stopAll();
+}
+
+void tst_EngineMix::block_looksThePositionUpOnce_forAllSources()
+{
+    const LogCapture quiet;
+    Session session;
+    QVERIFY(session.engine.addSource(new RampSource(&session.engine, 48000, 2, 60.0)));
+    session.engine.addSelection(1.0, 2.0);
+    session.engine.addSelection(4.0, 9.0);
+    QVERIFY(session.engine.start(1.5));
+    session.run(3);
+    const auto &timeline = TimelineAccess::data(*session.engine.timeline());
+    // Half a second of the pass, and two blocks.
+    const double block = (24000 + 512) / 48000.0;
+    QCOMPARE(timeline.remembered.at(block), std::optional(block + 1.0));
     session.stopAll();
 }
 

@@ -26,7 +26,7 @@ inline const Ranges &slicesOf(const QTovelMixer::Timeline &timeline)
 
 inline const Ranges &chunksOf(const QTovelMixer::Timeline &timeline)
 {
-    return QTovelMixer::TimelineAccess::data(timeline).chunks;
+    return QTovelMixer::TimelineAccess::data(timeline).chunks.ranges();
 }
 
 inline double passOf(const QTovelMixer::Timeline &timeline)

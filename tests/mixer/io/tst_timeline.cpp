@@ -37,6 +37,7 @@ private slots:
     void limitsCollapsed_comparesStrictly();
     void addSlice_data();
     void addSlice();
+    void addSlice_takesMemoryByDoubling();
     void removeSlice_data();
     void removeSlice();
     void removeSlice_splitsIntoTouchingSlices_forAnEmptyStretch();
@@ -272,6 +273,22 @@ void tst_timeline::addSlice()
     fillTimeline(timeline, 0, 10, rangesNamed(before));
     timeline.addSlice(start, end);
     QTEST(textOf(slicesOf(timeline)), "after");
+}
+
+void tst_timeline::addSlice_takesMemoryByDoubling()
+{
+    Timeline timeline;
+    timeline.setLimits(0.0, 1000.0);
+    int growths = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const size_t slices = slicesOf(timeline).capacity();
+        const size_t chunks = chunksOf(timeline).capacity();
+        timeline.addSlice(i, i + 0.5);
+        growths += slicesOf(timeline).capacity() != slices;
+        growths += chunksOf(timeline).capacity() != chunks;
+    }
+    QCOMPARE(chunksOf(timeline).size(), size_t(1000));
+    QVERIFY2(growths <= 24, qPrintable(QString::number(growths)));
 }
 
 void tst_timeline::removeSlice_data()

@@ -8,6 +8,7 @@
 
 #include <QtTest/QTest>
 
+#include <cmath>
 #include <optional>
 #include <random>
 #include <vector>
@@ -35,6 +36,9 @@ private slots:
     void model_agreesOnRandomEdits();
     void model_agreesOnRandomQueries();
     void model_agreesBetweenCells();
+    void manyChunks_areFoundToTheBitAsOneByOne_data();
+    void manyChunks_areFoundToTheBitAsOneByOne();
+    void editsAmongManyChunks_leaveWhatAllAtOnceGives();
 };
 
 void tst_timeline_model::model_agreesOnRandomEdits()
@@ -184,6 +188,102 @@ void tst_timeline_model::model_agreesBetweenCells()
             pair.timeline.adjustLoopTime(0.0);
         }
     }
+}
+
+namespace {
+
+/// Where a pass stands at a time, by taking off one chunk after another; -1 behind the last.
+double walk(const Ranges &chunks, double time)
+{
+    for (const Range &chunk : chunks) {
+        const double length = chunk.end - chunk.start;
+        if (time < length)
+            return time + chunk.start;
+        time -= length;
+    }
+    return -1.0;
+}
+
+} // namespace
+
+void tst_timeline_model::manyChunks_areFoundToTheBitAsOneByOne_data()
+{
+    QTest::addColumn<double>("every"); // seconds
+    QTest::addColumn<double>("length");
+    QTest::addColumn<bool>("random");
+    QTest::newRow("50 ms of every 100") << 0.1 << 0.05 << false;
+    QTest::newRow("quarters of a second") << 0.5 << 0.25 << false;
+    QTest::newRow("lengths whose halves are ties") << 1.0 << 0.75 + 0x1p-43 << false;
+    QTest::newRow("minutes") << 100.0 << 60.0 + 1.0 / 3.0 << false;
+    QTest::newRow("days") << 86400.1 << 86400.0 / 7.0 << false;
+    QTest::newRow("milliseconds") << 0.002 << 0.001 << false;
+    QTest::newRow("any lengths") << 1.7 << 1.6 << true;
+    QTest::newRow("any short lengths") << 0.03 << 0.02 << true;
+}
+
+void tst_timeline_model::manyChunks_areFoundToTheBitAsOneByOne()
+{
+    QFETCH(const double, every);
+    QFETCH(const double, length);
+    QFETCH(const bool, random);
+    constexpr int count = 2000;
+    std::mt19937_64 engine(7);
+    std::uniform_real_distribution<double> part(0.0, 1.0);
+    Timeline timeline;
+    timeline.setLimits(0.0, every * count);
+    for (int i = 0; i < count; ++i)
+        timeline.addSlice(every * i, every * i + length * (random ? part(engine) : 1.0));
+    const Ranges &chunks = chunksOf(timeline);
+    QCOMPARE(chunks.size(), size_t(count));
+    QCOMPARE(TimelineAccess::data(timeline).chunks.strideCount(),
+             chunks.size() / ChunkList::strideLength);
+    double sum = 0.0; // every boundary, and what lies beside it
+    std::vector<double> times;
+    for (const Range &chunk : chunks) {
+        for (const double time :
+             {sum, std::nextafter(sum, 0.0), std::nextafter(sum, infinite), part(engine) * every})
+            times.push_back(time);
+        sum += chunk.end - chunk.start;
+    }
+    QCOMPARE(passOf(timeline), sum);
+    for (int i = 0; i < 20000; ++i)
+        times.push_back(part(engine) * sum * 1.01);
+    for (const double time : times) {
+        const double expected = walk(chunks, time);
+        if (timeOf(timeline, time) != expected)
+            QFAIL(qPrintable(QStringLiteral("at %1: %2, not %3")
+                                 .arg(time, 0, 'g', 17)
+                                 .arg(timeOf(timeline, time), 0, 'g', 17)
+                                 .arg(expected, 0, 'g', 17)));
+    }
+    double earlier = 0.0;
+    for (const Range &chunk : chunks) {
+        QCOMPARE(timeline.mixer_time(chunk.start), earlier);
+        earlier += chunk.end - chunk.start;
+    }
+}
+
+void tst_timeline_model::editsAmongManyChunks_leaveWhatAllAtOnceGives()
+{
+    std::mt19937 random(11);
+    const auto below = [&random](int bound) { return int(random() % unsigned(bound)); };
+    Timeline timeline;
+    for (int edit = 0; edit < 4000; ++edit) {
+        const double from = 0.1 * below(3000);
+        const double to = from + 0.07 * (1 + below(edit % 500 == 0 ? 500 : 2));
+        if (edit % 97 == 0)
+            timeline.setLimits(0.1 * below(1000) - 5.0, 0.1 * (1000 + below(2000)));
+        else if (below(4) == 0)
+            timeline.removeSlice(from, to);
+        else
+            timeline.addSlice(from, to);
+        const Ranges inPieces = chunksOf(timeline);
+        const double pass = passOf(timeline);
+        timeline.update();
+        if (chunksOf(timeline) != inPieces || passOf(timeline) != pass)
+            QFAIL(qPrintable(QStringLiteral("after edit %1").arg(edit)));
+    }
+    QVERIFY(slicesOf(timeline).size() > 500);
 }
 
 QTEST_GUILESS_MAIN(tst_timeline_model)

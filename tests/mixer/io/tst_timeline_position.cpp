@@ -7,8 +7,12 @@
 
 #include <QtTest/QTest>
 
+#include <cmath>
+#include <functional>
 #include <limits>
+#include <optional>
 #include <utility>
+#include <vector>
 
 using namespace QTovelMixer;
 
@@ -46,6 +50,7 @@ private slots:
     void loopWithSlices_runsForEver();
     void removingTheCurrentChunk_jumpsToTheFirst();
     void anyDouble_isSafe();
+    void rememberedPosition_isForgottenByEveryEdit();
 };
 
 void tst_timeline_position::time_followsTheClock_withoutChunks()
@@ -445,6 +450,42 @@ void tst_timeline_position::anyDouble_isSafe()
             }
         }
     }
+}
+
+void tst_timeline_position::rememberedPosition_isForgottenByEveryEdit()
+{
+    Timeline timeline;
+    fillTimeline(timeline, 2, 12, {{2, 3}, {5, 6}});
+    const auto remembered = [&](double time) {
+        return TimelineAccess::data(timeline).remembered.at(time);
+    };
+    const auto remember = [&](double time) {
+        TimelineAccess::remember(timeline, time);
+        return remembered(time);
+    };
+    QVERIFY(!remembered(1.5));
+    QCOMPARE(remember(1.5), std::optional(3.5)); // from the start limit
+    QCOMPARE(timeOf(timeline, 1.5), 5.5);
+    QVERIFY(!remembered(1.25)); // the last one only
+    QCOMPARE(timeOf(timeline, 1.25), 5.25);
+    QVERIFY(std::isnan(remember(2.0).value()));
+    QCOMPARE(timeOf(timeline, 2.0), -1.0);
+    QCOMPARE(timeline.time(2.0, true, 0.0, -1.0), 2.0);
+
+    const std::vector<std::function<void()>> edits{
+        [&] { timeline.addSlice(8.0, 9.0); },   [&] { timeline.removeSlice(8.0, 9.0); },
+        [&] { timeline.setLimits(2.0, 11.0); }, [&] { timeline.setLooping(true); },
+        [&] { timeline.adjustLoopTime(2.5); },  [&] { timeline.update(); },
+        [&] { timeline.clearSlices(); },
+    };
+    for (size_t i = 0; i < edits.size(); ++i) {
+        QVERIFY2(remember(0.5), qPrintable(QString::number(i)));
+        edits[i]();
+        QVERIFY2(!remembered(0.5), qPrintable(QString::number(i)));
+    }
+    timeline.setLooping(false);
+    TimelineAccess::remember(timeline, 0.5); // nothing to look up
+    QVERIFY(!remembered(0.5));
 }
 
 QTEST_GUILESS_MAIN(tst_timeline_position)
