@@ -162,7 +162,7 @@ void Engine::Data::resetGainMatrix()
 
 void Engine::Data::planMix()
 {
-    plan.rebuild(matrix, int(inputBuses.size()), int(outputBuses.size()));
+    plan->rebuild(matrix, int(inputBuses.size()), int(outputBuses.size()));
 }
 
 // The bracket ---------------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace QTovelMixer {
 
@@ -69,15 +70,24 @@ bool Engine::Data::requireFinite(const char *operation, float gain)
 
 bool Engine::Data::setCell(const HostGains::Cell &cell, float gain)
 {
-    HostGains wish = HostGains::cell(cell, gain);
-    const QMutexLocker locker(&updateLock);
+    // Nobody but this thread changes the matrix or what it stands for, so that it is read here
+    // without the lock. No block waits while a plan is made.
     unsigned row = 0;
     unsigned column = 0;
     if (!cellOf(cell, row, column))
         return false;
-    hostGains.adopt(wish);
+    hostGains.setCell(cell, gain);
+    const bool wasHeard = matrix.gain[row][column] != 0.0f;
+    const bool mayFollow = wasHeard == (gain != 0.0f);
+    if (!mayFollow)
+        sparePlan->rebuildFor(matrix, int(inputBuses.size()), int(outputBuses.size()),
+                              {row, column, gain});
+    const QMutexLocker locker(&updateLock);
     matrix.setCell(row, column, gain);
-    planMix();
+    if (!mayFollow)
+        std::swap(plan, sparePlan);
+    else if (!plan->follow(matrix, row, column))
+        planMix();
     return true;
 }
 

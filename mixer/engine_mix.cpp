@@ -240,13 +240,13 @@ void Engine::Data::mixMatrix(unsigned busCount) noexcept
     const int columns = int(std::min<size_t>(outputBuses.size(), maxChannels));
     if (columns == 0)
         return;
-    const bool isPlanned = plan.watchesCells() ? plan.matches(matrix, rows, columns)
-                                               : plan.isFor(matrix, rows, columns);
+    const bool isPlanned = plan->watchesCells() ? plan->matches(matrix, rows, columns)
+                                                : plan->isFor(matrix, rows, columns);
     // While suspended nothing is mixed, and the plan stays for afterwards.
     if (rows > 0 && !isPlanned)
-        plan.rebuild(matrix, rows, columns);
-    plan.mix(inputBuses.data(), rows, outputBuses.data(), columns,
-             qsizetype(outputBuses[0].size()));
+        plan->rebuild(matrix, rows, columns);
+    plan->mix(inputBuses.data(), rows, outputBuses.data(), columns,
+              qsizetype(outputBuses[0].size()));
 }
 
 void Engine::Data::feedSinks(unsigned firstBus, qint64 now) noexcept

@@ -354,8 +354,10 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     std::vector<QPointer<Sink>> retiredSinks;
     HostGains hostGains;
     std::vector<SavedState> savedStates;
-    bool pausedAtRest = false; ///< holdCount holds the suspension of a pause before the start
-    double keptPosition = 0.0; ///< seconds in the material, where playback stood last
+    MixPlan plans[2];
+    MixPlan *sparePlan = &plans[1]; ///< is made while the other one mixes
+    bool pausedAtRest = false;      ///< holdCount holds the suspension of a pause before the start
+    double keptPosition = 0.0;      ///< seconds in the material, where playback stood last
 
     // Shared: written on the main thread, read anywhere -------------------------------------
     std::atomic<bool> active{false};
@@ -392,7 +394,7 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     GainMatrix matrix;
     float (&gainMatrix)[128][128] = matrix.gain;
     float (&enableMatrix)[128][128] = matrix.enable;
-    MixPlan plan;
+    MixPlan *plan = &plans[0];
     Timeline *timeline = nullptr;
     bool inputReplacementTold = false; ///< since the device was opened
     bool outputReplacementTold = false;
@@ -449,7 +451,8 @@ struct EngineAccess
     /// compares them with its plan.
     static Engine::Data &data(Engine &engine)
     {
-        engine.d->plan.watchCells();
+        for (MixPlan &plan : engine.d->plans)
+            plan.watchCells();
         return *engine.d;
     }
 };

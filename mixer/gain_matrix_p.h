@@ -60,8 +60,23 @@ public:
         return shadow.load(std::memory_order_acquire) != nullptr;
     }
 
+    /// A cell and the gain that it is about to get.
+    struct Change
+    {
+        unsigned row;
+        unsigned column;
+        float gain;
+    };
+
     /// Plans the first rows × columns cells (each at most 128).
     void rebuild(const GainMatrix &matrix, int rows, int columns) noexcept QTOVELMIXER_NONBLOCKING;
+    /// Plans them for the time after `GainMatrix::setCell` with this change.
+    void rebuildFor(const GainMatrix &matrix, int rows, int columns, const Change &change) noexcept;
+
+    /// Follows `GainMatrix::setCell`, which was called for this cell since the plan stood for the
+    /// matrix. Returns false, and leaves the plan as it is, when other inputs are heard than
+    /// before.
+    bool follow(const GainMatrix &matrix, unsigned row, unsigned column) noexcept;
 
     /// Whether the plan stands for the first rows × columns cells of the matrix, as its functions
     /// left them.
@@ -112,7 +127,14 @@ private:
                   int columnCount) noexcept QTOVELMIXER_NONBLOCKING;
         bool equals(const GainMatrix &matrix, int rowCount,
                     int columnCount) const noexcept QTOVELMIXER_NONBLOCKING;
+        void setGain(int row, int column, float value) noexcept
+        {
+            gain[std::size_t(row) * stride + std::size_t(column)] = value;
+        }
     };
+
+    void plan(const GainMatrix &matrix, int rows, int columns,
+              const Change *change) noexcept QTOVELMIXER_NONBLOCKING;
 
     void addSet(int column, const quint64 (*used)[2]) noexcept QTOVELMIXER_NONBLOCKING;
     bool fits(const aligned_vector<float, 16> *inputs, const aligned_vector<float, 16> *outputs,
@@ -130,6 +152,8 @@ private:
     int groupCount = 0;
     Set sets[limit];
     bool planned[limit];                   // while rebuilding: the output has its set
+    quint8 setOf[limit];                   // by output
+    quint8 placeOf[limit];                 // by output: its place among its set's
     alignas(64) float gains[limit][limit]; // by output, then by place among its inputs
     alignas(64) float packed[limit / groupWidth][limit][groupWidth];
     std::atomic<Shadow *> shadow{nullptr}; // owned

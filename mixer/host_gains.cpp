@@ -35,11 +35,9 @@ void moveAll(Map &from, Map &to) noexcept
 
 } // namespace
 
-HostGains HostGains::cell(const Cell &cell, float gain)
+void HostGains::setCell(const Cell &cell, float gain)
 {
-    HostGains wish;
-    wish.m_cells[cell] = gain;
-    return wish;
+    m_cells[cell] = gain;
 }
 
 HostGains HostGains::route(const Source *source, const Sink *sink, float gain)

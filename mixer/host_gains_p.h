@@ -28,8 +28,10 @@ public:
     };
     using Pair = std::pair<const Source *, const Sink *>;
 
+    /// Takes memory for a new cell.
+    void setCell(const Cell &cell, float gain);
+
     // One wish, made before the update lock is taken.
-    static HostGains cell(const Cell &cell, float gain);
     /// The default wiring of a source into a sink, in place of the cells between the two.
     static HostGains route(const Source *source, const Sink *sink, float gain);
     static HostGains mask(const Source *source, quint64 mask);

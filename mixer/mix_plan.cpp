@@ -55,19 +55,42 @@ void MixPlan::watchCells()
 
 void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
 {
-    plannedChanges = matrix.changes;
+    plan(matrix, rows, columns, nullptr);
+}
+
+void MixPlan::rebuildFor(const GainMatrix &matrix, int rows, int columns,
+                         const Change &change) noexcept
+{
+    plan(matrix, rows, columns, &change);
+}
+
+void MixPlan::plan(const GainMatrix &matrix, int rows, int columns, const Change *change) noexcept
+{
+    plannedChanges = matrix.changes + (change ? 1 : 0);
     plannedRows = std::clamp(rows, 0, limit);
     plannedColumns = std::clamp(columns, 0, limit);
     setCount = 0;
     groupCount = 0;
-    if (Shadow *const watched = shadow.load(std::memory_order_acquire))
+    const bool isChangePlanned =
+        change && int(change->row) < plannedRows && int(change->column) < plannedColumns;
+    if (Shadow *const watched = shadow.load(std::memory_order_acquire)) {
         watched->copy(matrix, plannedRows, plannedColumns);
+        if (isChangePlanned)
+            watched->setGain(int(change->row), int(change->column), change->gain);
+    }
 
     quint64 used[limit][2] = {}; // by output: bit j stands for input j
     int inputCounts[limit] = {}; // by output
+    float changedRow[limit];
     for (int j = 0; j < plannedRows; ++j) {
+        const float *cells = matrix.gain[j];
+        if (isChangePlanned && j == int(change->row)) {
+            std::copy_n(cells, plannedColumns, changedRow);
+            changedRow[change->column] = change->gain;
+            cells = changedRow;
+        }
         for (int k = 0; k < plannedColumns; ++k) {
-            const float gain = matrix.gain[j][k] * matrix.enable[j][k];
+            const float gain = cells[k] * matrix.enable[j][k];
             if (gain != 0.0f) {
                 used[k][j / 64] |= quint64(1) << (j % 64);
                 gains[k][inputCounts[k]++] = gain;
@@ -84,7 +107,8 @@ void MixPlan::rebuild(const GainMatrix &matrix, int rows, int columns) noexcept
 
 void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
 {
-    Set &set = sets[setCount++];
+    const int index = setCount++;
+    Set &set = sets[index];
     set.inputCount = 0;
     for (int j = 0; j < plannedRows; ++j) {
         if ((used[column][j / 64] >> (j % 64)) & 1)
@@ -96,6 +120,8 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
         if (used[k][0] != used[column][0] || used[k][1] != used[column][1])
             continue;
         planned[k] = true;
+        setOf[k] = quint8(index);
+        placeOf[k] = quint8(set.outputCount);
         set.outputs[set.outputCount++] = quint8(k);
     }
 
@@ -107,6 +133,33 @@ void MixPlan::addSet(int column, const quint64 (*used)[2]) noexcept
                 packed[groupCount][i][o] = gains[set.outputs[g * groupWidth + o]][i];
         }
     }
+}
+
+bool MixPlan::follow(const GainMatrix &matrix, unsigned row, unsigned column) noexcept
+{
+    if (plannedChanges + 1 != matrix.changes)
+        return false;
+    if (int(row) < plannedRows && int(column) < plannedColumns) {
+        const float gain = matrix.gain[row][column] * matrix.enable[row][column];
+        const Set &set = sets[setOf[column]];
+        const quint8 *const end = set.inputs + set.inputCount;
+        const quint8 *const input = std::lower_bound(set.inputs, end, quint8(row));
+        const bool isHeard = input != end && *input == row;
+        if (isHeard != (gain != 0.0f))
+            return false;
+        if (isHeard) {
+            const auto place = input - set.inputs;
+            const int output = placeOf[column];
+            gains[column][place] = gain;
+            if (output < set.groups * groupWidth)
+                packed[set.firstGroup + output / groupWidth][place][output % groupWidth] = gain;
+        }
+        Shadow *const watched = shadow.load(std::memory_order_acquire);
+        if (watched && watched->rows == plannedRows && watched->columns == plannedColumns)
+            watched->setGain(int(row), int(column), matrix.gain[row][column]);
+    }
+    plannedChanges = matrix.changes;
+    return true;
 }
 
 bool MixPlan::matches(const GainMatrix &matrix, int rows, int columns) const noexcept

@@ -45,8 +45,8 @@ bool isPlanned(const Engine::Data &data)
 {
     const int rows = int(data.inputBuses.size());
     const int columns = int(data.outputBuses.size());
-    return data.plan.watchesCells() ? data.plan.matches(data.matrix, rows, columns)
-                                    : data.plan.isFor(data.matrix, rows, columns);
+    return data.plan->watchesCells() ? data.plan->matches(data.matrix, rows, columns)
+                                     : data.plan->isFor(data.matrix, rows, columns);
 }
 
 } // namespace
@@ -200,7 +200,7 @@ void tst_EngineRealtime::plan_isReady_afterEveryChange()
     QVERIFY(isChangedAndPlanned());
     engine.removeSink(sink);
     QVERIFY(isChangedAndPlanned());
-    QVERIFY(!data.plan.watchesCells());
+    QVERIFY(!data.plan->watchesCells());
 }
 
 // No gain of the sink is written then, so that nothing else plans its column.

@@ -55,6 +55,7 @@ class tst_EngineWiring : public QObject
 
 private slots:
     void initTestCase() { Engine::Initialize(); }
+    void setGain_plansWhatItSets_beforeTheNextBlock();
     void init() { m_quiet = std::make_unique<LogCapture>(); }
     void cleanup() { m_quiet.reset(); }
 
@@ -266,6 +267,44 @@ void tst_EngineWiring::open_asSelect()
     QCOMPARE(desk.heard(0), 0.25f);
     desk.stopAll();
     QTRY_COMPARE(desk.count("stopped"), 1);
+}
+
+// A gain that stays above 0 is written into the plan; another plan takes over for one that comes or
+// goes, so that no block waits until it is made.
+void tst_EngineWiring::setGain_plansWhatItSets_beforeTheNextBlock()
+{
+    Desk desk;
+    Source *const source = desk.addRamp(48000, 60.0);
+    QVERIFY(source);
+    QVERIFY(desk.engine.start(0.0));
+    desk.heard(0);
+    const Engine::Data &data = EngineAccess::shipped(desk.engine);
+    const auto isPlanned = [&] {
+        return data.plan->isFor(data.matrix, int(data.inputBuses.size()),
+                                int(data.outputBuses.size()));
+    };
+    QVERIFY(isPlanned());
+    const MixPlan *const first = data.plan;
+    QVERIFY(desk.engine.setGain(source, 0, 0, 0.25f));
+    for (const int silent : {0, 3})
+        QVERIFY(desk.engine.setGain(source, 1, silent, 0.0f));
+    QVERIFY(desk.engine.setGain(source, 0, 3, 0.0f));
+    const MixPlan *const second = data.plan;
+    QVERIFY(desk.engine.setGain(source, 0, 0, 0.5f));
+    QVERIFY(isPlanned());
+    QVERIFY(data.plan == second);
+    QCOMPARE(desk.heard(0), 0.5f);
+    QVERIFY(desk.engine.setGain(source, 0, 3, 0.125f));
+    QVERIFY(isPlanned());
+    QVERIFY(data.plan != second);
+    QCOMPARE(desk.heard(3), 0.125f);
+    QCOMPARE(desk.heard(0), 0.5f);
+    QVERIFY(desk.engine.setGain(source, 0, 3, 0.0f));
+    QVERIFY(isPlanned());
+    QVERIFY(data.plan == second);
+    QCOMPARE(desk.heard(3), 0.0f);
+    QVERIFY(first == &data.plans[0] || first == &data.plans[1]);
+    desk.stopAll();
 }
 
 QTEST_GUILESS_MAIN(tst_EngineWiring)

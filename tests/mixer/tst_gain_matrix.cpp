@@ -148,6 +148,10 @@ private slots:
     void matches_seesSignsAndNotANumber();
     void isFor_seesTheMatrixChanged_data();
     void isFor_seesTheMatrixChanged();
+    void follow_mixesAsANewPlan_data();
+    void follow_mixesAsANewPlan();
+    void follow_needsThePlanOfTheLastChangeButOne();
+    void rebuildFor_plansTheCellToCome();
 };
 
 void tst_GainMatrix::constructor_leavesEverythingSilentAndEnabled()
@@ -584,6 +588,88 @@ void tst_GainMatrix::isFor_seesTheMatrixChanged()
     QVERIFY(!plan->isFor(*matrix, 3, 5));
     plan->rebuild(*matrix, 3, 5);
     QVERIFY(plan->isFor(*matrix, 3, 5));
+}
+
+void tst_GainMatrix::follow_mixesAsANewPlan_data()
+{
+    QTest::addColumn<int>("rows");
+    QTest::addColumn<int>("columns");
+    QTest::addColumn<double>("density");
+    QTest::addColumn<double>("zeros"); // of the changes
+    QTest::addColumn<bool>("watched");
+    QTest::newRow("dense groups and a rest") << 20 << 15 << 1.0 << 0.0 << false;
+    QTest::newRow("sets of many shapes") << 16 << 16 << 0.5 << 0.2 << false;
+    QTest::newRow("few inputs") << 3 << 7 << 0.7 << 0.2 << false;
+    QTest::newRow("everything") << 128 << 128 << 1.0 << 0.01 << false;
+    QTest::newRow("watched") << 9 << 13 << 0.8 << 0.2 << true;
+}
+
+void tst_GainMatrix::follow_mixesAsANewPlan()
+{
+    QFETCH(const int, rows);
+    QFETCH(const int, columns);
+    QFETCH(const double, density);
+    QFETCH(const double, zeros);
+    QFETCH(const bool, watched);
+    Mix mix(rows, columns, 40);
+    mix.fillMatrix(density, density < 1.0 ? 0.1 : 0.0);
+    if (watched)
+        mix.plan->watchCells();
+    mix.run();
+    int followed = 0;
+    for (int change = 0; change < 400; ++change) {
+        // Beside the planned cells as well.
+        const unsigned row = unsigned(mix.random() % unsigned(std::min(rows + 1, size)));
+        const unsigned column = unsigned(mix.random() % unsigned(std::min(columns + 1, size)));
+        const float before = mix.matrix->gain[row][column] * mix.matrix->enable[row][column];
+        mix.matrix->setCell(row, column, mix.chance(zeros) ? 0.0f : mix.value());
+        const float after = mix.matrix->gain[row][column] * mix.matrix->enable[row][column];
+        const bool isPlanned = int(row) < rows && int(column) < columns;
+        const bool follows = mix.plan->follow(*mix.matrix, row, column);
+        QCOMPARE(follows, !isPlanned || (before != 0.0f) == (after != 0.0f));
+        QCOMPARE(mix.plan->isFor(*mix.matrix, rows, columns), follows);
+        followed += follows && isPlanned && before != after;
+        if (!follows)
+            mix.plan->rebuild(*mix.matrix, rows, columns);
+        if (watched)
+            QVERIFY(mix.plan->matches(*mix.matrix, rows, columns));
+        mix.plan->mix(mix.inputs.data(), rows, mix.outputs.data(), columns, mix.frames);
+        if (change % 16 == 0 || change > 380)
+            QCOMPARE(mix.firstWrong(), -1);
+    }
+    QVERIFY(followed > 30);
+}
+
+void tst_GainMatrix::follow_needsThePlanOfTheLastChangeButOne()
+{
+    Mix mix(4, 4, 16);
+    mix.fillMatrix(1.0, 0.0);
+    mix.run();
+    mix.matrix->setCell(1, 1, 0.5f);
+    mix.matrix->setCell(2, 2, 0.5f);
+    QVERIFY(!mix.plan->follow(*mix.matrix, 2, 2));
+    mix.plan->rebuild(*mix.matrix, 4, 4);
+    QVERIFY(!mix.plan->follow(*mix.matrix, 2, 2)); // nothing to follow
+}
+
+void tst_GainMatrix::rebuildFor_plansTheCellToCome()
+{
+    Mix mix(6, 8, 24);
+    mix.fillMatrix(0.6, 0.0);
+    mix.plan->watchCells();
+    mix.run();
+    for (int change = 0; change < 60; ++change) {
+        const unsigned row = unsigned(mix.random() % 6);
+        const unsigned column = unsigned(mix.random() % 8);
+        const float gain = mix.chance(0.5) ? 0.0f : mix.value();
+        mix.plan->rebuildFor(*mix.matrix, 6, 8, {row, column, gain});
+        QVERIFY(!mix.plan->isFor(*mix.matrix, 6, 8));
+        mix.matrix->setCell(row, column, gain);
+        QVERIFY(mix.plan->isFor(*mix.matrix, 6, 8));
+        QVERIFY(mix.plan->matches(*mix.matrix, 6, 8));
+        mix.plan->mix(mix.inputs.data(), 6, mix.outputs.data(), 8, 24);
+        QCOMPARE(mix.firstWrong(), -1);
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_GainMatrix)
