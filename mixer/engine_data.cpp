@@ -169,8 +169,13 @@ void Engine::Data::planMix()
 
 void Engine::Data::update_source_lock()
 {
+    // All are told before the first is waited for: meanwhile the others would begin new reads.
     for (Source *source : sources)
+        SourceAccess::announceUpdate(*source);
+    for (Source *source : sources) {
         source->update_lock();
+        SourceAccess::withdrawUpdate(*source);
+    }
 }
 
 void Engine::Data::update_source_unlock()
@@ -219,8 +224,10 @@ void Engine::Data::holdSinks()
 {
     if (bracketDepth > 0)
         return;
+    for (Sink *sink : sinks)
+        SinkAccess::announceUpdate(*sink);
     for (Sink *sink : sinks) {
-        SinkAccess::updateLock(*sink);
+        SinkAccess::takeAnnouncedLock(*sink);
         lockedSinks.push_back(sink);
     }
 }

@@ -134,7 +134,17 @@ void SinkAccess::endAndWait(Sink &sink)
 
 void SinkAccess::updateLock(Sink &sink)
 {
+    announceUpdate(sink);
+    takeAnnouncedLock(sink);
+}
+
+void SinkAccess::announceUpdate(Sink &sink)
+{
     ++sink.d->updateWaiters;
+}
+
+void SinkAccess::takeAnnouncedLock(Sink &sink)
+{
     sink.d->ringMutex.lock();
 }
 

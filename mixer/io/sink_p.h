@@ -121,6 +121,10 @@ struct SinkAccess
     /// Waits for a `writeSamples` under way and holds the worker off, so that `setTime` does not
     /// wait. Blocks are taken meanwhile. Nestable. Threads: main.
     static void updateLock(Sink &sink);
+    /// The part of `updateLock` that does not wait: the worker begins no further `writeSamples`.
+    static void announceUpdate(Sink &sink);
+    /// The rest of it.
+    static void takeAnnouncedLock(Sink &sink);
 
     /// Ends `updateLock`.
     static void updateUnlock(Sink &sink);

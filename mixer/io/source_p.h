@@ -176,6 +176,13 @@ struct SourceAccess
     /// Lets the worker look at its ring.
     static void wake(Source &source);
 
+    /// Has the worker begin no further read, without waiting for the one under way, until
+    /// `withdrawUpdate`. Who asks several workers like this before taking their locks waits for the
+    /// longest of the reads and not for their sum.
+    static void announceUpdate(Source &source);
+    /// Takes `announceUpdate` back, once `update_lock` holds the worker off.
+    static void withdrawUpdate(Source &source);
+
     /// Undoes the silence of one `Source::pause`, and nothing else of it.
     static void takeBackSilence(Source &source);
 

@@ -109,6 +109,20 @@ void SourceAccess::wake(Source &source)
     source.d->wakeCondition.wakeAll();
 }
 
+void SourceAccess::announceUpdate(Source &source)
+{
+    ++source.d->updateWaiters;
+}
+
+void SourceAccess::withdrawUpdate(Source &source)
+{
+    if (--source.d->updateWaiters > 0)
+        return;
+    // An override of `update_lock` holds nothing off.
+    const QMutexLocker lock(&source.d->waitMutex);
+    source.d->wakeCondition.wakeAll();
+}
+
 void SourceAccess::takeBackSilence(Source &source)
 {
     source.d->countUpdateDown();

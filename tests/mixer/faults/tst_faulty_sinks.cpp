@@ -17,6 +17,7 @@ private slots:
     void initTestCase() { Engine::Initialize(); }
     void seek_letsTheMixGoOn_whileAHostWrites();
     void start_letsTheMixGoOn_whileAHostWrites();
+    void seek_tellsEverySink_beforeItWaitsForOne();
     void seek_reachesASink_thatNeverRests();
     void setTime_isRefused_onTheSinksOwnThread();
     void blocking_overflowsTheRing_andTheTakeStaysInPlace();
@@ -99,6 +100,30 @@ void tst_FaultySinks::start_letsTheMixGoOn_whileAHostWrites()
     QVERIFY(sink);
     mixesWhileMainWaits(session, sink, [&] { QVERIFY(session.engine.start(0.0)); });
     playsAgain(session);
+}
+
+void tst_FaultySinks::seek_tellsEverySink_beforeItWaitsForOne()
+{
+    const LogCapture quiet;
+    Session session(2, 2);
+    FaultySink *const slow = startRecording(session);
+    FaultySink *const other = addSink(session);
+    QVERIFY(slow && other);
+    other->start();
+    slow->barrier.close();
+    session.runWithoutWaiting(4);
+    QVERIFY(slow->barrier.waitUntilReached());
+    bool told = false;
+    std::thread observer([&] {
+        told = waitUntil([&] { return SinkAccess::data(*other).updateWaiters > 0; });
+        slow->barrier.open();
+    });
+    session.engine.setTime(1.0);
+    observer.join();
+    QVERIFY(told);
+    QCOMPARE(SinkAccess::data(*slow).updateWaiters.load(), 0);
+    QCOMPARE(SinkAccess::data(*other).updateWaiters.load(), 0);
+    session.stopAll();
 }
 
 // A worker that drains a backlog asks for its mutex again at once; whoever seeks gets it all the

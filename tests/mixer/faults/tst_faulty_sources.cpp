@@ -2,6 +2,7 @@
 // Hosts whose readSamples blocks, throws or answers nonsense, seen from the mixer.
 #include "faulty_hosts.h"
 
+#include <mixer/io/source_p.h>
 #include <support/log_capture.h>
 
 #include <climits>
@@ -18,6 +19,7 @@ private slots:
     void blocking_isSilence_andGoesOnInPlace();
     void blocking_atTheStart_holdsTheStartUp();
     void blocking_isEnded_byStop();
+    void seek_tellsEverySource_beforeItWaitsForOne();
     void throwing_endsTheMaterial_data();
     void throwing_endsTheMaterial();
     void answer_thatEndsTheMaterial_data();
@@ -106,6 +108,31 @@ void tst_FaultySources::blocking_isEnded_byStop()
     QTRY_COMPARE_WITH_TIMEOUT(session.count("stopped"), 1, longest);
     QCOMPARE(session.lastReason, UserStopAction);
     playsAgain(session);
+}
+
+// One that was not told yet would begin another read meanwhile, which is waited for as well.
+void tst_FaultySources::seek_tellsEverySource_beforeItWaitsForOne()
+{
+    const LogCapture quiet;
+    Session session;
+    FaultySource *const slow = add(session);
+    FaultySource *const other = add(session);
+    QVERIFY(slow && other);
+    QVERIFY(session.engine.start(0.0));
+    slow->barrier.close();
+    session.runWithoutWaiting(100); // room for the next chunk
+    QVERIFY(slow->barrier.waitUntilReached());
+    bool told = false;
+    std::thread observer([&] {
+        told = waitUntil([&] { return SourceAccess::data(*other).updateWaiters > 0; });
+        slow->barrier.open();
+    });
+    session.engine.setTime(10.0);
+    observer.join();
+    QVERIFY(told);
+    QCOMPARE(SourceAccess::data(*slow).updateWaiters.load(), 0);
+    QCOMPARE(SourceAccess::data(*other).updateWaiters.load(), 0);
+    session.stopAll();
 }
 
 void tst_FaultySources::throwing_endsTheMaterial_data()
