@@ -6,7 +6,7 @@
 
 namespace QTovelMixer {
 
-char *mapTwice(size_t &bytes)
+char *mapTwice(size_t &bytes, bool)
 {
     bytes = (bytes + vm_page_size - 1) / vm_page_size * vm_page_size;
     const vm_map_t task = mach_task_self();

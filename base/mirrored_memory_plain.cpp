@@ -4,7 +4,7 @@
 namespace QTovelMixer {
 
 // No way to map memory twice is known here.
-char *mapTwice(size_t &)
+char *mapTwice(size_t &, bool)
 {
     return nullptr;
 }

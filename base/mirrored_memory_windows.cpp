@@ -28,7 +28,7 @@ char *tryMapTwice(HANDLE memory, size_t bytes)
 }
 } // namespace
 
-char *mapTwice(size_t &bytes)
+char *mapTwice(size_t &bytes, bool)
 {
     SYSTEM_INFO system;
     GetSystemInfo(&system);

@@ -26,10 +26,11 @@ void BLRINGBUFFER::mirrorAndProduce(quint64 bytes)
 
 namespace QTovelMixer {
 
-BLRINGBUFFER *createRing(qint32 bytes, MirroredMemory::Way preferred)
+BLRINGBUFFER *createRing(qint32 bytes, MirroredMemory::Way preferred, MirroredMemory::Paging paging)
 {
     const size_t capacity = bytes > 0 ? static_cast<size_t>(bytes) : 0;
-    std::unique_ptr<BLRINGBUFFER> ring(new (std::nothrow) BLRINGBUFFER(capacity, preferred));
+    std::unique_ptr<BLRINGBUFFER> ring(new (std::nothrow)
+                                           BLRINGBUFFER(capacity, preferred, paging));
     return ring && (capacity == 0 || ring->memory.data()) ? ring.release() : nullptr;
 }
 

@@ -11,7 +11,9 @@ namespace QTovelMixer {
 /// A base, since the counters begin with its size.
 struct RingMemory
 {
-    RingMemory(size_t bytes, MirroredMemory::Way preferred) : memory(bytes, preferred) {}
+    RingMemory(size_t bytes, MirroredMemory::Way preferred, MirroredMemory::Paging paging)
+        : memory(bytes, preferred, paging)
+    {}
 
     const MirroredMemory memory;
 };
@@ -21,8 +23,9 @@ struct RingMemory
 /// The counters and the memory that they count.
 struct BLRINGBUFFER : QTovelMixer::RingMemory, QTovelMixer::RingCounters<>
 {
-    BLRINGBUFFER(size_t bytes, QTovelMixer::MirroredMemory::Way preferred)
-        : RingMemory(bytes, preferred), RingCounters(bytes, memory.size(), memory.data())
+    BLRINGBUFFER(size_t bytes, QTovelMixer::MirroredMemory::Way preferred,
+                 QTovelMixer::MirroredMemory::Paging paging)
+        : RingMemory(bytes, preferred, paging), RingCounters(bytes, memory.size(), memory.data())
     {}
 
     BLRINGBUFFER_Slice writeSlice() QTOVELMIXER_NONBLOCKING { return slice(lookToWrite()); }
@@ -49,9 +52,10 @@ private:
 
 namespace QTovelMixer {
 
-/// As `BLRINGBUFFER_NewEx`, with a choice of how the memory is mirrored, and without a word when
-/// there is none.
-BLRINGBUFFER *createRing(qint32 bytes, MirroredMemory::Way preferred);
+/// As `BLRINGBUFFER_NewEx`, with a choice of how the memory is mirrored and when its page faults
+/// are taken, and without a word when there is none.
+BLRINGBUFFER *createRing(qint32 bytes, MirroredMemory::Way preferred,
+                         MirroredMemory::Paging paging = MirroredMemory::Present);
 
 } // namespace QTovelMixer
 

@@ -8,16 +8,19 @@
 
 namespace QTovelMixer {
 
-FrameRing::FrameRing(qint64 frames, int channels)
+FrameRing::FrameRing(qint64 frames, int channels, MirroredMemory::Paging paging)
     : m_channels(std::clamp(channels, 0, maxChannels)), m_frameBytes(frameBytes(m_channels))
 {
     if (std::has_single_bit(unsigned(m_frameBytes)))
         m_shift = std::countr_zero(unsigned(m_frameBytes));
     const qint64 fitting = fittingFrames(frames, channels);
-    m_ring = createRing(static_cast<qint32>(fitting * m_frameBytes), MirroredMemory::Mapped);
+    m_ring =
+        createRing(static_cast<qint32>(fitting * m_frameBytes), MirroredMemory::Mapped, paging);
     if (!m_ring)
         throw std::bad_alloc();
     m_capacity = writeSlice().frames;
+    if (paging == MirroredMemory::Present)
+        m_touched = m_ring->memory.size();
 }
 
 int FrameRing::frameBytes(int channels) noexcept
@@ -39,6 +42,19 @@ FrameRing::~FrameRing()
 void FrameRing::produce(qint64 frames) noexcept
 {
     BLRINGBUFFER_Produce(m_ring, static_cast<qint32>(frames * m_frameBytes));
+}
+
+void FrameRing::touch(qint64 frames) noexcept
+{
+    const MirroredMemory &memory = m_ring->memory;
+    if (m_touched >= memory.size() || frames <= 0)
+        return;
+    const auto first = static_cast<size_t>(m_ring->writeSlice().data - memory.data());
+    const size_t end = first + static_cast<size_t>(frames * m_frameBytes);
+    if (end <= m_touched)
+        return;
+    memory.touch(m_touched, end - m_touched);
+    m_touched = end;
 }
 
 void FrameRing::flush() noexcept

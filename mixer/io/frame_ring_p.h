@@ -27,8 +27,9 @@ public:
     };
 
     /// Takes all memory. A size beyond what the byte ring can hold is cut to whole frames;
-    /// counts of 0 or less give a ring without room. Errors: throws std::bad_alloc.
-    FrameRing(qint64 frames, int channels);
+    /// counts of 0 or less give a ring without room. With `OnTouch` the producer calls `touch`.
+    /// Errors: throws std::bad_alloc.
+    FrameRing(qint64 frames, int channels, MirroredMemory::Paging paging = MirroredMemory::Present);
     ~FrameRing();
 
     /// As many of `frames` frames as a ring can hold.
@@ -46,6 +47,10 @@ public:
     /// the newest frames; neither side may be at work meanwhile.
     void produce(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
     void consume(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;
+
+    /// Takes the page faults of the first `frames` frames of the write slice before they are
+    /// produced, in the first lap through the ring: the consumer takes none. The producer's.
+    void touch(qint64 frames) noexcept;
 
     /// Discards everything; both sides' positions restart at 0. Neither side may be at work.
     void flush() noexcept QTOVELMIXER_NONBLOCKING;
@@ -70,6 +75,7 @@ private:
     int m_frameBytes = 4;
     int m_shift = -1; // log2 of m_frameBytes, where it is a power of two: divisions take long
     qint64 m_capacity = 0;
+    size_t m_touched = 0; // bytes from the memory's start on whose page faults were taken
 };
 
 inline FrameRing::Slice

@@ -83,7 +83,8 @@ void Source::Data::Worker::takeRing()
     ring = d.ring.load(std::memory_order_acquire);
     if (ring)
         return;
-    ring = &d.ringOwner.emplace(ringFrames(), channels);
+    // Its page faults are taken as it fills: all at once they would hold the start up.
+    ring = &d.ringOwner.emplace(ringFrames(), channels, MirroredMemory::OnTouch);
     d.ring.store(ring, std::memory_order_release);
 }
 
@@ -166,6 +167,7 @@ void Source::Data::Worker::advance(int frames, int written)
 {
     const qint64 next = framesOfTime(d.readTime, sourceRate) + frames;
     d.readTime = static_cast<double>(next) / sourceRate;
+    ring->touch(written);
     ring->produce(written);
     buffered += static_cast<double>(written) / mixerRate;
 }

@@ -3,6 +3,7 @@
 
 #include <QtTest/QTest>
 
+#include <algorithm>
 #include <cstring>
 
 #include <sys/resource.h>
@@ -35,6 +36,7 @@ private slots:
     void memory_isZeroAtFirst_data();
     void memory_isZeroAtFirst();
     void memory_isTouched();
+    void memory_isTouchedPieceByPiece();
     void copied_isPlainMemoryOfTwiceTheSize();
     void noBytes_giveNoMemory();
 };
@@ -98,6 +100,31 @@ void tst_MirroredMemory::memory_isTouched()
         memory.data()[page * pageSize()] = 1;
     // Untouched memory would fault at each of the 2048 pages; a sanitizer's own faults are few.
     QVERIFY(pageFaults() - before < long(pages / 4));
+}
+
+void tst_MirroredMemory::memory_isTouchedPieceByPiece()
+{
+    constexpr size_t pages = 1024;
+    const long beforeAll = pageFaults();
+    const MirroredMemory memory(pages * pageSize(), MirroredMemory::Mapped,
+                                MirroredMemory::OnTouch);
+    QVERIFY(memory.isMirrored());
+    QVERIFY(pageFaults() - beforeAll < long(pages / 4));
+    QCOMPARE(memory.data()[0], char(0));
+    constexpr size_t piece = 5000; // neither whole pages nor a part of the size
+    for (size_t first = 0; first < memory.size(); first += piece) {
+        const size_t bytes = std::min(piece, memory.size() - first);
+        memory.data()[first] = 7; // nothing that was written is lost
+        memory.touch(first, piece);
+        QCOMPARE(memory.data()[first], char(7));
+        const long before = pageFaults();
+        for (size_t place = first; place < first + bytes; place += 64) {
+            memory.data()[place] = 1;
+            memory.data()[place + memory.size()] = 2;
+        }
+        QCOMPARE(pageFaults(), before);
+    }
+    memory.touch(memory.size(), piece); // nothing is left
 }
 
 void tst_MirroredMemory::copied_isPlainMemoryOfTwiceTheSize()

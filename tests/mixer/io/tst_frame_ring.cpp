@@ -3,7 +3,15 @@
 
 #include <QtTest/QTest>
 
+#include <algorithm>
+#include <atomic>
 #include <limits>
+#include <thread>
+#include <vector>
+
+#ifdef Q_OS_LINUX
+#include <sys/resource.h>
+#endif
 
 using namespace QTovelMixer;
 
@@ -17,6 +25,7 @@ private Q_SLOTS:
     void produce_negative_withdrawsNewest();
     void flush_restartsPositions();
     void slices_areContiguousAcrossTheEnd();
+    void touch_leavesTheConsumerNoPageFault();
     void size_withoutRoom_data();
     void size_withoutRoom();
     void size_beyondTheByteRing_isCutToWholeFrames();
@@ -97,6 +106,61 @@ void TestFrameRing::slices_areContiguousAcrossTheEnd()
             QCOMPARE(filled.data[i], static_cast<float>(expected++));
         ring.consume(2500);
     }
+}
+
+// Chunks end with the memory, so that the producer stays in its first half; blocks do not.
+void TestFrameRing::touch_leavesTheConsumerNoPageFault()
+{
+#ifdef Q_OS_LINUX
+    constexpr int chunk = 4096;
+    constexpr int block = 257;
+    constexpr qint64 frames = 60 * chunk;
+    FrameRing ring(frames, 2, MirroredMemory::OnTouch);
+    std::vector<float> heard(block * 2);
+    const auto faults = [] {
+        rusage usage = {};
+        getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_minflt + usage.ru_majflt;
+    };
+    std::atomic<qint64> produced{0};
+    qint64 consumed = 0;
+    constexpr qint64 all = 2 * frames;
+    std::thread producer([&] {
+        for (qint64 next = 0; next < all;) {
+            const FrameRing::Slice room = ring.writeSlice();
+            if (room.frames < chunk) {
+                std::this_thread::yield();
+                continue;
+            }
+            std::fill_n(room.data, chunk * 2, float(next));
+            ring.touch(chunk);
+            ring.produce(chunk);
+            next += chunk;
+            produced = next;
+        }
+    });
+    long taken = 0;
+    bool isRight = true;
+    while (consumed + block <= all) {
+        if (produced - consumed < block) {
+            std::this_thread::yield();
+            continue;
+        }
+        const long before = faults();
+        const FrameRing::Slice slice = ring.readSlice();
+        std::copy_n(slice.data, block * 2, heard.begin());
+        slice.data[0] = -1.0f; // as an effect in place
+        ring.consume(block);
+        taken += faults() - before;
+        isRight = isRight && heard[0] == float(consumed / chunk * chunk);
+        consumed += block;
+    }
+    producer.join();
+    QVERIFY(isRight);
+    QCOMPARE(taken, 0L);
+#else
+    QSKIP("page faults of a thread are counted on Linux only");
+#endif
 }
 
 void TestFrameRing::size_withoutRoom_data()
