@@ -99,7 +99,8 @@ public:
     /// plays or records and none of these has helped when the event loop turns, the engine treats
     /// it as a failure of the device (`deviceFailed`). So it does when the stream does not start.
     /// Threads: any, blocking until the main thread has done it; from the thread of a source, sink
-    /// or meter, of whichever engine, it is queued and answers true.
+    /// or meter, of whichever engine, it is queued and answers true. Off the main thread it is
+    /// `open`: these very devices or none, without the fallbacks.
     virtual bool select(Device *output, Device *input, unsigned int sampleRate,
                         bool startapi = true);
     /// The rate in Hz at which these devices like to run; 0 for no device.
@@ -294,6 +295,8 @@ public:
     /// stays the host's) or when it cannot be added (the source is deleted, unless it
     /// is in a mix).
     bool play(Source *source, float gain = 1.0f);
+    bool play(Source *source, Option options) = delete;
+    bool play(Source *source, Options options) = delete;
 
     /// Takes a source whose worker has ended, or was never started, out of the mix and deletes
     /// it from the event loop. The last source or sink to go emits `stopped`.
@@ -321,6 +324,8 @@ public:
     /// Wires a source into a sink by the default input matrix, scaled by `gain`. Errors: false
     /// for null; false, logged, when either is unknown or the gain is not finite.
     bool addRoute(Source *source, Sink *sink, float gain = 1.0f);
+    bool addRoute(Source *source, Sink *sink, Option options) = delete;
+    bool addRoute(Source *source, Sink *sink, Options options) = delete;
     /// Lets channel c of a source through to the device outputs when bit c of `mask` is set.
     /// Routes into sinks are not masked. With more than 32 channels of the source, or 33 outputs
     /// and more, nothing is masked, though the answer is true; the source is told the mask in any
