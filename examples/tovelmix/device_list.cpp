@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/device_list.h>
 
+#include <tovelmix/printable.h>
+
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -73,7 +75,8 @@ QByteArray DeviceList::json(bool compact) const
     }
     const QJsonDocument document(
         QJsonObject{{"backend", m_api->backendString()}, {"devices", devices}});
-    return compact ? document.toJson(QJsonDocument::Compact) + '\n' : document.toJson();
+    return compact ? printable(document, QJsonDocument::Compact) + '\n'
+                   : printable(document, QJsonDocument::Indented);
 }
 
 void DeviceList::print()

@@ -2,6 +2,8 @@
 #ifndef TOVELMIX_PRINTABLE_H
 #define TOVELMIX_PRINTABLE_H
 
+#include <QtCore/QByteArray>
+#include <QtCore/QJsonDocument>
 #include <QtCore/QString>
 
 #include <algorithm>
@@ -31,6 +33,17 @@ inline QString printable(QString text)
         [](QChar letter) { return isControl(letter) || isDirectionMark(letter); },
         QLatin1Char('?'));
     return text;
+}
+
+/// JSON text as it may be shown: the same strings, with an escape for each direction mark.
+inline QByteArray printable(const QJsonDocument &document, QJsonDocument::JsonFormat format)
+{
+    QString text = QString::fromUtf8(document.toJson(format));
+    for (qsizetype i = text.size() - 1; i >= 0; --i) {
+        if (isDirectionMark(text.at(i)))
+            text.replace(i, 1, QStringLiteral("\\u%1").arg(text.at(i).unicode(), 4, 16));
+    }
+    return text.toUtf8();
 }
 
 } // namespace tovelmix

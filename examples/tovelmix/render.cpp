@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <system_error>
 
 namespace tovelmix {
 
@@ -27,8 +29,10 @@ bool isSameFile(const QString &one, const QString &other)
 {
     const QFileInfo first(one);
     const QFileInfo second(other);
+    std::error_code error; // one that does not exist is none
     return first.absoluteFilePath() == second.absoluteFilePath() ||
-           (first.exists() && first == second) ||
+           std::filesystem::equivalent(first.filesystemAbsoluteFilePath(),
+                                       second.filesystemAbsoluteFilePath(), error) ||
            (first.fileName() == second.fileName() &&
             first.dir().canonicalPath() == second.dir().canonicalPath());
 }
@@ -369,7 +373,7 @@ QByteArray Rendering::json() const
                              {"highestShortTerm", m_measures->shortTerm},
                              {"channels", channels},
                              {"recordings", recordings}};
-    return QJsonDocument(object).toJson();
+    return printable(QJsonDocument(object), QJsonDocument::Indented);
 }
 
 } // namespace tovelmix

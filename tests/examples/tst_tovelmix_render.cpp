@@ -15,6 +15,7 @@
 #include <sndfile.h>
 
 #include <csignal>
+#include <filesystem>
 #include <vector>
 
 #include <fcntl.h>
@@ -436,6 +437,9 @@ void tst_TovelmixRender::render_replacesNothing_withoutForce_data()
     QTest::newRow("a mix over a link to an input") << QByteArray() << "link.wav"
                                                    << ""
                                                    << "link.wav";
+    QTest::newRow("a mix over a hard link to an input") << QByteArray() << "hard.wav"
+                                                        << ""
+                                                        << "hard.wav";
     QTest::newRow("a mix over an input in a linked folder") << QByteArray() << "folder/b.wav"
                                                             << ""
                                                             << "folder/b.wav";
@@ -471,6 +475,7 @@ void tst_TovelmixRender::render_replacesNothing_withoutForce()
     QVERIFY(writeMono(path("older.wav"), 48000, 10));
     QVERIFY(QFile::link(path("b.wav"), path("link.wav")));
     QVERIFY(QFile::link(m_folder->path(), path("folder")));
+    std::filesystem::create_hard_link(path("b.wav").toStdString(), path("hard.wav").toStdString());
     QVERIFY(save("{\"files\": [{\"file\": \"b.wav\"" +
                  (record.isEmpty() ? QByteArray() : ", \"record\": \"" + record + '"') + "}]}"));
     const QMap<QString, QByteArray> before = contents();
@@ -533,6 +538,12 @@ void tst_TovelmixRender::render_showsDirectionMarks_asQuestionMarks()
     QVERIFY2(result.out.contains("/m" + shown + ':'), result.out.constData());
     QVERIFY2(result.out.contains('/' + shown + ": recorded"), result.out.constData());
     QVERIFY(!result.out.contains("\xe2\x80") && !result.out.contains("\xe2\x81"));
+
+    const Result json = run({"render", path("session.json"), "--out",
+                             m_folder->filePath("m" + name), "--json", "--force"});
+    QVERIFY(!json.out.contains("\xe2\x80") && !json.out.contains("\xe2\x81"));
+    const QJsonObject object = QJsonDocument::fromJson(json.out).object();
+    QCOMPARE(object.value("file").toString(), m_folder->filePath("m" + name));
 }
 
 QTEST_GUILESS_MAIN(tst_TovelmixRender)
