@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <utility>
 
 namespace QTovelMixer {
@@ -29,17 +30,21 @@ namespace {
 constexpr double samePosition = 1.0 / 384000.0;
 constexpr int deviceListDelay = 2500; // ms
 
-/// Empties the list and keeps its room. `release` may find the list in use anew.
+template <typename T>
+bool holds(const std::vector<T *> &list, const T *object)
+{
+    return std::find(list.begin(), list.end(), object) != list.end();
+}
+
+/// Empties the list and keeps its room. `release` may take others out of the list, or add some.
 template <typename T, typename Release>
 void releaseAll(std::vector<T *> &list, Release release)
 {
-    std::vector<T *> held;
-    held.swap(list);
-    for (T *object : held)
+    while (!list.empty()) {
+        T *const object = list.front();
+        list.erase(list.begin());
         release(object);
-    held.clear();
-    if (list.empty())
-        list.swap(held);
+    }
 }
 
 qint64 toFrames(double seconds, unsigned rate)
@@ -169,19 +174,31 @@ void Engine::Data::planMix()
 
 void Engine::Data::update_source_lock()
 {
+    // What an outer release still holds is held for this change as well.
+    Snapshot<Source> wanted;
+    std::copy_if(sources.begin(), sources.end(), std::back_inserter(wanted),
+                 [this](const Source *source) { return !holds(lockedSources, source); });
     // All are told before the first is waited for: meanwhile the others would begin new reads.
-    for (Source *source : sources)
+    for (Source *source : wanted)
         SourceAccess::announceUpdate(*source);
-    for (Source *source : sources) {
+    // The hook of one may delete others.
+    for (Source *source : wanted) {
+        if (!contains(source))
+            continue;
         source->update_lock();
+        if (!contains(source))
+            continue;
+        lockedSources.push_back(source);
         SourceAccess::withdrawUpdate(*source);
     }
 }
 
 void Engine::Data::update_source_unlock()
 {
-    for (Source *source : sources)
-        source->update_unlock();
+    for (Source *source : Snapshot<Source>(sources.begin(), sources.end())) {
+        if (contains(source))
+            source->update_unlock();
+    }
 }
 
 // A source's lock is a plain mutex, so that only the outermost bracket may take it; it gives
@@ -192,11 +209,8 @@ void Engine::Data::lockMix()
     Q_ASSERT(bracketDepth >= 0);
     holdLines();
     raiseHold();
-    if (bracketDepth++ == 0) {
-        Q_ASSERT(lockedSources.empty());
+    if (bracketDepth++ == 0)
         update_source_lock();
-        lockedSources = sources;
-    }
     updateLock.lock();
 }
 
@@ -224,9 +238,12 @@ void Engine::Data::holdSinks()
 {
     if (bracketDepth > 0)
         return;
-    for (Sink *sink : sinks)
+    Snapshot<Sink> wanted;
+    std::copy_if(sinks.begin(), sinks.end(), std::back_inserter(wanted),
+                 [this](const Sink *sink) { return !holds(lockedSinks, sink); });
+    for (Sink *sink : wanted)
         SinkAccess::announceUpdate(*sink);
-    for (Sink *sink : sinks) {
+    for (Sink *sink : wanted) {
         SinkAccess::takeAnnouncedLock(*sink);
         lockedSinks.push_back(sink);
     }
@@ -270,7 +287,9 @@ void Engine::Data::endBracket(Position position)
                 source->adjustTime(t, savedLoopOffset);
         }
         const qint64 shift = toFrames(t, rate()) - mixTime;
-        for (Sink *sink : sinks) {
+        for (Sink *sink : Snapshot<Sink>(sinks.begin(), sinks.end())) {
+            if (!contains(sink))
+                continue;
             // A sink that nobody told to stop keeps what it has recorded.
             const bool goesOn =
                 position == Position::RestartPlayback && SinkAccess::data(*sink).stopRequested == 0;
@@ -294,8 +313,10 @@ void Engine::Data::setMixTime(double time)
 
 void Engine::Data::adjSourceTime(double time, double offset)
 {
-    for (Source *source : sources)
-        source->adjustTime(time, offset);
+    for (Source *source : Snapshot<Source>(sources.begin(), sources.end())) {
+        if (contains(source))
+            source->adjustTime(time, offset);
+    }
     setMixTime(time);
 }
 

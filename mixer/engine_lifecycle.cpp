@@ -239,8 +239,9 @@ void exchangeTimeline(Engine::Data &data, Timeline *incoming)
 {
     Timeline *outgoing = data.timeline;
     const MixHold hold(data);
-    for (Source *source : data.sources) {
-        if (source->timeline() == outgoing)
+    const QList<Source *> sources = data.engine->activeSources();
+    for (Source *source : sources) { // a hook of one may delete others
+        if (data.contains(source) && source->timeline() == outgoing)
             source->setTimeline(incoming);
     }
     data.timeline = incoming;

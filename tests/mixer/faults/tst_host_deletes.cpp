@@ -6,7 +6,10 @@
 #include <support/log_capture.h>
 
 #include <cstddef>
+#include <functional>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 using namespace QTovelMixer;
 
@@ -41,6 +44,61 @@ public:
 
 private:
     std::atomic<bool> whole{true};
+};
+
+/// A host that does something in one of the hooks that the engine calls during a change.
+class HookedSource : public FaultySource
+{
+public:
+    using FaultySource::FaultySource;
+    void update_lock() override
+    {
+        reach("update_lock");
+        FaultySource::update_lock();
+    }
+    void update_unlock() override
+    {
+        FaultySource::update_unlock();
+        reach("update_unlock");
+    }
+    void setTime(double time) override
+    {
+        FaultySource::setTime(time);
+        reach("setTime");
+    }
+    void adjustTime(double time, double offset) override
+    {
+        FaultySource::adjustTime(time, offset);
+        reach("adjustTime");
+    }
+    void setTimeline(Timeline *timeline) override
+    {
+        FaultySource::setTimeline(timeline);
+        reach("setTimeline");
+    }
+
+    QByteArray hook;
+    std::function<void()> act;
+
+private:
+    void reach(const char *name)
+    {
+        if (hook == name && act)
+            std::exchange(act, nullptr)();
+    }
+};
+
+class HookedSink : public FaultySink
+{
+public:
+    using FaultySink::FaultySink;
+    void setTime(double time) override
+    {
+        FaultySink::setTime(time);
+        if (act)
+            std::exchange(act, nullptr)();
+    }
+    std::function<void()> act;
 };
 
 /// Always at the same address, where an allocator may well put what follows what was deleted.
@@ -136,6 +194,8 @@ private slots:
     void object_leavesTheMix();
     void successor_atTheSameAddress_stays_data();
     void successor_atTheSameAddress_stays();
+    void hook_mayDeleteSiblings_data();
+    void hook_mayDeleteSiblings();
     void stream_isGivenBack_withTheLast();
     void stoppedObjects_mayBeDeleted_whileBlocksRun();
     void deleteLater_needsNoStop_whileBlocksRun();
@@ -217,6 +277,69 @@ void tst_HostDeletes::successor_atTheSameAddress_stays()
         checkSuccessor<FaultySink>(engineDeletes);
     else
         checkSuccessor<FaultySource>(engineDeletes);
+}
+
+void tst_HostDeletes::hook_mayDeleteSiblings_data()
+{
+    QTest::addColumn<QByteArray>("hook");
+    QTest::addColumn<int>("place"); // of the source with the hook
+    for (const char *hook : {"update_lock", "update_unlock", "setTime", "adjustTime", "setTimeline",
+                             "setTime of a sink"}) {
+        for (int place : {0, 1, 2})
+            QTest::addRow("%s, %d", hook, place) << QByteArray(hook) << place;
+    }
+}
+
+// Those before it hold their locks already, those after it are about to be called.
+void tst_HostDeletes::hook_mayDeleteSiblings()
+{
+    QFETCH(QByteArray, hook);
+    QFETCH(int, place);
+    const LogCapture quiet;
+    Session session(2, 2);
+    std::vector<QPointer<FaultySource>> sources;
+    std::vector<QPointer<FaultySink>> sinks;
+    auto *source = new HookedSource(&session.engine, 60.0);
+    auto *sink = new HookedSink(&session.engine, 2);
+    for (int i = 0; i < 3; ++i) {
+        sources.push_back(i == place ? source : new FaultySource(&session.engine, 60.0));
+        sinks.push_back(i == place ? sink : new FaultySink(&session.engine, 2));
+        QVERIFY(session.engine.addSource(sources.back()));
+        QVERIFY(session.engine.addSink(sinks.back()));
+    }
+    const bool isSaved = hook == "setTimeline";
+    if (!isSaved)
+        QVERIFY(session.startRecording());
+    bool reached = false;
+    const auto act = [&] {
+        reached = true;
+        for (const auto &other : sources) {
+            if (other != source)
+                session.engine.deleteSource(other);
+        }
+        for (const auto &other : sinks) {
+            if (other != sink)
+                session.engine.deleteSink(other);
+        }
+    };
+    source->hook = hook;
+    (hook == "setTime of a sink" ? sink->act : source->act) = act;
+    if (isSaved) {
+        QVERIFY(session.engine.save());
+        QVERIFY(session.engine.restore());
+    } else if (hook == "adjustTime") {
+        session.engine.setLooping(true);
+    } else {
+        session.engine.setTime(1.0);
+    }
+    if (!reached)
+        session.stopAll();
+    QVERIFY(reached);
+    QCOMPARE(session.engine.numActiveSources(), 1);
+    QCOMPARE(session.engine.numActiveSinks(), 1);
+    session.checkMapping();
+    session.stopAll();
+    QTRY_COMPARE(session.engine.numActiveSources() + session.engine.numActiveSinks(), 0);
 }
 
 void tst_HostDeletes::stream_isGivenBack_withTheLast()
