@@ -117,7 +117,7 @@ void Engine::pauseFor(Source *source)
 {
     d->callLater("pause",
                  [this, guarded = QPointer<Source>(source), playback = d->playbacks.load()] {
-                     if (guarded && d->contains(guarded.data()) && playback == d->playbacks)
+                     if (guarded && playback == d->playbacks)
                          pause();
                  });
 }
