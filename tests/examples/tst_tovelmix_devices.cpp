@@ -198,7 +198,8 @@ void tst_TovelmixDevices::devices_areListed_inLines()
     const Run run = tovelmix({"devices", "--backend", "pulse"});
     QCOMPARE(run.output, QString("Pulse\n"
                                  "  NULL1 (2 out, 48000 Hz), default output\n"
-                                 "  Monitor of NULL1 (2 in, 48000 Hz), default input\n"));
+                                 "  Monitor of NULL1 (2 in, 48000 Hz), default input, a monitor of "
+                                 "an output\n"));
     QCOMPARE(run.status, 0);
 }
 
@@ -207,7 +208,8 @@ void tst_TovelmixDevices::devices_tellChanges_whenWatched()
     PulseServer server(PulseServer::oneSink());
     QVERIFY2(server.start(), qPrintable(server.report()));
     Program program({"devices", "--watch"});
-    QVERIFY(program.printed("Monitor of NULL1 (2 in, 48000 Hz), default input\n"));
+    QVERIFY(program.printed("Monitor of NULL1 (2 in, 48000 Hz), default input, a monitor of an "
+                            "output\n"));
     const int module = server.loadSink({QStringLiteral("null2"), QStringLiteral("NULL2")});
     QVERIFY2(module >= 0, qPrintable(server.report()));
     QVERIFY(program.printed("\n+ NULL2 (2 out, 48000 Hz)\n"));
