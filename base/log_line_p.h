@@ -31,6 +31,13 @@ void writeLine(Write &&write)
 /// Threads: any but audio. Real-time: no.
 void writeText(QtMsgType type, const char *text);
 
+/// Writes a warning as one line, as `writeText` does.
+/// Threads: any but audio. Real-time: no.
+#if defined(__GNUC__)
+__attribute__((format(printf, 1, 2)))
+#endif
+void writeWarning(const char *format, ...);
+
 /// Writes as one line what `compose` puts into the stream that it is given. Streams of Qt's log
 /// write in their destructor, where running out of memory ends the process.
 /// Threads: any but audio. Real-time: no.

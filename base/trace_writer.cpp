@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -353,6 +354,15 @@ void writeText(QtMsgType type, const char *text)
         std::memcpy(record.longText, text, size);
     }
     writeRecord(record);
+}
+
+void writeWarning(const char *format, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, format);
+    writeLine(
+        [&] { writeText(QtWarningMsg, qUtf8Printable(QString::vasprintf(format, arguments))); });
+    va_end(arguments);
 }
 
 void prepareTrace()

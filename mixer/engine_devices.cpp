@@ -59,8 +59,8 @@ std::vector<unsigned> ascendingRates(const Device *device)
 void warnOfWidth(const char *side, unsigned channels)
 {
     if (channels > Engine::Data::maxChannels)
-        qWarning("QTovelMixer::Engine::open: the mix uses the first %u of %u %s channels",
-                 Engine::Data::maxChannels, channels, side);
+        writeWarning("QTovelMixer::Engine::open: the mix uses the first %u of %u %s channels",
+                     Engine::Data::maxChannels, channels, side);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 
 #include <base/debug.h>
 #include <base/hidden_p.h>
+#include <base/log_line_p.h>
 #include <mixer/api/file_device.h>
 
 #include <QtCore/QFile>
@@ -203,9 +204,10 @@ void QTovelMixerApiFile::mixerTimeout()
     if ((f->inputFile && f->inputBlock->size() < inputSamples) ||
         (f->outputFile && f->outputBlock->size() < outputSamples)) {
         f->makeBlocks(frames);
-        qWarning("QTovelMixerApiFile: blocks of %u frames are longer than those of the open stream "
-                 "-- open it again to mix them whole",
-                 frames);
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiFile: blocks of %u frames are longer than those of the open stream "
+            "-- open it again to mix them whole",
+            frames);
     }
     if (f->inputFile)
         f->readInput(frames);

@@ -172,13 +172,14 @@ bool QTovelMixerApiRtAudio::updateDeviceList()
 {
     r->refresh();
     if (!r->audio) {
-        qWarning("QTovelMixerApiRtAudio::updateDeviceList Audio API is NULL!");
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::updateDeviceList Audio API is NULL!");
         return false;
     }
     const quint64 generation = r->generation;
     const RtAudioProbe probe = r->probe();
     if (!probe.answered) {
-        qWarning("QTovelMixerApiRtAudio::updateDeviceList: the sound server does not answer");
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiRtAudio::updateDeviceList: the sound server does not answer");
         const QList<Device *> listed = devices();
         beginDeviceUpdate();
         for (Device *device : listed)
@@ -189,8 +190,9 @@ bool QTovelMixerApiRtAudio::updateDeviceList()
     r->listedGeneration = generation;
     beginDeviceUpdate();
     if (probe.threw)
-        qWarning("QTovelMixerApiRtAudio::updateDeviceList: RtAudio :: getDeviceCount : exception "
-                 "received!");
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiRtAudio::updateDeviceList: RtAudio :: getDeviceCount : exception "
+            "received!");
     for (const RtAudio::DeviceInfo &info : probe.devices) {
         auto made = std::make_unique<QTovelMixerRtAudioDevice>(this, info);
         auto *device = dynamic_cast<QTovelMixerRtAudioDevice *>(findDevice(made->uniqueId()));
@@ -217,10 +219,11 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
 {
     r->refresh();
     if (!r->audio || (!output && !input) || sampleRate < lowestRate || sampleRate > highestRate) {
-        qWarning("QTovelMixerApiRtAudio::open: %s",
-                 !r->audio           ? "Audio API is NULL!"
-                 : !output && !input ? "no device"
-                                     : "the sample rate lies outside 10 to 192000 Hz");
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::open: %s",
+                                  !r->audio ? "Audio API is NULL!"
+                                  : !output && !input
+                                      ? "no device"
+                                      : "the sample rate lies outside 10 to 192000 Hz");
         return false;
     }
     const bool sameNumbers = r->listedGeneration == r->generation;
@@ -257,16 +260,16 @@ bool QTovelMixerApiRtAudio::open(Device *output, Device *input, unsigned int sam
     QTovelMixer::RtAudioInstance *const self = r->audio.get();
     if (!r->callOrReplace([opening, self](RtAudioDriver &driver) { opening->run(driver, self); },
                           openTimeout)) {
-        qWarning("QTovelMixerApiRtAudio::open: the sound server does not answer");
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::open: the sound server does not answer");
         return false;
     }
     r->audio->setProbed();
     if (!opening->found && !opening->answer.threw) {
         if (!opening->answered)
             r->giveUpThisTurn();
-        qWarning("QTovelMixerApiRtAudio::open: %s", opening->answered
-                                                        ? "the device is not there any more"
-                                                        : "the sound server does not answer");
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::open: %s",
+                                  opening->answered ? "the device is not there any more"
+                                                    : "the sound server does not answer");
         return false;
     }
     if (logFailure(opening->answer, "open", "openStream :")) {
@@ -310,7 +313,7 @@ bool QTovelMixerApiRtAudio::start()
                 *answer = attempt(driver, [&] { return driver.startStream(); });
             },
             stopTimeout)) {
-        qWarning("QTovelMixerApiRtAudio::start: the sound server does not answer");
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::start: the sound server does not answer");
         return false;
     }
     if (logFailure(*answer, "start", "startStream :")) {
@@ -338,11 +341,13 @@ bool QTovelMixerApiRtAudio::stop()
             return device && !devices().contains(device);
         };
         if (gone(DeviceKind::Input))
-            qWarning("QTovelMixerApiRtAudio::stop: input device disappeared while stream was "
-                     "running");
+            QTovelMixer::writeWarning(
+                "QTovelMixerApiRtAudio::stop: input device disappeared while stream was "
+                "running");
         if (gone(DeviceKind::Output))
-            qWarning("QTovelMixerApiRtAudio::stop: output device disappeared while stream was "
-                     "running");
+            QTovelMixer::writeWarning(
+                "QTovelMixerApiRtAudio::stop: output device disappeared while stream was "
+                "running");
         r->abortRunning();
     }
     TraceLine("RtAudio::stop END").item("api", this);

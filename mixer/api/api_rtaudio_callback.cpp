@@ -3,6 +3,7 @@
 #include <mixer/api/api_rtaudio_p.h>
 
 #include <base/clock_p.h>
+#include <base/log_line_p.h>
 #include <base/trace_p.h>
 
 #include <algorithm>
@@ -86,7 +87,7 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
                                         "size differs from stream buffer size";
         // Asking for the thread reads a register.
         if (assumeNonblocking([this] { return std::this_thread::get_id() == maker; }))
-            outsideCallback([] { qWarning("%s", differs); });
+            outsideCallback([] { QTovelMixer::writeWarning("%s", differs); });
         else if (Instance *instance = streaming.load(std::memory_order_acquire))
             instance->warn(differs);
         TraceLine("RtAudio::MixerCallback size-mismatch")

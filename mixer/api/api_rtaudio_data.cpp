@@ -58,9 +58,10 @@ RtAudioInstance::Job closing(const std::shared_ptr<Answer> &answer)
 bool QTovelMixer::logFailure(const Answer &answer, const char *operation, const char *call)
 {
     if (answer.threw)
-        qWarning("QTovelMixerApiRtAudio::%s: RtAudio :: %s exception received!", operation, call);
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::%s: RtAudio :: %s exception received!",
+                                  operation, call);
     else if (answer.failed())
-        qWarning("QTovelMixerApiRtAudio::%s: %s", operation, answer.text.c_str());
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::%s: %s", operation, answer.text.c_str());
     return answer.failed();
 }
 
@@ -71,8 +72,9 @@ QTovelMixerApiRtAudio::RtAudioData::RtAudioData(QTovelMixerApiRtAudio *backend, 
 #if defined(QTOVELMIXER_SYSTEM_RTAUDIO)
     static std::once_flag told;
     std::call_once(told, [] {
-        qWarning("QTovelMixerApiRtAudio: built on the system's RtAudio: on PulseAudio surround "
-                 "channels may be exchanged, and more than 6 channels may not open");
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiRtAudio: built on the system's RtAudio: on PulseAudio surround "
+            "channels may be exchanged, and more than 6 channels may not open");
     });
 #endif
 }
@@ -80,16 +82,18 @@ QTovelMixerApiRtAudio::RtAudioData::RtAudioData(QTovelMixerApiRtAudio *backend, 
 void QTovelMixerApiRtAudio::RtAudioData::makeInstance()
 {
     if (api != RtAudio::UNSPECIFIED && !QTovelMixer::isCompiled(api)) {
-        qWarning("QTovelMixerApiRtAudio::Data: RtAudio was not compiled with this interface");
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiRtAudio::Data: RtAudio was not compiled with this interface");
         return;
     }
     const qint64 left = deadline(QTovelMixer::openTimeout).remainingTime();
     const auto made =
         RtAudioInstance::make(api, QDeadlineTimer(std::max<qint64>(left, makeTimeout)));
     if (made.threw)
-        qWarning("QTovelMixerApiRtAudio::Data: RtAudio :: RtAudio : exception received!");
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiRtAudio::Data: RtAudio :: RtAudio : exception received!");
     else if (!made.instance)
-        qWarning("QTovelMixerApiRtAudio::Data: RtAudio does not answer");
+        QTovelMixer::writeWarning("QTovelMixerApiRtAudio::Data: RtAudio does not answer");
     audio = made.instance;
     ++generation;
     if (audio)
@@ -302,8 +306,9 @@ void QTovelMixerApiRtAudio::RtAudioData::retire(int timeout)
     const std::shared_ptr<RtAudioInstance> old = std::exchange(audio, nullptr);
     dropBlocks();
     if (old->isStuck() || old->isRunning())
-        qWarning("QTovelMixerApiRtAudio::Data::delete_audio_mixer: RtAudio instance orphaned by a "
-                 "wedged teardown thread -- leaking instead of deleting.");
+        QTovelMixer::writeWarning(
+            "QTovelMixerApiRtAudio::Data::delete_audio_mixer: RtAudio instance orphaned by a "
+            "wedged teardown thread -- leaking instead of deleting.");
     QElapsedTimer clock;
     clock.start();
     const bool ended = old->end(old->isStuck() ? QDeadlineTimer(0) : deadline(stopTimeout));
@@ -315,14 +320,15 @@ void QTovelMixerApiRtAudio::RtAudioData::retire(int timeout)
 
 void QTovelMixerApiRtAudio::RtAudioData::replaceWedged()
 {
-    qWarning(
+    QTovelMixer::writeWarning(
         "QTovelMixerApiRtAudio::stop: RtAudio instance orphaned by a wedged teardown thread -- "
         "retiring it instead of leaving it in service.");
     if (!audio->isStuck()) {
         const auto answer = std::make_shared<Answer>();
         if (call(::closing(answer), stopTimeout) && answer->threw)
-            qWarning("QTovelMixerApiRtAudio::stop: RtAudio :: closeStream : exception received! "
-                     "(orphan retire)");
+            QTovelMixer::writeWarning(
+                "QTovelMixerApiRtAudio::stop: RtAudio :: closeStream : exception received! "
+                "(orphan retire)");
     }
     retire(inFlightChecks);
     makeInstance();

@@ -4,6 +4,7 @@
 #include <mixer/api/rtaudio_instance_p.h>
 
 #include <QtCore/QDebug>
+#include <base/log_line_p.h>
 
 #include <system_error>
 #include <utility>
@@ -27,7 +28,7 @@ RtAudioInstance::Made RtAudioInstance::make(RtAudio::Api api, const QDeadlineTim
     try {
         instance->m_thread = std::thread([instance, api] { instance->run(api); });
     } catch (const std::system_error &) {
-        qWarning("Mixer Api: Cannot start a thread!");
+        writeWarning("Mixer Api: Cannot start a thread!");
         return {nullptr, true};
     }
     QMutexLocker locker(&instance->m_mutex);
@@ -172,7 +173,7 @@ bool RtAudioInstance::call(Job job, const QDeadlineTimer &deadline)
         try {
             job(driver);
         } catch (...) {
-            qWarning("QTovelMixerApiRtAudio: RtAudio :: exception received!");
+            writeWarning("QTovelMixerApiRtAudio: RtAudio :: exception received!");
         }
         const QMutexLocker locker(&pending->mutex);
         pending->isDone = true;

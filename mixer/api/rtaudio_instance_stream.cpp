@@ -147,8 +147,9 @@ void RtAudioInstance::lookAfterStream(bool open)
         return;
     const bool stalled = hasStalled();
     if (stalled) {
-        qWarning("QTovelMixerApiRtAudio: the device has stopped asking for blocks -- aborting the "
-                 "stream");
+        writeWarning(
+            "QTovelMixerApiRtAudio: the device has stopped asking for blocks -- aborting the "
+            "stream");
         m_failed = true;
     }
     if (!m_failed)
@@ -169,7 +170,7 @@ void RtAudioInstance::writeNotes()
         if (warning && ++written > loggedNotes)
             ++left;
         else if (note.kind == warningNote)
-            qWarning("%s", text.c_str());
+            writeWarning("%s", text.c_str());
         else
             handleError(text);
     }

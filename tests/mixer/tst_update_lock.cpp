@@ -2,6 +2,7 @@
 // What may keep the audio thread waiting: the update lock, and whoever holds it.
 #include <mixer/block_lock_p.h>
 
+#include <base/log_line_p.h>
 #include <base/thread_marks_p.h>
 #include <base/trace_p.h>
 #include <mixer/api/api_virtual.h>
@@ -11,6 +12,7 @@
 #include <support/take_sink.h>
 
 #include <QtCore/QDeadlineTimer>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QSemaphore>
 #include <QtCore/QThread>
 #include <QtTest/QTest>
@@ -167,8 +169,18 @@ void tst_UpdateLock::lock_letsLinesWait_untilTheLastUnlock()
     QVERIFY(lock.tryLock());
     lock.unlock();
     QVERIFY(linesWait());
+    Handler::entered = 0;
+    const QtMessageHandler before =
+        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+            Handler::entered += type == QtWarningMsg && text == QLatin1String("No device 7");
+        });
+    const auto restore = qScopeGuard([before] { qInstallMessageHandler(before); });
+    writeWarning("No device %d", 7);
+    QCOMPARE(Handler::entered, 0);
     lock.unlock();
     QVERIFY(!linesWait());
+    flushTrace();
+    QCOMPARE(Handler::entered, 1);
 }
 
 void tst_UpdateLock::block_countsAsAudio_onAnyThread()
