@@ -3,6 +3,7 @@
 #include <mixer/api/api_virtual.h>
 #include <mixer/engine.h>
 #include <support/ramp_source.h>
+#include <support/rtguard.h>
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -109,6 +110,9 @@ void tst_Process::forkedChild_ends_whileAnEnginePlays()
 // The contract is 2 wake-ups a second.
 void tst_Process::idleEngine_lets_theProcessorSleep()
 {
+#if defined(QTOVELMIXER_GUARD_LEFT_OUT)
+    QSKIP("a sanitizer has a thread of its own");
+#endif
 #if defined(Q_OS_LINUX)
     Desk desk;
     QVERIFY(desk.engine.isActive());
