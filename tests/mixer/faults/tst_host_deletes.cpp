@@ -20,6 +20,8 @@ class PlainSink : public TakeSink
 {
 public:
     using TakeSink::TakeSink;
+    void onRunStart() override { hasBegun = true; }
+    std::atomic<bool> hasBegun{false};
 };
 
 /// A sink whose own part of a block ends with its destructor.
@@ -403,6 +405,8 @@ void tst_HostDeletes::deleteLater_needsNoStop_whileBlocksRun()
         QVERIFY(session.engine.play(source));
         QVERIFY(session.engine.addSink(sink));
         sink->start();
+        // Qt keeps a flag of `deleteLater` beside one that it reads while a thread starts.
+        QVERIFY(waitUntil([&] { return sink->hasBegun.load(); }));
         source->deleteLater();
         sink->deleteLater();
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
