@@ -232,19 +232,27 @@ bool Engine::select(Device *output, Device *input, unsigned int sampleRate, bool
 {
     if (!d->api)
         return false;
-    if (d->apiOpen() && d->api->currentDevice(DeviceKind::Output) == output &&
-        d->api->currentDevice(DeviceKind::Input) == input && d->api->sampleRate() == sampleRate)
-        return true;
+    const auto isOpen = [=, this] {
+        return d->apiOpen() && d->api->currentDevice(DeviceKind::Output) == output &&
+               d->api->currentDevice(DeviceKind::Input) == input &&
+               d->api->sampleRate() == sampleRate;
+    };
     if (!d->onMainThread()) {
         if (d->refuseInBlock("select"))
             return false;
+        // What is open is the main thread's to say.
+        const auto choose = [=, this] {
+            return isOpen() || open(output, input, sampleRate, startapi);
+        };
         bool answer = true;
         if (d->onWorkerThread())
-            d->callLater("select", [=, this] { open(output, input, sampleRate, startapi); });
+            d->callLater("select", [choose] { choose(); });
         else
-            callAndWait(this, [&] { answer = open(output, input, sampleRate, startapi); });
+            callAndWait(this, [&] { answer = choose(); });
         return answer;
     }
+    if (isOpen())
+        return true;
 
     // To open nothing always succeeds: it is no fallback for a device that failed.
     const bool wanted = output || input;
