@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 
 #ifndef Q_OS_WIN
-#include <unistd.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #endif
 
 namespace QTovelMixer {
@@ -28,21 +30,21 @@ bool canOpen(int)
 }
 #else
 /// Whether there are descriptors for so many dispatchers (two for each: some systems need them),
-/// and some over: workers that have begun open one for a moment, while they map their rings.
+/// and some over: workers that have begun open one for a moment, while they map their rings. None
+/// is opened to find out: a thread on its way may want the last one at that moment.
 bool canOpen(int dispatchers)
 {
     constexpr int most = 256; // workers of one mixer
     constexpr int spare = 8;  // arbitrary
-    int opened[most + spare][2];
-    int pipes = 0;
-    const int wanted = std::min(dispatchers, most) + spare;
-    while (pipes < wanted && pipe(opened[pipes]) == 0)
-        ++pipes;
-    for (int i = 0; i < pipes; ++i) {
-        close(opened[i][0]);
-        close(opened[i][1]);
-    }
-    return pipes == wanted;
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return true;
+    int wanted = 2 * (std::min(dispatchers, most) + spare);
+    // The highest are the last to be used.
+    int descriptor = int(std::min<rlim_t>(limit.rlim_cur, std::numeric_limits<int>::max()));
+    while (wanted > 0 && --descriptor >= 0)
+        wanted -= fcntl(descriptor, F_GETFD) == -1 ? 1 : 0;
+    return wanted == 0;
 }
 #endif
 
