@@ -30,10 +30,15 @@ namespace {
 constexpr double samePosition = 1.0 / 384000.0;
 constexpr int deviceListDelay = 2500; // ms
 
-template <typename T>
-bool holds(const std::vector<T *> &list, const T *object)
+/// What an outer release still holds is held for a change that begins inside it as well.
+template <typename Snapshot, typename T>
+Snapshot notHeld(const std::vector<T *> &all, const std::vector<T *> &held)
 {
-    return std::find(list.begin(), list.end(), object) != list.end();
+    Snapshot others;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(others), [&held](const T *object) {
+        return std::find(held.begin(), held.end(), object) == held.end();
+    });
+    return others;
 }
 
 /// Empties the list and keeps its room. `release` may take others out of the list, or add some.
@@ -174,10 +179,7 @@ void Engine::Data::planMix()
 
 void Engine::Data::update_source_lock()
 {
-    // What an outer release still holds is held for this change as well.
-    Snapshot<Source> wanted;
-    std::copy_if(sources.begin(), sources.end(), std::back_inserter(wanted),
-                 [this](const Source *source) { return !holds(lockedSources, source); });
+    const Snapshot<Source> wanted = notHeld<Snapshot<Source>>(sources, lockedSources);
     // All are told before the first is waited for: meanwhile the others would begin new reads.
     for (Source *source : wanted)
         SourceAccess::announceUpdate(*source);
@@ -238,9 +240,7 @@ void Engine::Data::holdSinks()
 {
     if (bracketDepth > 0)
         return;
-    Snapshot<Sink> wanted;
-    std::copy_if(sinks.begin(), sinks.end(), std::back_inserter(wanted),
-                 [this](const Sink *sink) { return !holds(lockedSinks, sink); });
+    const Snapshot<Sink> wanted = notHeld<Snapshot<Sink>>(sinks, lockedSinks);
     for (Sink *sink : wanted)
         SinkAccess::announceUpdate(*sink);
     for (Sink *sink : wanted) {
