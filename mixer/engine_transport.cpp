@@ -208,7 +208,7 @@ void Engine::monitorTimeout()
         d->isStallTold = false;
         return;
     }
-    if (!d->isStallTold) {
+    if (!d->isStallTold && d->apiRunning()) {
         d->isStallTold = true;
         const QPointer<Engine> alive(this);
         const unsigned generation = d->streamGeneration;

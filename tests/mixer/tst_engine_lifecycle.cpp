@@ -550,6 +550,8 @@ void tst_EngineLifecycle::watchdog_tellsEachStallOnce()
     Session session;
     int stalls = 0;
     connect(&session.engine, &Engine::deviceStalled, this, [&] { ++stalls; });
+    session.engine.monitorTimeout();
+    QCOMPARE(stalls, 0); // no stream, no stall
     QVERIFY(session.engine.play(new RampSource(&session.engine, 48000, 2, 20.0)));
     for (int expected = 1; expected <= 2; ++expected) {
         session.run(1);
