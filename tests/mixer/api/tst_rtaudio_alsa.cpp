@@ -44,6 +44,8 @@ void tst_RtAudioAlsa::fault_isSurvived()
     const auto unload = [&] { server.unload(module); };
 
     Fault row = serverFault(fault, direction, server, restart);
+    // libpulse now and then waits for itself, with its lock held, when its connection ends.
+    row.mayHang = row.outcome == Fault::Lost;
     if (fault == QLatin1String("sink unloaded, another exists")) {
         QVERIFY(server.loadSink(PulseServer::twoSinks().last()) >= 0);
         row.outcome = Fault::GoesOn;

@@ -155,7 +155,10 @@ void tst_RtAudioCycles::engine_isDestroyed_inEveryState()
             server->kill(); // nobody has heard of it yet
         if (state == QLatin1String("failed")) {
             server->kill();
-            QVERIFY(session.wait([&] { return session.failures == 1; }));
+            // libpulse below ALSA's plug-in now and then hangs as its connection ends: the watchdog
+            // stops what plays then.
+            QVERIFY(session.wait(
+                [&] { return session.failures == 1 || (backend == Alsa && session.stops > 0); }));
         }
         if (state == QLatin1String("closed"))
             QVERIFY(session.rest());
@@ -165,7 +168,8 @@ void tst_RtAudioCycles::engine_isDestroyed_inEveryState()
     }
     // ALSA's plug-in may wait for a dead server for ever: the stream is left to it then, with the
     // two threads of the stream and one of the plug-in for each direction.
-    const int stuck = backend == Alsa && state == QLatin1String("lost") ? 4 : 0;
+    const bool mayHang = state == QLatin1String("lost") || state == QLatin1String("failed");
+    const int stuck = backend == Alsa && mayHang ? 4 : 0;
     const int most = before.threads + 1 + stuck;
     // What the process keeps for good was made by the first row.
     if (qstrcmp(QTest::currentDataTag(), "Pulse, made") != 0 && state != QLatin1String("made"))
