@@ -19,6 +19,7 @@ struct alignas(64) Entry
 {
     std::atomic<Qt::HANDLE> thread;
     int count[kinds];
+    int entered; ///< their sum: two counts read as one word would wait for the stores into them
 };
 
 // More than are ever inside at once. All of it is zero from the start of the process.
@@ -69,10 +70,12 @@ void enter(Mark mark) noexcept
     Entry *entry = find(thread);
     if (!entry)
         entry = take(thread);
-    if (entry)
+    if (entry) {
         ++entry->count[mark];
-    else
+        ++entry->entered;
+    } else {
         unlisted[mark].fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 void leave(Mark mark) noexcept
@@ -83,7 +86,7 @@ void leave(Mark mark) noexcept
         return;
     }
     --entry->count[mark];
-    if (entry->count[Audio] == 0 && entry->count[LinesWait] == 0)
+    if (--entry->entered == 0)
         entry->thread.store(nullptr, std::memory_order_release);
 }
 
@@ -102,6 +105,7 @@ void forgetOtherThreads() noexcept
             continue;
         entry.count[Audio] = 0;
         entry.count[LinesWait] = 0;
+        entry.entered = 0;
         entry.thread.store(nullptr, std::memory_order_relaxed);
     }
     for (std::atomic<int> &count : unlisted)

@@ -6,7 +6,6 @@
 #include <base/clock_p.h>
 #include <base/denormals_p.h>
 #include <base/nonblocking_p.h>
-#include <base/trace_p.h>
 #include <dsp/kernels_p.h>
 #include <mixer/block_lock_p.h>
 #include <mixer/buffer_access_p.h>
@@ -86,7 +85,10 @@ size_t applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &ap
                        float target) noexcept
 {
     if (applied == target) {
-        if (Kernels::multiplyFinite(block.data(), block.size(), target)) [[likely]]
+        const bool finite = target == 1.0f
+                                ? Kernels::isFinite(block.data(), block.size())
+                                : Kernels::multiplyFinite(block.data(), block.size(), target);
+        if (finite) [[likely]]
             return 0;
     } else {
         if (frames > 0)
@@ -110,7 +112,6 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
     const qint64 begin = monotonicNanoseconds();
     Kernels::cleanVectorState();
     const DenormalsAsZero fast;
-    const AudioThreadMark mark; // also for backends that do not mark their threads
     {
         const BlockLock lock(updateLock, (status & 0x4) == 0, onlyWhenReady ? &holdLock : nullptr);
         if (!lock.isLocked()) {
@@ -120,7 +121,7 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
         const BlockPresence presence(blockNumber);
         if (onlyWhenReady && !blockReady(frames)) {
             // For the watchdog: the backend is alive.
-            callbackCount.fetch_add(1, std::memory_order_relaxed);
+            countCallback();
             return BlockNotReady;
         }
         const unsigned inCh = std::min<unsigned>(numInputChannels, unsigned(inputBuses.size()));
@@ -171,7 +172,7 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
 
         if (mixing)
             mixTime.store(now + frames, std::memory_order_relaxed);
-        callbackCount.fetch_add(1, std::memory_order_relaxed);
+        countCallback();
     }
     const qint64 load = (monotonicNanoseconds() - begin) / 100000;
     lastCallbackLoad.store(load, std::memory_order_relaxed);
@@ -181,6 +182,13 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
                                   double(load) * 0.001,
                               std::memory_order_relaxed);
     return 0;
+}
+
+// Under the update lock there is one writer, who needs no locked addition.
+void Engine::Data::countCallback() noexcept
+{
+    callbackCount.store(callbackCount.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_relaxed);
 }
 
 [[gnu::cold]] void Engine::Data::countReplaced(size_t samples, bool &told,

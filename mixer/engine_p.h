@@ -111,6 +111,7 @@ struct QTOVELMIXER_HIDDEN Engine::Data
     unsigned mixSources(unsigned firstBus, bool mixing, unsigned frames,
                         qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
     void mixMatrix(unsigned busCount) noexcept QTOVELMIXER_NONBLOCKING;
+    void countCallback() noexcept QTOVELMIXER_NONBLOCKING;
     void countReplaced(size_t samples, bool &told,
                        const char *place) noexcept QTOVELMIXER_NONBLOCKING;
     void feedSinks(unsigned firstBus, qint64 now) noexcept QTOVELMIXER_NONBLOCKING;
