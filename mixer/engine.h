@@ -274,9 +274,10 @@ public:
     /// Its number of channels is asked once, here. Emits `sourceAdded`. Errors: false for null, a
     /// source without channels, an inactive engine, or an output that cannot play back; false,
     /// logged, for more than 128 input channels, a rate that cannot be converted to the mixer's
-    /// (<dsp/resample.h> names the limits), a gain that is not finite, and for a source that is in
-    /// the mix already, was built for another engine, or is used up: removed, asked to end, or
-    /// ended. The source then stays the host's, unless it is in a mix.
+    /// (<dsp/resample.h> names the limits), a gain that is not finite, a `contentDuration` that is
+    /// no number, or negative for a source without a valid range, and for a source that is in the
+    /// mix already, was built for another engine, or is used up: removed, asked to end, or ended.
+    /// The source then stays the host's, unless it is in a mix.
     bool addSource(Source *source, float gain = 1.0f, Options options = {});
     /// An option in the gain's place would count as a gain.
     bool addSource(Source *source, Option options) = delete;

@@ -27,6 +27,14 @@ void forget(std::vector<QPointer<T>> &list, const T *object)
                list.end());
 }
 
+/// A source with a range of its own reads that, also where its host does not know how long the
+/// material is and says so with a negative number.
+bool hasLength(const Source &source)
+{
+    const double duration = source.contentDuration();
+    return duration >= 0.0 || (duration < 0.0 && source.range().isValid());
+}
+
 } // namespace
 
 // Adding ----------------------------------------------------------------------------------------
@@ -43,6 +51,11 @@ bool Engine::addSource(Source *source, float gain, Options options)
     if (!d->refusal(source) && !ResamplerBank::canConvert(rate, int(sampleRate()))) {
         BLDEBUG_Error(-1, "QTovelMixer::addSource: Cannot play %d Hz at %u Hz (%p)!!", rate,
                       sampleRate(), static_cast<void *>(source));
+        return false;
+    }
+    if (!d->refusal(source) && !hasLength(*source)) {
+        BLDEBUG_Error(-1, "QTovelMixer::addSource: Invalid length of material (%p)!!",
+                      static_cast<void *>(source));
         return false;
     }
     return d->add(source, gain, options);

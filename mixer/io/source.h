@@ -20,8 +20,8 @@ class aligned_vector;
 /// the play position, from which the audio thread takes the frames of each block.
 ///
 /// What the host changes in material that was read already is heard when the ring has played out,
-/// after its length (5 s and more). To have it heard after 0.1 s, without a gap, while playing:
-/// `update_lock`, `adjustTime(engine.time(), 0.1)`, `update_unlock`, on the source.
+/// after its length (nearly 5 s and more). To have it heard after 0.1 s, without a gap, while
+/// playing: `update_lock`, `adjustTime(engine.time(), 0.1)`, `update_unlock`, on the source.
 ///
 /// What is read comes from the playback range when it is valid, else from the engine's timeline
 /// when the source has one, else it is the material from `setTime`'s position on.

@@ -212,7 +212,6 @@ void Source::Data::work(Source &source, int sourceHz, int mixerHz, int channels)
         Worker worker(source, sourceHz, mixerHz, channels);
         worker.takeRing();
         running.store(1, std::memory_order_release);
-        wakeMix();
         source.state_change(Playing, Config());
         if (stopRequested == 0)
             source.onRunStart(worker.chunkMilliseconds());

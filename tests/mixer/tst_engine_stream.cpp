@@ -21,6 +21,7 @@ private slots:
     void stop_endsTheWatchdog_whenTheStreamIsGone();
     void watchdog_isTimedFromTheStart();
     void reopening_keepsSources_thatFillTheBuses();
+    void reopening_keepsGains_ofSourcesWithoutBuses();
     void deviceListTimer_waitsForTheEnd_whilePlaying();
     void engine_deletesWhatWasRemoved_whenItGoesFirst();
     void meterThreads_end_withTheDevice();
@@ -80,6 +81,33 @@ void tst_EngineStream::reopening_keepsSources_thatFillTheBuses()
     QVERIFY(engine.isValid(source));
     QVERIFY(source->stopReason() != DeviceListChanged);
     session.checkMapping();
+    session.stopAll();
+}
+
+// Its gains are kept for the next device, and touch nothing of this one.
+void tst_EngineStream::reopening_keepsGains_ofSourcesWithoutBuses()
+{
+    Session session(2, 2);
+    Engine &engine = session.engine;
+    TestDevice *wide = session.api->addTestDevice("Wide", 128, 2);
+    session.api->updateDeviceList();
+    auto *source = new RampSource(&engine, 48000, 2, 20.0);
+    QVERIFY(engine.addSource(source));
+    QVERIFY(engine.open(wide, wide, 48000, false));
+    Engine::Data &data = EngineAccess::shipped(engine);
+    QCOMPARE(data.inputBuses.size(), size_t(128));
+    QVERIFY(engine.isValid(source));
+    constexpr float gain = 0.25f;
+    for (int channel : {0, 1}) {
+        for (int output : {0, 1})
+            engine.setGain(source, channel, output, gain);
+    }
+    for (size_t row = 0; row < 128; ++row) {
+        for (size_t column = 0; column < 128; ++column) {
+            QVERIFY(data.gainMatrix[row][column] != gain);
+            QCOMPARE(data.enableMatrix[row][column], 1.0f);
+        }
+    }
     session.stopAll();
 }
 

@@ -54,6 +54,7 @@ private slots:
     void stream_thatDoesNotStart_isNoPlayback();
     void stream_thatDoesNotStart_isToldOnce_data();
     void stream_thatDoesNotStart_isToldOnce();
+    void failedOpen_isNotTold_ofTheNextDevice();
     void stream_thatDoesNotStart_isToldOfASelect();
     void stream_thatStartsAtTheSecondAttempt_isNoFailure();
     void streaming_keepsTheStreamOpen_withoutUsers();
@@ -275,6 +276,22 @@ void tst_EngineStreaming::stream_thatDoesNotStart_isToldOnce()
     session.api->reportDeviceFailure();
     QTRY_COMPARE(session.count("deviceFailed"), 2);
     session.checkAtRest();
+}
+
+// What was lost with the last device is no loss of the next one, which nobody uses yet.
+void tst_EngineStreaming::failedOpen_isNotTold_ofTheNextDevice()
+{
+    Desk desk;
+    QVERIFY(desk.addRamp(48000, 20.0));
+    QVERIFY(desk.engine.start());
+    Device *const good = desk.engine.currentDevice(DeviceKind::Output);
+    QVERIFY(!desk.engine.open(desk.bad, nullptr, 48000, false));
+    QVERIFY(desk.engine.stop(true, UserStopAction));
+    QVERIFY(desk.engine.open(good, nullptr, 48000, false));
+    QTRY_COMPARE(desk.count("stopped"), 1);
+    QCoreApplication::processEvents();
+    QCOMPARE(desk.count("deviceFailed"), 0);
+    QVERIFY(desk.engine.canPlayback());
 }
 
 void tst_EngineStreaming::stream_thatDoesNotStart_isToldOfASelect()

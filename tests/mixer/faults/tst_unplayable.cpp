@@ -42,8 +42,11 @@ private slots:
     void initTestCase() { Engine::Initialize(); }
     void addSource_refusesARate_data();
     void addSource_refusesARate();
+    void addSource_refusesALength_data();
+    void addSource_refusesALength();
     void addSource_takesEveryRateThatConverts_data();
     void addSource_takesEveryRateThatConverts();
+    void source_of128Channels_plays();
     void add_refusesManyChannels_withoutMemory();
     void start_ofASource_endsIt_data();
     void start_ofASource_endsIt();
@@ -80,6 +83,43 @@ void tst_Unplayable::addSource_refusesARate()
     playsAgain(session);
 }
 
+void tst_Unplayable::addSource_refusesALength_data()
+{
+    QTest::addColumn<double>("length");
+    QTest::addColumn<bool>("hasRange");
+    QTest::addColumn<bool>("isTaken");
+    constexpr double none = std::numeric_limits<double>::quiet_NaN();
+    QTest::newRow("no number") << none << false << false;
+    QTest::newRow("negative") << -1.0 << false << false;
+    QTest::newRow("nothing") << 0.0 << false << true;
+    QTest::newRow("no number, but a range") << none << true << false;
+    QTest::newRow("negative, but a range") << -1.0 << true << true;
+}
+
+void tst_Unplayable::addSource_refusesALength()
+{
+    QFETCH(double, length);
+    QFETCH(bool, hasRange);
+    QFETCH(bool, isTaken);
+    const LogCapture log;
+    Session session;
+    auto source = std::make_unique<RampSource>(&session.engine, 48000, 2, length);
+    if (hasRange)
+        source->setRange(Range(1.0, 2.0));
+    QCOMPARE(session.engine.addSource(source.get()), isTaken);
+    QCOMPARE(log.texts(QtCriticalMsg)
+                 .count(QString::asprintf("QTovelMixer::addSource: Invalid length of material "
+                                          "(%p)!!",
+                                          static_cast<void *>(source.get()))),
+             isTaken ? 0 : 1);
+    QCOMPARE(session.engine.numActiveSources(), isTaken ? 1 : 0);
+    if (isTaken)
+        source.release();
+    else
+        QVERIFY(session.engine.timeline()->end() < 0.0);
+    playsAgain(session);
+}
+
 void tst_Unplayable::addSource_takesEveryRateThatConverts_data()
 {
     QTest::addColumn<int>("rate");
@@ -96,6 +136,18 @@ void tst_Unplayable::addSource_takesEveryRateThatConverts()
     QVERIFY(session.engine.start(0.0));
     QCOMPARE(session.run(10).size(), size_t(10 * Session::blockFrames));
     playsAgain(session);
+}
+
+// As many as the mix has.
+void tst_Unplayable::source_of128Channels_plays()
+{
+    Session session(0, 2);
+    auto *source = new RampSource(&session.engine, 48000, 128, 20.0);
+    QVERIFY(session.engine.addSource(source));
+    QVERIFY(session.engine.start(0.0));
+    QVERIFY(session.run(1).back() > 0.0f);
+    session.stopAll();
+    QTRY_COMPARE(session.count("stopped"), 1);
 }
 
 // A damaged header may claim any number: with buses for all of them that would be 100 MB.
