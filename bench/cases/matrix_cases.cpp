@@ -5,7 +5,7 @@
 #include "peers/rematrix.h"
 
 #include <mixer/aligned_vector.h>
-#include <mixer/gain_matrix_p.h>
+#include <mixer/engine/gain_matrix_p.h>
 
 #include <hwy/targets.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/aligned_vector.h>
-#include <mixer/buffer_access_p.h>
+#include <mixer/engine/buffer_access_p.h>
 
 #include <QtTest/QTest>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mixer/buffer_ops.h>
 
-#include <mixer/buffer_access_p.h>
+#include <mixer/engine/buffer_access_p.h>
 
 #include <QtTest/QTest>
 

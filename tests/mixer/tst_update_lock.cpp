@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What may keep the audio thread waiting: the update lock, and whoever holds it.
-#include <mixer/block_lock_p.h>
+#include <mixer/engine/block_lock_p.h>
 
 #include <base/log_line_p.h>
 #include <base/thread_marks_p.h>

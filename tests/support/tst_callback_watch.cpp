@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <base/trace_p.h>
-#include <mixer/block_lock_p.h>
+#include <mixer/engine/block_lock_p.h>
 #include <support/callback_watch.h>
 #include <support/rtguard.h>
 

@@ -27,7 +27,7 @@ import find
 ROOT = Path(__file__).resolve().parents[2]
 WORK = ROOT / 'build/mutants'
 BUILD = WORK / 'build/dev'
-FILES = ['mixer/*.cpp', 'mixer/io/*.cpp', 'mixer/meter/*.cpp', 'dsp/*.cpp']
+FILES = ['mixer/*.cpp', 'mixer/engine/*.cpp', 'mixer/io/*.cpp', 'mixer/meter/*.cpp', 'dsp/*.cpp']
 # They need a sound server or wait for one, and test what is not mutated.
 SERVERS = re.compile(r'alsa|jack|pipewire|pulse|rtaudio|note_queue|stream_watch')
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The device stream: who uses it, its watchdog, the meters that hang on it.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/log_line_p.h>
 #include <base/trace_p.h>

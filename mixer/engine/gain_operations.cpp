@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Gains, masks, effects, meter channels, and the timeline's edits.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
 #include <mixer/api/api.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Construction, activation, device failure, saved states.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
 #include <base/log_line_p.h>
@@ -305,4 +305,4 @@ void Engine::reset()
 
 } // namespace QTovelMixer
 
-#include "moc_engine.cpp"
+#include "../moc_engine.cpp"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <mixer/block_lock_p.h>
+#include <mixer/engine/block_lock_p.h>
 
 #include <base/nonblocking_p.h>
 #include <base/trace_p.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef QTOVELMIXER_MIXER_BLOCK_LOCK_P_H
-#define QTOVELMIXER_MIXER_BLOCK_LOCK_P_H
+#ifndef QTOVELMIXER_MIXER_ENGINE_BLOCK_LOCK_P_H
+#define QTOVELMIXER_MIXER_ENGINE_BLOCK_LOCK_P_H
 
 #include <base/lock_rank_p.h>
 #include <base/nonblocking.h>

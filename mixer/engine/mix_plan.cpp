@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <mixer/gain_matrix_p.h>
+#include <mixer/engine/gain_matrix_p.h>
 
 #include <dsp/kernels_p.h>
 

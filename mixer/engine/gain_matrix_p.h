@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef QTOVELMIXER_MIXER_GAIN_MATRIX_P_H
-#define QTOVELMIXER_MIXER_GAIN_MATRIX_P_H
+#ifndef QTOVELMIXER_MIXER_ENGINE_GAIN_MATRIX_P_H
+#define QTOVELMIXER_MIXER_ENGINE_GAIN_MATRIX_P_H
 
 #include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>

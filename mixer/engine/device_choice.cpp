@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Device list, device choice, opening.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/log_line_p.h>
 #include <mixer/api/api.h>
+#include <mixer/api/control_panel_p.h>
 #include <mixer/api/device.h>
-#include <mixer/control_panel_p.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
 #include <mixer/meter/meter.h>

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The block callback. Everything here runs on the audio thread: no allocation, no lock but the
 // update lock, no log, no signal.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/clock_p.h>
 #include <base/denormals_p.h>
 #include <base/nonblocking_p.h>
 #include <dsp/kernels_p.h>
-#include <mixer/block_lock_p.h>
-#include <mixer/buffer_access_p.h>
 #include <mixer/buffer_ops.h>
+#include <mixer/engine/block_lock_p.h>
+#include <mixer/engine/buffer_access_p.h>
 #include <mixer/io/effect_p.h>
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source_p.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef QTOVELMIXER_MIXER_BUFFER_ACCESS_P_H
-#define QTOVELMIXER_MIXER_BUFFER_ACCESS_P_H
+#ifndef QTOVELMIXER_MIXER_ENGINE_BUFFER_ACCESS_P_H
+#define QTOVELMIXER_MIXER_ENGINE_BUFFER_ACCESS_P_H
 
 #include <base/nonblocking.h>
 #include <mixer/aligned_vector.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <mixer/control_panel_p.h>
+#include <mixer/api/control_panel_p.h>
 
 #include <QtCore/QProcess>
 #include <QtCore/QStandardPaths>

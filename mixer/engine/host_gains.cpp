@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <mixer/host_gains_p.h>
+#include <mixer/engine/host_gains_p.h>
 
 #include <iterator>
 

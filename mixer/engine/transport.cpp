@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Start, pause, resume, stop, the watchdog, and what the transport answers.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
 #include <base/trace_p.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Sources and sinks: adding, removing, deleting.
-#include <mixer/engine_kinds_p.h>
+#include <mixer/engine/kinds_p.h>
 
 #include <base/debug.h>
 #include <base/trace_p.h>

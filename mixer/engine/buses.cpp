@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // One bus per mixer channel: which belongs to whom, and the gains between them.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <mixer/api/api.h>
 #include <mixer/gains.h>

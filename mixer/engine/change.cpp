@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The private record: update bracket, gain matrix, clock, transport of all.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
 #include <base/log_line_p.h>

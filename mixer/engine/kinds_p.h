@@ -2,7 +2,7 @@
 #ifndef QTOVELMIXER_MIXER_ENGINE_KINDS_P_H
 #define QTOVELMIXER_MIXER_ENGINE_KINDS_P_H
 
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/sink_p.h>
 #include <mixer/io/source.h>

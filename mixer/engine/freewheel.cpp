@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Blocks at the pace of the workers, for backends that no device paces.
-#include <mixer/engine_p.h>
+#include <mixer/engine/engine_p.h>
 
 #include <base/trace_p.h>
 #include <mixer/io/sink.h>

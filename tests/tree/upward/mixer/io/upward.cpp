@@ -1,0 +1,3 @@
+// SPDX-License-Identifier: MIT
+#include <mixer/engine.h>
+#include <mixer/engine/engine_p.h>
