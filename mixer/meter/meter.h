@@ -14,6 +14,7 @@ namespace QTovelMixer {
 
 class MeterConfig;
 class MeterValues;
+struct PeakReading;
 template <typename T, unsigned Alignment>
 class aligned_vector;
 
@@ -31,6 +32,9 @@ class aligned_vector;
 /// meter does not wait for; that ends the meter's thread and waits for it. A subclass must have
 /// been stopped by then, since its part dies first. The engine makes new, idle meters whenever it
 /// opens devices: after `Engine::mixerChanged` earlier pointers to its meters dangle.
+///
+/// Beside these readings, which end at full scale and are forgotten, a meter keeps the largest
+/// peaks and counts overs until `resetHolds`.
 ///
 /// A meter with a parent stays on the parent's thread and ticks there, by that thread's event loop.
 ///
@@ -96,6 +100,27 @@ public:
     /// `MeterValues::capacity` enabled channels are reported.
     /// Threads: any.
     bool getValues(MeterValues &values) const;
+
+    // Peaks above full scale ----------------------------------------------------------------
+
+    /// Brings `peaks` up to what was measured last and answers whether anything in it changed. A
+    /// stop that is under way adds nothing, and switched channels and true peaks keep what they
+    /// reached. With more than 128 enabled channels all peaks are 0.
+    /// Threads: any.
+    bool getPeaks(PeakReading &peaks) const;
+    /// Forgets the largest peaks and the overs; the levels of `getValues` fall by themselves.
+    /// Threads: any; waits while a block is measured.
+    void resetHolds();
+    /// An over is a run of `samples` (at least 1) neighbouring samples of a channel whose magnitude
+    /// is `level` (above 0) or more; a longer run is one over, too. 1 and 1.0 unless set; for
+    /// 16-bit material, whose largest sample is below 1, use 32767.0 / 32768. Runs under way start
+    /// afresh.
+    /// Units: linear amplitude. Errors: false, and nothing changes, out of range.
+    /// Threads: any; waits while a block is measured.
+    bool setOverRule(int samples, double level = 1.0);
+    /// Threads: any; waits while a block is measured.
+    int overLength() const;
+    double overLevel() const;
 
     /// Measures one block of `numFrames` interleaved frames of all channels, publishes the
     /// readings and then emits `meterValuesChanged` unless all held levels are at silence. An

@@ -7,6 +7,7 @@
 #include <base/ringbuffer.h>
 #include <dsp/statistics.h>
 #include <mixer/meter/meter.h>
+#include <mixer/meter/peak_latch_p.h>
 
 #include <QtCore/QBasicTimer>
 #include <QtCore/QPointer>
@@ -72,7 +73,7 @@ struct QTOVELMIXER_HIDDEN Meter::Data
 
     // Guarded by statsMutex, which is taken before valuesMutex. Levels are linear, by channel;
     // holds count blocks. The true-peak vectors are empty while true peaks are not wanted.
-    RankedMutex<LockRank::Measurement> statsMutex;
+    mutable RankedMutex<LockRank::Measurement> statsMutex;
     Statistics levelStats;
     Statistics truePeakStats;
     double momentaryLoudness = -120.0;
@@ -88,6 +89,7 @@ struct QTOVELMIXER_HIDDEN Meter::Data
     std::vector<int> activeChannels;
     std::vector<float> scratch;
     bool rebuildNeeded = true;
+    PeakLatches latches;
 
     // Guarded by valuesMutex.
     mutable RankedMutex<LockRank::Values> valuesMutex;
@@ -99,6 +101,8 @@ struct QTOVELMIXER_HIDDEN Meter::Data
     std::vector<double> publishedTruePeakHold;
     std::vector<bool> publishedEnabled;
     bool publishedHasTruePeak = false;
+    std::vector<PeakLatch> publishedLatches;
+    qint64 publishedFrames = 0; // measured since the holds were reset
 };
 
 /// Whether it is the thread of a meter.

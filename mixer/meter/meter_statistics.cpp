@@ -55,8 +55,8 @@ Meter::Data::Data(Type side, int rate, int channels, const MeterConfig &config)
       enabledChannels(config.isValid() ? config.meters().size() : size_t(numChannels)),
       levelStats(makeStatistics(numChannels, DSPB_MeasureLevels)), level(size_t(numChannels)),
       holdLevel(size_t(numChannels)), levelHold(size_t(numChannels)),
-      holdLevelHold(size_t(numChannels)), publishedLevel(size_t(numChannels)),
-      publishedHoldLevel(size_t(numChannels))
+      holdLevelHold(size_t(numChannels)), latches(numChannels), publishedLevel(size_t(numChannels)),
+      publishedHoldLevel(size_t(numChannels)), publishedLatches(size_t(numChannels))
 {
     for (size_t channel = 0; channel < enabledChannels.size(); ++channel) {
         const bool on = !config.isValid() || config.meters()[channel];
@@ -108,6 +108,7 @@ void Meter::Data::rebuildActiveChannels()
         if (truePeakEnabled)
             truePeakStats = makeStatistics(active, DSPB_MeasureTruePeak);
     }
+    latches.breakRuns();
     for (auto *levels : {&level, &holdLevel, &truePeakLevel, &truePeakHoldLevel})
         std::fill(levels->begin(), levels->end(), 0.0);
     for (auto *holds : {&levelHold, &holdLevelHold, &truePeakHold, &truePeakHoldLevelHold})
@@ -146,18 +147,24 @@ double Meter::Data::measure(const float *frames, int numFrames)
         double peak = 0.0;
         if (!falling)
             DSPB_StatisticsMomentarySamplePeak(levelStats.get(), int(i), &peak);
+        if (!falling)
+            latches.addLevel(int(channel), peak,
+                             {measured + i, numFrames, int(activeChannels.size())});
         followPeak(level[channel], levelHold[channel], peak, levelTime);
         followPeak(holdLevel[channel], holdLevelHold[channel], peak, holdTime);
         if (truePeakStats) {
             double truePeak = 0.0;
             if (!falling)
                 DSPB_StatisticsMomentaryTruePeak(truePeakStats.get(), int(i), &truePeak);
+            latches.addTruePeak(int(channel), truePeak);
             followPeak(truePeakLevel[channel], truePeakHold[channel], truePeak, levelTime);
             followPeak(truePeakHoldLevel[channel], truePeakHoldLevelHold[channel], truePeak,
                        holdTime);
         }
         sum += holdLevel[channel];
     }
+    if (!falling)
+        latches.advance(numFrames);
     return sum;
 }
 
@@ -174,6 +181,8 @@ void Meter::Data::publishValues()
         publishedTruePeak = truePeakLevel;
         publishedTruePeakHold = truePeakHoldLevel;
     }
+    publishedLatches = latches.latches();
+    publishedFrames = latches.frames();
 }
 
 void Meter::updateStatistics(const float *frames, int numFrames)
