@@ -10,8 +10,9 @@ namespace {
 
 constexpr double silence = -120.0;
 
-/// Sixteen sums side by side: one would wait for its own last addition 3000 times.
-double sum(const double *values, int count)
+} // namespace
+
+double sumOf(const double *values, int count) noexcept
 {
     constexpr int width = 16;
     double sums[width] = {};
@@ -27,8 +28,6 @@ double sum(const double *values, int count)
         total += part;
     return total;
 }
-
-} // namespace
 
 LoudnessWindow::LoudnessWindow(int sampleRate) : m_blockFrames(std::max(1, sampleRate / 1000))
 {
@@ -53,13 +52,18 @@ double LoudnessWindow::meanSquare(int windowFrames, double openEnergy,
     const int whole = closedFrames / m_blockFrames;
     const double part = double(closedFrames % m_blockFrames) / m_blockFrames;
     const double *end = m_energies.data() + m_next + m_blocks;
-    const double energy = openEnergy + sum(end - whole, whole) + part * end[-whole - 1];
+    const double energy = openEnergy + sumOf(end - whole, whole) + part * end[-whole - 1];
     return energy / windowFrames;
 }
 
 double LoudnessWindow::loudness(double meanSquare) noexcept
 {
     return meanSquare > 0.0 ? std::max(silence, -0.691 + 10.0 * std::log10(meanSquare)) : silence;
+}
+
+double LoudnessWindow::meanSquareOf(double loudness) noexcept
+{
+    return std::pow(10.0, (loudness + 0.691) / 10.0);
 }
 
 } // namespace QTovelMixer

@@ -6,6 +6,10 @@
 
 namespace QTovelMixer {
 
+/// The sum of many values. Sixteen sums side by side: one would wait for its own last addition
+/// thousands of times.
+double sumOf(const double *values, int count) noexcept;
+
 /// The last three seconds of weighted energy, in blocks of about 1 ms.
 ///
 /// A window that does not begin at a block's edge takes the proportional part of its oldest block.
@@ -28,6 +32,8 @@ public:
 
     /// -0.691 + 10 lg (mean square), BS.1770-4 Annex 1 (2); at least -120.0.
     static double loudness(double meanSquare) noexcept;
+    /// The inverse of `loudness`.
+    static double meanSquareOf(double loudness) noexcept;
 
 private:
     int m_blockFrames;

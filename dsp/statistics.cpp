@@ -9,6 +9,7 @@
 #include <hwy/aligned_allocator.h>
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 #include <numeric>
 #include <vector>
@@ -173,6 +174,14 @@ void DSPB_StatisticsAddFrames(DSPB_Statistics *statistics, const float *frames, 
         frameCount -= chunk;
     }
     statistics->finishPeaks();
+}
+
+void DSPB_StatisticsSetChannelWeight(DSPB_Statistics *statistics, int32_t channel, double weight)
+{
+    if (!statistics || channel < 0 || channel >= statistics->channels || !(weight >= 0.0) ||
+        !std::isfinite(weight))
+        return;
+    statistics->channelWeights[size_t(channel)] = weight * statistics->weighting.gain();
 }
 
 void DSPB_StatisticsMomentaryLoudness(const DSPB_Statistics *statistics, double *lufs)

@@ -67,6 +67,15 @@ QTOVELMIXER_EXPORT DSPB_Statistics *DSPB_StatisticsCreate(int32_t sampleRate, in
 QTOVELMIXER_EXPORT void DSPB_StatisticsAddFrames(DSPB_Statistics *statistics, const float *frames,
                                                  int32_t frameCount);
 
+/// Sets what the energy of a channel is multiplied by in the loudness sums, 0 or more, instead of
+/// the weight that follows from the channel count; what was added before keeps its own.
+///
+/// Errors: ignored for a null handle, a channel that the handle does not have, and a weight that is
+/// negative or not finite.
+/// Threads: the handle's user. Real-time: yes.
+QTOVELMIXER_EXPORT void DSPB_StatisticsSetChannelWeight(DSPB_Statistics *statistics,
+                                                        int32_t channel, double weight);
+
 /// Writes the loudness of the last 400 ms.
 ///
 /// Units: LUFS, never below -120.0 (which stands for silence); always finite.

@@ -8,6 +8,7 @@
 #include <mixer/api/device.h>
 #include <mixer/io/sink.h>
 #include <mixer/io/source.h>
+#include <mixer/meter/channel_layout.h>
 #include <mixer/meter/meter.h>
 #include <mixer/meter/meter_config.h>
 #include <mixer/store/store.h>
@@ -54,6 +55,13 @@ std::vector<unsigned> ascendingRates(const Device *device)
     std::vector<unsigned> rates(listed.begin(), listed.end());
     std::sort(rates.begin(), rates.end());
     return rates;
+}
+
+// Meters weigh channels by what they are, where the device tells.
+void tellLayout(Meter &meter, const Device *device, DeviceKind side)
+{
+    if (device)
+        meter.setLayout(ChannelLayout::fromNames(device->channelNames(side)));
 }
 
 void warnOfWidth(const char *side, unsigned channels)
@@ -357,6 +365,8 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
                 new Meter(Type::Input, rate, int(d->numInputChannels), inputConfig, nullptr);
             d->outputMeter =
                 new Meter(Type::Output, rate, int(d->numOutputChannels), outputConfig, nullptr);
+            tellLayout(*d->inputMeter, inputDevice, DeviceKind::Input);
+            tellLayout(*d->outputMeter, outputDevice, DeviceKind::Output);
             d->outputName = Device::deviceName(outputDevice);
             d->inputName = Device::deviceName(inputDevice);
         }

@@ -4,6 +4,7 @@
 
 #include <base/export.h>
 #include <base/nonblocking.h>
+#include <mixer/meter/loudness_reading.h>
 #include <mixer/types.h>
 
 #include <QtCore/QObject>
@@ -12,6 +13,7 @@
 
 namespace QTovelMixer {
 
+class ChannelLayout;
 class MeterConfig;
 class MeterValues;
 struct PeakReading;
@@ -34,7 +36,8 @@ class aligned_vector;
 /// opens devices: after `Engine::mixerChanged` earlier pointers to its meters dangle.
 ///
 /// Beside these readings, which end at full scale and are forgotten, a meter keeps the largest
-/// peaks and counts overs until `resetHolds`.
+/// peaks and counts overs until `resetHolds`, and measures the loudness of a programme from
+/// `startMeasurement` on.
 ///
 /// A meter with a parent stays on the parent's thread and ticks there, by that thread's event loop.
 ///
@@ -121,6 +124,36 @@ public:
     /// Threads: any; waits while a block is measured.
     int overLength() const;
     double overLevel() const;
+
+    // Loudness of a programme ---------------------------------------------------------------
+
+    /// What the channels are. It decides their weights in the loudness sums, those of `getValues`
+    /// too, whichever of them are enabled; where nothing is known the count decides: of the enabled
+    /// channels for `getValues`, of all channels for `loudness`. The engine sets what the device
+    /// tells. A change restarts all readings, the loudness too, from silence with the next measured
+    /// block; a measurement goes on, as after a pause.
+    /// Threads: any; waits while a block is measured.
+    void setLayout(const ChannelLayout &layout);
+    /// Nothing is known unless set. Threads: any; waits while a block is measured.
+    ChannelLayout layout() const;
+
+    /// Starts to measure the loudness of the enabled channels with the next measured block, or goes
+    /// on after a pause; the meter itself may start and stop meanwhile. No window and no gating
+    /// block reaches over a pause, nor over a switch of channels. Costs as much again as the meter
+    /// itself, and true peaks, on the meter's thread.
+    /// Threads: any; waits while a block is measured.
+    void startMeasurement();
+    /// Lets the figures stand, but for momentary and short-term loudness. Nothing without a
+    /// measurement. Threads: any; waits while a block is measured.
+    void pauseMeasurement();
+    /// Forgets the figures; a running measurement begins anew, a paused one stays paused. Nothing
+    /// without a measurement. Threads: any; waits while a block is measured.
+    void resetMeasurement();
+    /// Ends the measurement: the figures are gone, and it costs nothing any more.
+    /// Threads: any; waits while a block is measured.
+    void endMeasurement();
+    /// The figures after the last measured block. Threads: any.
+    LoudnessReading loudness() const;
 
     /// Measures one block of `numFrames` interleaved frames of all channels, publishes the
     /// readings and then emits `meterValuesChanged` unless all held levels are at silence. An

@@ -6,8 +6,10 @@
 #include <base/lock_rank_p.h>
 #include <base/ringbuffer.h>
 #include <dsp/statistics.h>
+#include <mixer/meter/channel_layout.h>
 #include <mixer/meter/meter.h>
 #include <mixer/meter/peak_latch_p.h>
+#include <mixer/meter/programme_meter_p.h>
 
 #include <QtCore/QBasicTimer>
 #include <QtCore/QPointer>
@@ -25,11 +27,7 @@ struct QTOVELMIXER_HIDDEN Meter::Data
     {
         void operator()(BLRINGBUFFER *ring) const { BLRINGBUFFER_Destroy(&ring); }
     };
-    struct StatisticsDeleter
-    {
-        void operator()(DSPB_Statistics *statistics) const { DSPB_StatisticsDestroy(&statistics); }
-    };
-    using Statistics = std::unique_ptr<DSPB_Statistics, StatisticsDeleter>;
+    using Statistics = StatisticsHandle;
 
     Data(Type side, int rate, int channels, const MeterConfig &config);
     ~Data();
@@ -47,7 +45,10 @@ struct QTOVELMIXER_HIDDEN Meter::Data
     void rebuildActiveChannels();
     const float *compact(const float *frames, int numFrames);
     double measure(const float *frames, int numFrames); // the sum of the held levels
+    void measureProgramme(const float *measured, int numFrames);
+    void weighChannels();
     void publishValues();
+    void publishLoudness();
 
     // Fixed at construction.
     const Type type;
@@ -89,7 +90,9 @@ struct QTOVELMIXER_HIDDEN Meter::Data
     std::vector<int> activeChannels;
     std::vector<float> scratch;
     bool rebuildNeeded = true;
+    ChannelLayout layout;
     PeakLatches latches;
+    std::unique_ptr<ProgrammeMeter> programme; // while there is a measurement
 
     // Guarded by valuesMutex.
     mutable RankedMutex<LockRank::Values> valuesMutex;
@@ -103,6 +106,7 @@ struct QTOVELMIXER_HIDDEN Meter::Data
     bool publishedHasTruePeak = false;
     std::vector<PeakLatch> publishedLatches;
     qint64 publishedFrames = 0; // measured since the holds were reset
+    LoudnessReading publishedLoudness;
 };
 
 /// Whether it is the thread of a meter.

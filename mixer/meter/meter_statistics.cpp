@@ -107,7 +107,11 @@ void Meter::Data::rebuildActiveChannels()
         levelStats = makeStatistics(active, DSPB_MeasureLevels);
         if (truePeakEnabled)
             truePeakStats = makeStatistics(active, DSPB_MeasureTruePeak);
+        for (int i = 0; layout.isKnown() && i < active; ++i)
+            DSPB_StatisticsSetChannelWeight(levelStats.get(), i,
+                                            layout.weight(activeChannels[size_t(i)]));
     }
+    weighChannels();
     latches.breakRuns();
     for (auto *levels : {&level, &holdLevel, &truePeakLevel, &truePeakHoldLevel})
         std::fill(levels->begin(), levels->end(), 0.0);
@@ -163,8 +167,10 @@ double Meter::Data::measure(const float *frames, int numFrames)
         }
         sum += holdLevel[channel];
     }
-    if (!falling)
+    if (!falling) {
         latches.advance(numFrames);
+        measureProgramme(measured, numFrames);
+    }
     return sum;
 }
 
@@ -195,6 +201,8 @@ void Meter::updateStatistics(const float *frames, int numFrames)
         if (!d->activeChannels.empty() && numFrames > 0)
             sum = d->measure(frames, numFrames);
         d->publishValues();
+        if (d->programme)
+            d->publishLoudness();
     }
     if (sum > audible)
         emit meterValuesChanged();

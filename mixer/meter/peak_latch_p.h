@@ -4,6 +4,7 @@
 
 #include <QtCore/QtGlobal>
 
+#include <cstddef>
 #include <vector>
 
 namespace QTovelMixer {
