@@ -12,6 +12,7 @@ Suite allCases()
     addRingCases(suite);
     addResampleCases(suite);
     addMeterCases(suite);
+    addLoudnessCases(suite);
     addCallbackCases(suite);
     addDeviceCases(suite);
     addWorkerFigures(suite);

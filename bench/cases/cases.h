@@ -12,6 +12,7 @@ void addLayoutCases(Suite &suite);
 void addRingCases(Suite &suite);
 void addResampleCases(Suite &suite);
 void addMeterCases(Suite &suite);
+void addLoudnessCases(Suite &suite);
 void addCallbackCases(Suite &suite);
 void addDeviceCases(Suite &suite);
 void addWorkerFigures(Suite &suite);

@@ -3,6 +3,7 @@
 #include <tovelmix/device_list.h>
 #include <tovelmix/interrupt.h>
 #include <tovelmix/live_recording.h>
+#include <tovelmix/measure.h>
 #include <tovelmix/monitoring.h>
 #include <tovelmix/options.h>
 #include <tovelmix/playback.h>
@@ -137,6 +138,28 @@ int render(const QCoreApplication &app, const Options &options)
     return Done;
 }
 
+int measure(const Options &options)
+{
+    const auto layout = QTovelMixer::ChannelLayout::named(options.layout);
+    const auto *const target = QTovelMixer::LoudnessTarget::find(options.target);
+    QList<Measurement> measurements;
+    ExitStatus status = Done;
+    for (const QString &path : options.files) {
+        const Measurement measurement = measureFile(path, layout);
+        if (!measurement.error.isEmpty())
+            return complain(measurement.error, Failed);
+        if (!meets(measurement, target))
+            status = Missed;
+        if (options.json)
+            measurements.append(measurement);
+        else
+            print(table(measurement, target));
+    }
+    if (options.json)
+        print(QString::fromUtf8(json(measurements, target)));
+    return status;
+}
+
 int compare(const Options &options)
 {
     const RawInput input(options.input, options.channels);
@@ -192,6 +215,8 @@ int main(int argc, char **argv)
         return record(app, options);
     case Options::Command::Render:
         return render(app, options);
+    case Options::Command::Measure:
+        return measure(options);
     case Options::Command::Verify:
         return compare(options);
     case Options::Command::ShowText:

@@ -19,8 +19,10 @@ struct Entry
 };
 
 const char *const purpose = "Plays and records through the mixer, on real devices or from files.";
-const char *const statuses = "It ends with 0 when all went well, 1 after a failure, 2 when it was "
-                             "called wrongly, and 3 when there is no sound server or no device.";
+const char *const statuses =
+    "It ends with 0 when all went well, 1 after a failure, 2 when it was "
+    "called wrongly, 3 when there is no sound server or no device, and 4 when "
+    "a file misses its target.";
 
 QList<Entry> commonOptions()
 {

@@ -5,6 +5,8 @@
 #include <tovelmix/take.h>
 #include <tovelmix/verbs.h>
 
+#include <mixer/meter/channel_layout.h>
+#include <mixer/meter/loudness_target.h>
 #include <mixer/version.h>
 
 #include <QtCore/QCommandLineParser>
@@ -63,6 +65,17 @@ QString readBackend(const QCommandLineParser &parser, DeviceOptions &devices)
     return {};
 }
 
+QString readTarget(const QCommandLineParser &parser, Options &options)
+{
+    options.target = parser.value(targetOption);
+    if (parser.isSet(targetOption) && !QTovelMixer::LoudnessTarget::find(options.target))
+        return QString("unknown target '%1': %2").arg(options.target, targetNames().join(", "));
+    options.layout = parser.value(layoutOption);
+    if (parser.isSet(layoutOption) && !QTovelMixer::ChannelLayout::named(options.layout).isKnown())
+        return QString("unknown layout '%1'").arg(options.layout);
+    return {};
+}
+
 QString readValues(const QCommandLineParser &parser, Options &options)
 {
     int rate = 0;
@@ -70,6 +83,7 @@ QString readValues(const QCommandLineParser &parser, Options &options)
     for (const QString &error :
          {readNumber(parser, channelsOption, 1, maxChannels, options.channels),
           readSeconds(parser, options), readBackend(parser, options.devices),
+          readTarget(parser, options),
           readNumber(parser, rateOption, lowestRate, highestRate, rate),
           readNumber(parser, bufferOption, leastFrames, mostFrames, frames)}) {
         if (!error.isEmpty())
@@ -106,6 +120,8 @@ QString readNeeds(const QCommandLineParser &parser, Options &options)
         return "verify needs --take TAKE.wav";
     if (options.command == Command::Play && options.files.isEmpty())
         return "play needs files";
+    if (options.command == Command::Measure && options.files.isEmpty())
+        return "measure needs files";
     if (options.devices.isVirtual && parser.isSet(backendOption))
         return "--virtual and --backend exclude each other";
     if (options.command == Command::Render && options.session.isEmpty())
@@ -150,7 +166,7 @@ QString readCommand(const QCommandLineParser &parser, Options &options)
     if (verb == all.end())
         return QString("unknown command '%1': %2").arg(words.constFirst(), known);
     options.command = verb->command;
-    if (verb->command == Options::Command::Play)
+    if (verb->command == Options::Command::Play || verb->command == Options::Command::Measure)
         options.files = words.mid(1);
     else if (verb->command == Options::Command::Render && words.size() == 2)
         options.session = words.at(1);

@@ -12,14 +12,26 @@ namespace tovelmix {
 /// What the user typed, checked as far as that goes without touching a file or a device.
 struct Options
 {
-    enum class Command { Devices, Play, Record, RecordDevice, Render, Monitor, Verify, ShowText };
+    enum class Command {
+        Devices,
+        Play,
+        Record,
+        RecordDevice,
+        Render,
+        Measure,
+        Monitor,
+        Verify,
+        ShowText
+    };
 
     Command command = Command::ShowText;
     QString input;
     int channels = 0; ///< 0: as the audio file says
     QString take;     ///< written by record, read by verify
     double seconds = 0.0;
-    QStringList files; ///< for play
+    QStringList files; ///< for play and measure
+    QString target;    ///< for measure, a name that the library knows; empty for none
+    QString layout;    ///< for measure, likewise
     QString session;   ///< for render
     QString mix;       ///< written by render
     QString picture;   ///< written by render, empty for none

@@ -6,7 +6,7 @@
 
 namespace tovelmix {
 
-enum ExitStatus { Done = 0, Failed = 1, Misused = 2, NothingThere = 3 };
+enum ExitStatus { Done = 0, Failed = 1, Misused = 2, NothingThere = 3, Missed = 4 };
 
 /// How a command ended.
 struct Outcome

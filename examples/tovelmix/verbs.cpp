@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <tovelmix/verbs.h>
 
+#include <mixer/meter/loudness_target.h>
+
 namespace tovelmix {
 
 const QCommandLineOption fileOption("in",
@@ -25,8 +27,7 @@ const QCommandLineOption bufferOption("buffer", "Frames of one block, 32 to 4096
 const QCommandLineOption followOption("follow",
                                       "After a device was lost, goes on as soon as it, or another "
                                       "default one, is there.");
-const QCommandLineOption jsonOption("json",
-                                    "Prints the devices, or the figures of a mix, as JSON.");
+const QCommandLineOption jsonOption("json", "Prints devices or figures as JSON.");
 const QCommandLineOption forceOption("force",
                                      "Lets render replace its inputs and older recordings.");
 const QCommandLineOption watchOption("watch", "Goes on printing what changes.");
@@ -34,6 +35,17 @@ const QCommandLineOption throughOption("through", "Plays the input on the output
 const QCommandLineOption virtualOption("virtual",
                                        "Plays without hardware, in real time, for nobody to hear.");
 const QCommandLineOption verboseOption("verbose", "Show the library's messages on stderr.");
+
+const QCommandLineOption targetOption("target",
+                                      "Says whether files meet a loudness target, and ends with 4 "
+                                      "when one does not: " +
+                                          targetNames().join(", ") + ".",
+                                      "NAME");
+const QCommandLineOption layoutOption(
+    "layout",
+    "What the channels are: stereo, dual mono, 5.1, 7.1, 5.1.4, 7.1.4, 22.2 …; without "
+    "it their count tells.",
+    "NAME");
 
 const QList<Verb> &verbs()
 {
@@ -60,6 +72,8 @@ const QList<Verb> &verbs()
          "SESSION.json --out MIX.wav|MIX.flac",
          "Mixes the files of a session into one, without a device.",
          {outputOption, jsonOption, pictureOption, forceOption}},
+        {Command::Measure, "measure", "FILES...", "Measures the loudness and peaks of audio files.",
+         QList{targetOption, layoutOption, jsonOption}},
         {Command::Monitor, "monitor", "", "Shows what a device hears.",
          device + QList{deviceOption, inputOption, throughOption}},
         {Command::Verify,
@@ -69,6 +83,14 @@ const QList<Verb> &verbs()
          {fileOption, channelsOption, takeOption}},
     };
     return all;
+}
+
+QStringList targetNames()
+{
+    QStringList names;
+    for (const QTovelMixer::LoudnessTarget &target : QTovelMixer::LoudnessTarget::all())
+        names.append(target.name);
+    return names;
 }
 
 QStringList verbNames()

@@ -27,6 +27,8 @@ extern const QCommandLineOption watchOption;
 extern const QCommandLineOption throughOption;
 extern const QCommandLineOption virtualOption;
 extern const QCommandLineOption verboseOption;
+extern const QCommandLineOption targetOption;
+extern const QCommandLineOption layoutOption;
 
 /// One use of a command. A command has several when its options exclude each other.
 struct Verb
@@ -43,6 +45,9 @@ const QList<Verb> &verbs();
 
 /// The names of the commands, each once.
 QStringList verbNames();
+
+/// The names of the loudness targets.
+QStringList targetNames();
 
 } // namespace tovelmix
 

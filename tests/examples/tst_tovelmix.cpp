@@ -447,7 +447,8 @@ void tst_Tovelmix::manual_hasTheTextOfTheHelp()
     QString manual = tovelmix({"--manual"}).output;
     QVERIFY(manual.startsWith(".TH TOVELMIX 1\n"));
     manual.replace("\\-", "-");
-    for (const char *command : {"devices", "play", "record", "render", "monitor", "verify"}) {
+    for (const char *command :
+         {"devices", "play", "record", "render", "measure", "monitor", "verify"}) {
         const QString help = tovelmix({command, "--help"}).output;
         QVERIFY2(manual.contains(help.section('\n', 1, 1)), command);
         int options = 0;
