@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The block callback. Everything here runs on the audio thread: no allocation, no lock but the
-// update lock, no log, no signal.
+// The block callback: its steps in their order, then the callback that calls them. They run on the
+// audio thread: no allocation, no lock but the update lock (and a free-wheeling block's), no log,
+// no signal.
 #include <mixer/engine/engine_p.h>
 
 #include <base/clock_p.h>
@@ -37,22 +38,17 @@ namespace {
 
 using Bus = aligned_vector<float, 16>;
 
-/// Gives a block of the backend's the size that this callback asks for, for its duration: a
-/// device may deliver less than the block was made for, and meters take whole blocks.
-class BlockSize
+/// What the steps of one block have in common.
+struct Block
 {
-public:
-    BlockSize(Bus &block, size_t size) noexcept : bus(block), original(block.size())
-    {
-        BufferAccess::setSize(bus, size);
-    }
-    ~BlockSize() { BufferAccess::setSize(bus, original); }
-    Q_DISABLE_COPY_MOVE(BlockSize)
-
-private:
-    Bus &bus;
-    size_t original;
+    unsigned frames;
+    unsigned inputs;  ///< device channels that are mixed
+    unsigned outputs; ///< the same
+    bool mixing;      ///< false while the mix is suspended: no sources, no sinks, no clock
+    qint64 now;       ///< the clock at the first frame
 };
+
+// Step 1: nothing changes the mix, and no worker ends, during the block --------------------------
 
 /// Tells workers that end whether a block may still be calling what their hosts override.
 class BlockPresence
@@ -73,6 +69,36 @@ private:
     std::atomic<unsigned> &number;
 };
 
+/// Under the update lock there is one writer, who needs no locked addition.
+void countCallback(Engine::Data &d) noexcept
+{
+    d.callbackCount.store(d.callbackCount.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+}
+
+int dropBlock(Engine::Data &d) noexcept
+{
+    d.droppedBlocks.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+}
+
+/// The block stays with the backend until the workers have what it needs.
+int postponeBlock(Engine::Data &d) noexcept
+{
+    // For the watchdog: the backend is alive.
+    countCallback(d);
+    return Engine::BlockNotReady;
+}
+
+// Step 2: the block and its buses get one length -------------------------------------------------
+
+/// False when the backend's blocks are smaller than the open device's.
+bool fits(const Engine::Data &d, const Bus &input, const Bus &output, unsigned frames) noexcept
+{
+    return input.size() >= size_t(d.numInputChannels) * frames &&
+           output.size() >= size_t(d.numOutputChannels) * frames;
+}
+
 /// Frames that a bus has room for: its capacity without the spare samples past its end.
 size_t room(const Bus &bus) noexcept
 {
@@ -80,7 +106,42 @@ size_t room(const Bus &bus) noexcept
     return bus.capacity() > spare ? bus.capacity() - spare : bus.capacity();
 }
 
-/// Answers how many samples were not finite then, and were replaced by 0.
+Block beginBlock(Engine::Data &d, unsigned frames) noexcept
+{
+    // Buses are made for the device's block, but work in the length of this one, so that what
+    // sources render and what the clock advances are the same number of frames.
+    for (std::vector<Bus> *buses : {&d.inputBuses, &d.outputBuses}) {
+        for (Bus &bus : *buses) {
+            if (bus.size() != frames)
+                BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
+        }
+    }
+    return {frames, std::min<unsigned>(d.numInputChannels, unsigned(d.inputBuses.size())),
+            std::min<unsigned>(d.numOutputChannels, unsigned(d.outputBuses.size())),
+            d.holdCount.load() == 0 && d.resuming.load() == 0,
+            d.mixTime.load(std::memory_order_relaxed)};
+}
+
+// Step 3: the device's input goes into the first input buses --------------------------------------
+
+/// Gives a block of the backend's the size that this callback asks for, for its duration: a
+/// device may deliver less than the block was made for, and meters take whole blocks.
+class BlockSize
+{
+public:
+    BlockSize(Bus &block, size_t size) noexcept : bus(block), original(block.size())
+    {
+        BufferAccess::setSize(bus, size);
+    }
+    ~BlockSize() { BufferAccess::setSize(bus, original); }
+    Q_DISABLE_COPY_MOVE(BlockSize)
+
+private:
+    Bus &bus;
+    size_t original;
+};
+
+/// Returns how many samples were not finite then, and were replaced by 0.
 size_t applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &applied,
                        float target) noexcept
 {
@@ -98,10 +159,150 @@ size_t applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &ap
     return Kernels::replaceNotFinite(block.data(), block.size());
 }
 
+[[gnu::cold, gnu::noinline]] void countReplaced(Engine::Data &d, size_t samples, bool &told,
+                                                const char *place) noexcept
+{
+    d.replacedSamples.fetch_add(samples, std::memory_order_relaxed);
+    if (std::exchange(told, true))
+        return;
+    // Inside a callback it goes the way of trace lines.
+    assumeNonblocking([place] {
+        BLDEBUG_Error(-1, "QTovelMixer::Engine: Samples that are not finite count as 0 (%s)!!",
+                      place);
+    });
+}
+
+void takeDeviceInput(Engine::Data &d, const Block &block, Bus &input) noexcept
+{
+    if (block.inputs == 0)
+        return;
+    const BlockSize size(input, size_t(block.inputs) * block.frames);
+    const size_t replaced =
+        applyMasterGain(input, block.frames, block.inputs, d.masterInputGainApplied,
+                        d.masterInputGain.load(std::memory_order_relaxed));
+    if (replaced > 0) [[unlikely]]
+        countReplaced(d, replaced, d.inputReplacementTold, "device input");
+    if (d.inputMeter)
+        d.inputMeter->fill(input);
+    if (d.inputEffect && d.inputEffectBypass.load(std::memory_order_relaxed) == 0)
+        EffectAccess::run(*d.inputEffect, input.data(), int(block.inputs), int(block.frames));
+    de_interleave(input, d.inputBuses.data(), int(block.inputs));
+}
+
+// Step 4: every source renders into the buses behind them -----------------------------------------
+
 void runWithoutSamples(Effect *effect, unsigned frames) noexcept
 {
     if (effect)
         effect->process(nullptr, int(effect->numChannels()), int(frames));
+}
+
+/// Returns the number of input buses that hold something.
+unsigned renderSources(Engine::Data &d, const Block &block) noexcept
+{
+    Effect *effect =
+        d.outputEffectBypass.load(std::memory_order_relaxed) == 0 ? d.outputEffect : nullptr;
+    if (!block.mixing || d.sources.empty()) {
+        runWithoutSamples(effect, block.frames);
+        return block.mixing ? block.inputs : 0;
+    }
+    TimelineAccess::remember(*d.timeline, d.seconds(block.now));
+    Bus *const buses = d.inputBuses.data();
+    const size_t room = d.inputBuses.size();
+    unsigned busCount = block.inputs;
+    for (Source *source : d.sources) {
+        const unsigned channels = busesOf(source);
+        // A source for which the device left no room has no buses.
+        if (busCount + channels > room)
+            continue;
+        source->mixer_callback(buses + busCount, int(channels), block.now, effect);
+        effect = nullptr;
+        busCount += channels;
+    }
+    return busCount;
+}
+
+// Step 5: the gain matrix mixes the input buses into the output buses
+// ------------------------------
+
+void mixMatrix(Engine::Data &d, unsigned busCount) noexcept
+{
+    // A device may have more channels than the mix.
+    const int rows = int(std::min(busCount, EngineMix::maxChannels));
+    const int columns = int(std::min<size_t>(d.outputBuses.size(), EngineMix::maxChannels));
+    if (columns == 0)
+        return;
+    const bool isPlanned = d.plan->watchesCells() ? d.plan->matches(d.matrix, rows, columns)
+                                                  : d.plan->isFor(d.matrix, rows, columns);
+    // While suspended nothing is mixed, and the plan stays for afterwards.
+    if (rows > 0 && !isPlanned)
+        d.plan->rebuild(d.matrix, rows, columns);
+    d.plan->mix(d.inputBuses.data(), rows, d.outputBuses.data(), columns,
+                qsizetype(d.outputBuses[0].size()));
+}
+
+// Step 6: every sink takes the output buses behind the device's
+// ------------------------------------
+
+void feedSinks(Engine::Data &d, const Block &block) noexcept
+{
+    if (!block.mixing)
+        return;
+    unsigned offset = block.outputs;
+    for (Sink *sink : d.sinks) {
+        const unsigned channels = busesOf(sink);
+        if (offset + channels > d.outputBuses.size())
+            continue;
+        Bus *const buses = d.outputBuses.data() + offset;
+        if (SinkAccess::isRunning(*sink))
+            sink->mixer_callback(buses, int(channels), block.now);
+        else
+            sink->Sink::mixer_callback(buses, int(channels), block.now); // the subclass may be gone
+        offset += channels;
+    }
+}
+
+// Step 7: the first output buses become the device's block
+// -----------------------------------------
+
+void giveDeviceOutput(Engine::Data &d, const Block &block, Bus &output) noexcept
+{
+    if (block.outputs == 0)
+        return;
+    const BlockSize size(output, size_t(block.outputs) * block.frames);
+    const size_t length = d.outputBuses[0].size();
+    interleave(d.outputBuses.data(), output, int(block.outputs));
+    if (length < block.frames)
+        output.zero(length * block.outputs, output.size());
+    const size_t replaced =
+        applyMasterGain(output, block.frames, block.outputs, d.masterOutputGainApplied,
+                        d.masterOutputGain.load(std::memory_order_relaxed));
+    if (replaced > 0) [[unlikely]]
+        countReplaced(d, replaced, d.outputReplacementTold, "device output");
+    if (d.outputMeter)
+        d.outputMeter->fill(output);
+}
+
+// Step 8: the clock goes on, and the block is counted
+// ----------------------------------------------
+
+void endBlock(Engine::Data &d, const Block &block) noexcept
+{
+    if (block.mixing)
+        d.mixTime.store(block.now + block.frames, std::memory_order_relaxed);
+    countCallback(d);
+}
+
+/// `nanoseconds`: of the whole callback, with its wait for the lock.
+void countLoad(Engine::Data &d, qint64 nanoseconds) noexcept
+{
+    const qint64 load = nanoseconds / 100000;
+    d.lastCallbackLoad.store(load, std::memory_order_relaxed);
+    d.peakCallbackLoad.store(std::max(d.peakCallbackLoad.load(std::memory_order_relaxed), load),
+                             std::memory_order_relaxed);
+    d.averageCallbackLoad.store(d.averageCallbackLoad.load(std::memory_order_relaxed) * 0.999 +
+                                    double(load) * 0.001,
+                                std::memory_order_relaxed);
 }
 
 } // namespace
@@ -114,163 +315,24 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
     const DenormalsAsZero fast;
     {
         const BlockLock lock(updateLock, (status & 0x4) == 0, onlyWhenReady ? &holdLock : nullptr);
-        if (!lock.isLocked()) {
-            droppedBlocks.fetch_add(1, std::memory_order_relaxed);
-            return 0;
-        }
+        if (!lock.isLocked())
+            return dropBlock(*this);
         const BlockPresence presence(blockNumber);
-        if (onlyWhenReady && !blockReady(frames)) {
-            // For the watchdog: the backend is alive.
-            countCallback();
-            return BlockNotReady;
-        }
-        const unsigned inCh = std::min<unsigned>(numInputChannels, unsigned(inputBuses.size()));
-        const unsigned outCh = std::min<unsigned>(numOutputChannels, unsigned(outputBuses.size()));
-        if (input.size() < size_t(numInputChannels) * frames ||
-            output.size() < size_t(numOutputChannels) * frames) {
-            droppedBlocks.fetch_add(1, std::memory_order_relaxed);
-            return 0;
-        }
+        if (onlyWhenReady && !blockReady(frames))
+            return postponeBlock(*this);
+        if (!fits(*this, input, output, frames))
+            return dropBlock(*this);
 
-        const bool mixing = holdCount.load() == 0 && resuming.load() == 0;
-        const qint64 now = mixTime.load(std::memory_order_relaxed);
-        setBlockLength(frames);
-
-        if (inCh > 0) {
-            const BlockSize size(input, size_t(inCh) * frames);
-            const size_t replaced =
-                applyMasterGain(input, frames, inCh, masterInputGainApplied,
-                                masterInputGain.load(std::memory_order_relaxed));
-            if (replaced > 0) [[unlikely]]
-                countReplaced(replaced, inputReplacementTold, "device input");
-            if (inputMeter)
-                inputMeter->fill(input);
-            if (inputEffect && inputEffectBypass.load(std::memory_order_relaxed) == 0)
-                EffectAccess::run(*inputEffect, input.data(), int(inCh), int(frames));
-            de_interleave(input, inputBuses.data(), int(inCh));
-        }
-
-        const unsigned busCount = mixSources(inCh, mixing, frames, now);
-        mixMatrix(busCount);
-        if (mixing)
-            feedSinks(outCh, now);
-
-        if (outCh > 0) {
-            const BlockSize size(output, size_t(outCh) * frames);
-            const size_t length = outputBuses[0].size();
-            interleave(outputBuses.data(), output, int(outCh));
-            if (length < frames)
-                output.zero(length * outCh, output.size());
-            const size_t replaced =
-                applyMasterGain(output, frames, outCh, masterOutputGainApplied,
-                                masterOutputGain.load(std::memory_order_relaxed));
-            if (replaced > 0) [[unlikely]]
-                countReplaced(replaced, outputReplacementTold, "device output");
-            if (outputMeter)
-                outputMeter->fill(output);
-        }
-
-        if (mixing)
-            mixTime.store(now + frames, std::memory_order_relaxed);
-        countCallback();
+        const Block block = beginBlock(*this, frames);
+        takeDeviceInput(*this, block, input);
+        const unsigned busCount = renderSources(*this, block);
+        mixMatrix(*this, busCount);
+        feedSinks(*this, block);
+        giveDeviceOutput(*this, block, output);
+        endBlock(*this, block);
     }
-    const qint64 load = (monotonicNanoseconds() - begin) / 100000;
-    lastCallbackLoad.store(load, std::memory_order_relaxed);
-    peakCallbackLoad.store(std::max(peakCallbackLoad.load(std::memory_order_relaxed), load),
-                           std::memory_order_relaxed);
-    averageCallbackLoad.store(averageCallbackLoad.load(std::memory_order_relaxed) * 0.999 +
-                                  double(load) * 0.001,
-                              std::memory_order_relaxed);
+    countLoad(*this, monotonicNanoseconds() - begin);
     return 0;
-}
-
-// Under the update lock there is one writer, who needs no locked addition.
-void Engine::Data::countCallback() noexcept
-{
-    callbackCount.store(callbackCount.load(std::memory_order_relaxed) + 1,
-                        std::memory_order_relaxed);
-}
-
-[[gnu::cold]] void Engine::Data::countReplaced(size_t samples, bool &told,
-                                               const char *place) noexcept
-{
-    replacedSamples.fetch_add(samples, std::memory_order_relaxed);
-    if (std::exchange(told, true))
-        return;
-    // Inside a callback it goes the way of trace lines.
-    assumeNonblocking([place] {
-        BLDEBUG_Error(-1, "QTovelMixer::Engine: Samples that are not finite count as 0 (%s)!!",
-                      place);
-    });
-}
-
-// Buses are made for the device's block, but work in the length of this one, so that what
-// sources render and what the clock advances are the same number of frames.
-void Engine::Data::setBlockLength(unsigned frames) noexcept
-{
-    for (std::vector<Bus> *buses : {&inputBuses, &outputBuses}) {
-        for (Bus &bus : *buses) {
-            if (bus.size() != frames)
-                BufferAccess::setSize(bus, std::min<size_t>(frames, room(bus)));
-        }
-    }
-}
-
-unsigned Engine::Data::mixSources(unsigned firstBus, bool mixing, unsigned frames,
-                                  qint64 now) noexcept
-{
-    Effect *effect =
-        outputEffectBypass.load(std::memory_order_relaxed) == 0 ? outputEffect : nullptr;
-    if (!mixing || sources.empty()) {
-        runWithoutSamples(effect, frames);
-        return mixing ? firstBus : 0;
-    }
-    TimelineAccess::remember(*timeline, seconds(now));
-    Bus *const buses = inputBuses.data();
-    const size_t room = inputBuses.size();
-    unsigned busCount = firstBus;
-    for (Source *source : sources) {
-        const unsigned channels = busesOf(source);
-        // A source for which the device left no room has no buses.
-        if (busCount + channels > room)
-            continue;
-        source->mixer_callback(buses + busCount, int(channels), now, effect);
-        effect = nullptr;
-        busCount += channels;
-    }
-    return busCount;
-}
-
-void Engine::Data::mixMatrix(unsigned busCount) noexcept
-{
-    // A device may have more channels than the mix.
-    const int rows = int(std::min(busCount, maxChannels));
-    const int columns = int(std::min<size_t>(outputBuses.size(), maxChannels));
-    if (columns == 0)
-        return;
-    const bool isPlanned = plan->watchesCells() ? plan->matches(matrix, rows, columns)
-                                                : plan->isFor(matrix, rows, columns);
-    // While suspended nothing is mixed, and the plan stays for afterwards.
-    if (rows > 0 && !isPlanned)
-        plan->rebuild(matrix, rows, columns);
-    plan->mix(inputBuses.data(), rows, outputBuses.data(), columns,
-              qsizetype(outputBuses[0].size()));
-}
-
-void Engine::Data::feedSinks(unsigned firstBus, qint64 now) noexcept
-{
-    unsigned offset = firstBus;
-    for (Sink *sink : sinks) {
-        const unsigned channels = busesOf(sink);
-        if (offset + channels > outputBuses.size())
-            continue;
-        Bus *const buses = outputBuses.data() + offset;
-        if (SinkAccess::isRunning(*sink))
-            sink->mixer_callback(buses, int(channels), now);
-        else
-            sink->Sink::mixer_callback(buses, int(channels), now); // the subclass may be gone
-        offset += channels;
-    }
 }
 
 // Short looks: a block lasts a few milliseconds at most, and few workers end inside one.
@@ -287,6 +349,16 @@ int Engine::mixerCallback(Bus &input, Bus &output, unsigned int frames, double s
 {
     Q_UNUSED(streamTime)
     return d->mixerCallback(input, output, frames, status);
+}
+
+quint64 Engine::droppedBlocks() const
+{
+    return d->droppedBlocks;
+}
+
+quint64 Engine::replacedSamples() const
+{
+    return d->replacedSamples.load(std::memory_order_relaxed);
 }
 
 } // namespace QTovelMixer

@@ -62,9 +62,9 @@ std::vector<float> builtIn(const float *(*choose)(int, int, float *), unsigned r
 
 } // namespace
 
-std::vector<Engine::Data::Bus> Engine::Data::makeBuses(unsigned count, unsigned frames)
+std::vector<EngineMix::Bus> EngineMix::makeBuses(unsigned count, unsigned frames)
 {
-    std::vector<Engine::Data::Bus> buses;
+    std::vector<Bus> buses;
     buses.reserve(count);
     for (unsigned i = 0; i < count; ++i) {
         buses.emplace_back(frames);
@@ -73,30 +73,19 @@ std::vector<Engine::Data::Bus> Engine::Data::makeBuses(unsigned count, unsigned 
     return buses;
 }
 
-unsigned Engine::Data::rowOf(const Source *source) const
+unsigned EngineMix::rowOf(const Source *source) const
 {
-    return firstBus(sources, numInputChannels, inputBuses.size(), source);
+    return firstBus(whole(*this).sources, numInputChannels, inputBuses.size(), source);
 }
 
-unsigned Engine::Data::columnOf(const Sink *sink) const
+unsigned EngineMix::columnOf(const Sink *sink) const
 {
-    return firstBus(sinks, numOutputChannels, outputBuses.size(), sink);
-}
-
-bool Engine::Data::contains(const Source *source) const
-{
-    return std::find(sources.begin(), sources.end(), source) != sources.end();
-}
-
-bool Engine::Data::contains(const Sink *sink) const
-{
-    return std::find(sinks.begin(), sinks.end(), sink) != sinks.end();
+    return firstBus(whole(*this).sinks, numOutputChannels, outputBuses.size(), sink);
 }
 
 // A sink's table is always that for inputs: on a device without outputs it may begin at column 0,
 // where `set_mixer_gains` would choose the one for outputs.
-std::vector<float> Engine::Data::initialGains(const Source *, unsigned channels,
-                                              Device *output) const
+std::vector<float> EngineMix::initialGains(const Source *, unsigned channels, Device *output) const
 {
     const Route route = Store::store()->findRoute(nullptr, int(channels), output);
     std::vector<float> table = gainTable(route, channels, numOutputChannels);
@@ -105,7 +94,7 @@ std::vector<float> Engine::Data::initialGains(const Source *, unsigned channels,
     return table;
 }
 
-std::vector<float> Engine::Data::initialGains(const Sink *, unsigned channels, Device *input) const
+std::vector<float> EngineMix::initialGains(const Sink *, unsigned channels, Device *input) const
 {
     const Route route = Store::store()->findRoute(input, int(channels), nullptr);
     std::vector<float> table = gainTable(route, numInputChannels, channels);
@@ -114,30 +103,21 @@ std::vector<float> Engine::Data::initialGains(const Sink *, unsigned channels, D
     return table;
 }
 
-void Engine::Data::writeGains(const Source *source, unsigned row, float gain,
-                              const std::vector<float> &table)
+void EngineMix::writeGains(const Source *source, unsigned row, float gain,
+                           const std::vector<float> &table)
 {
     if (!table.empty())
         set_mixer_gains(row, busesOf(source), 0, numOutputChannels, gain, table.data());
 }
 
-void Engine::Data::writeGains(const Sink *sink, unsigned column, float gain,
-                              const std::vector<float> &table)
+void EngineMix::writeGains(const Sink *sink, unsigned column, float gain,
+                           const std::vector<float> &table)
 {
     if (!table.empty())
         set_mixer_gains(0, numInputChannels, column, busesOf(sink), gain, table.data());
 }
 
-void Engine::Data::writeInputGains(unsigned row0, unsigned rows, unsigned col0, unsigned cols,
-                                   float gain)
-{
-    std::vector<float> table(size_t(rows) * cols);
-    const float *gains = Gains::inputMixerGains(int(rows), int(cols), table.data());
-    if (gains)
-        set_mixer_gains(row0, rows, col0, cols, gain, gains);
-}
-
-bool Engine::Data::writeRoute(const Source *source, const Sink *sink, float gain)
+bool EngineMix::writeRoute(const Source *source, const Sink *sink, float gain)
 {
     const unsigned row = rowOf(source);
     const unsigned column = columnOf(sink);
@@ -145,21 +125,22 @@ bool Engine::Data::writeRoute(const Source *source, const Sink *sink, float gain
     const unsigned columns = busesOf(sink);
     if (row + rows > inputBuses.size() || column + columns > outputBuses.size())
         return false;
-    writeInputGains(row, rows, column, columns, gain);
+    const std::vector<float> table = builtIn(Gains::inputMixerGains, rows, columns);
+    if (!table.empty())
+        set_mixer_gains(row, rows, column, columns, gain, table.data());
     return true;
 }
 
-void Engine::Data::writeMonitorGains(bool on)
+void EngineMix::writeMonitorGains(bool on)
 {
     const unsigned rows = numInputChannels;
     const unsigned columns = numOutputChannels;
-    std::vector<float> table(size_t(rows) * columns);
-    const float *gains = Gains::outputMixerGains(int(rows), int(columns), table.data());
-    if (gains)
-        set_mixer_gains(0, rows, 0, columns, on ? 1.0f : 0.0f, gains);
+    const std::vector<float> table = builtIn(Gains::outputMixerGains, rows, columns);
+    if (!table.empty())
+        set_mixer_gains(0, rows, 0, columns, on ? 1.0f : 0.0f, table.data());
 }
 
-void Engine::Data::writeMask(const Source *source, quint64 mask)
+void EngineMix::writeMask(const Source *source, quint64 mask)
 {
     const unsigned row = rowOf(source);
     const unsigned channels = busesOf(source);
@@ -170,7 +151,7 @@ void Engine::Data::writeMask(const Source *source, quint64 mask)
 
 // A device may lack the channel, and an object without buses has no cells: its first row or column
 // is one past the last.
-bool Engine::Data::cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const
+bool EngineMix::cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &column) const
 {
     if ((!cell.source && cell.row >= numInputChannels) ||
         (!cell.sink && cell.column >= numOutputChannels))
@@ -181,68 +162,81 @@ bool Engine::Data::cellOf(const HostGains::Cell &cell, unsigned &row, unsigned &
            column < std::min<size_t>(outputBuses.size(), maxChannels);
 }
 
-void Engine::Data::writeHostGains()
+namespace {
+
+void writeHostGains(EngineMix &mix)
 {
-    for (const auto &[pair, gain] : hostGains.routes())
-        writeRoute(pair.first, pair.second, gain);
-    for (const auto &[cell, gain] : hostGains.cells()) {
+    for (const auto &[pair, gain] : mix.hostGains.routes())
+        mix.writeRoute(pair.first, pair.second, gain);
+    for (const auto &[cell, gain] : mix.hostGains.cells()) {
         unsigned row = 0;
         unsigned column = 0;
-        if (cellOf(cell, row, column))
-            matrix.setCell(row, column, gain);
+        if (mix.cellOf(cell, row, column))
+            mix.matrix.setCell(row, column, gain);
     }
-    for (const auto &[source, mask] : hostGains.masks())
-        writeMask(source, mask);
+    for (const auto &[source, mask] : mix.hostGains.masks())
+        mix.writeMask(source, mask);
 }
+
+bool append(std::vector<EngineMix::Bus> &buses, unsigned channels, unsigned frames)
+{
+    if (buses.size() + channels > EngineMix::maxChannels)
+        return false;
+    std::vector<EngineMix::Bus> added = EngineMix::makeBuses(channels, frames);
+    std::move(added.begin(), added.end(), std::back_inserter(buses));
+    return true;
+}
+
+/// Buses and gains for all that is attached. Returns what the device left no room for.
+template <typename T>
+Snapshot<T> appendAll(EngineMix &mix, std::vector<EngineMix::Bus> &buses,
+                      const std::vector<T *> &objects,
+                      std::map<const T *, EngineAttached::Link> &links, Device *device)
+{
+    Snapshot<T> unheard;
+    for (T *object : objects) {
+        const unsigned first = unsigned(buses.size());
+        const unsigned channels = busesOf(object);
+        if (append(buses, channels, mix.blockFrames))
+            mix.writeGains(object, first, links[object].gain,
+                           mix.initialGains(object, channels, device));
+        else
+            unheard.append(object);
+    }
+    return unheard;
+}
+
+/// Ends what has no buses. The hosts' hooks may delete others.
+template <typename T>
+void stopAll(const EngineAttached &attached, const Snapshot<T> &objects)
+{
+    for (T *object : objects) {
+        if (attached.contains(object))
+            object->stop(StopReason::DeviceListChanged);
+    }
+}
+
+} // namespace
 
 // After the device was opened anew: its channels come first, then one bus per channel of
 // everything that is attached, with its rows and columns. Called under the update lock.
-void Engine::Data::rebuildBuses(Device *output, Device *input)
+void EngineMix::rebuildBuses(Device *output, Device *input)
 {
-    const unsigned busFrames = blockFrames;
-    inputBuses = makeBuses(numInputChannels, busFrames);
-    outputBuses = makeBuses(numOutputChannels, busFrames);
+    EngineAttached &attached = whole(*this);
+    inputBuses = makeBuses(numInputChannels, blockFrames);
+    outputBuses = makeBuses(numOutputChannels, blockFrames);
     inputBuses.reserve(maxChannels);
     outputBuses.reserve(maxChannels);
     inputReplacementTold = false;
     outputReplacementTold = false;
     resetGainMatrix();
-    const auto append = [busFrames](std::vector<Bus> &buses, unsigned channels) {
-        if (buses.size() + channels > maxChannels)
-            return false;
-        std::vector<Bus> added = makeBuses(channels, busFrames);
-        std::move(added.begin(), added.end(), std::back_inserter(buses));
-        return true;
-    };
-    Snapshot<Source> silentSources;
-    Snapshot<Sink> deafSinks;
-    for (Source *source : sources) {
-        const unsigned row = unsigned(inputBuses.size());
-        if (append(inputBuses, busesOf(source)))
-            writeGains(source, row, sourceLinks[source].gain,
-                       initialGains(source, busesOf(source), output));
-        else
-            silentSources.append(source);
-    }
-    for (Sink *sink : sinks) {
-        const unsigned column = unsigned(outputBuses.size());
-        if (append(outputBuses, busesOf(sink)))
-            writeGains(sink, column, sinkLinks[sink].gain,
-                       initialGains(sink, busesOf(sink), input));
-        else
-            deafSinks.append(sink);
-    }
-    // Their hosts' hooks may delete others.
-    for (Source *source : silentSources) {
-        if (contains(source))
-            source->stop(StopReason::DeviceListChanged);
-    }
-    for (Sink *sink : deafSinks) {
-        if (contains(sink))
-            sink->stop(StopReason::DeviceListChanged);
-    }
-    removeUnstarted();
-    writeHostGains();
+    const auto silent =
+        appendAll(*this, inputBuses, attached.sources, attached.sourceLinks, output);
+    const auto deaf = appendAll(*this, outputBuses, attached.sinks, attached.sinkLinks, input);
+    stopAll(attached, silent);
+    stopAll(attached, deaf);
+    attached.removeUnstarted();
+    writeHostGains(*this);
     if (monitoring)
         writeMonitorGains(true);
     planMix();

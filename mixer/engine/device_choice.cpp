@@ -27,6 +27,7 @@ namespace QTovelMixer {
 
 namespace {
 
+constexpr int deviceListDelay = 2500;    // ms
 constexpr unsigned long settleTime = 50; // ms between closing and opening a device
 
 QString defaultChoice[] = {QStringLiteral("default"), QStringLiteral("default")};
@@ -72,6 +73,13 @@ void warnOfWidth(const char *side, unsigned channels)
 }
 
 } // namespace
+
+EngineDeviceChoice::EngineDeviceChoice(Engine *owner) : deviceListTimer(new QTimer(owner))
+{
+    deviceListTimer->setSingleShot(true);
+    deviceListTimer->setInterval(deviceListDelay);
+    deviceListTimer->setTimerType(Qt::PreciseTimer);
+}
 
 QList<Device *> Engine::devices() const
 {
@@ -400,28 +408,14 @@ bool Engine::open(Device *outputDevice, Device *inputDevice, unsigned int sample
     return opened;
 }
 
-void Engine::Data::closeDevice()
-{
-    stopMixerApi();
-    // A callback that is still running would wait for the lock that closing is done under.
-    if (apiRunning())
-        api->stop();
-    outputName.clear();
-    inputName.clear();
-    {
-        const QMutexLocker locker(&updateLock);
-        closeMixerApi();
-    }
-    deleteMeters();
-}
-
 // Workers keep the ring and the resamplers of the rate that they began with: they end, and the
 // clock keeps its seconds.
-void Engine::Data::adoptRate(unsigned oldRate)
+void EngineDeviceChoice::adoptRate(unsigned oldRate)
 {
-    stop(StopReason::DeviceListChanged);
-    removeUnstarted();
-    mixTime = qint64(std::floor(double(mixTime) / oldRate * rate() + 0.5));
+    Engine::Data &d = whole(*this);
+    d.stop(StopReason::DeviceListChanged);
+    d.removeUnstarted();
+    d.mixTime = qint64(std::floor(double(d.mixTime) / oldRate * d.rate() + 0.5));
 }
 
 // The device list -------------------------------------------------------------------------------

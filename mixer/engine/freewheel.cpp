@@ -12,43 +12,39 @@
 
 namespace QTovelMixer {
 
+namespace {
+
 // When all that plays is over, the mix rests, while and after the main thread takes it out: how
 // much silence followed would be a matter of chance.
-bool Engine::Data::hasMore() const noexcept
+bool hasMore(const Engine::Data &data) noexcept
 {
-    return monitoring.load() ||
-           !std::all_of(sinks.begin(), sinks.end(),
+    return data.monitoring.load() ||
+           !std::all_of(data.sinks.begin(), data.sinks.end(),
                         [](const Sink *sink) { return SinkAccess::isOver(*sink); }) ||
-           !std::all_of(sources.begin(), sources.end(),
+           !std::all_of(data.sources.begin(), data.sources.end(),
                         [](const Source *source) { return SourceAccess::isOver(*source); });
 }
 
+// Workers look at their rings now and then only; whoever outruns them tells them to look.
+void wakeWorkers(const EngineAttached &attached)
+{
+    const QMutexLocker locker(&attached.listLock);
+    for (Source *source : attached.sources)
+        SourceAccess::wake(*source);
+    for (Sink *sink : attached.sinks)
+        SinkAccess::wake(*sink);
+}
+
+} // namespace
+
 bool Engine::Data::blockReady(unsigned frames) const noexcept
 {
-    return holdCount.load() == 0 && resuming.load() == 0 && hasMore() &&
+    return holdCount.load() == 0 && resuming.load() == 0 && hasMore(*this) &&
            std::all_of(
                sources.begin(), sources.end(),
                [frames](const Source *source) { return SourceAccess::isReady(*source, frames); }) &&
            std::all_of(sinks.begin(), sinks.end(),
                        [frames](const Sink *sink) { return SinkAccess::isReady(*sink, frames); });
-}
-
-// A free-wheeling block keeps this lock from its look at the hold to its end: a source silenced
-// in between would lose a block. Device threads do not take it.
-void Engine::Data::raiseHold()
-{
-    const QMutexLocker locker(&holdLock);
-    holdCount.fetch_add(1);
-}
-
-// Workers look at their rings now and then only; whoever outruns them tells them to look.
-void Engine::Data::wakeWorkers()
-{
-    const QMutexLocker locker(&listLock);
-    for (Source *source : sources)
-        SourceAccess::wake(*source);
-    for (Sink *sink : sinks)
-        SinkAccess::wake(*sink);
 }
 
 int Engine::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
@@ -65,7 +61,7 @@ int Engine::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float,
     const unsigned mark = d->gate.announce();
     answer = mix();
     if (answer == BlockNotReady) {
-        d->wakeWorkers();
+        wakeWorkers(*d);
         // Once only: whoever wakes the backend may want it to do something else.
         if (d->gate.wait(mark, milliseconds))
             answer = mix();

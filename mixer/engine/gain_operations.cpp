@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Gains, masks, effects, meter channels, and the timeline's edits.
+// Gains, masks, effects, meter channels.
 #include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
@@ -59,37 +59,6 @@ bool checkSink(const Engine::Data &data, const Sink *sink, int channel)
 }
 
 } // namespace
-
-bool Engine::Data::requireFinite(const char *operation, float gain)
-{
-    if (std::isfinite(gain))
-        return true;
-    BLDEBUG_Error(-1, "QTovelMixer::%s: Invalid gain!!", operation);
-    return false;
-}
-
-bool Engine::Data::setCell(const HostGains::Cell &cell, float gain)
-{
-    // Nobody but this thread changes the matrix or what it stands for, so that it is read here
-    // without the lock. No block waits while a plan is made.
-    unsigned row = 0;
-    unsigned column = 0;
-    if (!cellOf(cell, row, column))
-        return false;
-    hostGains.setCell(cell, gain);
-    const bool wasHeard = matrix.gain[row][column] != 0.0f;
-    const bool mayFollow = wasHeard == (gain != 0.0f);
-    if (!mayFollow)
-        sparePlan->rebuildFor(matrix, int(inputBuses.size()), int(outputBuses.size()),
-                              {row, column, gain});
-    const QMutexLocker locker(&updateLock);
-    matrix.setCell(row, column, gain);
-    if (!mayFollow)
-        std::swap(plan, sparePlan);
-    else if (!plan->follow(matrix, row, column))
-        planMix();
-    return true;
-}
 
 bool Engine::setGain(Source *source, int channel, int output, float gain)
 {
@@ -188,34 +157,6 @@ void Engine::setMonitoring(bool value)
 
 // Effects ---------------------------------------------------------------------------------------
 
-Effect *Engine::Data::replaceEffect(Effect *&slot, QMetaObject::Connection &link, Effect *effect)
-{
-    if (!requireMainThread("replaceEffect"))
-        return nullptr;
-    // First: an effect whose end nobody noticed must not be used.
-    QMetaObject::Connection watched;
-    if (effect) {
-        watched = QObject::connect(
-            effect, &QObject::destroyed, engine,
-            [this, &slot] {
-                const QMutexLocker locker(&updateLock);
-                slot = nullptr;
-            },
-            Qt::DirectConnection);
-    }
-    Effect *replaced = nullptr;
-    {
-        const QMutexLocker locker(&updateLock);
-        replaced = slot;
-        slot = effect;
-    }
-    QObject::disconnect(link);
-    link = watched;
-    if (replaced && replaced != effect)
-        replaced->onReplaced();
-    return replaced;
-}
-
 Effect *Engine::replaceOutputEffect(Effect *effect)
 {
     return d->replaceEffect(d->outputEffect, d->outputEffectLink, effect);
@@ -273,93 +214,6 @@ Meter *Engine::inputMeter() const
 Meter *Engine::outputMeter() const
 {
     return d->outputMeter;
-}
-
-// The timeline ----------------------------------------------------------------------------------
-
-Timeline *Engine::timeline() const
-{
-    return d->timeline;
-}
-
-bool Engine::isLooping() const
-{
-    return d->timeline->isLooping();
-}
-
-void Engine::setTime(double time)
-{
-    if (!d->requireMainThread("setTime"))
-        return;
-    const double t = std::isfinite(time) ? time : 0.0;
-    d->holdSinks();
-    const MixHold hold(*d);
-    const bool unset = d->timeline->start() < 0.0 || d->timeline->end() < 0.0;
-    d->setTime(unset ? std::max(t, 0.0) : d->timeline->mixer_time(t), t);
-    d->timeline->adjustLoopTime(d->seconds(d->mixTime));
-    // Inside a bracket this is the position to keep.
-    d->takeSnapshot();
-    d->keptPosition = d->livePosition();
-}
-
-bool Engine::Data::mayEdit(const char *operation) const
-{
-    return requireMainThread(operation) && streamUsers == 0;
-}
-
-void Engine::addSelection(double begin, double end)
-{
-    if (begin == end || !d->mayEdit("addSelection"))
-        return;
-    const MixBracket bracket(*d);
-    d->timeline->addSlice(begin, end);
-}
-
-void Engine::removeSelection(double begin, double end)
-{
-    if (!d->mayEdit("removeSelection"))
-        return;
-    const MixBracket bracket(*d);
-    d->timeline->removeSlice(begin, end);
-}
-
-void Engine::clearSelections()
-{
-    if (!d->mayEdit("clearSelections"))
-        return;
-    const MixBracket bracket(*d);
-    d->timeline->clearSlices();
-}
-
-void Engine::setLimits(double begin, double end)
-{
-    if (!d->mayEdit("setLimits"))
-        return;
-    const MixBracket bracket(*d);
-    d->timeline->setLimits(begin, end);
-}
-
-void Engine::expandLimits(double begin, double end)
-{
-    if (d->timeline->limitsExpanded(begin, end))
-        setLimits(begin, end);
-}
-
-void Engine::collapsLimits(double begin, double end)
-{
-    if (d->timeline->limitsCollapsed(begin, end))
-        setLimits(begin, end);
-}
-
-void Engine::setLooping(bool value)
-{
-    if (!d->requireMainThread("setLooping") || !d->active)
-        return;
-    {
-        const MixBracket bracket(*d);
-        d->timeline->setLooping(value);
-    }
-    emit mixerChanged();
 }
 
 } // namespace QTovelMixer

@@ -11,9 +11,14 @@
 namespace QTovelMixer {
 
 /// What differs between sources and sinks on their way into the mix and out of it.
+template <typename T>
+struct Kind;
+
 template <>
-struct Engine::Data::Kind<Source>
+struct Kind<Source>
 {
+    using Data = Engine::Data;
+    using Link = EngineAttached::Link;
     using Access = SourceAccess;
     static constexpr const char *noRoom = "QTovelMixer::addSource: Unable to add source (%p)!!";
     static constexpr const char *unknown =
@@ -36,12 +41,12 @@ struct Engine::Data::Kind<Source>
 
     static constexpr DeviceKind wiredTo = DeviceKind::Output;
 
-    static auto &list(Data &d) { return d.sources; }
-    static auto &links(Data &d) { return d.sourceLinks; }
-    static auto &locked(Data &d) { return d.lockedSources; }
-    static auto &retired(Data &d) { return d.retiredSources; }
-    static auto &buses(Data &d) { return d.inputBuses; }
-    static auto &count(Data &d) { return d.sourceCount; }
+    static auto &list(auto &d) { return d.sources; }
+    static auto &links(auto &d) { return d.sourceLinks; }
+    static auto &locked(auto &d) { return d.lockedSources; }
+    static auto &retired(auto &d) { return d.retiredSources; }
+    static auto &buses(auto &d) { return d.inputBuses; }
+    static auto &count(auto &d) { return d.sourceCount; }
     static unsigned firstBus(const Data &d, const Source *source) { return d.rowOf(source); }
     static bool holdsStream(const Source *source) { return source->isContinuous(); }
     static bool wasStopped(const Source *source) { return source->wasStoped(); }
@@ -52,15 +57,16 @@ struct Engine::Data::Kind<Source>
     }
     static void connectTo(Engine *engine, Source *source, Link &link)
     {
-        link.connections[0] =
-            connect(source, &Source::sourceStateChanged, engine, &Engine::sourceStateChanged);
+        link.connections[0] = QObject::connect(source, &Source::sourceStateChanged, engine,
+                                               &Engine::sourceStateChanged);
         link.connections[1] =
-            connect(source, &Source::sourceFinished, engine, &Engine::sourceFinished);
+            QObject::connect(source, &Source::sourceFinished, engine, &Engine::sourceFinished);
         // The call may come when the source is gone and another one has its address.
-        link.connections[2] =
-            connect(source, &QThread::finished, engine, [engine, guarded = QPointer(source)] {
+        link.connections[2] = QObject::connect(
+            source, &QThread::finished, engine, [engine, guarded = QPointer(source)] {
                 if (guarded)
-                    callFromLoop("removeSource", [&] { engine->removeSource(guarded); });
+                    EngineCalls::callFromLoop("removeSource",
+                                              [&] { engine->removeSource(guarded); });
             });
     }
     static void announce(Engine *engine, Source *source) { emit engine->sourceAdded(source); }
@@ -69,8 +75,10 @@ struct Engine::Data::Kind<Source>
 };
 
 template <>
-struct Engine::Data::Kind<Sink>
+struct Kind<Sink>
 {
+    using Data = Engine::Data;
+    using Link = EngineAttached::Link;
     using Access = SinkAccess;
     static constexpr const char *noRoom = "QTovelMixer::addSink: Unable to add sink (%p)!!";
     static constexpr const char *unknown = "QTovelMixer::removeSink: invalid sink pointer (%p)!!";
@@ -92,12 +100,12 @@ struct Engine::Data::Kind<Sink>
 
     static constexpr DeviceKind wiredTo = DeviceKind::Input;
 
-    static auto &list(Data &d) { return d.sinks; }
-    static auto &links(Data &d) { return d.sinkLinks; }
-    static auto &locked(Data &d) { return d.lockedSinks; }
-    static auto &retired(Data &d) { return d.retiredSinks; }
-    static auto &buses(Data &d) { return d.outputBuses; }
-    static auto &count(Data &d) { return d.sinkCount; }
+    static auto &list(auto &d) { return d.sinks; }
+    static auto &links(auto &d) { return d.sinkLinks; }
+    static auto &locked(auto &d) { return d.lockedSinks; }
+    static auto &retired(auto &d) { return d.retiredSinks; }
+    static auto &buses(auto &d) { return d.outputBuses; }
+    static auto &count(auto &d) { return d.sinkCount; }
     static unsigned firstBus(const Data &d, const Sink *sink) { return d.columnOf(sink); }
     static bool holdsStream(const Sink *) { return true; }
     static bool wasStopped(const Sink *sink) { return SinkAccess::isOver(*sink); }
@@ -109,18 +117,33 @@ struct Engine::Data::Kind<Sink>
     static void connectTo(Engine *engine, Sink *sink, Link &link)
     {
         link.connections[0] =
-            connect(sink, &Sink::sinkStateChanged, engine, &Engine::sinkStateChanged);
-        link.connections[1] = connect(sink, &Sink::sinkFinished, engine, &Engine::sinkFinished);
+            QObject::connect(sink, &Sink::sinkStateChanged, engine, &Engine::sinkStateChanged);
+        link.connections[1] =
+            QObject::connect(sink, &Sink::sinkFinished, engine, &Engine::sinkFinished);
         link.connections[2] =
-            connect(sink, &QThread::finished, engine, [engine, guarded = QPointer(sink)] {
+            QObject::connect(sink, &QThread::finished, engine, [engine, guarded = QPointer(sink)] {
                 if (guarded)
-                    callFromLoop("removeSink", [&] { engine->removeSink(guarded); });
+                    EngineCalls::callFromLoop("removeSink", [&] { engine->removeSink(guarded); });
             });
     }
     static void announce(Engine *engine, Sink *sink) { emit engine->sinkAdded(sink); }
     static void remove(Engine *engine, Sink *sink) { engine->removeSink(sink); }
     static void destroy(Engine *engine, Sink *sink) { engine->deleteSink(sink); }
 };
+
+template <typename T>
+void disconnect(const std::map<const T *, EngineAttached::Link> &links)
+{
+    for (const auto &[object, link] : links) {
+        for (const QMetaObject::Connection &connection : link.connections)
+            QObject::disconnect(connection);
+    }
+}
+
+/// Undoes the attaching of an object, or as much of it as was done. Returns false when it is not
+/// listed. Does not count.
+bool undoAttach(Engine::Data &d, Source *source);
+bool undoAttach(Engine::Data &d, Sink *sink);
 
 } // namespace QTovelMixer
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Construction, activation, device failure, saved states.
+// Construction, activation, device failure.
 #include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
 #include <base/log_line_p.h>
+#include <base/trace_p.h>
 #include <mixer/api/api.h>
 #include <mixer/api/device.h>
 #include <mixer/io/sink.h>
@@ -46,6 +47,31 @@ void Engine::Initialize()
 }
 
 void Engine::Finalize() {}
+
+Engine::Data::Data(Engine *owner, Api *backend)
+    : EngineCalls(owner), EngineStream(owner, backend), EngineAttached(owner),
+      EngineDeviceChoice(owner)
+{
+    prepareTrace();
+    inputBuses.reserve(maxChannels);
+    outputBuses.reserve(maxChannels);
+    removedBuses.reserve(maxChannels);
+    resetGainMatrix();
+    timeline = new Timeline; // last: nothing gives it back when a constructor fails
+}
+
+Engine::Data::~Data()
+{
+    if (!IsRunningInMainThread())
+        writeText(QtWarningMsg, "QTovelMixer::Engine::Data: Deleting timer outside mainthread");
+    deleteMeters();
+    for (const SavedState &state : savedStates)
+        delete state.timeline;
+    delete timeline;
+    delete cleanUpTimer;
+    delete watchdogTimer;
+    delete deviceListTimer;
+}
 
 // A backend hands its blocks to one engine.
 Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api && !api->engine() ? api : nullptr))
@@ -171,7 +197,6 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
     }
     undo.dismiss();
     d->startStreamForUsers();
-    d->loadClock.restart();
     emit activated();
 }
 
@@ -228,79 +253,6 @@ void Engine::onApiDeviceFailure()
     if (!alive)
         return;
     emit deviceFailed(wasPlaying, wasCapturing, backendName);
-}
-
-// Saved states ----------------------------------------------------------------------------------
-
-namespace {
-
-// Sources that follow the outgoing timeline follow the incoming one.
-void exchangeTimeline(Engine::Data &data, Timeline *incoming)
-{
-    Timeline *outgoing = data.timeline;
-    const MixHold hold(data);
-    const QList<Source *> sources = data.engine->activeSources();
-    for (Source *source : sources) { // a hook of one may delete others
-        if (data.contains(source) && source->timeline() == outgoing)
-            source->setTimeline(incoming);
-    }
-    data.timeline = incoming;
-}
-
-} // namespace
-
-bool Engine::save()
-{
-    if (!d->requireMainThread("save"))
-        return false;
-    if (!d->active) {
-        BLDEBUG_Error(-1, "QTovelMixer::save: Can't save state on an inactive mixer.");
-        return false;
-    }
-    if (d->running) {
-        BLDEBUG_Error(-1, "QTovelMixer::save: Can't save state on a running mixer.");
-        return false;
-    }
-    auto fresh = std::make_unique<Timeline>();
-    d->savedStates.push_back({d->timeline, d->outputEffectBypass != 0, d->inputEffectBypass != 0});
-    exchangeTimeline(*d, fresh.release());
-    emit mixerChanged();
-    return true;
-}
-
-bool Engine::restore()
-{
-    if (!d->requireMainThread("restore"))
-        return false;
-    if (!d->active) {
-        BLDEBUG_Error(-1, "QTovelMixer::restore: Can't restore state on an inactive mixer.");
-        return false;
-    }
-    if (d->running) {
-        BLDEBUG_Error(-1, "QTovelMixer::restore: Can't restore state on a running mixer.");
-        return false;
-    }
-    if (d->savedStates.empty()) {
-        BLDEBUG_Error(-1, "QTovelMixer::restore: No saved state to restore!");
-        return false;
-    }
-    const Data::SavedState state = d->savedStates.back();
-    d->savedStates.pop_back();
-    d->outputEffectBypass = state.outputBypass;
-    d->inputEffectBypass = state.inputBypass;
-    Timeline *outgoing = d->timeline;
-    exchangeTimeline(*d, state.timeline);
-    delete outgoing;
-    emit mixerChanged();
-    return true;
-}
-
-void Engine::reset()
-{
-    if (!d->requireMainThread("reset"))
-        return;
-    const MixHold hold(*d);
-    d->timeline->reset();
 }
 
 } // namespace QTovelMixer

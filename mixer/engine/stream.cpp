@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The device stream: who uses it, its watchdog, the meters that hang on it.
 #include <mixer/engine/engine_p.h>
 
 #include <base/log_line_p.h>
 #include <base/trace_p.h>
-#include <mixer/api/api.h>
-#include <mixer/io/sink_p.h>
-#include <mixer/io/source_p.h>
-#include <mixer/meter/meter.h>
 
 #include <QtCore/QDebug>
 #include <QtCore/QThread>
@@ -16,73 +11,6 @@
 #include <new>
 
 namespace QTovelMixer {
-
-namespace {
-
-constexpr unsigned long meterEndTimeout = 2000; // ms
-
-void endMeter(Meter *meter)
-{
-    if (!meter)
-        return;
-    const QPointer<QThread> thread = meter->thread();
-    const auto isElsewhere = [&thread] { return thread && thread != QThread::currentThread(); };
-    try {
-        meter->aboutToQuit();
-    } catch (const std::bad_alloc &) {
-        if (isElsewhere())
-            thread->quit(); // without its last signal
-    }
-    if (isElsewhere())
-        thread->wait(meterEndTimeout);
-}
-
-bool isLive(const Source *source)
-{
-    return !source->wasStoped();
-}
-
-bool isLive(const Sink *sink)
-{
-    return !SinkAccess::isOver(*sink);
-}
-
-bool works(const Source *source)
-{
-    return isLive(source) && SourceAccess::threadStarted(*source);
-}
-
-bool works(const Sink *sink)
-{
-    return isLive(sink) && SinkAccess::threadStarted(*sink);
-}
-
-template <typename Question>
-bool anyUser(const Engine::Data &data, Question question)
-{
-    return std::any_of(data.sources.begin(), data.sources.end(), question) ||
-           std::any_of(data.sinks.begin(), data.sinks.end(), question);
-}
-
-} // namespace
-
-bool Engine::Data::apiRunning() const
-{
-    return api && api->isRunning();
-}
-
-bool Engine::Data::apiOpen() const
-{
-    return api && api->isOpen();
-}
-
-// A PulseAudio sink without other clients rests for up to 2 s after its first blocks.
-bool Engine::Data::mayStillRest() const
-{
-    constexpr qint64 longestRest = 2500; // ms
-    return api && api->backend() == Pulse && streamClock.isValid() &&
-           streamClock.elapsed() < longestRest;
-}
 
 namespace {
 
@@ -100,56 +28,57 @@ void traceStream(const char *event, const Engine::Data &data)
 
 } // namespace
 
-bool Engine::Data::openMixerApi(Device *output, Device *input, unsigned sampleRate)
+bool EngineStream::openMixerApi(Device *output, Device *input, unsigned sampleRate)
 {
     return api && api->openApi(output, input, sampleRate);
 }
 
-void Engine::Data::stopWatchdog()
+// After the stream has started: lets the watchdog look after its blocks.
+void EngineStream::startWatchdog()
 {
-    watchdogTimer->stop();
-}
-
-void Engine::Data::startMixerApi()
-{
-    traceStream("Engine::Data::startMixerApi BEGIN", *this);
-    if (apiRunning()) {
-        apiRefs = apiRefs < 1 ? 1 : apiRefs + 1;
-    } else {
-        if (api)
-            api->start();
-        if (apiRunning()) {
-            apiRefs = 1;
-            const int interval = engine->monitorTimerInverval();
-            if (interval > 0) {
-                const quint32 base = quint32(interval);
-                const quint32 blocks =
-                    rate() > 0 ? quint32(api->bufferFrames() * base * 10u) / rate() : 0u;
-                watchdogClock.start();
-                streamClock.start();
-                watchdogTimer->start(int(std::max(base, blocks)));
-            }
-            lastSeenCallbackCount = callbackCount;
-            isStallTold = false;
-            wakeTrace();
-            writeText(QtInfoMsg, "Mixer Api Started!");
-        } else {
-            apiRefs = 0;
-            stopWatchdog();
-            writeText(QtWarningMsg, "Mixer Api failed to start!");
-            reportLostStream();
-        }
+    const Engine::Data &d = whole(*this);
+    const int interval = d.engine->monitorTimerInverval();
+    if (interval > 0) {
+        const quint32 base = quint32(interval);
+        const quint32 rate = d.rate();
+        const quint32 blocks = rate > 0 ? quint32(api->bufferFrames() * base * 10u) / rate : 0u;
+        watchdogClock.start();
+        streamClock.start();
+        watchdogTimer->start(int(std::max(base, blocks)));
     }
-    traceStream("Engine::Data::startMixerApi END", *this);
+    lastSeenCallbackCount = d.callbackCount;
+    isStallTold = false;
 }
 
-void Engine::Data::stopMixerApi()
+void EngineStream::startMixerApi()
 {
-    traceStream("Engine::Data::stopMixerApi BEGIN", *this);
+    traceStream("Engine::Data::startMixerApi BEGIN", whole(*this));
+    const bool wasRunning = apiRunning();
+    if (!wasRunning && api)
+        api->start();
+    if (wasRunning) {
+        apiRefs = apiRefs < 1 ? 1 : apiRefs + 1;
+    } else if (apiRunning()) {
+        apiRefs = 1;
+        startWatchdog();
+        wakeTrace();
+        writeText(QtInfoMsg, "Mixer Api Started!");
+    } else {
+        apiRefs = 0;
+        stopWatchdog();
+        writeText(QtWarningMsg, "Mixer Api failed to start!");
+        reportLostStream();
+    }
+    traceStream("Engine::Data::startMixerApi END", whole(*this));
+}
+
+void EngineStream::stopMixerApi()
+{
+    traceStream("Engine::Data::stopMixerApi BEGIN", whole(*this));
     if (!apiRunning()) {
         apiRefs = 0;
         stopWatchdog();
-    } else if (apiRefs < 2 && streaming && active) {
+    } else if (apiRefs < 2 && streaming && whole(*this).active) {
         apiRefs = 0;
     } else if (apiRefs < 2) {
         apiRefs = 0;
@@ -159,10 +88,10 @@ void Engine::Data::stopMixerApi()
     } else {
         --apiRefs;
     }
-    traceStream("Engine::Data::stopMixerApi END", *this);
+    traceStream("Engine::Data::stopMixerApi END", whole(*this));
 }
 
-void Engine::Data::closeMixerApi()
+void EngineStream::closeMixerApi()
 {
     TraceLine("Engine::Data::closeMixerApi BEGIN")
         .item("api", api.data())
@@ -178,30 +107,76 @@ void Engine::Data::closeMixerApi()
     TraceLine("Engine::Data::closeMixerApi END").item("api", api.data()).item("apiOpen", apiOpen());
 }
 
-void Engine::Data::raiseApiRefs(int users)
+void EngineStream::raiseApiRefs(int users)
 {
     if (apiRunning())
         apiRefs = std::max(apiRefs, users);
 }
 
-bool Engine::Data::hasLiveUsers() const
+void EngineStream::startStreamForUsers()
 {
-    return anyUser(*this, [](const auto *object) { return isLive(object); });
-}
-
-bool Engine::Data::isBusy() const
-{
-    return isRunning() ||
-           (active && anyUser(*this, [](const auto *object) { return works(object); }));
-}
-
-void Engine::Data::startStreamForUsers()
-{
-    if (!apiOpen() || apiRunning() || !(streaming || hasLiveUsers()))
+    const EngineAttached &attached = whole(*this);
+    if (!apiOpen() || apiRunning() || !(streaming || attached.hasLiveUsers()))
         return;
     startMixerApi();
     if (apiRunning())
-        apiRefs = users();
+        apiRefs = attached.users();
+}
+
+void EngineStream::reportLostStream()
+{
+    Engine::Data &d = whole(*this);
+    d.callLater("onApiDeviceFailure", [&d, generation = streamGeneration] {
+        if (generation != d.streamGeneration || !d.active || d.apiRunning())
+            return;
+        // The backend may have seen the same: its report comes later.
+        d.isLossTold = true;
+        d.engine->onApiDeviceFailure();
+    });
+}
+
+void EngineStream::closeDevice()
+{
+    Engine::Data &d = whole(*this);
+    stopMixerApi();
+    // A callback that is still running would wait for the lock that closing is done under.
+    if (apiRunning())
+        api->stop();
+    d.outputName.clear();
+    d.inputName.clear();
+    {
+        const QMutexLocker locker(&d.updateLock);
+        closeMixerApi();
+    }
+    d.deleteMeters();
+}
+
+// A block that waits for a change of the mix to end cannot end before.
+void EngineStream::releaseStream()
+{
+    Engine::Data &d = whole(*this);
+    if (d.onMainThread() && d.bracketDepth == 0) {
+        stopMixerApi();
+        return;
+    }
+    try {
+        d.callLater("releaseStream", [this, generation = streamGeneration] {
+            if (generation == streamGeneration)
+                stopMixerApi();
+        });
+    } catch (const std::bad_alloc &) {
+        owedStops = owedGeneration == streamGeneration ? owedStops + 1 : 1;
+        owedGeneration = streamGeneration;
+        d.cleanUpTimer->start();
+    }
+}
+
+void EngineStream::releaseOwed()
+{
+    for (; owedStops > 0; --owedStops) {
+        if (owedGeneration == streamGeneration)
+            stopMixerApi();
+    }
 }
 
 void Engine::setStreaming(bool value)
@@ -221,34 +196,38 @@ bool Engine::isStreaming() const
     return d->streaming;
 }
 
-void Engine::Data::reportLostStream()
+// The watchdog ----------------------------------------------------------------------------------
+
+// A PulseAudio sink without other clients rests for up to 2 s after its first blocks.
+bool EngineStream::mayStillRest() const
 {
-    callLater("onApiDeviceFailure", [this, generation = streamGeneration] {
-        if (generation != streamGeneration || !active || apiRunning())
-            return;
-        // The backend may have seen the same: its report comes later.
-        isLossTold = true;
-        engine->onApiDeviceFailure();
-    });
+    constexpr qint64 longestRest = 2500; // ms
+    return api && api->backend() == Pulse && streamClock.isValid() &&
+           streamClock.elapsed() < longestRest;
 }
 
-void Engine::Data::deleteMeters()
+void Engine::monitorTimeout()
 {
-    TraceLine("Engine::Data::deleteMeters BEGIN")
-        .item("inputMeter", inputMeter)
-        .item("outputMeter", outputMeter);
-    Meter *input = nullptr;
-    Meter *output = nullptr;
-    {
-        const QMutexLocker locker(&updateLock);
-        std::swap(input, inputMeter);
-        std::swap(output, outputMeter);
+    const quint64 count = d->callbackCount;
+    if (count != d->lastSeenCallbackCount) {
+        d->lastSeenCallbackCount = count;
+        d->isStallTold = false;
+        return;
     }
-    endMeter(input);
-    endMeter(output);
-    TraceLine("Engine::Data::deleteMeters END")
-        .item("inputMeter", inputMeter)
-        .item("outputMeter", outputMeter);
+    if (!d->isStallTold && d->apiRunning()) {
+        d->isStallTold = true;
+        const QPointer<Engine> alive(this);
+        const unsigned generation = d->streamGeneration;
+        emit deviceStalled(position());
+        if (!alive || generation != d->streamGeneration || !d->isStallTold)
+            return;
+    }
+    stop(false, StopReason::NoReason);
+}
+
+int Engine::monitorTimerInverval() const
+{
+    return 1000;
 }
 
 } // namespace QTovelMixer

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Start, pause, resume, stop, the watchdog, and what the transport answers.
+// Start, pause, resume and stop of everything.
 #include <mixer/engine/engine_p.h>
 
 #include <base/debug.h>
@@ -18,14 +18,6 @@
 namespace QTovelMixer {
 
 namespace {
-
-double mixerTimeToStart(const Timeline &timeline, double time)
-{
-    // Without limits there is no material to map from: positions count from the beginning.
-    if (timeline.start() < 0.0 || timeline.end() < 0.0)
-        return std::max(time, 0.0);
-    return timeline.mixer_time(time);
-}
 
 const char *reasonName(StopReason reason)
 {
@@ -66,7 +58,7 @@ bool Engine::start(double time)
     if (d->hasLiveUsers() && !d->apiRunning())
         return false;
     const double begin = std::isfinite(time) ? time : 0.0;
-    d->startAll(mixerTimeToStart(*d->timeline, begin), begin);
+    d->startAll(d->clockAt(begin), begin);
     emit started();
     return true;
 }
@@ -89,12 +81,37 @@ void Engine::Data::startAll(double time, double begin)
             const auto unlock = qScopeGuard([this] { updateLock.unlock(); });
             setTime(time, begin);
         }
-        forEachSource([](Source *source) { source->start(QThread::InheritPriority); });
-        forEachSink([](Sink *sink) { sink->start(QThread::InheritPriority); });
+        forEach(*this, sources, [](Source *source) { source->start(QThread::InheritPriority); });
+        forEach(*this, sinks, [](Sink *sink) { sink->start(QThread::InheritPriority); });
     }
     prime();
     running = true;
     keptPosition = livePosition();
+}
+
+void Engine::Data::prime()
+{
+    forEach(*this, sources, [](Source *source) { source->prime(); });
+}
+
+void Engine::Data::prime(Source *source)
+{
+    source->prime();
+}
+
+// Before the start there is nothing to resume: however often a pause is asked for then, one
+// `resume` after the start ends it.
+bool Engine::Data::pause()
+{
+    const bool counted = std::exchange(pausedAtRest, !running) && !running;
+    if (!counted)
+        raiseHold();
+    return forEach(*this, sources, [this, counted](Source *source) {
+        if (std::exchange(sourceLinks[source].paused, true) && counted)
+            SourceAccess::takeBackSilence(*source);
+        // A slot may delete the source, or the engine: nothing is left to do afterwards.
+        source->pause(PauseMode(pauseMode));
+    });
 }
 
 bool Engine::pause()
@@ -122,6 +139,23 @@ void Engine::pauseFor(Source *source)
                  });
 }
 
+// No block sees the clock run while a source is still silent.
+bool Engine::Data::resume()
+{
+    resuming.fetch_add(1);
+    decrement(holdCount);
+    pausedAtRest = false;
+    const bool alive = forEach(*this, sources, [this](Source *source) {
+        sourceLinks[source].paused = false;
+        source->resume();
+    });
+    if (!alive)
+        return false;
+    resuming.fetch_sub(1);
+    gate.post();
+    return true;
+}
+
 bool Engine::resume()
 {
     if (!d->requireMainThread("resume") || !d->active || !d->running || d->holdCount == 0)
@@ -134,6 +168,24 @@ bool Engine::resume()
         d->api->onResume();
     emit resumed();
     return true;
+}
+
+void Engine::Data::stop(StopReason reason)
+{
+    forEach(*this, sources, [reason](Source *source) { source->stop(reason); });
+    forEach(*this, sinks, [reason](Sink *sink) { sink->stop(reason); });
+}
+
+bool Engine::Data::stop(Source *source, StopReason reason)
+{
+    source->stop(reason);
+    return std::all_of(sources.begin(), sources.end(),
+                       [](const Source *other) { return other->wasStoped(); });
+}
+
+void Engine::Data::stop(Sink *sink, StopReason reason)
+{
+    sink->stop(reason);
 }
 
 bool Engine::stop(bool force, StopReason reason)
@@ -198,71 +250,6 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
     }
     onStopped();
     return true;
-}
-
-void Engine::monitorTimeout()
-{
-    const quint64 count = d->callbackCount;
-    if (count != d->lastSeenCallbackCount) {
-        d->lastSeenCallbackCount = count;
-        d->isStallTold = false;
-        return;
-    }
-    if (!d->isStallTold && d->apiRunning()) {
-        d->isStallTold = true;
-        const QPointer<Engine> alive(this);
-        const unsigned generation = d->streamGeneration;
-        emit deviceStalled(position());
-        if (!alive || generation != d->streamGeneration || !d->isStallTold)
-            return;
-    }
-    stop(false, StopReason::NoReason);
-}
-
-int Engine::monitorTimerInverval() const
-{
-    return 1000;
-}
-
-double Engine::time() const
-{
-    return d->active ? d->seconds(d->mixTime.load(std::memory_order_relaxed)) : 0.0;
-}
-
-double Engine::position() const
-{
-    return d->isRunning() ? d->livePosition() : d->keptPosition;
-}
-
-double Engine::Data::livePosition() const
-{
-    double position = timeline->position(seconds(mixTime.load(std::memory_order_relaxed)));
-    for (const Source *source : sources) {
-        if (source->timeline() == timeline)
-            position = SourceAccess::boundedByPause(*source, position);
-    }
-    return position;
-}
-
-void Engine::Data::keepPosition()
-{
-    if (isRunning())
-        keptPosition = livePosition();
-}
-
-quint64 Engine::droppedBlocks() const
-{
-    return d->droppedBlocks;
-}
-
-quint64 Engine::replacedSamples() const
-{
-    return d->replacedSamples.load(std::memory_order_relaxed);
-}
-
-double Engine::startTime() const
-{
-    return d->startTime;
 }
 
 bool Engine::isActive() const
