@@ -22,7 +22,7 @@ enum class LockRank {
     SinkRing,    ///< while a worker hands frames over, and during a change of the position
     SourceRing,  ///< while a worker fills its ring, and during a change of the mix
     Update,      ///< during a block, and during a change of the mix
-    Hold,        ///< a free-wheeling block, and the start of a change of the mix
+    Freewheel,   ///< during a block that no device paces, and while the mix is suspended
     List,        ///< what is attached
     Sleep,       ///< a worker goes to sleep, or is woken
     Gate,        ///< a free-wheeling mix goes to sleep, or is woken

@@ -160,9 +160,9 @@ bool add(Data &d, T *object, float gain, Options options)
     auto undo = qScopeGuard([&d] { d.stopMixerApi(); });
     {
         // Workers read the limits, so that they are held off when the limits change.
-        std::optional<MixHold> hold;
+        std::optional<MixChange> change;
         if (span.widens)
-            hold.emplace(d);
+            change.emplace(d, MixChange::Sources);
         const QMutexLocker locker(&d.updateLock);
         d.startMixerApi();
         if (!fits) {
@@ -228,7 +228,7 @@ bool Engine::play(Source *source, float gain)
         return false;
     if (source->timeline() && !source->range().isValid()) {
         // The clock may be anywhere; the source begins where it is now.
-        const MixHold hold(*d);
+        const MixChange change(*d, MixChange::Sources);
         source->setTime(time());
     }
     source->start(QThread::InheritPriority);

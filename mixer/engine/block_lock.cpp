@@ -26,8 +26,8 @@ void UpdateLock::unlock() noexcept
     releaseLines();
 }
 
-BlockLock::BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept
-    : m_updateLock(updateLock), m_hold(hold), m_locked(false)
+BlockLock::BlockLock(UpdateLock &updateLock, bool wait, FreewheelLock *freewheel) noexcept
+    : m_updateLock(updateLock), m_freewheel(freewheel), m_locked(false)
 {
     beginCallback();
     const RealtimeCheckPause pause;
@@ -36,8 +36,8 @@ BlockLock::BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept
             m_updateLock.m_mutex.lock();
         else if (!m_updateLock.m_mutex.tryLock())
             return false;
-        if (m_hold)
-            m_hold->lock();
+        if (m_freewheel)
+            m_freewheel->lock();
         return true;
     });
 }
@@ -47,8 +47,8 @@ BlockLock::~BlockLock() noexcept
     if (m_locked) {
         const RealtimeCheckPause pause;
         assumeNonblocking([this] {
-            if (m_hold)
-                m_hold->unlock();
+            if (m_freewheel)
+                m_freewheel->unlock();
             m_updateLock.m_mutex.unlock();
         });
     }

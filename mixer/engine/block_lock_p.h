@@ -25,19 +25,20 @@ private:
     RankedPriorityMutex<LockRank::Update, true> m_mutex;
 };
 
-/// Held for a free-wheeling block, and to raise the engine's hold.
-class HoldLock : public RankedPriorityMutex<LockRank::Hold>
+/// Held for a block that no device paces, and to suspend the mix.
+class FreewheelLock : public RankedPriorityMutex<LockRank::Freewheel>
 {};
 
 /// The engine's update lock for one block: the only lock that the audio thread takes, and the one
 /// place where it may wait. The main thread holds it for changes of the mix only; a backend that
-/// must not wait asks for one try. A block that no device paces takes the hold lock as well.
+/// must not wait asks for one try. A block that no device paces takes the free-wheel lock as well.
 /// Whatever thread it is, it counts as an audio thread meanwhile.
 class BlockLock
 {
 public:
-    /// `hold` is null for a device's block.
-    BlockLock(UpdateLock &updateLock, bool wait, HoldLock *hold) noexcept QTOVELMIXER_NONBLOCKING;
+    /// `freewheel` is null for a device's block.
+    BlockLock(UpdateLock &updateLock, bool wait,
+              FreewheelLock *freewheel) noexcept QTOVELMIXER_NONBLOCKING;
     ~BlockLock() noexcept QTOVELMIXER_NONBLOCKING;
     Q_DISABLE_COPY_MOVE(BlockLock)
 
@@ -45,7 +46,7 @@ public:
 
 private:
     UpdateLock &m_updateLock;
-    HoldLock *m_hold;
+    FreewheelLock *m_freewheel;
     bool m_locked;
 };
 

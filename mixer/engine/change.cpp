@@ -16,19 +16,24 @@ namespace {
 // Half a tick of the timeline's grid of 1/192000 s: closer positions are the same position.
 constexpr double samePosition = 1.0 / 384000.0;
 
+bool movesPosition(MixChange::Kind kind)
+{
+    return kind != MixChange::Sources && kind != MixChange::Everything;
+}
+
 template <typename T>
 Snapshot<T> snapshotOf(const std::vector<T *> &list)
 {
     return Snapshot<T>(list.begin(), list.end());
 }
 
-/// What an outer release still holds is held for a change that begins inside it as well.
+/// Without what an outer change has locked and not yet released.
 template <typename T>
-Snapshot<T> notHeld(const std::vector<T *> &all, const std::vector<T *> &held)
+Snapshot<T> notLocked(const std::vector<T *> &all, const std::vector<T *> &locked)
 {
     Snapshot<T> others;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(others), [&held](const T *object) {
-        return std::find(held.begin(), held.end(), object) == held.end();
+    std::copy_if(all.begin(), all.end(), std::back_inserter(others), [&locked](const T *object) {
+        return std::find(locked.begin(), locked.end(), object) == locked.end();
     });
     return others;
 }
@@ -49,7 +54,7 @@ void releaseAll(std::vector<T *> &list, Release release)
 void EngineChange::update_source_lock()
 {
     const Engine::Data &d = whole(*this);
-    const Snapshot<Source> wanted = notHeld(d.sources, lockedSources);
+    const Snapshot<Source> wanted = notLocked(d.sources, lockedSources);
     // All are told before the first is waited for: meanwhile the others would begin new reads.
     for (Source *source : wanted)
         SourceAccess::announceUpdate(*source);
@@ -74,57 +79,107 @@ void EngineChange::update_source_unlock()
     }
 }
 
-// A source's lock is a plain mutex, so that only the outermost bracket may take it; it gives
-// back exactly the locks that it took, whatever happens to the list inside the bracket. What was
-// added has made room for itself in the lists of locks, so that nothing here runs out of memory.
-void EngineChange::lockMix()
+// What was added has made room for itself in the lists of locks, so that nothing here runs out of
+// memory.
+void EngineChange::begin(MixChange::Kind kind)
 {
-    Q_ASSERT(bracketDepth >= 0);
+    Q_ASSERT(changeDepth >= 0);
+    // A host may take long to write. Until it has, blocks are mixed and recorded as before.
+    if (kind != MixChange::Sources && changeDepth == 0)
+        lockSinks();
     holdLines();
-    raiseHold();
-    if (bracketDepth++ == 0)
+    suspend();
+    // A source's lock is a plain mutex, so that only the outermost change may take it; it gives
+    // back exactly the locks that it took, whatever happens to the list inside the change.
+    if (changeDepth++ == 0)
         update_source_lock();
     updateLock.lock();
+    if (movesPosition(kind) && changeDepth == 1)
+        takeSnapshot();
 }
 
-void EngineChange::unlockMix()
+void EngineChange::releaseBlocks(MixChange::Kind kind)
 {
-    Q_ASSERT(bracketDepth > 0);
+    Q_ASSERT(changeDepth > 0);
+    // Outside the material (past its end, or with no limits at all) there is no position to
+    // keep: the clock goes on untouched.
+    const bool outside = savedTimelineTime < 0.0 && savedTime > 0.0;
+    const bool keeps = kind == MixChange::KeepPosition;
+    if (movesPosition(kind) && changeDepth == 1 && !(keeps && outside))
+        restorePosition(kind);
     updateLock.unlock();
-    releaseWorkers();
+}
+
+void EngineChange::releaseWorkers()
+{
+    if (--changeDepth > 0)
+        return;
+    Q_ASSERT(changeDepth == 0);
+    releaseAll(lockedSources, [](Source *source) { source->update_unlock(); });
+    releaseAll(lockedSinks, [](Sink *sink) { SinkAccess::unlockRing(*sink); });
+}
+
+void EngineChange::end()
+{
     decrement(holdCount);
     gate.post();
     releaseLines();
 }
 
-void EngineChange::releaseWorkers()
+void EngineChange::update_lock()
 {
-    if (--bracketDepth > 0)
-        return;
-    Q_ASSERT(bracketDepth == 0);
-    releaseAll(lockedSources, [](Source *source) { source->update_unlock(); });
-    releaseAll(lockedSinks, [](Sink *sink) { SinkAccess::updateUnlock(*sink); });
+    begin(MixChange::KeepPosition);
 }
 
-// A host may take long to write. Until it has, blocks are mixed and recorded as before.
-void EngineChange::holdSinks()
+void EngineChange::update_unlock()
 {
-    if (bracketDepth > 0)
-        return;
-    const Snapshot<Sink> wanted = notHeld(whole(*this).sinks, lockedSinks);
+    releaseBlocks(MixChange::KeepPosition);
+    releaseWorkers();
+    end();
+}
+
+MixChange::MixChange(EngineChange &record, Kind kind) : m_record(record), m_kind(kind)
+{
+    m_record.begin(m_kind);
+}
+
+MixChange::~MixChange()
+{
+    if (m_blocksWait)
+        releaseBlocks();
+    if (m_workersWait)
+        releaseWorkers();
+    m_record.end();
+}
+
+void MixChange::releaseBlocks()
+{
+    m_blocksWait = false;
+    m_record.releaseBlocks(m_kind);
+}
+
+void MixChange::releaseWorkers()
+{
+    m_workersWait = false;
+    m_record.releaseWorkers();
+}
+
+void EngineChange::lockSinks()
+{
+    const Snapshot<Sink> wanted = notLocked(whole(*this).sinks, lockedSinks);
     for (Sink *sink : wanted)
         SinkAccess::announceUpdate(*sink);
     for (Sink *sink : wanted) {
-        SinkAccess::takeAnnouncedLock(*sink);
+        SinkAccess::lockRing(*sink);
         lockedSinks.push_back(sink);
     }
 }
 
-// A free-wheeling block keeps this lock from its look at the hold to its end: a source silenced
-// in between would lose a block. Device threads do not take it.
-void EngineChange::raiseHold()
+// A free-wheeling block keeps this lock from its look at the suspension to its end: a source
+// silenced in between would lose a block. Device threads do not take it.
+void EngineChange::suspend()
 {
-    const QMutexLocker locker(&holdLock);
+    const QMutexLocker locker(&freewheelLock);
     holdCount.fetch_add(1);
 }
 
@@ -136,30 +191,7 @@ void EngineChange::takeSnapshot()
     savedLoopOffset = d.timeline->timeToLoop(savedTime);
 }
 
-void EngineChange::update_lock()
-{
-    holdSinks();
-    lockMix();
-    if (bracketDepth == 1)
-        takeSnapshot();
-}
-
-void EngineChange::update_unlock()
-{
-    endBracket(Position::Keep);
-}
-
-void EngineChange::endBracket(Position position)
-{
-    // Outside the material (past its end, or with no limits at all) there is no position to
-    // keep: the clock goes on untouched.
-    const bool outside = savedTimelineTime < 0.0 && savedTime > 0.0;
-    if (bracketDepth == 1 && (position != Position::Keep || !outside))
-        moveTo(position);
-    unlockMix();
-}
-
-void EngineChange::moveTo(Position position)
+void EngineChange::restorePosition(MixChange::Kind kind)
 {
     Engine::Data &d = whole(*this);
     const double t = d.timeline->mixer_time(savedTimelineTime);
@@ -179,7 +211,7 @@ void EngineChange::moveTo(Position position)
             continue;
         // A sink that nobody told to stop keeps what it has recorded.
         const bool goesOn =
-            position == Position::RestartPlayback && SinkAccess::data(*sink).stopRequested == 0;
+            kind == MixChange::RestartPlayback && SinkAccess::data(*sink).stopRequested == 0;
         if (differs && !goesOn)
             sink->setTime(t);
         else

@@ -55,11 +55,10 @@ void Engine::setTime(double time)
     if (!d->requireMainThread("setTime"))
         return;
     const double t = std::isfinite(time) ? time : 0.0;
-    d->holdSinks();
-    const MixHold hold(*d);
+    const MixChange change(*d, MixChange::Everything);
     d->setTime(d->clockAt(t), t);
     d->timeline->adjustLoopTime(d->seconds(d->mixTime));
-    // Inside a bracket this is the position to keep.
+    // Inside another change this is the position to keep.
     d->takeSnapshot();
     d->keptPosition = d->livePosition();
 }

@@ -50,7 +50,7 @@ struct Kind<Source>
     static unsigned firstBus(const Data &d, const Source *source) { return d.rowOf(source); }
     static bool holdsStream(const Source *source) { return source->isContinuous(); }
     static bool wasStopped(const Source *source) { return source->wasStoped(); }
-    static void updateUnlock(Source *source) { source->update_unlock(); }
+    static void unlockRing(Source *source) { source->update_unlock(); }
     static void removeGains(Data &d, unsigned first, unsigned channels)
     {
         d.remove_input_gains(first, channels);
@@ -109,7 +109,7 @@ struct Kind<Sink>
     static unsigned firstBus(const Data &d, const Sink *sink) { return d.columnOf(sink); }
     static bool holdsStream(const Sink *) { return true; }
     static bool wasStopped(const Sink *sink) { return SinkAccess::isOver(*sink); }
-    static void updateUnlock(Sink *sink) { SinkAccess::updateUnlock(*sink); }
+    static void unlockRing(Sink *sink) { SinkAccess::unlockRing(*sink); }
     static void removeGains(Data &d, unsigned first, unsigned channels)
     {
         d.remove_output_gains(first, channels);

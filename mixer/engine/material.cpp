@@ -33,7 +33,7 @@ void Engine::addSelection(double begin, double end)
 {
     if (begin == end || !mayEdit(*d, "addSelection"))
         return;
-    const MixBracket bracket(*d);
+    const MixChange change(*d, MixChange::KeepPosition);
     d->timeline->addSlice(begin, end);
 }
 
@@ -41,7 +41,7 @@ void Engine::removeSelection(double begin, double end)
 {
     if (!mayEdit(*d, "removeSelection"))
         return;
-    const MixBracket bracket(*d);
+    const MixChange change(*d, MixChange::KeepPosition);
     d->timeline->removeSlice(begin, end);
 }
 
@@ -49,7 +49,7 @@ void Engine::clearSelections()
 {
     if (!mayEdit(*d, "clearSelections"))
         return;
-    const MixBracket bracket(*d);
+    const MixChange change(*d, MixChange::KeepPosition);
     d->timeline->clearSlices();
 }
 
@@ -57,7 +57,7 @@ void Engine::setLimits(double begin, double end)
 {
     if (!mayEdit(*d, "setLimits"))
         return;
-    const MixBracket bracket(*d);
+    const MixChange change(*d, MixChange::KeepPosition);
     d->timeline->setLimits(begin, end);
 }
 
@@ -78,7 +78,7 @@ void Engine::setLooping(bool value)
     if (!d->requireMainThread("setLooping") || !d->active)
         return;
     {
-        const MixBracket bracket(*d);
+        const MixChange change(*d, MixChange::KeepPosition);
         d->timeline->setLooping(value);
     }
     emit mixerChanged();
@@ -88,7 +88,7 @@ void Engine::reset()
 {
     if (!d->requireMainThread("reset"))
         return;
-    const MixHold hold(*d);
+    const MixChange change(*d, MixChange::Sources);
     d->timeline->reset();
 }
 
@@ -100,7 +100,7 @@ namespace {
 void exchangeTimeline(Engine::Data &data, Timeline *incoming)
 {
     Timeline *outgoing = data.timeline;
-    const MixHold hold(data);
+    const MixChange change(data, MixChange::Sources);
     const QList<Source *> sources = data.engine->activeSources();
     for (Source *source : sources) { // a hook of one may delete others
         if (data.contains(source) && source->timeline() == outgoing)

@@ -50,7 +50,7 @@ bool detachUncounted(Data &d, T *object)
     const auto locked = std::find(held.begin(), held.end(), object);
     if (locked != held.end()) {
         held.erase(locked);
-        Kind<T>::updateUnlock(object);
+        Kind<T>::unlockRing(object);
     }
     gone.insert(Kind<T>::links(d).extract(object));
     wishes = d.hostGains.take(object);

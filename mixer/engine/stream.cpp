@@ -155,7 +155,7 @@ void EngineStream::closeDevice()
 void EngineStream::releaseStream()
 {
     Engine::Data &d = whole(*this);
-    if (d.onMainThread() && d.bracketDepth == 0) {
+    if (d.onMainThread() && d.changeDepth == 0) {
         stopMixerApi();
         return;
     }

@@ -9,7 +9,6 @@
 #include <mixer/io/source.h>
 #include <mixer/io/source_p.h>
 
-#include <QtCore/QScopeGuard>
 #include <QtCore/QThread>
 
 #include <algorithm>
@@ -48,7 +47,7 @@ bool Engine::start(double time)
 {
     if (!d->requireMainThread("start") || !d->active)
         return false;
-    if (d->bracketDepth > 0) {
+    if (d->changeDepth > 0) {
         // Priming would wait for workers that the change holds off.
         BLDEBUG_Error(-1, "QTovelMixer::start: refused inside a change of the mix!!");
         return false;
@@ -65,25 +64,14 @@ bool Engine::start(double time)
 
 void Engine::Data::startAll(double time, double begin)
 {
-    holdSinks();
-    lockMix();
-    const auto mixAgain = qScopeGuard([this] {
-        decrement(holdCount);
-        gate.post();
-        releaseLines();
-    });
-    {
-        // All are let go before the first is waited for.
-        const auto letGo = qScopeGuard([this] { releaseWorkers(); });
-        {
-            // Under the update lock too: a block that began before the hold may still be inside
-            // a source.
-            const auto unlock = qScopeGuard([this] { updateLock.unlock(); });
-            setTime(time, begin);
-        }
-        forEach(*this, sources, [](Source *source) { source->start(QThread::InheritPriority); });
-        forEach(*this, sinks, [](Sink *sink) { sink->start(QThread::InheritPriority); });
-    }
+    MixChange change(*this, MixChange::Everything);
+    // Under the update lock: a block that began before the suspension may still be inside a source.
+    setTime(time, begin);
+    change.releaseBlocks();
+    forEach(*this, sources, [](Source *source) { source->start(QThread::InheritPriority); });
+    forEach(*this, sinks, [](Sink *sink) { sink->start(QThread::InheritPriority); });
+    // All are let go before the first is waited for.
+    change.releaseWorkers();
     prime();
     running = true;
     keptPosition = livePosition();
@@ -105,7 +93,7 @@ bool Engine::Data::pause()
 {
     const bool counted = std::exchange(pausedAtRest, !running) && !running;
     if (!counted)
-        raiseHold();
+        suspend();
     return forEach(*this, sources, [this, counted](Source *source) {
         if (std::exchange(sourceLinks[source].paused, true) && counted)
             SourceAccess::takeBackSilence(*source);
@@ -244,9 +232,8 @@ bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
     d->holdCount = 0;
     d->pausedAtRest = false;
     {
-        MixBracket bracket(*d);
+        const MixChange change(*d, source ? MixChange::RestartPlayback : MixChange::Restart);
         d->timeline->reset();
-        bracket.position = source ? Data::Position::RestartPlayback : Data::Position::Restart;
     }
     onStopped();
     return true;

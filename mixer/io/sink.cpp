@@ -132,23 +132,17 @@ void SinkAccess::endAndWait(Sink &sink)
     sink.wait();
 }
 
-void SinkAccess::updateLock(Sink &sink)
-{
-    announceUpdate(sink);
-    takeAnnouncedLock(sink);
-}
-
 void SinkAccess::announceUpdate(Sink &sink)
 {
     ++sink.d->updateWaiters;
 }
 
-void SinkAccess::takeAnnouncedLock(Sink &sink)
+void SinkAccess::lockRing(Sink &sink)
 {
     sink.d->ringMutex.lock();
 }
 
-void SinkAccess::updateUnlock(Sink &sink)
+void SinkAccess::unlockRing(Sink &sink)
 {
     sink.d->ringMutex.unlock();
     const QMutexLocker lock(&sink.d->waitMutex);

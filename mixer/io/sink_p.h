@@ -118,16 +118,14 @@ struct SinkAccess
     /// Asks the worker to end, wakes it and waits for it. Safe in any state, and before `start`.
     static void endAndWait(Sink &sink);
 
-    /// Waits for a `writeSamples` under way and holds the worker off, so that `setTime` does not
-    /// wait. Blocks are taken meanwhile. Nestable. Threads: main.
-    static void updateLock(Sink &sink);
-    /// The part of `updateLock` that does not wait: the worker begins no further `writeSamples`.
+    /// The worker begins no further `writeSamples`; `lockRing` must follow. Does not wait. Threads:
+    /// main.
     static void announceUpdate(Sink &sink);
-    /// The rest of it.
-    static void takeAnnouncedLock(Sink &sink);
-
-    /// Ends `updateLock`.
-    static void updateUnlock(Sink &sink);
+    /// Waits for a `writeSamples` under way and keeps the worker from the ring, so that `setTime`
+    /// does not wait. Blocks are taken meanwhile.
+    static void lockRing(Sink &sink);
+    /// Ends both.
+    static void unlockRing(Sink &sink);
 
     /// Moves the sink along when the mixer's clock is set to other numbers of the same moment:
     /// the recording goes on without a gap. Under the engine's update lock.

@@ -56,7 +56,7 @@ void tst_LockRank::mayTake_follows_theOrder()
     const int a = 0;
     const int b = 0;
     HeldLocks::taken(LockRank::Update, &a);
-    QVERIFY(HeldLocks::mayTake(LockRank::Hold, &b, false));
+    QVERIFY(HeldLocks::mayTake(LockRank::Freewheel, &b, false));
     QVERIFY(HeldLocks::mayTake(LockRank::Values, &b, false));
     QVERIFY(!HeldLocks::mayTake(LockRank::Update, &b, false));
     QVERIFY(!HeldLocks::mayTake(LockRank::SourceRing, &b, false));

@@ -208,7 +208,7 @@ QString RandomOperations::stateFault()
         holders += link.holdsStream;
     const QString fault = firstBroken({
         {state.holdCount >= 0, "holds are released as often as taken"},
-        {state.bracketDepth == 0, "no bracket is open"},
+        {state.changeDepth == 0, "no change of the mix is open"},
         {state.lockedSources.empty(), "no source is locked"},
         {state.apiRefs >= 0, "the backend is not released too often"},
         {state.mixTime >= 0, "the clock is not negative"},

@@ -166,7 +166,7 @@ QString Session::restFault()
     const Engine::Data &data = EngineAccess::shipped(engine);
     const std::pair<bool, const char *> counters[] = {
         {data.holdCount.load() == 0, "the mix is held"},
-        {data.bracketDepth == 0, "a bracket is open"},
+        {data.changeDepth == 0, "a change of the mix is open"},
         {data.streamUsers.load() == 0, "the stream is used"},
         {data.sourceCount.load() == 0, "sources are counted"},
         {data.sinkCount.load() == 0, "sinks are counted"},

@@ -146,7 +146,7 @@ QString Host::fault()
     };
     const std::pair<bool, const char *> facts[] = {
         {taken, "the update lock is held"},
-        {data.bracketDepth == 0, "a bracket is open"},
+        {data.changeDepth == 0, "a change of the mix is open"},
         {data.lockedSources.empty() && data.lockedSinks.empty(), "workers are held off"},
         {data.holdCount == 0 || engine->isPaused(), "the mix is held"},
         {data.sourceLinks.size() == data.sources.size(), "a source is half there"},
