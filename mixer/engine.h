@@ -368,9 +368,11 @@ public:
     Timeline *timeline() const;
     bool isLooping() const;
 
+    /// The bit of a block's status that asks not to wait for the update lock.
+    static constexpr unsigned int BlockMustNotWait = 0x4;
     /// Mixes one device block: the backend's entry on its audio thread. `input` and `output` are
-    /// interleaved blocks of at least `frames` × device channels; bit 0x4 of `status` asks not to
-    /// wait for the update lock. Answers 0. A block that is too small, or that finds the lock
+    /// interleaved blocks of at least `frames` × device channels; of `status` only the bit
+    /// `BlockMustNotWait` counts. Answers 0. A block that is too small, or that finds the lock
     /// busy, leaves everything as it is. Threads: audio. Real-time: yes.
     int mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 16> &output,
                       unsigned int frames, double streamTime,

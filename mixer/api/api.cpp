@@ -3,6 +3,7 @@
 
 #include <base/debug.h>
 #include <base/log_line_p.h>
+#include <mixer/api/block_answer_p.h>
 #include <mixer/api/device.h>
 // A backend hands its blocks and its failure to the engine above it.
 #include <mixer/engine.h>
@@ -15,7 +16,6 @@ namespace {
 
 constexpr unsigned int mostBufferFrames = 4096;
 constexpr qint64 updateDistance = 1500; // ms
-constexpr int callbackAbort = 2;
 
 } // namespace
 
@@ -328,7 +328,7 @@ int Api::mixerCallback(aligned_vector<float, 16> &input, aligned_vector<float, 1
 {
     Engine *engine = d->engine;
     if (!engine)
-        return callbackAbort;
+        return BlockAnswer::abort;
     return engine->mixerCallback(input, output, frames, streamTime, status);
 }
 
@@ -338,7 +338,7 @@ int Api::mixWhenReady(aligned_vector<float, 16> &input, aligned_vector<float, 16
     static_assert(notReady == Engine::BlockNotReady);
     Engine *engine = d->engine;
     if (!engine)
-        return callbackAbort;
+        return BlockAnswer::abort;
     return engine->mixWhenReady(input, output, frames, streamTime, milliseconds);
 }
 

@@ -4,6 +4,7 @@
 #include <base/debug.h>
 #include <base/hidden_p.h>
 #include <base/log_line_p.h>
+#include <mixer/api/block_answer_p.h>
 #include <mixer/api/file_device.h>
 
 #include <QtCore/QFile>
@@ -211,7 +212,8 @@ void QTovelMixerApiFile::mixerTimeout()
     }
     if (f->inputFile)
         f->readInput(frames);
-    if (mixerCallback(*f->inputBlock, *f->outputBlock, frames, f->streamTime, 0) != 0) {
+    if (mixerCallback(*f->inputBlock, *f->outputBlock, frames, f->streamTime, 0) !=
+        QTovelMixer::BlockAnswer::goOn) {
         f->timer.stop();
         return;
     }

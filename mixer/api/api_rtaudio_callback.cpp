@@ -1,25 +1,24 @@
 // SPDX-License-Identifier: MIT
-// One block, on the audio thread.
+// One block, on the audio thread: from RtAudio's buffers to the engine and back.
 #include <mixer/api/api_rtaudio_p.h>
 
 #include <base/clock_p.h>
 #include <base/log_line_p.h>
 #include <base/trace_p.h>
+#include <mixer/api/block_answer_p.h>
+// A backend hands its blocks to the engine above it.
+#include <mixer/engine.h>
 
 #include <algorithm>
 #include <cstring>
 
+namespace BlockAnswer = QTovelMixer::BlockAnswer;
 using QTovelMixer::assumeNonblocking;
 using QTovelMixer::monotonicNanoseconds;
 using QTovelMixer::outsideCallback;
 using QTovelMixer::TraceLine;
 
 namespace {
-
-constexpr int callbackGoOn = 0;
-constexpr int callbackStop = 1;
-constexpr int callbackAbort = 2;
-constexpr unsigned hardwareCallback = 4;
 
 class InFlight
 {
@@ -32,6 +31,14 @@ private:
     std::atomic<qint32> &m_counter;
 };
 
+/// RtAudio's buffer without what was to be mixed into it.
+int silence(float *output, size_t samples, int answer) noexcept
+{
+    if (output)
+        std::fill_n(output, samples, 0.0f);
+    return answer;
+}
+
 } // namespace
 
 int QTovelMixerApiRtAudio::MixerCallback(void *outputBuffer, void *inputBuffer, unsigned int frames,
@@ -39,65 +46,32 @@ int QTovelMixerApiRtAudio::MixerCallback(void *outputBuffer, void *inputBuffer, 
                                          void *userData) noexcept
 {
     if (!userData)
-        return callbackAbort;
-    const QTovelMixer::AudioThreadMark mark;
-    RtAudioData &data = *static_cast<QTovelMixerApiRtAudio *>(userData)->r;
-    const InFlight inFlight(data.callbacksInFlight);
-    return data.runBlock(static_cast<float *>(outputBuffer), static_cast<float *>(inputBuffer),
-                         frames, streamTime, status);
+        return BlockAnswer::abort;
+    return static_cast<QTovelMixerApiRtAudio *>(userData)->r->streamBlock(
+        outputBuffer, inputBuffer, frames, streamTime, status);
 }
 
 int QTovelMixerApiRtAudio::RtAudioData::streamBlock(void *output, void *input, unsigned frames,
                                                     double streamTime, unsigned status) noexcept
 {
-    return MixerCallback(output, input, frames, streamTime, status, q);
-}
-
-int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *input, unsigned frames,
-                                                 double streamTime, unsigned status) noexcept
-{
+    const QTovelMixer::AudioThreadMark mark;
+    const InFlight inFlight(callbacksInFlight);
+    auto *const to = static_cast<float *>(output);
     const size_t inputSamples = size_t(frames) * inputChannels.load(std::memory_order_relaxed);
     const size_t outputSamples = size_t(frames) * outputChannels.load(std::memory_order_relaxed);
-    const auto silence = [&](int answer) {
-        if (output)
-            std::fill_n(output, outputSamples, 0.0f);
-        return answer;
-    };
     if (closing.load() != 0) {
-        TraceLine("RtAudio::MixerCallback abort closing")
-            .item("api", q)
-            .item("frames", frames)
-            .item("streamTime", streamTime)
-            .item("callbacks", callbacksInFlight.load());
-        return silence(callbackAbort);
+        tellClosing(frames, streamTime);
+        return silence(to, outputSamples, BlockAnswer::abort);
     }
-    Block *in = inputBlock.load(std::memory_order_acquire);
-    Block *out = outputBlock.load(std::memory_order_acquire);
+    Block *const in = inputBlock.load(std::memory_order_acquire);
+    Block *const out = outputBlock.load(std::memory_order_acquire);
     if (!in || !out) {
-        TraceLine("RtAudio::MixerCallback null-vectors")
-            .item("api", q)
-            .item("inVector", static_cast<const void *>(in))
-            .item("outVector", static_cast<const void *>(out))
-            .item("frames", frames);
-        ++droppedBlocks;
-        return silence(callbackGoOn);
+        tellMissing(in, out, frames);
+        return silence(to, outputSamples, BlockAnswer::goOn);
     }
     if (in->size() < inputSamples || out->size() < outputSamples) {
-        constexpr const char *differs = "QTovelMixerApiRtAudio::MixerCallback: callback buffer "
-                                        "size differs from stream buffer size";
-        // Asking for the thread reads a register.
-        if (assumeNonblocking([this] { return std::this_thread::get_id() == maker; }))
-            outsideCallback([] { QTovelMixer::writeWarning("%s", differs); });
-        else if (Instance *instance = streaming.load(std::memory_order_acquire))
-            instance->warn(differs);
-        TraceLine("RtAudio::MixerCallback size-mismatch")
-            .item("api", q)
-            .item("inSize", quint64(in->size()))
-            .item("outSize", quint64(out->size()))
-            .item("expectedIn", quint64(inputSamples))
-            .item("expectedOut", quint64(outputSamples));
-        ++droppedBlocks;
-        return silence(callbackGoOn);
+        tellMismatch(*in, inputSamples, *out, outputSamples);
+        return silence(to, outputSamples, BlockAnswer::goOn);
     }
 
     const qint64 begin = monotonicNanoseconds();
@@ -109,22 +83,65 @@ int QTovelMixerApiRtAudio::RtAudioData::runBlock(float *output, const float *inp
     out->zero();
     overflows += (status & RTAUDIO_INPUT_OVERFLOW) != 0 ? 1 : 0;
     underflows += (status & RTAUDIO_OUTPUT_UNDERFLOW) != 0 ? 1 : 0;
-    const int answer =
-        q->mixerCallback(*in, *out, frames, streamTime, (status & 3) | hardwareCallback);
+    const int answer = q->mixerCallback(*in, *out, frames, streamTime,
+                                        (status & 3) | QTovelMixer::Engine::BlockMustNotWait);
     ++blocks;
     if (monotonicNanoseconds() - begin >
         qint64(1e9 * frames / std::max(streamRate.load(std::memory_order_relaxed), 1u)))
         ++lateBlocks;
 
-    if (answer == callbackStop || answer == callbackAbort) {
-        TraceLine(answer == callbackStop ? "RtAudio::MixerCallback mixer requested stop"
-                                         : "RtAudio::MixerCallback mixer requested abort")
+    if (answer == BlockAnswer::drain || answer == BlockAnswer::abort) {
+        TraceLine(answer == BlockAnswer::drain ? "RtAudio::MixerCallback mixer requested stop"
+                                               : "RtAudio::MixerCallback mixer requested abort")
             .item("api", q)
             .item("frames", frames)
             .item("streamTime", streamTime);
-        return silence(answer);
+        return silence(to, outputSamples, answer);
     }
     if (output)
         std::memcpy(output, out->data(), outputSamples * sizeof(float));
-    return callbackGoOn;
+    return BlockAnswer::goOn;
+}
+
+[[gnu::cold]] void QTovelMixerApiRtAudio::RtAudioData::tellClosing(unsigned frames,
+                                                                   double streamTime) noexcept
+{
+    TraceLine("RtAudio::MixerCallback abort closing")
+        .item("api", q)
+        .item("frames", frames)
+        .item("streamTime", streamTime)
+        .item("callbacks", callbacksInFlight.load());
+}
+
+[[gnu::cold]] void QTovelMixerApiRtAudio::RtAudioData::tellMissing(const Block *in,
+                                                                   const Block *out,
+                                                                   unsigned frames) noexcept
+{
+    TraceLine("RtAudio::MixerCallback null-vectors")
+        .item("api", q)
+        .item("inVector", static_cast<const void *>(in))
+        .item("outVector", static_cast<const void *>(out))
+        .item("frames", frames);
+    ++droppedBlocks;
+}
+
+[[gnu::cold]] void QTovelMixerApiRtAudio::RtAudioData::tellMismatch(const Block &in,
+                                                                    size_t expectedIn,
+                                                                    const Block &out,
+                                                                    size_t expectedOut) noexcept
+{
+    constexpr const char *differs = "QTovelMixerApiRtAudio::MixerCallback: callback buffer "
+                                    "size differs from stream buffer size";
+    // Asking for the thread reads a register.
+    if (assumeNonblocking([this] { return std::this_thread::get_id() == maker; }))
+        outsideCallback([] { QTovelMixer::writeWarning("%s", differs); });
+    else if (Instance *instance = streaming.load(std::memory_order_acquire))
+        instance->warn(differs);
+    TraceLine("RtAudio::MixerCallback size-mismatch")
+        .item("api", q)
+        .item("inSize", quint64(in.size()))
+        .item("outSize", quint64(out.size()))
+        .item("expectedIn", quint64(expectedIn))
+        .item("expectedOut", quint64(expectedOut));
+    ++droppedBlocks;
 }

@@ -121,8 +121,12 @@ struct QTOVELMIXER_HIDDEN QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer
                     unsigned status) noexcept QTOVELMIXER_NONBLOCKING override;
     void streamError(const std::string &text) override;
     void streamLost(Instance &instance) override;
-    int runBlock(float *output, const float *input, unsigned frames, double streamTime,
-                 unsigned status) noexcept QTOVELMIXER_NONBLOCKING;
+    // What `streamBlock` tells of a block that it does not mix.
+    void tellClosing(unsigned frames, double streamTime) noexcept QTOVELMIXER_NONBLOCKING;
+    void tellMissing(const Block *in, const Block *out,
+                     unsigned frames) noexcept QTOVELMIXER_NONBLOCKING;
+    void tellMismatch(const Block &in, size_t expectedIn, const Block &out,
+                      size_t expectedOut) noexcept QTOVELMIXER_NONBLOCKING;
 };
 
 namespace QTovelMixer {

@@ -3,6 +3,8 @@
 // lost its server while one was out would wait for it for ever.
 #include <mixer/api/pulse_stream_p.h>
 
+#include <mixer/api/block_answer_p.h>
+
 #include <algorithm>
 #include <optional>
 
@@ -301,12 +303,12 @@ void PulseStream::pump()
         m_inputLost = false;
         m_outputDry = false;
         m_time += double(m_format.frames) / m_format.rate;
-        if (m_output.stream && answer != 2)
+        if (m_output.stream && answer != BlockAnswer::abort)
             m_outputLeft = m_output.block.size();
-        if (answer == 1)
+        if (answer == BlockAnswer::drain)
             write(m_outputLeft);
-        if (answer != 0)
-            end(answer == 1);
+        if (answer != BlockAnswer::goOn)
+            end(answer == BlockAnswer::drain);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <base/clock_p.h>
 #include <base/log_line_p.h>
+#include <mixer/api/block_answer_p.h>
 
 #include <QtCore/QDebug>
 
@@ -46,22 +47,21 @@ int RtAudioInstance::streamCallback(void *output, void *input, unsigned frames, 
 {
     auto &instance = *static_cast<RtAudioInstance *>(userData);
     const int answer = instance.streamBlock(output, input, frames, streamTime, status);
-    if (answer == 0 || instance.m_api != RtAudio::UNIX_JACK)
+    if (answer == BlockAnswer::goOn || instance.m_api != RtAudio::UNIX_JACK)
         return answer;
     // On JACK RtAudio would stop the stream from a thread of its own, beside what the control
     // thread does with it: two that take one client down.
     instance.m_endAsked = true;
-    return 0;
+    return BlockAnswer::goOn;
 }
 
 int RtAudioInstance::streamBlock(void *output, void *input, unsigned frames, double streamTime,
                                  unsigned status) noexcept
 {
-    constexpr int abort = 2;
     const auto silence = [&] {
         if (output)
             std::fill_n(static_cast<float *>(output), size_t(frames) * outputChannels, 0.0f);
-        return abort;
+        return BlockAnswer::abort;
     };
     m_calls.fetch_add(1, std::memory_order_relaxed);
     const Visit visit(*this);

@@ -3,6 +3,7 @@
 
 #include <base/debug.h>
 #include <base/trace_p.h>
+#include <mixer/api/block_answer_p.h>
 
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QMutexLocker>
@@ -136,9 +137,9 @@ bool VirtualStream::runBlock(quint64 frame)
             return false;
         answer = m_setup.mix(m_input, m_output, m_setup.frames, double(frame) / m_setup.rate);
     }
-    if (answer == 0 || answer == 1)
+    if (answer == BlockAnswer::goOn || answer == BlockAnswer::drain)
         deliver(frame);
-    return answer == 0;
+    return answer == BlockAnswer::goOn;
 }
 
 void VirtualStream::fillInput(quint64 frame)

@@ -314,7 +314,7 @@ int Engine::Data::mixerCallback(Bus &input, Bus &output, unsigned frames, unsign
     Kernels::cleanVectorState();
     const DenormalsAsZero fast;
     {
-        const BlockLock lock(updateLock, (status & 0x4) == 0,
+        const BlockLock lock(updateLock, (status & BlockMustNotWait) == 0,
                              onlyWhenReady ? &freewheelLock : nullptr);
         if (!lock.isLocked())
             return dropBlock(*this);

@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: MIT
+void called();
+
+void caller()
+{
+    called();
+}
