@@ -73,6 +73,23 @@ Engine::Data::~Data()
     delete deviceListTimer;
 }
 
+namespace {
+
+// Playback may have begun since the timer was started, and probes need their distance.
+void updateNowOrLater(Engine::Data &d)
+{
+    if (d.active && d.running && d.users() > 0) {
+        if (!d.stoppedLink)
+            d.engine->updateDeviceList(false);
+    } else if (d.api && !d.api->canUpdateDeviceList()) {
+        d.deviceListTimer->start();
+    } else {
+        d.engine->doDeviceListUpdate();
+    }
+}
+
+} // namespace
+
 // A backend hands its blocks to one engine.
 Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api && !api->engine() ? api : nullptr))
 {
@@ -81,19 +98,8 @@ Engine::Engine(Api *api) : d(std::make_unique<Data>(this, api && !api->engine() 
         BLDEBUG_Error(-1, "QTovelMixer::Engine: The backend (%p) has an engine already!!",
                       static_cast<void *>(api));
     connect(d->deviceListTimer, &QTimer::timeout, this, [this] {
-        const auto update = [this] {
-            // Playback may have begun since the timer was started, and probes need their distance.
-            if (d->active && d->running && d->users() > 0) {
-                if (!d->stoppedLink)
-                    updateDeviceList(false);
-            } else if (d->api && !d->api->canUpdateDeviceList()) {
-                d->deviceListTimer->start();
-            } else {
-                doDeviceListUpdate();
-            }
-        };
         const QPointer<Engine> alive(this);
-        if (!Data::callFromLoop("updateDeviceList", update) && alive)
+        if (!Data::callFromLoop("updateDeviceList", [this] { updateNowOrLater(*d); }) && alive)
             d->deviceListTimer->start();
     });
     connect(d->watchdogTimer, &QTimer::timeout, this, [this] {
@@ -143,6 +149,18 @@ void Engine::onStopped() {}
 
 // Activation ------------------------------------------------------------------------------------
 
+namespace {
+
+Device *preferedDevice(const Api *api, DeviceKind kind, bool preferDefault)
+{
+    if (!api)
+        return nullptr;
+    Device *device = preferDefault ? api->defaultDevice(kind) : nullptr;
+    return device ? device : api->activeDevice(kind);
+}
+
+} // namespace
+
 void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
 {
     if (!d->onMainThread()) {
@@ -172,24 +190,14 @@ void Engine::activate(bool preferDefaultOutput, bool preferDefaultInput)
         return;
     }
     if (!d->apiOpen()) {
-        const auto choose = [this](DeviceKind kind, bool preferDefault) -> Device * {
-            if (!d->api)
-                return nullptr;
-            Device *device = preferDefault ? d->api->defaultDevice(kind) : nullptr;
-            return device ? device : d->api->activeDevice(kind);
-        };
-        Device *output = choose(DeviceKind::Output, preferDefaultOutput);
-        Device *input = choose(DeviceKind::Input, preferDefaultInput);
+        Device *output = preferedDevice(d->api, DeviceKind::Output, preferDefaultOutput);
+        Device *input = preferedDevice(d->api, DeviceKind::Input, preferDefaultInput);
         unsigned rate = preferedSampleRate(output, input);
         if (rate == 0)
             rate = 48000;
         const bool opened = select(output, input, rate, false);
         // A slot of `mixerChanged` may have deleted the engine, or decided otherwise.
-        if (!alive || activation != d->activations) {
-            undo.dismiss();
-            return;
-        }
-        if (!opened) {
+        if (!alive || activation != d->activations || !opened) {
             undo.dismiss();
             return;
         }

@@ -188,22 +188,31 @@ bool Engine::stop(Source *source, bool force, StopReason reason)
     return stop_mixer(force, source, reason);
 }
 
+namespace {
+
+bool stopFromElsewhere(Engine::Data &d, bool force, Source *source, StopReason reason)
+{
+    if (Engine::Data::refuseInBlock("stop"))
+        return false;
+    Engine *const engine = d.engine;
+    bool answer = true;
+    if (Engine::Data::onWorkerThread()) {
+        d.callLater("stop", [=, guarded = QPointer<Source>(source)] {
+            if (!source || guarded)
+                engine->stop_mixer(force, guarded, reason);
+        });
+    } else {
+        callAndWait(engine, [&] { answer = engine->stop_mixer(force, source, reason); });
+    }
+    return answer;
+}
+
+} // namespace
+
 bool Engine::stop_mixer(bool force, Source *source, StopReason stopReason)
 {
-    if (!d->onMainThread()) {
-        if (d->refuseInBlock("stop"))
-            return false;
-        bool answer = true;
-        if (d->onWorkerThread()) {
-            d->callLater("stop", [=, this, guarded = QPointer<Source>(source)] {
-                if (!source || guarded)
-                    stop_mixer(force, guarded, stopReason);
-            });
-        } else {
-            callAndWait(this, [&] { answer = stop_mixer(force, source, stopReason); });
-        }
-        return answer;
-    }
+    if (!d->onMainThread())
+        return stopFromElsewhere(*d, force, source, stopReason);
     TraceLine("Engine::stop_mixer")
         .item("force", force)
         .item("source", source)
