@@ -140,8 +140,7 @@ QTovelMixerApiRtAudio::~QTovelMixerApiRtAudio()
 
 void QTovelMixerApiRtAudio::installDeviceFailureCallback()
 {
-    if (r->audio)
-        r->audio->attach(r.get());
+    r->attach();
 }
 
 QTovelMixer::Backend QTovelMixerApiRtAudio::backend() const

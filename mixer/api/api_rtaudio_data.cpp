@@ -99,7 +99,13 @@ void QTovelMixerApiRtAudio::RtAudioData::makeInstance()
     if (audio)
         api = audio->api();
     apiInUse = audio ? int(api) : -1;
-    q->installDeviceFailureCallback();
+    attach();
+}
+
+void QTovelMixerApiRtAudio::RtAudioData::attach()
+{
+    if (audio)
+        audio->attach(this);
 }
 
 // Calls with a deadline -------------------------------------------------------------------------

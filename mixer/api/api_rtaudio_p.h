@@ -82,6 +82,8 @@ struct QTOVELMIXER_HIDDEN QTovelMixerApiRtAudio::RtAudioData final : QTovelMixer
     RtAudioData(QTovelMixerApiRtAudio *backend, RtAudio::Api wanted, QFlags<Option> flags);
 
     void makeInstance();
+    /// Lets the instance hand its blocks and failures to this object.
+    void attach();
     /// When a call of at most `timeout` ms must have come back, so that all calls together hold
     /// the caller no longer than they may.
     QDeadlineTimer deadline(int timeout) const;
