@@ -3,6 +3,7 @@
 #define QTOVELMIXER_MIXER_API_NOTE_QUEUE_P_H
 
 #include <base/nonblocking.h>
+#include <base/ticket_queue_p.h>
 
 #include <QtCore/QtGlobal>
 
@@ -30,21 +31,12 @@ public:
         std::string_view view() const noexcept { return {text.data(), length}; }
     };
 
-    NoteQueue() noexcept;
     bool push(int kind, std::string_view text) noexcept QTOVELMIXER_NONBLOCKING;
     bool pop(Note &note) noexcept;
     quint64 takeLost() noexcept { return m_lost.exchange(0); }
 
 private:
-    struct Cell
-    {
-        std::atomic<quint64> turn{0};
-        Note note;
-    };
-
-    std::array<Cell, capacity> m_cells;
-    std::atomic<quint64> m_tail{0};
-    quint64 m_head = 0;
+    TicketQueue<Note, capacity> m_notes;
     std::atomic<quint64> m_lost{0};
 };
 
