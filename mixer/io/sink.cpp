@@ -21,45 +21,6 @@ int Sink::Data::mixerRate() const
     return engine ? static_cast<int>(engine->sampleRate()) : 0;
 }
 
-void Sink::Data::requestEnd(StopReason reason)
-{
-    // Under the mutex of the sleep: the worker either sees the request or is woken by it.
-    const QMutexLocker lock(&waitMutex);
-    if (reason != NoReason)
-        stopReason.store(reason, std::memory_order_release);
-    stopRequested.store(1, std::memory_order_release);
-    wakeCondition.wakeAll();
-}
-
-/// Ends the worker for want of something, unless somebody else has ended it before.
-void Sink::Data::fail()
-{
-    const QMutexLocker lock(&waitMutex);
-    if (stopRequested.load(std::memory_order_relaxed) != 0)
-        return;
-    stopReason.store(WorkerFailed, std::memory_order_release);
-    stopRequested.store(1, std::memory_order_release);
-}
-
-void Sink::Data::sleep(int milliseconds)
-{
-    QMutexLocker lock(&waitMutex);
-    if (!wakePending && stopRequested.load(std::memory_order_relaxed) == 0)
-        wakeCondition.wait(&waitMutex, static_cast<unsigned long>(milliseconds));
-    wakePending = false;
-}
-
-/// Lets whoever wants the ring mutex have it: an unfair mutex would give it back to the worker,
-/// which asks for it again at once while it drains the ring.
-void Sink::Data::waitForUpdates()
-{
-    if (updateWaiters == 0)
-        return;
-    QMutexLocker lock(&waitMutex);
-    while (updateWaiters > 0 && stopRequested == 0)
-        wakeCondition.wait(&waitMutex);
-}
-
 void Sink::Data::wakeMix() const
 {
     if (engine)
@@ -78,9 +39,7 @@ bool SinkAccess::isOver(const Sink &sink) noexcept
 
 void SinkAccess::wake(Sink &sink)
 {
-    const QMutexLocker lock(&sink.d->waitMutex);
-    sink.d->wakePending = true;
-    sink.d->wakeCondition.wakeAll();
+    sink.d->wake();
 }
 
 Sink::Sink(Engine *engine, float bufferSeconds) : d(new Data)
@@ -128,7 +87,7 @@ bool SinkAccess::threadStarted(const Sink &sink)
 
 void SinkAccess::endAndWait(Sink &sink)
 {
-    sink.d->requestEnd(NoReason);
+    sink.d->requestEnd();
     sink.wait();
 }
 
@@ -145,10 +104,7 @@ void SinkAccess::lockRing(Sink &sink)
 void SinkAccess::unlockRing(Sink &sink)
 {
     sink.d->ringMutex.unlock();
-    const QMutexLocker lock(&sink.d->waitMutex);
-    --sink.d->updateWaiters;
-    sink.d->wakePending = true;
-    sink.d->wakeCondition.wakeAll();
+    sink.d->endUpdate();
 }
 
 void SinkAccess::shiftFrameBase(Sink &sink, qint64 frames)
@@ -221,7 +177,7 @@ void Sink::Data::endWithoutThread(Sink &sink, const char *missing)
 {
     BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot start a thread (%p), %s!!",
                   static_cast<void *>(&sink), missing);
-    fail();
+    endByWorker(WorkerFailed);
     QMetaObject::invokeMethod(
         &sink,
         [guarded = QPointer<Sink>(&sink)] {

@@ -8,16 +8,16 @@
 #include <mixer/io/frame_ring_p.h>
 #include <mixer/io/resampler_bank_p.h>
 #include <mixer/io/sink.h>
+#include <mixer/io/worker_sleep_p.h>
 
 #include <QtCore/QPointer>
-#include <QtCore/QWaitCondition>
 
 #include <atomic>
 #include <memory>
 
 namespace QTovelMixer {
 
-struct QTOVELMIXER_HIDDEN Sink::Data
+struct QTOVELMIXER_HIDDEN Sink::Data : WorkerSleep
 {
     // Main thread.
     QPointer<Engine> engine; // may go before an object that was never added
@@ -36,16 +36,6 @@ struct QTOVELMIXER_HIDDEN Sink::Data
     // Raised when what the resamplers hold back is void. Guarded by ringMutex.
     unsigned generation = 0;
 
-    // The sleep of the worker and what ends it. The atomics are written under waitMutex, so that
-    // no wake-up is lost, and read without it.
-    RankedMutex<LockRank::Sleep> waitMutex;
-    QWaitCondition wakeCondition;
-    bool wakePending = false;
-    std::atomic<int> stopRequested{0};
-    std::atomic<int> stopReason{UserStopAction};
-    std::atomic<int> updateWaiters{0}; // update locks held or waited for
-    std::atomic<bool> finished{false};
-
     // Shared with the audio thread. The ring is complete before running becomes 1 (release,
     // acquire) and stays until the destructor. frameBase moves only under the engine's update
     // lock, which the audio thread holds during a block.
@@ -62,15 +52,11 @@ struct QTOVELMIXER_HIDDEN Sink::Data
     struct Worker;
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
-    void requestEnd(StopReason reason);
-    void fail();
     void work(Sink &sink, int sinkHz, int mixerHz, int channels);
     void replaceNotFinite(const Sink &sink, float *samples, qint64 count);
     void endWithoutMemory(const Sink &sink);
     void endWithoutThread(Sink &sink, const char *missing);
     void leave(Sink &sink);
-    void sleep(int milliseconds);
-    void waitForUpdates();
     void wakeMix() const;
     qint64 takeLeadIn(qint64 blockFrames) noexcept QTOVELMIXER_NONBLOCKING;
     void countRecorded(qint64 frames) noexcept QTOVELMIXER_NONBLOCKING;

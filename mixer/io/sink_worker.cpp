@@ -124,7 +124,7 @@ void Sink::Data::Worker::logFailure(const char *what) const
 {
     BLDEBUG_Error(-1, "QTovelMixer::writeSamples: Exception (%s) in sink (%p)!!", what,
                   static_cast<void *>(&sink));
-    d.fail();
+    d.endByWorker(WorkerFailed);
 }
 
 void Sink::Data::replaceNotFinite(const Sink &sink, float *samples, qint64 count)
@@ -141,7 +141,7 @@ void Sink::Data::replaceNotFinite(const Sink &sink, float *samples, qint64 count
 void Sink::Data::endWithoutMemory(const Sink &sink)
 {
     BLDEBUG_Error(-1, "QTovelMixer::Sink: Out of memory (%p)!!", static_cast<const void *>(&sink));
-    fail();
+    endByWorker(WorkerFailed);
     wakeMix();
 }
 
@@ -180,7 +180,7 @@ void Sink::run()
     } else {
         BLDEBUG_Error(-1, "QTovelMixer::Sink: Cannot record %d channels of %d Hz at %d Hz (%p)!!",
                       channels, mixerHz, sinkHz, static_cast<void *>(this));
-        d->fail();
+        d->endByWorker(WorkerFailed);
     }
     d->running.store(0);
     // A block that saw it running may be calling what the host overrides.

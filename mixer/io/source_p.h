@@ -8,10 +8,10 @@
 #include <mixer/io/frame_ring_p.h>
 #include <mixer/io/resampler_bank_p.h>
 #include <mixer/io/source.h>
+#include <mixer/io/worker_sleep_p.h>
 
 #include <QtCore/QPointer>
 #include <QtCore/QSemaphore>
-#include <QtCore/QWaitCondition>
 
 #include <array>
 #include <atomic>
@@ -54,7 +54,7 @@ inline Range SharedRange::load() const noexcept QTOVELMIXER_NONBLOCKING
     }
 }
 
-struct QTOVELMIXER_HIDDEN Source::Data
+struct QTOVELMIXER_HIDDEN Source::Data : WorkerSleep
 {
     // What the audio thread looks at in every block stands together, apart from what others write:
     // with many sources it would else wait for its caches more than it calculates.
@@ -101,28 +101,14 @@ struct QTOVELMIXER_HIDDEN Source::Data
     bool replacementTold = false;
     std::atomic<quint64> replacedSamples{0}; // of the host's, written by the worker
 
-    // The sleep of the worker and everything that ends it, guarded by waitMutex. The atomics are
-    // written under it and read without it.
-    RankedMutex<LockRank::Sleep> waitMutex;
-    QWaitCondition wakeCondition;
-    bool wakePending = false;
-    bool keepStateOnStop = false;
-    bool endedByItself = false; // the worker was the first to raise stopRequested
-    std::atomic<int> stopRequested{0};
-    std::atomic<int> stopReason{UserStopAction};
-    std::atomic<int> updateWaiters{0}; // update locks held or waited for
-    std::atomic<bool> finished{false};
+    bool keepStateOnStop = false; // guarded by waitMutex
     QSemaphore primedSemaphore;
 
     int mixerRate() const QTOVELMIXER_NONBLOCKING; // Hz, 0 without an engine
     void clearPausePosition();
 
     // The hand-over between the threads (source_transport.cpp).
-    void requestEnd();
-    void endByWorker(StopReason reason);
     void endForPause();
-    void waitForWake(int milliseconds);
-    void waitForUpdates();
     void countUpdateDown();
     void releasePriming();
     void wakeMix() const;

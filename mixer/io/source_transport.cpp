@@ -14,53 +14,16 @@
 
 namespace QTovelMixer {
 
-void Source::Data::requestEnd()
-{
-    const QMutexLocker lock(&waitMutex);
-    stopRequested.store(1, std::memory_order_release);
-    wakeCondition.wakeAll();
-}
-
-/// Ends the worker by itself, unless somebody else has ended it before.
-void Source::Data::endByWorker(StopReason reason)
-{
-    const QMutexLocker lock(&waitMutex);
-    int notRequested = 0;
-    if (!stopRequested.compare_exchange_strong(notRequested, 1))
-        return;
-    endedByItself = true;
-    stopReason = reason;
-}
-
 /// A worker that is ending by itself already keeps its own reason and its last announcement.
 void Source::Data::endForPause()
 {
     const QMutexLocker lock(&waitMutex);
     if (endedByItself)
         return;
-    stopRequested.store(1, std::memory_order_release);
     keepStateOnStop = true;
     stopReason = UserPauseAction;
+    stopRequested.store(1, std::memory_order_release);
     wakeCondition.wakeAll();
-}
-
-void Source::Data::waitForWake(int milliseconds)
-{
-    QMutexLocker lock(&waitMutex);
-    if (!wakePending && stopRequested == 0)
-        wakeCondition.wait(&waitMutex, static_cast<unsigned long>(milliseconds));
-    wakePending = false;
-}
-
-/// Lets whoever wants the ring mutex have it: an unfair mutex would give it back to the worker,
-/// which asks for it again at once while it fills the ring.
-void Source::Data::waitForUpdates()
-{
-    if (updateWaiters == 0)
-        return;
-    QMutexLocker lock(&waitMutex);
-    while (updateWaiters > 0 && stopRequested == 0)
-        wakeCondition.wait(&waitMutex);
 }
 
 void Source::Data::countUpdateDown()
@@ -104,9 +67,7 @@ bool SourceAccess::isOver(const Source &source) noexcept
 
 void SourceAccess::wake(Source &source)
 {
-    const QMutexLocker lock(&source.d->waitMutex);
-    source.d->wakePending = true;
-    source.d->wakeCondition.wakeAll();
+    source.d->wake();
 }
 
 void SourceAccess::announceUpdate(Source &source)
@@ -196,13 +157,7 @@ void Source::stop(StopReason reason)
         .item("isPaused", isPaused())
         .item("started", d->started.load())
         .item("finished", d->finished.load());
-    {
-        const QMutexLocker lock(&d->waitMutex);
-        d->stopRequested.store(1, std::memory_order_release);
-        if (reason != NoReason)
-            d->stopReason = reason;
-        d->wakeCondition.wakeAll();
-    }
+    d->requestEnd(reason);
     d->wakeMix();
     onStop();
 }
@@ -268,12 +223,7 @@ void Source::update_unlock()
     // There may be more material now; the worker has to look again.
     d->materialEnded = false;
     d->ringMutex.unlock();
-    {
-        const QMutexLocker lock(&d->waitMutex);
-        --d->updateWaiters;
-        d->wakePending = true;
-        d->wakeCondition.wakeAll();
-    }
+    d->endUpdate();
     d->countUpdateDown();
     d->wakeMix();
 }

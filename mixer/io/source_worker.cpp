@@ -117,7 +117,7 @@ bool Source::Data::Worker::pass(int waitMilliseconds)
     const FrameRing::Slice room = ring->writeSlice();
     if (room.frames <= roomNeeded()) {
         lock.unlock();
-        d.waitForWake(waitMilliseconds);
+        d.sleep(waitMilliseconds);
         return true;
     }
     int written = 0;
@@ -137,7 +137,7 @@ bool Source::Data::Worker::pass(int waitMilliseconds)
         d.releasePriming();
         d.wakeMix();
         if (!playedOut)
-            d.waitForWake(waitMilliseconds);
+            d.sleep(waitMilliseconds);
     }
     if (frames <= 0 || buffered > primedSeconds)
         d.releasePriming();
