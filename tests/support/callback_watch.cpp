@@ -19,11 +19,15 @@ void __real__ZN11QTovelMixer15AudioThreadMarkD1Ev(void *mark);
 void __wrap__ZN11QTovelMixer15AudioThreadMarkC1Ev(void *mark);
 void __wrap__ZN11QTovelMixer15AudioThreadMarkD1Ev(void *mark);
 // QTovelMixer::BlockLock
-void __real__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(void *lock, void *update,
-                                                                          bool wait, void *hold);
+void __real__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(void *lock,
+                                                                                void *update,
+                                                                                bool wait,
+                                                                                void *hold);
 void __real__ZN11QTovelMixer9BlockLockD1Ev(void *lock);
-void __wrap__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(void *lock, void *update,
-                                                                          bool wait, void *hold);
+void __wrap__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(void *lock,
+                                                                                void *update,
+                                                                                bool wait,
+                                                                                void *hold);
 void __wrap__ZN11QTovelMixer9BlockLockD1Ev(void *lock);
 }
 
@@ -102,11 +106,14 @@ void __wrap__ZN11QTovelMixer15AudioThreadMarkD1Ev(void *mark)
     leave();
 }
 
-void __wrap__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(void *lock, void *update,
-                                                                          bool wait, void *hold)
+void __wrap__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(void *lock,
+                                                                                void *update,
+                                                                                bool wait,
+                                                                                void *hold)
 {
     const RealtimeGuardExemption exemption;
-    __real__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(lock, update, wait, hold);
+    __real__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(lock, update, wait,
+                                                                               hold);
 }
 
 void __wrap__ZN11QTovelMixer9BlockLockD1Ev(void *lock)
