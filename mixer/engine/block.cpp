@@ -48,7 +48,7 @@ struct Block
     qint64 now;       ///< the clock at the first frame
 };
 
-// Step 1: nothing changes the mix, and no worker ends, during the block --------------------------
+// Step 1: nothing changes the mix, and no worker ends, during the block ---------------------------
 
 /// Tells workers that end whether a block may still be calling what their hosts override.
 class BlockPresence
@@ -90,7 +90,7 @@ int postponeBlock(Engine::Data &d) noexcept
     return Engine::BlockNotReady;
 }
 
-// Step 2: the block and its buses get one length -------------------------------------------------
+// Step 2: the block and its buses get one length --------------------------------------------------
 
 /// False when the backend's blocks are smaller than the open device's.
 bool fits(const Engine::Data &d, const Bus &input, const Bus &output, unsigned frames) noexcept
@@ -142,8 +142,8 @@ private:
 };
 
 /// Returns how many samples were not finite then, and were replaced by 0.
-size_t applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &applied,
-                       float target) noexcept
+size_t multiply(Bus &block, unsigned frames, unsigned channels, float &applied,
+                float target) noexcept
 {
     if (applied == target) {
         const bool finite = target == 1.0f
@@ -172,16 +172,24 @@ size_t applyMasterGain(Bus &block, unsigned frames, unsigned channels, float &ap
     });
 }
 
+/// What is not finite counts as 0 from here on.
+void applyMasterGain(Engine::Data &d, Bus &device, unsigned frames, unsigned channels,
+                     float &applied, const std::atomic<float> &target, bool &told,
+                     const char *place) noexcept
+{
+    const size_t replaced =
+        multiply(device, frames, channels, applied, target.load(std::memory_order_relaxed));
+    if (replaced > 0) [[unlikely]]
+        countReplaced(d, replaced, told, place);
+}
+
 void takeDeviceInput(Engine::Data &d, const Block &block, Bus &input) noexcept
 {
     if (block.inputs == 0)
         return;
     const BlockSize size(input, size_t(block.inputs) * block.frames);
-    const size_t replaced =
-        applyMasterGain(input, block.frames, block.inputs, d.masterInputGainApplied,
-                        d.masterInputGain.load(std::memory_order_relaxed));
-    if (replaced > 0) [[unlikely]]
-        countReplaced(d, replaced, d.inputReplacementTold, "device input");
+    applyMasterGain(d, input, block.frames, block.inputs, d.masterInputGainApplied,
+                    d.masterInputGain, d.inputReplacementTold, "device input");
     if (d.inputMeter)
         d.inputMeter->fill(input);
     if (d.inputEffect && d.inputEffectBypass.load(std::memory_order_relaxed) == 0)
@@ -222,8 +230,7 @@ unsigned renderSources(Engine::Data &d, const Block &block) noexcept
     return busCount;
 }
 
-// Step 5: the gain matrix mixes the input buses into the output buses
-// ------------------------------
+// Step 5: the gain matrix mixes the input buses into the output buses -----------------------------
 
 void mixMatrix(Engine::Data &d, unsigned busCount) noexcept
 {
@@ -241,8 +248,7 @@ void mixMatrix(Engine::Data &d, unsigned busCount) noexcept
                 qsizetype(d.outputBuses[0].size()));
 }
 
-// Step 6: every sink takes the output buses behind the device's
-// ------------------------------------
+// Step 6: every sink takes the output buses behind the device's -----------------------------------
 
 void feedSinks(Engine::Data &d, const Block &block) noexcept
 {
@@ -262,8 +268,7 @@ void feedSinks(Engine::Data &d, const Block &block) noexcept
     }
 }
 
-// Step 7: the first output buses become the device's block
-// -----------------------------------------
+// Step 7: the first output buses become the device's block ----------------------------------------
 
 void giveDeviceOutput(Engine::Data &d, const Block &block, Bus &output) noexcept
 {
@@ -274,17 +279,13 @@ void giveDeviceOutput(Engine::Data &d, const Block &block, Bus &output) noexcept
     interleave(d.outputBuses.data(), output, int(block.outputs));
     if (length < block.frames)
         output.zero(length * block.outputs, output.size());
-    const size_t replaced =
-        applyMasterGain(output, block.frames, block.outputs, d.masterOutputGainApplied,
-                        d.masterOutputGain.load(std::memory_order_relaxed));
-    if (replaced > 0) [[unlikely]]
-        countReplaced(d, replaced, d.outputReplacementTold, "device output");
+    applyMasterGain(d, output, block.frames, block.outputs, d.masterOutputGainApplied,
+                    d.masterOutputGain, d.outputReplacementTold, "device output");
     if (d.outputMeter)
         d.outputMeter->fill(output);
 }
 
-// Step 8: the clock goes on, and the block is counted
-// ----------------------------------------------
+// Step 8: the clock goes on, and the block is counted ---------------------------------------------
 
 void endBlock(Engine::Data &d, const Block &block) noexcept
 {

@@ -305,10 +305,13 @@ void LoudnessMap::applyGain(int first, int count, double gain)
 {
     if (!std::isfinite(gain))
         return;
+    // Far above any sound, and small enough for the sum of a long map.
+    constexpr double most = 1e200;
+    const double magnitude = std::abs(gain);
     count = clampedCount(first, count);
     for (size_t i = size_t(first); i < size_t(first) + size_t(count); ++i) {
-        m_meanSquares[i] *= gain * gain;
-        m_truePeaks[i] *= std::abs(gain);
+        m_meanSquares[i] = std::min(std::min(m_meanSquares[i] * magnitude, most) * magnitude, most);
+        m_truePeaks[i] = std::min(m_truePeaks[i] * magnitude, most);
     }
 }
 

@@ -118,7 +118,7 @@ public:
     /// is `level` (above 0) or more; a longer run is one over, too. 1 and 1.0 unless set; for
     /// 16-bit material, whose largest sample is below 1, use 32767.0 / 32768. Runs under way start
     /// afresh.
-    /// Units: linear amplitude. Errors: false, and nothing changes, out of range.
+    /// Units: linear amplitude. Errors: false, logged, and nothing changes, out of range.
     /// Threads: any; waits while a block is measured.
     bool setOverRule(int samples, double level = 1.0);
     /// Threads: any; waits while a block is measured.
@@ -139,8 +139,8 @@ public:
 
     /// Starts to measure the loudness of the enabled channels with the next measured block, or goes
     /// on after a pause; the meter itself may start and stop meanwhile. No window and no gating
-    /// block reaches over a pause, nor over a switch of channels. Costs as much again as the meter
-    /// itself, and true peaks, on the meter's thread.
+    /// block reaches over a pause, nor over a switch of channels. Costs some three times what the
+    /// meter itself does, true peaks included, on the meter's thread.
     /// Threads: any; waits while a block is measured.
     void startMeasurement();
     /// Lets the figures stand, but for momentary and short-term loudness. Nothing without a

@@ -2,6 +2,7 @@
 // What a meter tells of peaks above full scale.
 #include <mixer/meter/meter_p.h>
 
+#include <base/debug.h>
 #include <mixer/meter/peak_reading.h>
 
 #include <algorithm>
@@ -62,8 +63,11 @@ void Meter::resetHolds()
 
 bool Meter::setOverRule(int samples, double level)
 {
-    if (samples < 1 || !(level > 0.0) || !std::isfinite(level))
+    if (samples < 1 || !(level > 0.0) || !std::isfinite(level)) {
+        BLDEBUG_Error(-1, "QTovelMixer::Meter::setOverRule: Invalid rule (%d samples of %g)!!",
+                      samples, level);
         return false;
+    }
     const QMutexLocker locker(&d->statsMutex);
     d->latches.rule = {samples, level};
     d->latches.breakRuns();

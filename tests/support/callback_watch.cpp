@@ -111,6 +111,7 @@ void __wrap__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(
                                                                                 bool wait,
                                                                                 void *hold)
 {
+    enter(); // a backend of a host's need not mark its thread
     const RealtimeGuardExemption exemption;
     __real__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(lock, update, wait,
                                                                                hold);
@@ -118,8 +119,11 @@ void __wrap__ZN11QTovelMixer9BlockLockC1ERNS_10UpdateLockEbPNS_13FreewheelLockE(
 
 void __wrap__ZN11QTovelMixer9BlockLockD1Ev(void *lock)
 {
-    const RealtimeGuardExemption exemption;
-    __real__ZN11QTovelMixer9BlockLockD1Ev(lock);
+    {
+        const RealtimeGuardExemption exemption;
+        __real__ZN11QTovelMixer9BlockLockD1Ev(lock);
+    }
+    leave();
 }
 }
 

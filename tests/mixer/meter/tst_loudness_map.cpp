@@ -347,6 +347,14 @@ void tst_LoudnessMap::gain_ofNonsense_isIgnored()
     map.applyGain(0, 50, std::numeric_limits<double>::quiet_NaN());
     map.applyGain(0, 50, std::numeric_limits<double>::infinity());
     QCOMPARE(map.measure(), before);
+    LoudnessMap loud = map;
+    for (int i = 0; i < 4; ++i)
+        loud.applyGain(0, 50, 1e300);
+    const LoudnessReading loudest = loud.measure();
+    QVERIFY(std::isfinite(loudest.integrated) && std::isfinite(loudest.range) &&
+            std::isfinite(loudest.maxTruePeak));
+    loud.applyGain(0, 50, 0.0);
+    QCOMPARE(loud.measure().maxMomentary, -120.0);
     map.applyGain(0, 50, -1.0); // the other way round sounds the same
     QCOMPARE(map.measure(), before);
     map.applyGain(0, 50, 10.0);

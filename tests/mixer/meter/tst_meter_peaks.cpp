@@ -3,6 +3,7 @@
 #include "meter_fixture.h"
 
 #include <mixer/meter/peak_reading.h>
+#include <support/log_capture.h>
 
 #include <QtTest/QTest>
 
@@ -276,8 +277,10 @@ void tst_MeterPeaks::overRule_refusesNonsense()
     constexpr double infinity = std::numeric_limits<double>::infinity();
     for (const double level : {0.0, -1.0, infinity, std::numeric_limits<double>::quiet_NaN()})
         QVERIFY(!meter->setOverRule(1, level));
+    LogCapture log;
     QVERIFY(!meter->setOverRule(0));
     QVERIFY(!meter->setOverRule(-1));
+    QCOMPARE(log.countStarting("QTovelMixer::Meter::setOverRule: Invalid rule ("), 2);
     QCOMPARE(meter->overLength(), 3);
     QCOMPARE(meter->overLevel(), 0.5);
 }
